@@ -1,0 +1,41 @@
+// Rotating, size-limited log files with one line index shared by all of them.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <pthread.h>
+
+typedef struct log {
+    FILE *file;         // open stream, appending; null while the handle is silent
+    const char *name;   // device path without ".log"; null: handle not in use
+    int maxsize;        // rotate once the file grows past this
+    int cutsize;        // cut back to this, mark with "...", then rotate
+    int maxfile;        // rotated generations kept beside the current file
+    uint64_t total;     // bytes written through this handle since start
+    pthread_mutex_t lock;
+} log_t;
+
+#define LOG_HANDLES 10
+
+extern log_t *orkad_log;
+extern log_t *http_log;
+extern log_t *cmd_log;
+extern log_t *sys_log;
+extern log_t *dbg_log;
+extern log_t *broker_log;
+extern log_t *rfscan_log;
+extern log_t *redirect_log;
+extern log_t *prbd_log;
+extern log_t *of_log;
+extern log_t *logs[LOG_HANDLES];
+
+extern int nolog;
+
+void log_init(void);
+void log_fprint(log_t *log, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+void log_rotate(log_t *log);
+void log_debug(int sig);
+void debug_print_with_time(int force, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+
+// The next line index, without taking it (for tests and dumps).
+uint64_t log_line_index(void);

@@ -1,0 +1,201 @@
+#include "orkad.h"
+
+#include "debug.h"
+#include "devroot.h"
+#include "log.h"
+#include "platform_utils.h"
+#include "signals.h"
+#include "work.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <curl/curl.h>
+#include <getopt.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+char home_site[HOME_SITE_SIZE] = "https://phonehome.varnex.net";
+int restarts;
+
+namespace {
+
+const char optlist[] = "hdvs:n";
+
+const struct option options[] = {
+    {"help", no_argument, nullptr, 'h'},    {"debug", no_argument, nullptr, 'd'},
+    {"version", no_argument, nullptr, 'v'}, {"site", required_argument, nullptr, 's'},
+    {"no-log", no_argument, nullptr, 'n'},  {nullptr, 0, nullptr, 0},
+};
+
+// The usage text advertises "--nolog" although the parser only knows
+// "--no-log"; operators' scripts rely on the accepted spelling, so both stay.
+const char usage[] = "Usage: %s [options]\n"
+                     " -h/--help      help/usage\n"
+                     " -d/--debug     show debug information\n"
+                     " -v/--version   display version\n"
+                     " -s/--site      phone-home site url\n"
+                     " -n/--nolog     do not log anything\n";
+
+// Read through a volatile pointer so the compiler can neither prove the store
+// faults (and replace it by a trap) nor drop it: we want a real SIGSEGV.
+int *volatile crash_address = nullptr;
+
+void parse_options(int argc, char **argv)
+{
+    int c;
+    while ((c = getopt_long(argc, argv, optlist, options, nullptr)) != -1) {
+        switch (c) {
+        case 'h':
+            printf(usage, argv[0]);
+            exit(0);
+        case 'd':
+            debug = 1;
+            break;
+        case 'v':
+            printf("Version: %s\n", ORKAD_VERSION);
+            exit(0);
+        case 's':
+            // A bounded copy: a 256-byte site leaves no terminator.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wstringop-truncation"
+            strncpy(home_site, optarg, sizeof(home_site));
+#pragma GCC diagnostic pop
+            break;
+        case 'n':
+            nolog = 1;
+            break;
+        default:
+            printf("Terminating.\n");
+            exit(-1);
+        }
+    }
+}
+
+void factory_restore(void)
+{
+    if (dev_access("/etc/config/factory-restore", F_OK) != 0)
+        return;
+    dev_syslog(LOG_INFO, "Restoring settings after a soft factory-reset");
+    if (dev_system("/etc/config/factory-restore") == -1) {
+        // the result of the restore does not stop the agent
+    }
+    if (dev_system("mv /etc/config/factory-restore /rw/last-factory-restore") == -1) {
+    }
+}
+
+void signals_monitor(void)
+{
+    log_fprint(orkad_log, "signals_monitor: started\n");
+    for (;;) {
+        int sig;
+        if (sigwait(const_cast<sigset_t *>(&blocked_signals), &sig) != 0)
+            continue;
+        signals_handler(sig);
+    }
+}
+
+[[noreturn]] void child_main(void)
+{
+    on_exit(exit_handler, nullptr);
+    log_init();
+    log_fprint(orkad_log, "Agent version: %s\n", ORKAD_VERSION);
+    platform_init();
+    if (restarts)
+        dev_syslog(LOG_INFO, "agent restart %d: serial#='%s' firmware='%s'", restarts,
+                   platform_get_serial_number(), get_firmware_version());
+    else
+        dev_syslog(LOG_INFO, "device reboot: serial#='%s' firmware='%s'",
+                   platform_get_serial_number(), get_firmware_version());
+    platform_apply_updates();
+
+    if (curl_global_init(CURL_GLOBAL_SSL) != CURLE_OK) {
+        log_fprint(orkad_log, "curl_global_init() failed!\n");
+        exit(-1);
+    }
+
+    // Block the dispatch signals before any thread exists so every thread
+    // inherits the mask and only the loop below receives them.
+    signals_init();
+    signals_register(SIGUSR1, log_debug, "log_debug");
+
+    thread_init();
+
+    thread_start("radio_monitor", radio_monitor, nullptr, nullptr, nullptr);
+    signals_register(SIGUSR2, live_coredump, "live_coredump");
+    signals_monitor();
+    exit(0);
+}
+
+} // namespace
+
+void help(const char *progname)
+{
+    printf(usage, progname);
+}
+
+void exit_handler(int status, void *)
+{
+    dev_syslog(LOG_CRIT, "unexpected program termination with exit status %d, forcing a crash\n",
+               status);
+    log_fprint(orkad_log, "unexpected program termination with exit status %d, forcing a crash\n",
+               status);
+    // Leave a core file behind for every voluntary exit.
+    *crash_address = 0;
+}
+
+void live_coredump(int)
+{
+    pid_t pid = fork();
+    if (pid < 0) {
+        log_fprint(orkad_log, "Failed to take a live coredump (%s)", strerror(errno));
+        return;
+    }
+    if (pid == 0)
+        exit_handler(0, nullptr);
+    waitpid(pid, nullptr, 0);
+}
+
+void radio_monitor(void *, void *, void *) {}
+
+int supervise(void)
+{
+    for (;;) {
+        pid_t pid = fork();
+        if (pid < 0) {
+            dev_syslog(LOG_CRIT, "Failed to create child process (%s)", strerror(errno));
+            exit(51);
+        }
+        if (pid == 0)
+            return 0;
+
+        int status;
+        if (wait(&status) < 0) {
+            dev_syslog(LOG_CRIT, "Cannot get child process status (%s)", strerror(errno));
+            exit(52);
+        }
+        if (WIFEXITED(status))
+            dev_syslog(LOG_CRIT, " ****  Program exit (status %d)", WEXITSTATUS(status));
+        else if (WIFSIGNALED(status))
+            dev_syslog(LOG_CRIT, " ****  Program killed by signal '%d'", WTERMSIG(status));
+        else if (WIFSTOPPED(status))
+            dev_syslog(LOG_CRIT, " ****  Program stopped by signal '%d'", WSTOPSIG(status));
+        else
+            dev_syslog(LOG_CRIT, " ****  Unexpected program termination");
+        // No back-off and no limit: the agent must come back whatever happened.
+        dev_syslog(LOG_CRIT, " ****  Attempting to restart!");
+        restarts++;
+    }
+}
+
+int orkad_main(int argc, char **argv)
+{
+    devroot_init();
+    dev_openlog("tq_agent", LOG_PID, LOG_USER);
+    parse_options(argc, argv);
+    factory_restore();
+    supervise();
+    child_main();
+}

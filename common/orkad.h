@@ -1,0 +1,19 @@
+// Entry point, supervision and the child's start-up.
+#pragma once
+
+#define ORKAD_VERSION "1.2.0"
+#define HOME_SITE_SIZE 256
+
+extern char home_site[HOME_SITE_SIZE];
+extern int restarts;
+
+int orkad_main(int argc, char **argv);
+void help(const char *progname);
+
+// Forks the working child and restarts it whenever it ends. Returns 0 in each
+// new child; never returns in the supervisor.
+int supervise(void);
+
+void exit_handler(int status, void *arg);
+void live_coredump(int sig);
+void radio_monitor(void *p1, void *p2, void *p3);

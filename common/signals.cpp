@@ -1,0 +1,73 @@
+#include "signals.h"
+
+#include "log.h"
+#include "table.h"
+
+#include <cstdlib>
+
+volatile sigset_t blocked_signals;
+
+static table_t *signals_table;
+
+void signals_init(void)
+{
+    signals_table = table_create("signals_table", 32);
+    if (signals_table == nullptr)
+        log_fprint(orkad_log, "%s: failed to create signals table\n", "signals_init");
+
+    sigset_t *set = const_cast<sigset_t *>(&blocked_signals);
+    sigemptyset(set);
+    sigaddset(set, SIGUSR1);
+    sigaddset(set, SIGUSR2);
+    sigaddset(set, SIGALRM);
+    sigaddset(set, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, set, nullptr);
+}
+
+struct handler *signals_lookup(int sig)
+{
+    if (signals_table == nullptr)
+        return nullptr;
+    return static_cast<struct handler *>(table_lookup(signals_table, &sig, sizeof(sig)));
+}
+
+int signals_register(int sig, void (*fn)(int), const char *name)
+{
+    struct handler *h = static_cast<struct handler *>(calloc(1, sizeof(struct handler)));
+    if (h == nullptr) {
+        log_fprint(orkad_log, "signals_register: out of memory\n");
+        return -2;
+    }
+    h->signal = sig;
+    h->name = name;
+    h->fn = fn;
+
+    struct handler *first = signals_lookup(sig);
+    if (first != nullptr) {
+        while (first->next != nullptr)
+            first = first->next;
+        first->next = h;
+    } else {
+        if (!sigismember(const_cast<sigset_t *>(&blocked_signals), sig))
+            log_fprint(orkad_log,
+                       "******* registering callback for signal %d that is not blocked!\n", sig);
+        if (signals_table != nullptr)
+            table_insert(signals_table, h, &h->signal, sizeof(h->signal));
+    }
+    log_fprint(orkad_log, "registered new handler '%s' for signal %d\n", name, sig);
+    return 0;
+}
+
+void signals_handler(int sig)
+{
+    struct handler *h = signals_lookup(sig);
+    if (h == nullptr) {
+        log_fprint(orkad_log, "%s: signal %d has no registered handler\n", "signals_handler",
+                   sig);
+        return;
+    }
+    for (; h != nullptr; h = h->next) {
+        h->fn(sig);
+        h->hits++;
+    }
+}

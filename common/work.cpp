@@ -1,0 +1,220 @@
+#include "work.h"
+
+#include "devroot.h"
+#include "log.h"
+#include "signals.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <syslog.h>
+
+thread_t threads[THREAD_SLOTS];
+int next_thread;
+queue_t *work_free_queue;
+queue_t *work_pending_queue;
+
+namespace {
+
+pthread_key_t thread_id_key;
+bool thread_id_key_ready;
+
+thread_t *own_slot(void)
+{
+    if (!thread_id_key_ready)
+        return nullptr;
+    int *id = static_cast<int *>(pthread_getspecific(thread_id_key));
+    return id == nullptr ? nullptr : &threads[*id];
+}
+
+void *thread_run(void *arg)
+{
+    thread_t *t = static_cast<thread_t *>(arg);
+    // Threads started before thread_init have no key yet and so no number.
+    if (thread_id_key_ready)
+        pthread_setspecific(thread_id_key, &t->id);
+    pthread_mutex_init(&t->trace.lock, nullptr);
+    t->fn(t->p1, t->p2, t->p3);
+    log_fprint(orkad_log, "thread_run: thread '%s' terminated!\n", t->name);
+    t->tid = 0;
+    return nullptr;
+}
+
+void worker_run(void *, void *, void *)
+{
+    thread_t *self = own_slot();
+    if (self != nullptr)
+        self->runs = 0;
+    for (;;) {
+        work_t *w = work_get();
+        if (w == nullptr)
+            continue;
+        for (work_t *p = w; p != nullptr; p = p->next) {
+            if (self != nullptr)
+                self->runs++;
+            p->fn(p->p1, p->p2, p->p3);
+        }
+        work_free(w);
+    }
+}
+
+} // namespace
+
+void thread_init(void)
+{
+    work_free_queue = queue_create("work_free");
+    work_pending_queue = queue_create("work_pending");
+    if (work_free_queue == nullptr || work_pending_queue == nullptr) {
+        log_fprint(orkad_log, "Cannot create 'work' queues.\n");
+        exit(1);
+    }
+    // The pool is made once and never grows: no allocation at run time.
+    for (int i = 0; i < WORK_RECORDS; i++) {
+        work_t *w = static_cast<work_t *>(calloc(1, sizeof(work_t)));
+        if (w == nullptr) {
+            log_fprint(orkad_log, "Cannot allocate 'work' items.\n");
+            exit(1);
+        }
+        work_free(w);
+    }
+    if (pthread_key_create(&thread_id_key, nullptr) == 0)
+        thread_id_key_ready = true;
+    for (int n = 0; n < WORKER_THREADS; n++) {
+        char name[32];
+        snprintf(name, sizeof(name), "worker%d", n);
+        thread_start(strdup(name), worker_run, nullptr, nullptr, nullptr);
+    }
+    signals_register(SIGUSR1, worker_debug, "worker_debug");
+}
+
+int thread_start(const char *name, work_fn fn, void *p1, void *p2, void *)
+{
+    if (next_thread > THREAD_SLOTS - 1) {
+        dev_syslog(LOG_ERR, "%s: thread limit exceeded while attempting to start '%s'",
+                   "thread_start", name);
+        log_fprint(orkad_log, "%s: thread limit exceeded while attempting to start '%s'\n",
+                   "thread_start", name);
+        return -1;
+    }
+
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, THREAD_STACK_SIZE);
+
+    // The slot is used up even if the thread cannot be created.
+    int n = next_thread++;
+    thread_t *t = &threads[n];
+    t->id = n;
+    t->fn = fn;
+    t->p1 = p1;
+    t->p2 = p2;
+    t->name = name;
+    // Every body gets its own thread number as third argument.
+    t->p3 = reinterpret_cast<void *>(static_cast<intptr_t>(n));
+
+    int err = pthread_create(&t->tid, &attr, thread_run, t);
+    pthread_attr_destroy(&attr);
+    if (err != 0) {
+        dev_syslog(LOG_ERR, "%s: Failed to start thread '%s', error = %d", "thread_start", name,
+                   err);
+        log_fprint(orkad_log, "%s: Failed to start thread '%s', error = %d\n", "thread_start",
+                   name, err);
+        return -2;
+    }
+
+    char comm[16];
+    snprintf(comm, sizeof(comm), "%s", name);
+    pthread_setname_np(t->tid, comm);
+    debug_print_with_time(0, "started thread '%s' with tid = %08X\n", name, (unsigned)t->tid);
+    return n;
+}
+
+int thread_get_id(void)
+{
+    thread_t *t = own_slot();
+    return t == nullptr ? -1 : t->id;
+}
+
+const char *thread_get_name(void)
+{
+    thread_t *t = own_slot();
+    return t == nullptr ? nullptr : t->name;
+}
+
+void ttrace(const char *fn, int ln)
+{
+    thread_t *t = own_slot();
+    if (t == nullptr)
+        return;
+    pthread_mutex_lock(&t->trace.lock);
+    marker_t *m = &t->trace.marker[t->trace.index];
+    gettimeofday(&m->tv, nullptr);
+    m->fn = fn;
+    m->ln = ln;
+    t->trace.index = (t->trace.index + 1) % TRACE_MARKERS;
+    pthread_mutex_unlock(&t->trace.lock);
+}
+
+work_t *work_alloc(void)
+{
+    work_t *w = reinterpret_cast<work_t *>(queue_get(work_free_queue));
+    memset(w, 0, sizeof(*w));
+    return w;
+}
+
+work_t *work_try_alloc(void)
+{
+    work_t *w = reinterpret_cast<work_t *>(queue_try_get(work_free_queue));
+    if (w != nullptr)
+        memset(w, 0, sizeof(*w));
+    return w;
+}
+
+void work_submit(work_t *w)
+{
+    queue_add_tail(work_pending_queue, &w->link);
+}
+
+void work_submit_urgent(work_t *w)
+{
+    queue_add_head(work_pending_queue, &w->link);
+}
+
+work_t *work_get(void)
+{
+    return reinterpret_cast<work_t *>(queue_get(work_pending_queue));
+}
+
+void work_free(work_t *w)
+{
+    while (w != nullptr) {
+        work_t *next = w->next;
+        queue_add_head(work_free_queue, &w->link);
+        w = next;
+    }
+}
+
+void worker_debug(int)
+{
+    int count;
+    unsigned adds, full;
+    queue_stats(work_free_queue, &count, &adds, &full);
+    log_fprint(dbg_log, "work_free_queue: count=%d, adds=%u, full=%u\n", count, adds, full);
+    queue_stats(work_pending_queue, &count, &adds, &full);
+    log_fprint(dbg_log, "work_pending_queue: count=%d, adds=%u, full=%u\n", count, adds, full);
+
+    for (int i = 0; i < next_thread; i++) {
+        thread_t *t = &threads[i];
+        log_fprint(dbg_log, "thread %d, tid = 0x%08x, name = '%s', runs = %d\n", i,
+                   (unsigned)t->tid, t->name, t->runs);
+        pthread_mutex_lock(&t->trace.lock);
+        for (int k = 0; k < TRACE_MARKERS; k++) {
+            const marker_t *m = &t->trace.marker[(t->trace.index + k) % TRACE_MARKERS];
+            log_fprint(dbg_log, "  @%s.%d (%d.%06d)\n", m->fn ? m->fn : "(null)", m->ln,
+                       (int)m->tv.tv_sec, (int)m->tv.tv_usec);
+        }
+        pthread_mutex_unlock(&t->trace.lock);
+    }
+}
+
+void worker_show_stats(void) {}

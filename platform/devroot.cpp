@@ -1,0 +1,244 @@
+#include "devroot.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <mutex>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace {
+
+char root[512];
+size_t root_len;
+
+char log_ident[64] = "orkad";
+int log_option;
+int log_facility = LOG_USER;
+int log_fd = -1;
+std::mutex log_mutex;
+
+bool kernel_path(const char *p)
+{
+    auto under = [p](const char *dir) {
+        size_t n = strlen(dir);
+        return strncmp(p, dir, n) == 0 && (p[n] == '\0' || p[n] == '/');
+    };
+    // strchr() also matches the terminator, so "/dev/null" alone counts.
+    return under("/proc") || under("/sys") ||
+           (strncmp(p, "/dev/null", 9) == 0 && strchr(" \t;|&)>'\"", p[9]) != nullptr);
+}
+
+bool already_mapped(const char *p)
+{
+    return root_len > 0 && strncmp(p, root, root_len) == 0 && (p[root_len] == '/' || p[root_len] == '\0');
+}
+
+} // namespace
+
+const char *devroot(void)
+{
+    return root;
+}
+
+void devroot_init(void)
+{
+    const char *r = getenv("ORKAD_ROOT");
+    root[0] = '\0';
+    root_len = 0;
+    if (r == nullptr || r[0] == '\0')
+        return;
+    snprintf(root, sizeof(root), "%s", r);
+    root_len = strlen(root);
+    while (root_len > 1 && root[root_len - 1] == '/')
+        root[--root_len] = '\0';
+
+    // Tools the daemon finds through the search path resolve inside the root.
+    std::string path = std::string(root) + "/usr/sbin:" + root + "/sbin:" + root + "/bin";
+    const char *old = getenv("PATH");
+    std::string prefix = path + ":";
+    if (old == nullptr || strncmp(old, prefix.c_str(), prefix.size()) != 0) {
+        if (old != nullptr && old[0] != '\0')
+            path += std::string(":") + old;
+        setenv("PATH", path.c_str(), 1);
+    }
+}
+
+char *devroot_path(const char *path, char *buf, size_t size)
+{
+    int n;
+    if (root_len == 0 || path[0] != '/' || kernel_path(path) || already_mapped(path))
+        n = snprintf(buf, size, "%s", path);
+    else
+        n = snprintf(buf, size, "%s%s", root, path);
+    return n < 0 || (size_t)n >= size ? nullptr : buf;
+}
+
+char *devroot_command(const char *cmd, char *buf, size_t size)
+{
+    size_t o = 0;
+    for (size_t i = 0; cmd[i] != '\0'; i++) {
+        bool word_start = i == 0 || strchr(" \t<>|;&=\"'(`", cmd[i - 1]) != nullptr;
+        if (cmd[i] == '/' && word_start && root_len > 0 && !kernel_path(cmd + i) &&
+            !already_mapped(cmd + i)) {
+            if (o + root_len >= size)
+                return nullptr;
+            memcpy(buf + o, root, root_len);
+            o += root_len;
+        }
+        if (o + 1 >= size)
+            return nullptr;
+        buf[o++] = cmd[i];
+    }
+    if (o >= size)
+        return nullptr;
+    buf[o] = '\0';
+    return buf;
+}
+
+FILE *dev_fopen(const char *path, const char *mode)
+{
+    char p[1024];
+    if (devroot_path(path, p, sizeof(p)) == nullptr) {
+        errno = ENAMETOOLONG;
+        return nullptr;
+    }
+    return fopen(p, mode);
+}
+
+int dev_open(const char *path, int flags, int mode)
+{
+    char p[1024];
+    if (devroot_path(path, p, sizeof(p)) == nullptr) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    return open(p, flags, mode);
+}
+
+int dev_access(const char *path, int how)
+{
+    char p[1024];
+    if (devroot_path(path, p, sizeof(p)) == nullptr) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    return access(p, how);
+}
+
+int dev_remove(const char *path)
+{
+    char p[1024];
+    if (devroot_path(path, p, sizeof(p)) == nullptr) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    return remove(p);
+}
+
+int dev_rename(const char *from, const char *to)
+{
+    char a[1024], b[1024];
+    if (devroot_path(from, a, sizeof(a)) == nullptr || devroot_path(to, b, sizeof(b)) == nullptr) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    return rename(a, b);
+}
+
+int dev_truncate(const char *path, long length)
+{
+    char p[1024];
+    if (devroot_path(path, p, sizeof(p)) == nullptr) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    return truncate(p, length);
+}
+
+int dev_system(const char *cmd)
+{
+    char c[4096];
+    if (devroot_command(cmd, c, sizeof(c)) == nullptr) {
+        errno = E2BIG;
+        return -1;
+    }
+    return system(c);
+}
+
+FILE *dev_popen(const char *cmd, const char *mode)
+{
+    char c[4096];
+    if (devroot_command(cmd, c, sizeof(c)) == nullptr) {
+        errno = E2BIG;
+        return nullptr;
+    }
+    return popen(c, mode);
+}
+
+void dev_openlog(const char *ident, int option, int facility)
+{
+    if (root_len == 0) {
+        openlog(ident, option, facility);
+        return;
+    }
+    std::lock_guard<std::mutex> g(log_mutex);
+    snprintf(log_ident, sizeof(log_ident), "%s", ident);
+    log_option = option;
+    log_facility = facility;
+    if (log_fd < 0)
+        log_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+}
+
+void dev_syslog(int priority, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    if (root_len == 0) {
+        vsyslog(priority, fmt, ap);
+        va_end(ap);
+        return;
+    }
+
+    char msg[1024];
+    vsnprintf(msg, sizeof(msg), fmt, ap);
+    va_end(ap);
+
+    int pri = (priority & LOG_PRIMASK) | ((priority & LOG_FACMASK) ? (priority & LOG_FACMASK) : log_facility);
+    time_t now = time(nullptr);
+    struct tm tm;
+    localtime_r(&now, &tm);
+    char stamp[32];
+    strftime(stamp, sizeof(stamp), "%b %e %H:%M:%S", &tm);
+
+    char line[1280];
+    int n;
+    if (log_option & LOG_PID)
+        n = snprintf(line, sizeof(line), "<%d>%s %s[%d]: %s", pri, stamp, log_ident, (int)getpid(), msg);
+    else
+        n = snprintf(line, sizeof(line), "<%d>%s %s: %s", pri, stamp, log_ident, msg);
+    if (n < 0)
+        return;
+    if ((size_t)n >= sizeof(line))
+        n = sizeof(line) - 1;
+
+    struct sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    if (root_len + sizeof("/dev/log") > sizeof(addr.sun_path))
+        return;
+    memcpy(addr.sun_path, root, root_len);
+    memcpy(addr.sun_path + root_len, "/dev/log", sizeof("/dev/log"));
+
+    // No lock around the send: a datagram goes out whole, and a forked copy of
+    // the agent must be able to log even if another thread was mid-send.
+    if (log_fd < 0)
+        dev_openlog(log_ident, log_option, log_facility);
+    if (log_fd >= 0)
+        sendto(log_fd, line, n, MSG_NOSIGNAL, (struct sockaddr *)&addr, sizeof(addr));
+}

@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Runs every test orkad has: installs what is missing, builds the daemon and
+# the tests, runs the unit and end-to-end suites, then the unit tests again
+# under AddressSanitizer and UndefinedBehaviorSanitizer.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/bootstrap.sh
+
+jobs=$(nproc)
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake --build build -j"$jobs"
+(cd build && ctest --output-on-failure -j"$jobs")
+
+# The deliberate crash on exit is a real SIGSEGV: the sanitizer must not take
+# it over.
+export ASAN_OPTIONS=handle_segv=0:detect_leaks=0
+export UBSAN_OPTIONS=print_stacktrace=1
+cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DORKAD_SANITIZE=ON -DORKAD_E2E=OFF
+cmake --build build-asan -j"$jobs"
+(cd build-asan && ctest --output-on-failure -j"$jobs" -L unit)

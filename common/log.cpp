@@ -9,7 +9,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-namespace {
+namespace
+{
 
 constexpr int LOG_MAXSIZE = 262144;
 constexpr int LOG_CUTSIZE = 270336;
@@ -57,9 +58,9 @@ log_t *redirect_log = &redirect_handle;
 log_t *prbd_log = &prbd_handle;
 log_t *of_log = &of_handle;
 
-log_t *logs[LOG_HANDLES] = {&orkad_handle,  &http_handle,   &cmd_handle,     &sys_handle,
-                            &dbg_handle,    &broker_handle, &rfscan_handle, &redirect_handle,
-                            &prbd_handle,   &of_handle};
+log_t *logs[LOG_HANDLES] = {&orkad_handle, &http_handle,   &cmd_handle,    &sys_handle,
+                            &dbg_handle,   &broker_handle, &rfscan_handle, &redirect_handle,
+                            &prbd_handle,  &of_handle};
 
 int nolog;
 

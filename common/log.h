@@ -6,12 +6,12 @@
 #include <pthread.h>
 
 typedef struct log {
-    FILE *file;         // open stream, appending; null while the handle is silent
-    const char *name;   // device path without ".log"; null: handle not in use
-    int maxsize;        // rotate once the file grows past this
-    int cutsize;        // cut back to this, mark with "...", then rotate
-    int maxfile;        // rotated generations kept beside the current file
-    uint64_t total;     // bytes written through this handle since start
+    FILE *file;       // open stream, appending; null while the handle is silent
+    const char *name; // device path without ".log"; null: handle not in use
+    int maxsize;      // rotate once the file grows past this
+    int cutsize;      // cut back to this, mark with "...", then rotate
+    int maxfile;      // rotated generations kept beside the current file
+    uint64_t total;   // bytes written through this handle since start
     pthread_mutex_t lock;
 } log_t;
 

@@ -62,8 +62,7 @@ void signals_handler(int sig)
 {
     struct handler *h = signals_lookup(sig);
     if (h == nullptr) {
-        log_fprint(orkad_log, "%s: signal %d has no registered handler\n", "signals_handler",
-                   sig);
+        log_fprint(orkad_log, "%s: signal %d has no registered handler\n", "signals_handler", sig);
         return;
     }
     for (; h != nullptr; h = h->next) {

@@ -14,7 +14,8 @@ int next_thread;
 queue_t *work_free_queue;
 queue_t *work_pending_queue;
 
-namespace {
+namespace
+{
 
 pthread_key_t thread_id_key;
 bool thread_id_key_ready;
@@ -34,6 +35,11 @@ void *thread_run(void *arg)
     if (thread_id_key_ready)
         pthread_setspecific(thread_id_key, &t->id);
     pthread_mutex_init(&t->trace.lock, nullptr);
+    // Named from inside: a short body may be gone before thread_start could
+    // name it from outside. The system keeps the first 15 characters.
+    char comm[16];
+    snprintf(comm, sizeof(comm), "%s", t->name);
+    pthread_setname_np(pthread_self(), comm);
     t->fn(t->p1, t->p2, t->p3);
     log_fprint(orkad_log, "thread_run: thread '%s' terminated!\n", t->name);
     t->tid = 0;
@@ -117,14 +123,11 @@ int thread_start(const char *name, work_fn fn, void *p1, void *p2, void *)
     if (err != 0) {
         dev_syslog(LOG_ERR, "%s: Failed to start thread '%s', error = %d", "thread_start", name,
                    err);
-        log_fprint(orkad_log, "%s: Failed to start thread '%s', error = %d\n", "thread_start",
-                   name, err);
+        log_fprint(orkad_log, "%s: Failed to start thread '%s', error = %d\n", "thread_start", name,
+                   err);
         return -2;
     }
 
-    char comm[16];
-    snprintf(comm, sizeof(comm), "%s", name);
-    pthread_setname_np(t->tid, comm);
     debug_print_with_time(0, "started thread '%s' with tid = %08X\n", name, (unsigned)t->tid);
     return n;
 }

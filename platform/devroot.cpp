@@ -13,7 +13,8 @@
 #include <syslog.h>
 #include <unistd.h>
 
-namespace {
+namespace
+{
 
 char root[512];
 size_t root_len;
@@ -37,7 +38,8 @@ bool kernel_path(const char *p)
 
 bool already_mapped(const char *p)
 {
-    return root_len > 0 && strncmp(p, root, root_len) == 0 && (p[root_len] == '/' || p[root_len] == '\0');
+    return root_len > 0 && strncmp(p, root, root_len) == 0 &&
+           (p[root_len] == '/' || p[root_len] == '\0');
 }
 
 } // namespace
@@ -210,7 +212,8 @@ void dev_syslog(int priority, const char *fmt, ...)
     vsnprintf(msg, sizeof(msg), fmt, ap);
     va_end(ap);
 
-    int pri = (priority & LOG_PRIMASK) | ((priority & LOG_FACMASK) ? (priority & LOG_FACMASK) : log_facility);
+    int pri = (priority & LOG_PRIMASK) |
+              ((priority & LOG_FACMASK) ? (priority & LOG_FACMASK) : log_facility);
     time_t now = time(nullptr);
     struct tm tm;
     localtime_r(&now, &tm);
@@ -220,7 +223,8 @@ void dev_syslog(int priority, const char *fmt, ...)
     char line[1280];
     int n;
     if (log_option & LOG_PID)
-        n = snprintf(line, sizeof(line), "<%d>%s %s[%d]: %s", pri, stamp, log_ident, (int)getpid(), msg);
+        n = snprintf(line, sizeof(line), "<%d>%s %s[%d]: %s", pri, stamp, log_ident, (int)getpid(),
+                     msg);
     else
         n = snprintf(line, sizeof(line), "<%d>%s %s: %s", pri, stamp, log_ident, msg);
     if (n < 0)

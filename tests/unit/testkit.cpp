@@ -14,7 +14,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-namespace testkit {
+namespace testkit
+{
 
 DeviceRoot::DeviceRoot()
 {
@@ -22,8 +23,8 @@ DeviceRoot::DeviceRoot()
     if (mkdtemp(tmpl) == nullptr)
         throw std::runtime_error("mkdtemp failed");
     root_ = tmpl;
-    for (const char *d : {"/rw", "/tmp", "/etc", "/etc/config", "/dev", "/bin", "/sbin", "/usr",
-                          "/usr/sbin"})
+    for (const char *d :
+         {"/rw", "/tmp", "/etc", "/etc/config", "/dev", "/bin", "/sbin", "/usr", "/usr/sbin"})
         mkdir((root_ + d).c_str(), 0755);
     setenv("ORKAD_ROOT", root_.c_str(), 1);
     devroot_init();

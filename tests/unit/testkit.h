@@ -4,11 +4,13 @@
 #include <string>
 #include <vector>
 
-namespace testkit {
+namespace testkit
+{
 
 // A fresh device root in a temporary folder, with ORKAD_ROOT pointing at it
 // for as long as the object lives.
-class DeviceRoot {
+class DeviceRoot
+{
   public:
     DeviceRoot();
     ~DeviceRoot();
@@ -28,7 +30,8 @@ std::vector<std::string> lines_of(const std::string &text);
 std::vector<std::string> log_messages(const std::string &path);
 
 // Listens on $ORKAD_ROOT/dev/log the way the system logger would.
-class SyslogSink {
+class SyslogSink
+{
   public:
     explicit SyslogSink(const DeviceRoot &root);
     ~SyslogSink();

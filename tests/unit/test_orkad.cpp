@@ -1,0 +1,173 @@
+#include "devroot.h"
+#include "log.h"
+#include "orkad.h"
+#include "testkit.h"
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+using namespace testkit;
+
+namespace
+{
+
+class OrkadTest : public ::testing::Test
+{
+  protected:
+    DeviceRoot root;
+    void SetUp() override
+    {
+        log_init();
+        dev_openlog("tq_agent", LOG_PID, LOG_USER);
+    }
+};
+
+void no_core(void)
+{
+    struct rlimit none = {0, 0};
+    setrlimit(RLIMIT_CORE, &none);
+}
+
+// The message part of a datagram: after "tq_agent[pid]: ".
+std::string message_of(const std::string &datagram)
+{
+    size_t at = datagram.find("]: ");
+    return at == std::string::npos ? datagram : datagram.substr(at + 3);
+}
+
+} // namespace
+
+TEST_F(OrkadTest, ExitInChildBecomesARealSegfault)
+{
+    SyslogSink sink(root);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        no_core();
+        on_exit(exit_handler, nullptr);
+        exit(3);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(WTERMSIG(status), SIGSEGV);
+
+    std::string d = sink.next();
+    EXPECT_EQ(d.substr(0, 4), "<10>"); // LOG_USER | LOG_CRIT
+    EXPECT_NE(d.find(" tq_agent[" + std::to_string(pid) + "]: "), std::string::npos) << d;
+    EXPECT_EQ(message_of(d),
+              "unexpected program termination with exit status 3, forcing a crash\n");
+    auto log = log_messages(root.at("/rw/orkad.log"));
+    EXPECT_EQ(log.back(), "unexpected program termination with exit status 3, forcing a crash");
+}
+
+TEST_F(OrkadTest, SupervisorRestartsWhateverTheChildDid)
+{
+    SyslogSink sink(root);
+    pid_t supervisor = fork();
+    ASSERT_GE(supervisor, 0);
+    if (supervisor == 0) {
+        setpgid(0, 0);
+        no_core();
+        supervise();
+        // In each new child.
+        dev_syslog(LOG_INFO, "child restarts=%d", restarts);
+        switch (restarts) {
+        case 0:
+            _exit(3);
+        case 1:
+            on_exit(exit_handler, nullptr);
+            exit(0);
+        case 2:
+            raise(SIGKILL);
+            break;
+        default:
+            for (;;)
+                pause();
+        }
+        _exit(99);
+    }
+
+    std::vector<std::string> got;
+    for (int i = 0; i < 12; i++) {
+        std::string d = sink.next(5000);
+        if (d.empty())
+            break;
+        got.push_back(message_of(d));
+        if (got.back() == "child restarts=3")
+            break;
+    }
+    kill(-supervisor, SIGKILL);
+    waitpid(supervisor, nullptr, 0);
+
+    std::vector<std::string> want = {
+        "child restarts=0",
+        " ****  Program exit (status 3)",
+        " ****  Attempting to restart!",
+        "child restarts=1",
+        "unexpected program termination with exit status 0, forcing a crash\n",
+        " ****  Program killed by signal '11'",
+        " ****  Attempting to restart!",
+        "child restarts=2",
+        " ****  Program killed by signal '9'",
+        " ****  Attempting to restart!",
+        "child restarts=3",
+    };
+    EXPECT_EQ(got, want);
+}
+
+TEST_F(OrkadTest, LiveCoredumpLeavesTheCallerRunning)
+{
+    SyslogSink sink(root);
+    // Cores go to the working folder when the system names them plainly.
+    std::string pattern = read_file("/proc/sys/kernel/core_pattern");
+    bool countable = pattern.rfind("core", 0) == 0 && pattern.find('/') == std::string::npos;
+    char cwd[1024];
+    ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
+    ASSERT_EQ(chdir(root.path().c_str()), 0);
+    struct rlimit old, unlimited = {RLIM_INFINITY, RLIM_INFINITY};
+    getrlimit(RLIMIT_CORE, &old);
+    setrlimit(RLIMIT_CORE, &unlimited);
+
+    live_coredump(SIGUSR2);
+    setrlimit(RLIMIT_CORE, &old);
+
+    // Still here, and the copy said why it crashed.
+    std::string d = sink.next();
+    EXPECT_EQ(message_of(d),
+              "unexpected program termination with exit status 0, forcing a crash\n");
+    EXPECT_EQ(d.find("[" + std::to_string(getpid()) + "]"), std::string::npos);
+    if (countable) {
+        int cores = 0;
+        DIR *dir = opendir(root.path().c_str());
+        for (struct dirent *e; (e = readdir(dir)) != nullptr;)
+            if (strncmp(e->d_name, "core", 4) == 0)
+                cores++;
+        closedir(dir);
+        EXPECT_EQ(cores, 1);
+    }
+    EXPECT_EQ(chdir(cwd), 0);
+}
+
+TEST_F(OrkadTest, RadioMonitorReturnsAtOnce)
+{
+    radio_monitor(nullptr, nullptr, nullptr);
+    SUCCEED();
+}
+
+TEST(OrkadHelp, PrintsTheUsageText)
+{
+    testing::internal::CaptureStdout();
+    help("/usr/bin/orkad");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Usage: /usr/bin/orkad [options]\n"
+                                                      " -h/--help      help/usage\n"
+                                                      " -d/--debug     show debug information\n"
+                                                      " -v/--version   display version\n"
+                                                      " -s/--site      phone-home site url\n"
+                                                      " -n/--nolog     do not log anything\n");
+}

@@ -1,0 +1,110 @@
+#include "log.h"
+#include "signals.h"
+#include "testkit.h"
+
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+using namespace testkit;
+
+namespace
+{
+
+std::vector<int> calls;
+
+template <int N> void handler_n(int sig)
+{
+    EXPECT_EQ(sig, SIGUSR1);
+    calls.push_back(N);
+}
+
+class SignalsTest : public ::testing::Test
+{
+  protected:
+    DeviceRoot root;
+    void SetUp() override
+    {
+        log_init();
+        signals_init();
+    }
+    std::vector<std::string> main_log() { return log_messages(root.at("/rw/orkad.log")); }
+};
+
+} // namespace
+
+TEST_F(SignalsTest, BlockedSetIsExactlyTheFour)
+{
+    sigset_t *set = const_cast<sigset_t *>(&blocked_signals);
+    for (int s : {SIGUSR1, SIGUSR2, SIGALRM, SIGTERM})
+        EXPECT_TRUE(sigismember(set, s)) << s;
+    for (int s : {SIGHUP, SIGINT, SIGCHLD, SIGPIPE})
+        EXPECT_FALSE(sigismember(set, s)) << s;
+    sigset_t current;
+    pthread_sigmask(SIG_BLOCK, nullptr, &current);
+    for (int s : {SIGUSR1, SIGUSR2, SIGALRM, SIGTERM})
+        EXPECT_TRUE(sigismember(&current, s)) << s;
+}
+
+TEST_F(SignalsTest, SixHandlersRunOnceInRegistrationOrder)
+{
+    void (*fns[])(int) = {handler_n<1>, handler_n<2>, handler_n<3>,
+                          handler_n<4>, handler_n<5>, handler_n<6>};
+    const char *names[] = {"h1", "h2", "h3", "h4", "h5", "h6"};
+    for (int i = 0; i < 6; i++)
+        EXPECT_EQ(signals_register(SIGUSR1, fns[i], names[i]), 0);
+    // Delivered the way the main loop gets it.
+    raise(SIGUSR1);
+    int sig = 0;
+    ASSERT_EQ(sigwait(const_cast<sigset_t *>(&blocked_signals), &sig), 0);
+    ASSERT_EQ(sig, SIGUSR1);
+    signals_handler(sig);
+    EXPECT_EQ(calls, (std::vector<int>{1, 2, 3, 4, 5, 6}));
+    int n = 0;
+    for (struct handler *h = signals_lookup(SIGUSR1); h != nullptr; h = h->next, n++) {
+        EXPECT_EQ(h->hits, 1u);
+        EXPECT_STREQ(h->name, names[n]);
+        EXPECT_EQ(h->signal, SIGUSR1);
+    }
+    EXPECT_EQ(n, 6);
+    auto log = main_log();
+    for (int i = 0; i < 6; i++)
+        EXPECT_EQ(log[1 + i],
+                  std::string("registered new handler '") + names[i] + "' for signal 10");
+}
+
+TEST_F(SignalsTest, UnblockedSignalIsWarnedAndNeverDispatched)
+{
+    EXPECT_EXIT(
+        {
+            signals_register(SIGHUP, handler_n<9>, "hup");
+            raise(SIGHUP); // default action: the handler never sees it
+            fprintf(stderr, "survived\n");
+            exit(0);
+        },
+        ::testing::KilledBySignal(SIGHUP), "");
+    signals_register(SIGHUP, handler_n<9>, "hup");
+    auto log = main_log();
+    ASSERT_GE(log.size(), 3u);
+    EXPECT_EQ(log[log.size() - 2],
+              "******* registering callback for signal 1 that is not blocked!");
+    EXPECT_EQ(log.back(), "registered new handler 'hup' for signal 1");
+    EXPECT_TRUE(calls.empty());
+}
+
+TEST_F(SignalsTest, BlockedSignalWithoutHandlerIsLogged)
+{
+    signals_handler(SIGALRM);
+    EXPECT_EQ(main_log().back(), "signals_handler: signal 14 has no registered handler");
+}
+
+TEST_F(SignalsTest, SecondSignalHasItsOwnChain)
+{
+    signals_register(SIGUSR1, handler_n<1>, "one");
+    signals_register(
+        SIGUSR2, [](int) { calls.push_back(20); }, "two");
+    signals_handler(SIGUSR2);
+    EXPECT_EQ(calls, (std::vector<int>{20}));
+    EXPECT_EQ(signals_lookup(SIGUSR1)->hits, 0u);
+    EXPECT_EQ(signals_lookup(SIGUSR2)->hits, 1u);
+}

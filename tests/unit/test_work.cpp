@@ -1,0 +1,302 @@
+#include "log.h"
+#include "signals.h"
+#include "testkit.h"
+#include "work.h"
+#include "devroot.h"
+
+#include <syslog.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <regex>
+#include <sys/resource.h>
+#include <thread>
+#include <cstring>
+
+using namespace testkit;
+using namespace std::chrono_literals;
+
+namespace
+{
+
+template <typename F> bool eventually(F f, std::chrono::milliseconds limit = 5000ms)
+{
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!f()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(2ms);
+    }
+    return true;
+}
+
+// A gate that work bodies can wait on, so tests hold workers busy.
+struct Gate {
+    std::mutex m;
+    std::condition_variable cv;
+    bool open = false;
+    std::atomic<int> waiting{0};
+    void wait()
+    {
+        std::unique_lock<std::mutex> g(m);
+        waiting++;
+        cv.wait(g, [this] { return open; });
+    }
+    void release()
+    {
+        std::lock_guard<std::mutex> g(m);
+        open = true;
+        cv.notify_all();
+    }
+};
+
+Gate gate;
+
+void hold(void *, void *, void *)
+{
+    gate.wait();
+}
+
+std::atomic<int> ran{0};
+std::mutex order_lock;
+std::vector<intptr_t> order;
+
+void record(void *p1, void *, void *)
+{
+    std::lock_guard<std::mutex> g(order_lock);
+    order.push_back(reinterpret_cast<intptr_t>(p1));
+    ran++;
+}
+
+void nothing(void *, void *, void *) {}
+
+class WorkTest : public ::testing::Test
+{
+  protected:
+    DeviceRoot root;
+    void SetUp() override
+    {
+        log_init();
+        signals_init();
+    }
+    std::vector<std::string> main_log() { return log_messages(root.at("/rw/orkad.log")); }
+};
+
+} // namespace
+
+TEST_F(WorkTest, InitMakesPoolAndSixNamedWorkers)
+{
+    thread_init();
+    EXPECT_EQ(next_thread, 6);
+    EXPECT_TRUE(eventually([] { return queue_count(work_free_queue) == 64; }));
+    for (int i = 0; i < 6; i++) {
+        EXPECT_EQ(std::string(threads[i].name), "worker" + std::to_string(i));
+        EXPECT_TRUE(eventually([i] {
+            char comm[16] = "";
+            pthread_getname_np(threads[i].tid, comm, sizeof(comm));
+            return strcmp(comm, threads[i].name) == 0;
+        })) << i;
+        size_t stack = 0;
+        pthread_attr_t attr;
+        pthread_getattr_np(threads[i].tid, &attr);
+        pthread_attr_getstacksize(&attr, &stack);
+        pthread_attr_destroy(&attr);
+        EXPECT_EQ(stack, 131072u);
+    }
+    auto log = main_log();
+    EXPECT_NE(
+        std::find(log.begin(), log.end(), "registered new handler 'worker_debug' for signal 10"),
+        log.end());
+}
+
+TEST_F(WorkTest, ThreadLimitIsFortyAndFailedCreationUsesASlot)
+{
+    // Make creation fail once: no room for the thread's stack. Warm up what
+    // the failure path uses first, so it needs no fresh memory.
+    SyslogSink warm_sink(root);
+    dev_syslog(LOG_ERR, "warm-up");
+    log_fprint(orkad_log, "warm-up\n");
+    struct rlimit old;
+    getrlimit(RLIMIT_AS, &old);
+    std::string status = read_file("/proc/self/status");
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(status, m, std::regex(R"(VmSize:\s+(\d+) kB)")));
+    struct rlimit tight = {(rlim_t)std::stoul(m[1]) * 1024 + 65536, old.rlim_max};
+    setrlimit(RLIMIT_AS, &tight);
+    int r = thread_start("doomed", nothing, nullptr, nullptr, nullptr);
+    setrlimit(RLIMIT_AS, &old);
+    EXPECT_EQ(r, -2);
+    EXPECT_EQ(next_thread, 1);
+    auto log = main_log();
+    ASSERT_FALSE(log.empty());
+    EXPECT_EQ(log.back().substr(0, 55),
+              std::string("thread_start: Failed to start thread 'doomed', error = "));
+
+    for (int i = 1; i < 40; i++)
+        ASSERT_EQ(thread_start("filler", nothing, nullptr, nullptr, nullptr), i);
+    SyslogSink sink(root);
+    EXPECT_EQ(thread_start("one-too-many", nothing, nullptr, nullptr, nullptr), -1);
+    EXPECT_EQ(next_thread, 40);
+    EXPECT_EQ(main_log().back(),
+              "thread_start: thread limit exceeded while attempting to start 'one-too-many'");
+    std::string d = sink.next();
+    EXPECT_NE(d.find("thread_start: thread limit exceeded while attempting to start "
+                     "'one-too-many'"),
+              std::string::npos);
+    EXPECT_EQ(d.substr(0, 3), "<11"); // LOG_USER | LOG_ERR
+}
+
+TEST_F(WorkTest, BodyGetsOwnNumberAsThirdArgument)
+{
+    static std::atomic<intptr_t> got{-100};
+    static std::atomic<int> id{-100};
+    static std::atomic<const char *> name{nullptr};
+    thread_start("first", nothing, nullptr, nullptr, nullptr);
+    int n = thread_start(
+        "second",
+        [](void *, void *, void *p3) {
+            id = -5; // set before the key exists: see below
+            got = reinterpret_cast<intptr_t>(p3);
+        },
+        nullptr, nullptr, reinterpret_cast<void *>(777));
+    EXPECT_EQ(n, 1);
+    EXPECT_TRUE(eventually([] { return got.load() != -100; }));
+    EXPECT_EQ(got.load(), 1);
+    // Ends are logged and the slot keeps its place.
+    EXPECT_TRUE(eventually([this] {
+        auto l = main_log();
+        return std::find(l.begin(), l.end(), "thread_run: thread 'second' terminated!") != l.end();
+    }));
+    EXPECT_TRUE(eventually([] { return threads[1].tid == 0; }));
+    EXPECT_EQ(next_thread, 2);
+
+    // After thread_init threads know their number and name.
+    thread_init();
+    thread_start(
+        "named",
+        [](void *, void *, void *) {
+            id = thread_get_id();
+            name = thread_get_name();
+        },
+        nullptr, nullptr, nullptr);
+    EXPECT_TRUE(eventually([] { return name.load() != nullptr; }));
+    EXPECT_EQ(id.load(), 8);
+    EXPECT_STREQ(name.load(), "named");
+    EXPECT_EQ(thread_get_id(), -1);
+    EXPECT_EQ(thread_get_name(), nullptr);
+}
+
+TEST_F(WorkTest, ExhaustedPoolTryAllocNullAndAllocBlocks)
+{
+    thread_init();
+    ASSERT_TRUE(eventually([] { return queue_count(work_free_queue) == 64; }));
+    std::vector<work_t *> taken;
+    for (int i = 0; i < 64; i++) {
+        work_t *w = work_try_alloc();
+        ASSERT_NE(w, nullptr);
+        taken.push_back(w);
+    }
+    EXPECT_EQ(work_try_alloc(), nullptr);
+
+    std::atomic<work_t *> got{nullptr};
+    std::thread waiter([&] { got = work_alloc(); });
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(got.load(), nullptr);
+    taken.back()->fn = nothing; // dirty it: alloc must hand it back zeroed
+    taken.back()->p1 = &got;
+    work_free(taken.back());
+    waiter.join();
+    ASSERT_EQ(got.load(), taken.back());
+    EXPECT_EQ(got.load()->fn, nullptr);
+    EXPECT_EQ(got.load()->p1, nullptr);
+}
+
+TEST_F(WorkTest, UrgentWorkIsTakenFirst)
+{
+    thread_init();
+    // Keep all six workers busy so the pending queue is ours to read.
+    for (int i = 0; i < 6; i++) {
+        work_t *w = work_alloc();
+        w->fn = hold;
+        work_submit(w);
+    }
+    ASSERT_TRUE(eventually([] { return gate.waiting.load() == 6; }));
+    work_t *a = work_alloc(), *b = work_alloc(), *c = work_alloc();
+    work_submit(a);
+    work_submit(b);
+    work_submit_urgent(c);
+    EXPECT_EQ(work_get(), c);
+    EXPECT_EQ(work_get(), a);
+    EXPECT_EQ(work_get(), b);
+    gate.release();
+}
+
+TEST_F(WorkTest, ChainRunsInOrderOnOneWorkerAndFreesEveryRecord)
+{
+    thread_init();
+    ASSERT_TRUE(eventually([] { return queue_count(work_free_queue) == 64; }));
+    work_t *a = work_alloc(), *b = work_alloc(), *c = work_alloc();
+    a->fn = b->fn = c->fn = record;
+    a->p1 = reinterpret_cast<void *>(1);
+    b->p1 = reinterpret_cast<void *>(2);
+    c->p1 = reinterpret_cast<void *>(3);
+    a->next = b;
+    b->next = c;
+    EXPECT_EQ(queue_count(work_free_queue), 61);
+    work_submit(a);
+    ASSERT_TRUE(eventually([] { return ran.load() == 3; }));
+    EXPECT_EQ(order, (std::vector<intptr_t>{1, 2, 3}));
+    EXPECT_TRUE(eventually([] { return queue_count(work_free_queue) == 64; }));
+    int runs = 0;
+    for (int i = 0; i < 6; i++)
+        runs += threads[i].runs;
+    EXPECT_EQ(runs, 3);
+}
+
+TEST_F(WorkTest, FreeOfChainOfThreeReturnsThree)
+{
+    thread_init();
+    ASSERT_TRUE(eventually([] { return queue_count(work_free_queue) == 64; }));
+    work_t *a = work_alloc(), *b = work_alloc(), *c = work_alloc();
+    a->next = b;
+    b->next = c;
+    EXPECT_EQ(queue_count(work_free_queue), 61);
+    work_free(a);
+    EXPECT_EQ(queue_count(work_free_queue), 64);
+    work_free(nullptr);
+    EXPECT_EQ(queue_count(work_free_queue), 64);
+}
+
+TEST_F(WorkTest, WorkerDebugDumpsQueuesThreadsAndMarkers)
+{
+    thread_init();
+    ASSERT_TRUE(eventually([] { return queue_count(work_free_queue) == 64; }));
+    static std::atomic<bool> traced{false};
+    thread_start(
+        "tracer",
+        [](void *, void *, void *) {
+            for (int i = 1; i <= 5; i++)
+                ttrace("tracer_body", i);
+            traced = true;
+        },
+        nullptr, nullptr, nullptr);
+    ASSERT_TRUE(eventually([] { return traced.load(); }));
+    worker_debug(SIGUSR1);
+    auto d = log_messages(root.at("/tmp/debug.log"));
+    auto at = std::find(d.begin(), d.end(), "work_free_queue: count=64, adds=0, full=0");
+    ASSERT_NE(at, d.end());
+    EXPECT_EQ(*(at + 1), "work_pending_queue: count=0, adds=0, full=0");
+    std::regex thread0(R"(^thread 0, tid = 0x[0-9a-f]{8}, name = 'worker0', runs = 0$)");
+    EXPECT_TRUE(std::regex_match(*(at + 2), thread0)) << *(at + 2);
+    EXPECT_EQ((at + 3)->substr(0, 11), "  @(null).0");
+    // The tracer's ring holds the last four markers, oldest first.
+    auto t = std::find_if(d.begin(), d.end(), [](const std::string &s) {
+        return s.find("thread 6, ") == 0 && s.find("name = 'tracer'") != std::string::npos;
+    });
+    ASSERT_NE(t, d.end());
+    for (int k = 0; k < 4; k++)
+        EXPECT_EQ((t + 1 + k)->substr(0, 16), "  @tracer_body." + std::to_string(k + 2)) << k;
+}

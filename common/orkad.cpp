@@ -1,10 +1,13 @@
 #include "orkad.h"
 
+#include "command.h"
 #include "debug.h"
 #include "devroot.h"
+#include "listener.h"
 #include "log.h"
 #include "platform_utils.h"
 #include "signals.h"
+#include "utils.h"
 #include "work.h"
 
 #include <cerrno>
@@ -121,7 +124,11 @@ void signals_monitor(void)
     signals_init();
     signals_register(SIGUSR1, log_debug, "log_debug");
 
+    utils_init();
+    command_init();
     thread_init();
+
+    listener_init();
 
     thread_start("radio_monitor", radio_monitor, nullptr, nullptr, nullptr);
     signals_register(SIGUSR2, live_coredump, "live_coredump");

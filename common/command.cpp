@@ -1,0 +1,153 @@
+#include "command.h"
+
+#include "log.h"
+#include "queue.h"
+#include "table.h"
+#include "utils.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace
+{
+
+table_t *cmd_processor_table;
+queue_t *cmd_work_queue;
+
+const char *json_string_member(json_t *obj, const char *key)
+{
+    json_t *v = json_object_get(obj, key);
+    return json_is_string(v) ? json_string_value(v) : nullptr;
+}
+
+} // namespace
+
+void command_init(void)
+{
+    cmd_processor_table = table_create("cmd_processor_table", 32);
+    if (cmd_processor_table == nullptr)
+        log_fprint(orkad_log, "%s: cannot create command table\n", "command_init");
+    cmd_work_queue = queue_create("cmd_work_queue");
+    if (cmd_work_queue == nullptr)
+        log_fprint(orkad_log, "%s: cannot create command queue\n", "command_init");
+    thread_start("command_runner", command_runner, nullptr, nullptr, nullptr);
+}
+
+int command_register(const char *name, cmd_fn fn)
+{
+    size_t len = strlen(name);
+    if (table_lookup(cmd_processor_table, name, len) != nullptr)
+        return -1;
+    struct cmd_processor *cp = static_cast<struct cmd_processor *>(calloc(1, sizeof(*cp)));
+    if (cp == nullptr) {
+        log_fprint(orkad_log, "%s: out of memory\n", "command_register");
+        return -1;
+    }
+    // Bounded copy: every command name in use is far shorter than 40.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wstringop-truncation"
+    strncpy(cp->name, name, sizeof(cp->name));
+#pragma GCC diagnostic pop
+    cp->fn = fn;
+    cp->hits = 0;
+    if (table_insert(cmd_processor_table, cp, name, len) != 0) {
+        free(cp);
+        return -1;
+    }
+    log_fprint(orkad_log, "registered '%s' command handler\n", name);
+    return 0;
+}
+
+void process_bundle(json_t *list, int count, const char *response_link)
+{
+    for (int i = 0; i < count; i++) {
+        json_t *command = json_array_get(list, i);
+        if (command == nullptr || !json_is_object(command)) {
+            log_fprint(orkad_log, "Missing or invalid 'command' in bundle\n");
+            continue;
+        }
+        int flags;
+        work_t *w = process_command(command, &flags, response_link);
+        if (w != nullptr)
+            queue_add_tail(cmd_work_queue, &w->link);
+    }
+}
+
+work_t *process_command(json_t *command, int *flags, const char *response_link)
+{
+    const char *action = json_string_member(command, "action");
+    if (action == nullptr) {
+        log_fprint(orkad_log, "Missing or invalid 'action' element.\n");
+        return nullptr;
+    }
+    const char *context = json_string_member(command, "context");
+    if (context == nullptr) {
+        log_fprint(orkad_log, "Missing or invalid 'context' element.\n");
+        return nullptr;
+    }
+    const char *flag_text = json_string_member(command, "flags");
+    if (flag_text == nullptr) {
+        log_fprint(orkad_log, "Missing or invalid 'flags' element.\n");
+        return nullptr;
+    }
+    // Parsed for the record only: every command is queued and run on its
+    // own, in list order, whatever its flags say.
+    *flags = 0;
+    if (strstr(flag_text, "chain") != nullptr)
+        *flags |= CMD_FLAG_CHAIN;
+    if (strstr(flag_text, "last") != nullptr)
+        *flags |= CMD_FLAG_LAST;
+
+    size_t size = strlen(action) + strlen(context) + 2;
+    char *name = static_cast<char *>(malloc(size));
+    if (name == nullptr) {
+        log_fprint(orkad_log, "could not allocate 'command' buffer\n");
+        return nullptr;
+    }
+    snprintf(name, size, "%s.%s", action, context);
+
+    struct cmd_processor *cp =
+        static_cast<struct cmd_processor *>(table_lookup(cmd_processor_table, name, size - 1));
+    if (cp == nullptr) {
+        // The controller gets no answer for a command we do not know.
+        log_fprint(orkad_log, "Unknown command '%s'\n", name);
+        free(name);
+        return nullptr;
+    }
+
+    json_t *copy = json_deep_copy(command);
+    if (copy == nullptr) {
+        log_fprint(orkad_log, "out of memory on 'command_copy'\n");
+        free(name);
+        return nullptr;
+    }
+
+    // The heartbeat thread must never wait here: with the pool empty the
+    // command is dropped.
+    work_t *w = work_try_alloc();
+    if (w == nullptr) {
+        log_fprint(orkad_log, "Cannot process command; out of free work items\n");
+        json_decref(copy);
+        free(name);
+        return nullptr;
+    }
+    w->fn = reinterpret_cast<work_fn>(cp->fn);
+    w->p1 = name;
+    w->p2 = copy;
+    w->p3 = strdup_with_error(response_link, "process_command: %s\n", nullptr);
+    return w;
+}
+
+void command_runner(void *, void *, void *)
+{
+    for (;;) {
+        link_t *l = queue_get(cmd_work_queue);
+        if (l == nullptr)
+            continue;
+        work_t *w = reinterpret_cast<work_t *>(l);
+        for (work_t *p = w; p != nullptr; p = p->next)
+            p->fn(p->p1, p->p2, p->p3);
+        work_free(w);
+    }
+}

@@ -1,0 +1,286 @@
+#include "listener.h"
+
+#include "devroot.h"
+#include "log.h"
+#include "work.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <mutex>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace
+{
+
+// Entries are only ever pushed at the head and never removed, so readers walk
+// the list without the lock.
+std::atomic<listener_socket_t *> listener_sockets{nullptr};
+std::mutex listener_sockets_lock;
+const char default_socket_name[] = LISTENER_DEFAULT_SOCKET;
+
+class fd_guard
+{
+  public:
+    explicit fd_guard(int fd) : fd_(fd) {}
+    ~fd_guard()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    fd_guard(const fd_guard &) = delete;
+    fd_guard &operator=(const fd_guard &) = delete;
+    int get() const { return fd_; }
+    bool ok() const { return fd_ >= 0; }
+
+  private:
+    int fd_;
+};
+
+struct json_deleter {
+    void operator()(json_t *j) const { json_decref(j); }
+};
+
+const char *choose_name(const char *socket_name)
+{
+    return socket_name == nullptr || socket_name[0] == '\0' ? default_socket_name : socket_name;
+}
+
+listener_socket_t *find_socket(const char *name)
+{
+    for (listener_socket_t *s = listener_sockets.load(std::memory_order_acquire); s != nullptr;
+         s = s->next)
+        if (strcmp(s->name, name) == 0)
+            return s;
+    return nullptr;
+}
+
+void process_message(listener_socket_t *sock, const char *buf, int len)
+{
+    json_error_t error;
+    std::unique_ptr<json_t, json_deleter> msg(json_loadb(buf, len, 0, &error));
+    if (msg == nullptr) {
+        log_fprint(orkad_log, "listener: error decoding message: %s\n", error.text);
+        log_fprint(orkad_log, "len = %d, message = '%.*s'\n", len, len, buf);
+        return;
+    }
+    json_t *event = json_object_get(msg.get(), "event");
+    if (!json_is_string(event)) {
+        // The key has been "event" for long; the wording stays.
+        log_fprint(orkad_log, "listener: missing or non-string 'type' element\n");
+        return;
+    }
+    const char *name = json_string_value(event);
+    json_t *params = json_object_get(msg.get(), "params");
+    struct listener *l =
+        static_cast<struct listener *>(table_lookup(sock->table, name, strlen(name)));
+    if (l == nullptr) {
+        log_fprint(orkad_log, "listener: no listener registered for event '%s'\n", name);
+        return;
+    }
+    for (; l != nullptr; l = l->next) {
+        l->fn(name, params);
+        l->hits++;
+    }
+}
+
+void unix_receiver(void *p1, void *, void *)
+{
+    listener_socket_t *sock = static_cast<listener_socket_t *>(p1);
+    if (strstr(sock->name, "unix:") == nullptr) {
+        log_fprint(orkad_log, "Unix listener bad parameter %s", sock->name);
+        return;
+    }
+    const char *path = sock->name + 5;
+    log_fprint(orkad_log, "'%s' Unix listener started for %s \n", sock->name, path);
+
+    char mapped[1024];
+    if (devroot_path(path, mapped, sizeof(mapped)) == nullptr)
+        mapped[0] = '\0';
+    unlink(mapped);
+    fd_guard s(socket(AF_UNIX, SOCK_DGRAM, 0));
+    if (!s.ok()) {
+        log_fprint(orkad_log, "cannot open socket for '%s'\n", sock->name);
+        return;
+    }
+    struct sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wstringop-truncation"
+    strncpy(addr.sun_path, mapped, sizeof(addr.sun_path));
+#pragma GCC diagnostic pop
+    if (bind(s.get(), reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) < 0) {
+        int err = errno;
+        log_fprint(orkad_log, "'%s' failed bind, '%s' (errno = %d)\n", path, strerror(err), err);
+        return;
+    }
+    char buf[LISTENER_UNIX_MESSAGE_SIZE];
+    for (;;) {
+        ssize_t n = recv(s.get(), buf, sizeof(buf), 0);
+        if (n < 0) {
+            log_fprint(orkad_log, "'%s' listener stopped\n", sock->name);
+            return;
+        }
+        process_message(sock, buf, static_cast<int>(n));
+    }
+}
+
+void udp_receiver(void *p1, void *, void *)
+{
+    listener_socket_t *sock = static_cast<listener_socket_t *>(p1);
+    int port = 0;
+    if (sscanf(sock->name, "udp:%d", &port) != 1) {
+        log_fprint(orkad_log, "UDP listener bad parameter %s\n", sock->name);
+        return;
+    }
+    log_fprint(orkad_log, "'%s' UDP listener started on port %d\n", sock->name, port);
+    fd_guard s(socket(AF_INET, SOCK_DGRAM, 0));
+    if (!s.ok()) {
+        log_fprint(orkad_log, "cannot open socket for '%s'\n", sock->name);
+        return;
+    }
+    struct sockaddr_in addr = {};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_ANY);
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    if (bind(s.get(), reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) < 0) {
+        int err = errno;
+        log_fprint(orkad_log, "'%s' failed bind, '%s' (errno = %d)\n", sock->name, strerror(err),
+                   err);
+        return;
+    }
+    char buf[LISTENER_UDP_MESSAGE_SIZE];
+    for (;;) {
+        ssize_t n = recv(s.get(), buf, sizeof(buf), 0);
+        if (n < 0) {
+            log_fprint(orkad_log, "'%s' listener stopped\n", sock->name);
+            return;
+        }
+        process_message(sock, buf, static_cast<int>(n));
+    }
+}
+
+} // namespace
+
+void listener_init(void) {}
+
+int listener_register(const char *event, listener_fn fn, const char *socket_name)
+{
+    if (strlen(event) > LISTENER_EVENT_SIZE - 1) {
+        log_fprint(orkad_log, "%s: 'event' string too long\n", "listener_register");
+        return -1;
+    }
+    const char *name = choose_name(socket_name);
+    if (strlen(name) >= LISTENER_SOCKET_NAME_SIZE) {
+        log_fprint(orkad_log, "%s: 'socket_name' string too long\n", "listener_register");
+        return -1;
+    }
+
+    listener_socket_t *sock = find_socket(name);
+    if (sock == nullptr) {
+        sock = static_cast<listener_socket_t *>(calloc(1, sizeof(*sock)));
+        if (sock == nullptr) {
+            log_fprint(orkad_log, "%s: out of memory registering '%s' on '%s'\n",
+                       "listener_register", event, name);
+            return -2;
+        }
+        sock->table = table_create("listener_table", 32);
+        if (sock->table == nullptr) {
+            log_fprint(orkad_log, "%s: cannot create listener table for '%s' on '%s'\n",
+                       "listener_register", event, name);
+            free(sock);
+            return -3;
+        }
+        strcpy(sock->name, name);
+        {
+            std::lock_guard<std::mutex> guard(listener_sockets_lock);
+            sock->next = listener_sockets.load(std::memory_order_relaxed);
+            listener_sockets.store(sock, std::memory_order_release);
+        }
+        if (strstr(name, "udp:") != nullptr)
+            thread_start("UDP listener", udp_receiver, sock, nullptr, nullptr);
+        else
+            thread_start("Unix listener", unix_receiver, sock, nullptr, nullptr);
+    }
+
+    struct listener *l = static_cast<struct listener *>(calloc(1, sizeof(*l)));
+    if (l == nullptr) {
+        log_fprint(orkad_log, "%s: out of memory registering '%s' on '%s'\n", "listener_register",
+                   event, name);
+        return -2;
+    }
+    strncpy(l->event, event, sizeof(l->event) - 1);
+    l->fn = fn;
+
+    size_t keylen = strlen(event);
+    struct listener *first =
+        static_cast<struct listener *>(table_lookup(sock->table, event, keylen));
+    if (first != nullptr) {
+        while (first->next != nullptr)
+            first = first->next;
+        first->next = l;
+    } else {
+        table_insert(sock->table, l, event, keylen);
+    }
+    log_fprint(orkad_log, "registered '%s' listener on '%s'\n", event, name);
+    return 0;
+}
+
+int listener_internal_send(const char *socket_name, const char *buf, int len)
+{
+    listener_socket_t *sock = find_socket(choose_name(socket_name));
+    if (sock == nullptr)
+        return -1;
+    process_message(sock, buf, len);
+    return 0;
+}
+
+void listener_response(const char *path, const char *buf, int len)
+{
+    fd_guard s(socket(AF_UNIX, SOCK_DGRAM, 0));
+    if (!s.ok()) {
+        log_fprint(orkad_log, "listener_response: Can't create socket\n");
+        return;
+    }
+    int fl = fcntl(s.get(), F_GETFL, 0);
+    if (fl < 0 || fcntl(s.get(), F_SETFL, fl | O_NONBLOCK) < 0) {
+        log_fprint(orkad_log, "Unable to set non-blocking on socket %d", s.get());
+        return;
+    }
+    struct sockaddr_un to = {};
+    to.sun_family = AF_UNIX;
+    char mapped[1024];
+    if (devroot_path(path, mapped, sizeof(mapped)) == nullptr)
+        mapped[0] = '\0';
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wstringop-truncation"
+    strncpy(to.sun_path, mapped, sizeof(to.sun_path));
+#pragma GCC diagnostic pop
+    // Best effort: a busy receiver gets four immediate tries, then the reply
+    // is dropped.
+    for (int tries = 1;; tries++) {
+        if (sendto(s.get(), buf, len, 0, reinterpret_cast<struct sockaddr *>(&to), sizeof(to)) >= 0)
+            return;
+        int err = errno;
+        if (err != EAGAIN || tries == 4) {
+            log_fprint(orkad_log, "listener_response: sendto fail errno %d: %s\n", err,
+                       strerror(err));
+            return;
+        }
+    }
+}
+
+struct listener *listener_lookup(const char *socket_name, const char *event)
+{
+    listener_socket_t *sock = find_socket(choose_name(socket_name));
+    if (sock == nullptr)
+        return nullptr;
+    return static_cast<struct listener *>(table_lookup(sock->table, event, strlen(event)));
+}

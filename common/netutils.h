@@ -1,0 +1,26 @@
+// Network interface helpers: addresses, gateways, neighbours, access-VLAN
+// interfaces, tun/tap devices. Each call opens what it needs and closes it
+// again, so all of them are reentrant.
+#pragma once
+
+// The management interface, owned by the platform layer ("eth0" by default).
+extern char *mgmt_ifname;
+
+// ifname: 16 bytes.
+void get_mgmt_ifname(char *ifname);
+int get_ipv4_address(const char *iface, char *addr);
+int get_ipv4_subnetmask(const char *iface, char *mask);
+int get_mac_address(const char *iface, char *addr);
+int get_mac_address_raw(const char *iface, unsigned char *addr);
+char *ether_etoa(const unsigned char *e, char *a);
+bool is_valid_ip_addr(const char *ip);
+int hostname_to_ip(const char *hostname, char *ip);
+
+// gw and mask are arrays of array_len strings, element_size bytes apart.
+int get_ipv4_gateways(const char *iface, char *gw, char *mask, int array_len, int element_size);
+int get_client_mac_address(const char *iface, const char *clientIp, char *addr, int invoke_arp);
+
+int create_vlan_if(const char *ifname, int vlan);
+void delete_vlan_if(const char *ifname);
+int wait_for_device(const char *devname, int secs, int intvl);
+int tuntap_alloc(char *ifname, int flags);

@@ -40,6 +40,10 @@ LINKS = {
 # device's fw_printenv / fw_setenv.
 BOOTENV = "etc/bootenv"
 
+# Firmware images of the two boot banks; varnex-get-version reads the
+# "version=" line of an image's header.
+FIRMWARE_IMAGES = ["mnt/fastpath/image1", "mnt/fastpath/image2"]
+
 DEFAULT_ENV = {
     "serial#": "VX0123456789",
     "ethaddr": "02:00:00:00:00:01",
@@ -104,6 +108,11 @@ def make_device_root(root, env=None, version="1.0.0.1"):
     write_bootenv(root, merged)
     with open(os.path.join(root, "etc/version"), "w") as f:
         f.write(version + "\n")
+    for image in FIRMWARE_IMAGES:
+        path = os.path.join(root, image)
+        if not os.path.exists(path):
+            with open(path, "w") as f:
+                f.write(f"version={version}\n")
     return root
 
 

@@ -1,0 +1,56 @@
+// The settings database: one SQLite connection on the settings file, created
+// and migrated at start-up by the device's sqlite3 shell, and a few thin
+// operations over it. Nothing else in the agent touches SQLite.
+#pragma once
+
+#include <sqlite3.h>
+
+#define DB_VERSION 9
+
+// Result record of a multi-value read. The caller provides `values` with
+// `size` slots; each filled slot is a heap copy (or null for an SQL NULL) that
+// the caller frees.
+typedef struct db_values {
+    int size;      // slots in values
+    int count;     // slots filled so far
+    int found;     // columns the engine delivered, including those that did not fit
+    char **values; // caller's slots
+} db_values;
+
+extern sqlite3 *db_main;
+extern const char *db_startup;
+extern int db_version;
+
+// Opens, creates or migrates the settings file; exits with status 1 when it
+// cannot.
+void db_init(void);
+
+// Formats spec with SQLite's own printf (%q, %Q, %w are available) and runs
+// it. 0 on success, -1 when the text could not be formatted, -2 when the
+// engine refused it. Not marked as printf-like: the compiler does not know
+// SQLite's conversions.
+int db_command(const char *spec, ...);
+
+// First column of the first row, as a heap copy the caller frees; null when
+// there is no row, the value is NULL or the read fails.
+char *db_get(const char *cls, const char *properties, const char *qualifiers);
+// 0 on success (also with no rows), 1 on failure.
+int db_get_multiple(const char *cls, const char *properties, const char *qualifiers,
+                    db_values *values);
+void db_reset_values(db_values *values);
+
+int db_create_table(const char *name, const char *fields);
+
+bool db_begin(char **errmsg);
+bool db_commit(char **errmsg);
+bool db_rollback(char **errmsg);
+void db_free(char *errmsg);
+
+// Whole-database copies with the engine's online backup; both return the
+// engine's status code.
+int db_load(sqlite3 *db, const char *filename);
+int db_save(sqlite3 *db, const char *filename);
+
+// Runs a script on the settings file with the sqlite3 shell; returns what
+// system() returns.
+int db_run_sql(const char *sqlfile, const char *logmsg);

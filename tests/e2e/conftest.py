@@ -1,0 +1,201 @@
+"""Fixtures that run the real orkad in a fresh device root and its own
+network namespace, and read what it leaves behind."""
+
+import os
+import resource
+import signal
+import socket
+import subprocess
+import sys
+import threading
+import time
+
+import pytest
+
+SOURCE = os.environ.get("ORKAD_SOURCE") or os.path.abspath(
+    os.path.join(os.path.dirname(__file__), "..", ".."))
+sys.path.insert(0, os.path.join(SOURCE, "lab"))
+
+import devroot  # noqa: E402
+from netns import Netns  # noqa: E402
+
+BIN = os.environ.get("ORKAD_BIN") or os.path.join(SOURCE, "build", "common", "orkad")
+
+
+def wait_until(fn, timeout=10.0, interval=0.02, what="condition"):
+    """Polls fn until it returns something true; fails the test at the deadline."""
+    deadline = time.monotonic() + timeout
+    while True:
+        v = fn()
+        if v:
+            return v
+        if time.monotonic() > deadline:
+            pytest.fail(f"timed out after {timeout}s waiting for {what}")
+        time.sleep(interval)
+
+
+def log_messages(path):
+    """Lines of a log file without their 'index date time ' prefix."""
+    out = []
+    if not os.path.exists(path):
+        return out
+    with open(path, errors="replace") as f:
+        for line in f:
+            parts = line.rstrip("\n").split(" ", 3)
+            out.append(parts[3] if len(parts) == 4 else line.rstrip("\n"))
+    return out
+
+
+class SyslogSink:
+    """Stands in for the system logger on <root>/dev/log."""
+
+    def __init__(self, root):
+        self.path = os.path.join(root, "dev", "log")
+        if os.path.exists(self.path):
+            os.unlink(self.path)
+        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.sock.bind(self.path)
+        self.sock.settimeout(0.2)
+        self.lines = []  # (pid, priority, message)
+        self.lock = threading.Lock()
+        self.running = True
+        self.thread = threading.Thread(target=self._run, daemon=True)
+        self.thread.start()
+
+    def _run(self):
+        while self.running:
+            try:
+                data = self.sock.recv(65536)
+            except socket.timeout:
+                continue
+            except OSError:
+                return
+            text = data.decode(errors="replace")
+            pri = int(text[1:text.index(">")])
+            head, _, msg = text.partition("]: ")
+            pid = int(head[head.rindex("[") + 1:])
+            with self.lock:
+                self.lines.append((pid, pri, msg))
+
+    def messages(self):
+        with self.lock:
+            return [m for _, _, m in self.lines]
+
+    def entries(self):
+        with self.lock:
+            return list(self.lines)
+
+    def wait_for(self, text, timeout=10.0):
+        def find():
+            for e in self.entries():
+                if text in e[2]:
+                    return e
+            return None
+        return wait_until(find, timeout, what=f"syslog line {text!r}")
+
+    def close(self):
+        self.running = False
+        self.sock.close()
+
+
+class Daemon:
+    """One orkad: supervisor process, its working child, its device root."""
+
+    def __init__(self, root, workdir, netns=None):
+        self.root = root
+        self.workdir = workdir
+        self.netns = netns
+        self.proc = None
+        self.syslog = SyslogSink(root)
+
+    def path(self, device_path):
+        return os.path.join(self.root, device_path.lstrip("/"))
+
+    def start(self, *args, cores=False):
+        env = dict(os.environ)
+        env["ORKAD_ROOT"] = self.root
+        argv = [BIN, *args]
+        if self.netns is not None:
+            argv = self.netns.prefix() + argv
+
+        def limits():
+            os.setpgrp()
+            lim = resource.RLIM_INFINITY if cores else 0
+            resource.setrlimit(resource.RLIMIT_CORE, (lim, lim))
+
+        self.stdout = open(os.path.join(self.workdir, "orkad.stdout"), "w")
+        self.proc = subprocess.Popen(argv, cwd=self.workdir, env=env, stdout=self.stdout,
+                                     stderr=subprocess.STDOUT, preexec_fn=limits)
+        return self
+
+    def children(self):
+        try:
+            with open(f"/proc/{self.proc.pid}/task/{self.proc.pid}/children") as f:
+                return [int(p) for p in f.read().split()]
+        except FileNotFoundError:
+            return []
+
+    def thread_names(self, pid):
+        names = []
+        try:
+            for tid in os.listdir(f"/proc/{pid}/task"):
+                with open(f"/proc/{pid}/task/{tid}/comm") as f:
+                    names.append(f.read().strip())
+        except (FileNotFoundError, ProcessLookupError):
+            pass
+        return names
+
+    def wait_child(self, not_pid=None, timeout=10.0):
+        """The working child once its start-up is complete."""
+        def ready():
+            for c in self.children():
+                if c != not_pid and "worker5" in self.thread_names(c) and self._in_loop(c):
+                    return c
+            return None
+        return wait_until(ready, timeout, what="the working child")
+
+    @staticmethod
+    def _in_loop(pid):
+        # The main thread sits in sigwait once start-up is done.
+        try:
+            with open(f"/proc/{pid}/wchan") as f:
+                return "sigtimedwait" in f.read()
+        except (FileNotFoundError, ProcessLookupError):
+            return False
+
+    def log(self, name="/rw/orkad.log"):
+        return log_messages(self.path(name))
+
+    def wait_log(self, text, name="/rw/orkad.log", timeout=10.0):
+        return wait_until(lambda: any(text in m for m in self.log(name)), timeout,
+                          what=f"{text!r} in {name}")
+
+    def stop(self):
+        if self.proc is not None and self.proc.poll() is None:
+            try:
+                os.killpg(self.proc.pid, signal.SIGKILL)
+            except ProcessLookupError:
+                pass
+            self.proc.wait(timeout=10)
+        self.syslog.close()
+
+
+@pytest.fixture
+def device_root(tmp_path):
+    return devroot.make_device_root(str(tmp_path / "root"))
+
+
+@pytest.fixture
+def netns():
+    if not Netns.available():
+        pytest.skip("network namespaces need root")
+    ns = Netns().create()
+    yield ns
+    ns.delete()
+
+
+@pytest.fixture
+def daemon(device_root, tmp_path, netns):
+    d = Daemon(device_root, str(tmp_path), netns)
+    yield d
+    d.stop()

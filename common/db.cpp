@@ -2,6 +2,7 @@
 
 #include "devroot.h"
 #include "log.h"
+#include "utils.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -25,16 +26,6 @@ struct sqlite_free_deleter {
     void operator()(char *p) const { sqlite3_free(p); }
 };
 using sqlite_text = std::unique_ptr<char, sqlite_free_deleter>;
-
-char *copy_column(const char *str)
-{
-    if (str == nullptr)
-        return nullptr;
-    char *copy = strdup(str);
-    if (copy == nullptr)
-        log_fprint(orkad_log, "db_get_callback: %s\n", "Out of memory");
-    return copy;
-}
 
 int open_startup(sqlite3 **db)
 {
@@ -74,7 +65,7 @@ int db_get_callback(void *arg, int argc, char **argv, char **)
     auto *v = static_cast<db_values *>(arg);
     v->found += argc;
     for (int i = 0; i < argc && v->count < v->size; i++)
-        v->values[v->count++] = copy_column(argv[i]);
+        v->values[v->count++] = strdup_with_error(argv[i], "db_get_callback: %s\n", nullptr);
     return 0;
 }
 

@@ -1,0 +1,318 @@
+#include "command.h"
+#include "log.h"
+#include "queue.h"
+#include "testkit.h"
+#include "work.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <future>
+#include <mutex>
+#include <pthread.h>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace testkit;
+
+namespace
+{
+
+struct call {
+    std::string handler;
+    std::string name;
+    std::string id;
+    std::string link;
+    std::string thread;
+    pthread_t tid;
+    json_t *command; // the pointer seen, only compared
+};
+
+std::mutex calls_lock;
+std::condition_variable calls_cv;
+std::vector<call> calls;
+
+void record(const char *handler, char *name, json_t *command, char *link)
+{
+    call c;
+    c.handler = handler;
+    c.name = name;
+    json_t *id = json_object_get(command, "id");
+    c.id = json_is_string(id) ? json_string_value(id) : "";
+    c.link = link == nullptr ? "<null>" : link;
+    char tname[16] = "";
+    pthread_getname_np(pthread_self(), tname, sizeof(tname));
+    c.thread = tname;
+    c.tid = pthread_self();
+    c.command = command;
+    // The handler owns what it was given.
+    free(name);
+    json_decref(command);
+    free(link);
+    std::lock_guard<std::mutex> g(calls_lock);
+    calls.push_back(c);
+    calls_cv.notify_all();
+}
+
+void handler_a(char *name, json_t *command, char *link)
+{
+    record("a", name, command, link);
+}
+
+void handler_b(char *name, json_t *command, char *link)
+{
+    record("b", name, command, link);
+}
+
+// Waits until n calls were recorded (or a deadline passed) and returns them.
+std::vector<call> wait_calls(size_t n, int timeout_ms = 3000)
+{
+    std::unique_lock<std::mutex> l(calls_lock);
+    calls_cv.wait_for(l, std::chrono::milliseconds(timeout_ms), [n] { return calls.size() >= n; });
+    return calls;
+}
+
+json_t *parse(const char *text)
+{
+    json_error_t err;
+    json_t *j = json_loads(text, 0, &err);
+    EXPECT_NE(j, nullptr) << err.text;
+    return j;
+}
+
+json_t *cmd(const char *action, const char *context, const char *flags, const char *id)
+{
+    return json_pack("{s:s, s:s, s:s, s:s, s:{}}", "action", action, "context", context, "flags",
+                     flags, "id", id, "params");
+}
+
+class CommandTest : public ::testing::Test
+{
+  protected:
+    DeviceRoot root;
+    void SetUp() override
+    {
+        log_init();
+        command_init();
+        thread_init();
+    }
+    std::vector<std::string> messages() const { return log_messages(root.at("/rw/orkad.log")); }
+    int count(const std::string &line) const
+    {
+        int n = 0;
+        for (const std::string &m : messages())
+            n += m == line;
+        return n;
+    }
+    bool logged(const std::string &line) const { return count(line) > 0; }
+    // Every record is back in the pool once the runner is done with it.
+    bool pool_full(int timeout_ms = 3000) const
+    {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+        while (queue_count(work_free_queue) != WORK_RECORDS) {
+            if (std::chrono::steady_clock::now() > deadline)
+                return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return true;
+    }
+};
+
+} // namespace
+
+TEST_F(CommandTest, RegisterLogsAndRefusesADuplicate)
+{
+    EXPECT_EQ(command_register("set.config", handler_a), 0);
+    EXPECT_EQ(command_register("set.config", handler_b), -1);
+    EXPECT_EQ(count("registered 'set.config' command handler"), 1);
+
+    json_t *list = json_array();
+    json_array_append_new(list, cmd("set", "config", "", "c-1"));
+    process_bundle(list, 1, "/api/responses/1");
+    json_decref(list);
+
+    auto got = wait_calls(1);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].handler, "a"); // the first registration stays
+}
+
+TEST_F(CommandTest, ThreeCommandsRunInListOrderOnTheRunnerThread)
+{
+    ASSERT_EQ(command_register("set.heartbeat", handler_a), 0);
+    ASSERT_EQ(command_register("set.config", handler_b), 0);
+    ASSERT_EQ(command_register("get.diagnostics", handler_a), 0);
+
+    json_t *list = json_array();
+    json_array_append_new(list, cmd("set", "config", "", "c-1"));
+    json_array_append_new(list, cmd("get", "diagnostics", "", "c-2"));
+    json_array_append_new(list, cmd("set", "heartbeat", "", "c-3"));
+    process_bundle(list, 3, "/api/responses/42");
+
+    auto got = wait_calls(3);
+    ASSERT_EQ(got.size(), 3u);
+    EXPECT_EQ(got[0].name, "set.config");
+    EXPECT_EQ(got[0].handler, "b");
+    EXPECT_EQ(got[0].id, "c-1");
+    EXPECT_EQ(got[1].name, "get.diagnostics");
+    EXPECT_EQ(got[1].id, "c-2");
+    EXPECT_EQ(got[2].name, "set.heartbeat");
+    EXPECT_EQ(got[2].id, "c-3");
+    for (const call &c : got) {
+        EXPECT_EQ(c.thread, "command_runner");
+        EXPECT_TRUE(pthread_equal(c.tid, got[0].tid));
+        EXPECT_FALSE(pthread_equal(c.tid, pthread_self()));
+        EXPECT_EQ(c.link, "/api/responses/42");
+    }
+    // Handlers get copies, never the caller's objects.
+    for (size_t i = 0; i < 3; i++)
+        EXPECT_NE(got[i].command, json_array_get(list, i));
+    json_decref(list);
+    EXPECT_TRUE(pool_full());
+}
+
+TEST_F(CommandTest, UnknownCommandIsLoggedAndDropped)
+{
+    ASSERT_EQ(command_register("set.config", handler_a), 0);
+    json_t *c = cmd("set", "nothing", "", "c-9");
+    int flags = -1;
+    EXPECT_EQ(process_command(c, &flags, "/api/r"), nullptr);
+    json_decref(c);
+    EXPECT_TRUE(logged("Unknown command 'set.nothing'"));
+
+    // Dropped in a bundle as well: only the known command runs, and no
+    // record stays out of the pool.
+    json_t *list = json_array();
+    json_array_append_new(list, cmd("set", "nothing", "", "c-10"));
+    json_array_append_new(list, cmd("set", "config", "", "c-11"));
+    process_bundle(list, 2, "/api/r");
+    json_decref(list);
+    auto got = wait_calls(1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    got = wait_calls(1);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].id, "c-11");
+    EXPECT_EQ(count("Unknown command 'set.nothing'"), 2);
+    EXPECT_TRUE(pool_full());
+}
+
+TEST_F(CommandTest, RequiredMembers)
+{
+    ASSERT_EQ(command_register("set.config", handler_a), 0);
+    int flags;
+    json_t *c = parse(R"({"action":"set","context":"config","id":"x"})");
+    EXPECT_EQ(process_command(c, &flags, "/r"), nullptr); // flags have no effect but must be there
+    json_decref(c);
+    EXPECT_TRUE(logged("Missing or invalid 'flags' element."));
+
+    c = parse(R"({"action":"set","context":"config","flags":3})");
+    EXPECT_EQ(process_command(c, &flags, "/r"), nullptr);
+    json_decref(c);
+    EXPECT_EQ(count("Missing or invalid 'flags' element."), 2);
+
+    c = parse(R"({"context":"config","flags":""})");
+    EXPECT_EQ(process_command(c, &flags, "/r"), nullptr);
+    json_decref(c);
+    EXPECT_TRUE(logged("Missing or invalid 'action' element."));
+
+    c = parse(R"({"action":"set","context":7,"flags":""})");
+    EXPECT_EQ(process_command(c, &flags, "/r"), nullptr);
+    json_decref(c);
+    EXPECT_TRUE(logged("Missing or invalid 'context' element."));
+
+    EXPECT_EQ(queue_count(work_free_queue), WORK_RECORDS);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_TRUE(wait_calls(0, 0).empty());
+}
+
+TEST_F(CommandTest, FlagsAreParsedAndChangeNothing)
+{
+    ASSERT_EQ(command_register("set.config", handler_a), 0);
+    struct {
+        const char *text;
+        int bits;
+    } cases[] = {{"chain,last", 3}, {"", 0}, {"unchained", 1}, {"last", 2}, {"none", 0}};
+    for (auto &k : cases) {
+        json_t *c = cmd("set", "config", k.text, "f");
+        int flags = -1;
+        work_t *w = process_command(c, &flags, "/api/r");
+        json_decref(c);
+        ASSERT_NE(w, nullptr) << k.text;
+        EXPECT_EQ(flags, k.bits) << k.text;
+        // Each command is a record of its own, handler first.
+        EXPECT_EQ(w->next, nullptr);
+        EXPECT_EQ(reinterpret_cast<void *>(w->fn), reinterpret_cast<void *>(handler_a));
+        EXPECT_STREQ(static_cast<char *>(w->p1), "set.config");
+        EXPECT_STREQ(static_cast<char *>(w->p3), "/api/r");
+        free(w->p1);
+        json_decref(static_cast<json_t *>(w->p2));
+        free(w->p3);
+        work_free(w);
+    }
+
+    // A "chain,last" command runs just like one with empty flags.
+    json_t *list = json_array();
+    json_array_append_new(list, cmd("set", "config", "chain,last", "c-1"));
+    json_array_append_new(list, cmd("set", "config", "", "c-2"));
+    json_array_append_new(list, cmd("set", "config", "chain", "c-3"));
+    process_bundle(list, 3, "/api/r");
+    json_decref(list);
+    auto got = wait_calls(3);
+    ASSERT_EQ(got.size(), 3u);
+    EXPECT_EQ(got[0].id, "c-1");
+    EXPECT_EQ(got[1].id, "c-2");
+    EXPECT_EQ(got[2].id, "c-3");
+    EXPECT_TRUE(pool_full());
+}
+
+TEST_F(CommandTest, NonObjectElementsAreSkipped)
+{
+    ASSERT_EQ(command_register("set.config", handler_a), 0);
+    json_t *list = json_array();
+    json_array_append_new(list, cmd("set", "config", "", "c-1"));
+    json_array_append_new(list, json_integer(5));
+    json_array_append_new(list, json_string("set.config"));
+    json_array_append_new(list, cmd("set", "config", "", "c-4"));
+    process_bundle(list, 5, "/api/r"); // the fifth element is missing
+    json_decref(list);
+
+    auto got = wait_calls(2);
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(got[0].id, "c-1");
+    EXPECT_EQ(got[1].id, "c-4");
+    EXPECT_EQ(count("Missing or invalid 'command' in bundle"), 3);
+}
+
+TEST_F(CommandTest, ExhaustedPoolDropsTheCommandWithoutBlocking)
+{
+    ASSERT_EQ(command_register("set.config", handler_a), 0);
+    std::vector<work_t *> taken;
+    while (work_t *w = work_try_alloc())
+        taken.push_back(w);
+    ASSERT_EQ(taken.size(), static_cast<size_t>(WORK_RECORDS));
+
+    json_t *list = json_array();
+    json_array_append_new(list, cmd("set", "config", "", "c-1"));
+    auto done = std::async(std::launch::async, [list] { process_bundle(list, 1, "/api/r"); });
+    bool returned = done.wait_for(std::chrono::seconds(2)) == std::future_status::ready;
+    EXPECT_TRUE(returned) << "process_bundle waited for a work record";
+    if (!returned) {
+        work_free(taken.back());
+        taken.pop_back();
+    }
+    done.wait();
+    EXPECT_TRUE(logged("Cannot process command; out of free work items"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_TRUE(wait_calls(0, 0).empty());
+
+    for (work_t *w : taken)
+        work_free(w);
+    process_bundle(list, 1, "/api/r");
+    json_decref(list);
+    auto got = wait_calls(1);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].id, "c-1");
+}

@@ -109,16 +109,20 @@ def test_sigusr1_dumps_in_handler_order(daemon):
     daemon.start()
     child = daemon.wait_child()
     os.kill(child, signal.SIGUSR1)
-    daemon.wait_log("work_pending_queue: count=", name="/tmp/debug.log")
+    daemon.wait_log("free_replies: count=", name="/tmp/debug.log")
     dump = [m for m in daemon.log("/tmp/debug.log")
-            if m.startswith("log_debug: ") or m.startswith("work_") or m.startswith("thread ")]
+            if m.startswith(("log_debug: ", "work_", "thread ", "free_replies"))]
     assert dump[0].startswith("log_debug: uptime ")
     assert dump[1].startswith("log_debug: /rw/orkad ")
     assert dump[10].startswith("log_debug: /rw/of ")
     assert dump[11] == "work_free_queue: count=64, adds=0, full=0"
     assert dump[12] == "work_pending_queue: count=0, adds=0, full=0"
+    # The command runner is started before the pool, then the six workers.
     assert dump[13].startswith("thread 0, tid = 0x")
-    assert "name = 'worker0'" in dump[13]
+    assert "name = 'command_runner'" in dump[13]
+    assert "name = 'worker0'" in dump[14]
+    threads = [m for m in dump if m.startswith("thread ")]
+    assert dump.index(threads[-1]) < dump.index("free_replies: count=32, adds=0, full=0")
 
 
 def test_sigusr2_leaves_agent_running_and_one_core(daemon):

@@ -1,0 +1,175 @@
+#include "auth.h"
+
+#include "config.h"
+#include "http.h"
+#include "log.h"
+#include "platform_utils.h"
+#include "utils.h"
+
+#include <cstdint>
+#include <cstring>
+#include <ctime>
+#include <jansson.h>
+#include <memory>
+#include <pthread.h>
+
+namespace
+{
+
+constexpr int MAX_EXPIRES_IN = 86400;
+constexpr int FALLBACK_EXPIRES_IN = 60;
+
+pthread_mutex_t token_lock = PTHREAD_MUTEX_INITIALIZER;
+char access_token[ACCESS_TOKEN_SIZE];
+bool token_valid;
+time_t expires_at;
+char *secret64; // made once, kept for the life of the process
+
+struct json_releaser {
+    void operator()(json_t *j) const { json_decref(j); }
+};
+
+void clear_token(void)
+{
+    access_token[0] = '\0';
+    token_valid = false;
+    expires_at = 0;
+}
+
+void take_token(const reply *r)
+{
+    json_error_t err;
+    std::unique_ptr<json_t, json_releaser> root(json_loadb(r->data, r->length, 0, &err));
+    if (!root) {
+        log_fprint(orkad_log, "reply = '%.*s'\nerror decoding oauth/token data: %s\n", r->length,
+                   r->data, err.text);
+        return;
+    }
+    const char *token = nullptr;
+    long long expires_in = -1;
+    const char *key;
+    json_t *value;
+    json_object_foreach(root.get(), key, value)
+    {
+        if (strcmp(key, "access_token") == 0) {
+            if (json_is_string(value))
+                token = json_string_value(value);
+            else
+                log_fprint(orkad_log, "expected string type for 'access_token' element\n");
+        } else if (strcmp(key, "expires_in") == 0) {
+            if (json_is_integer(value)) {
+                expires_in = json_integer_value(value);
+                // Compared unsigned, so negative lifetimes are out of range too.
+                if ((uint32_t)expires_in > (uint32_t)MAX_EXPIRES_IN) {
+                    log_fprint(orkad_log, "%s: expires_in (%d) is out of range, using %d\n",
+                               "get_access_token", (int)expires_in, FALLBACK_EXPIRES_IN);
+                    expires_in = FALLBACK_EXPIRES_IN;
+                }
+            } else {
+                log_fprint(orkad_log, "expected integer type for 'expires_in' element\n");
+            }
+        } else if (strcmp(key, "message") == 0) {
+            if (json_is_string(value))
+                log_fprint(orkad_log, "message: %s\n", json_string_value(value));
+            else
+                log_fprint(orkad_log, "expected string type for 'message' element\n");
+        }
+    }
+    if (token == nullptr) {
+        log_fprint(orkad_log, "missing or invalid 'access_token' element\n");
+    } else if (strlen(token) > ACCESS_TOKEN_SIZE - 1) {
+        log_fprint(orkad_log, "access token too large, should be less than %d bytes\n",
+                   ACCESS_TOKEN_SIZE);
+    } else if (expires_in < 0) {
+        log_fprint(orkad_log, "missing or invalid 'expires_in' element\n");
+    } else {
+        strcpy(access_token, token);
+        token_valid = true;
+        expires_at = time(nullptr) + expires_in;
+    }
+}
+
+void check_refusal(const reply *r)
+{
+    json_error_t err;
+    std::unique_ptr<json_t, json_releaser> root(json_loadb(r->data, r->length, 0, &err));
+    if (!root) {
+        log_fprint(orkad_log, "reply = '%.*s'\nerror decoding oauth/token response data: %s\n",
+                   r->length, r->data, err.text);
+        return;
+    }
+    json_t *error = json_object_get(root.get(), "error");
+    if (!json_is_string(error)) {
+        log_fprint(orkad_log,
+                   "%s: Missing or invalid 'error' element in oauth/token response (response "
+                   "code == 400)\n",
+                   "get_access_token");
+        return;
+    }
+    if (strcmp(json_string_value(error), "account_deactivated") == 0) {
+        // The message has always said 401; operators grep for it as it is.
+        log_fprint(orkad_log, "%s: received response code 401 with error = 'account_deactivated'\n",
+                   "get_access_token");
+        log_fprint(orkad_log, "%s: performing 'factory-reset'...\n", "get_access_token");
+        platform_factory_reset();
+    }
+}
+
+} // namespace
+
+int get_access_token(char *token)
+{
+    pthread_mutex_lock(&token_lock);
+    if (token_valid && time(nullptr) < expires_at) {
+        strcpy(token, access_token);
+        pthread_mutex_unlock(&token_lock);
+        return 1;
+    }
+    clear_token();
+
+    if (secret64 == nullptr) {
+        char credentials[128];
+        snprintf(credentials, sizeof(credentials), "%s:%s", env_serial, env_serial);
+        secret64 = base64_encode(credentials, nullptr);
+        if (secret64 == nullptr) {
+            log_fprint(orkad_log, "%s: base64_encode returned NULL\n", "get_access_token");
+            pthread_mutex_unlock(&token_lock);
+            token[0] = '\0';
+            return 0;
+        }
+    }
+
+    char *base = get_cloud_controller();
+    if (base == nullptr) {
+        log_fprint(orkad_log, "%s: controller not set yet!\n", "get_access_token");
+        pthread_mutex_unlock(&token_lock);
+        token[0] = '\0';
+        return 0;
+    }
+
+    // The lock stays held across the request: one fetch, everyone else waits.
+    reply *r = alloc_reply();
+    char basic[128];
+    snprintf(basic, sizeof(basic), "Authorization: Basic %s", secret64);
+    char url[512];
+    snprintf(url, sizeof(url), "%s/api/oauth/token?grant_type=client_credentials", base);
+    const char *headers[] = {basic, nullptr};
+    int result = http_post(url, "", 0, headers, r);
+    if (result == 0)
+        take_token(r);
+    else if (result == 400)
+        check_refusal(r);
+
+    strcpy(token, access_token);
+    int valid = token_valid ? 1 : 0;
+    pthread_mutex_unlock(&token_lock);
+    free_reply(r);
+    return valid;
+}
+
+void invalidate_access_token(void)
+{
+    pthread_mutex_lock(&token_lock);
+    clear_token();
+    pthread_mutex_unlock(&token_lock);
+}

@@ -1,0 +1,329 @@
+#include "config.h"
+
+#include "auth.h"
+#include "command.h"
+#include "http.h"
+#include "icos-openapi.h"
+#include "log.h"
+#include "orkad.h"
+#include "platform_utils.h"
+
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+char env_serial[32];
+char env_ethaddr[18];
+char env_hardware[32];
+char env_primary[64];
+char env_secondary[64];
+char env_country[32];
+char env_homesite[256];
+char env_controller[128];
+char env_heartbeat[8];
+char env_boot[8];
+char env_uuid[64];
+bool developer_build;
+
+namespace
+{
+
+typedef int (*section_fn)(json_t *, char *);
+
+const struct {
+    const char *name;
+    section_fn fn;
+} config_sections[] = {
+    {"portConfiguration", set_port_config},
+    {"lanConfiguration", set_lan_config},
+};
+
+// Identity texts are cut to their buffer by a bounded copy, as they have
+// always been.
+template <size_t N> void copy_text(char (&dst)[N], const char *src)
+{
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wstringop-truncation"
+    strncpy(dst, src != nullptr ? src : "", N);
+#pragma GCC diagnostic pop
+}
+
+void upper(char *s)
+{
+    for (; *s; s++)
+        *s = (char)toupper((unsigned char)*s);
+}
+
+// The command id and params every command carries; on failure the message
+// says what was wrong.
+bool command_envelope(json_t *command, char *id, json_t **params, char *message)
+{
+    json_t *jid = json_object_get(command, "id");
+    if (!json_is_string(jid)) {
+        snprintf(message, CMD_MESSAGE_SIZE, "missing or invalid 'id' element in command");
+        return false;
+    }
+    snprintf(id, CMD_ID_SIZE, "%s", json_string_value(jid));
+    *params = json_object_get(command, "params");
+    if (!json_is_object(*params)) {
+        snprintf(message, CMD_MESSAGE_SIZE, "missing or invalid 'params' element");
+        return false;
+    }
+    return true;
+}
+
+void release(char *name, json_t *command, char *resp_href)
+{
+    free(name);
+    json_decref(command);
+    free(resp_href);
+}
+
+int port_error(char *message, const char *text)
+{
+    snprintf(message, CMD_MESSAGE_SIZE, "%s", text);
+    log_fprint(orkad_log, "%s: %s\n", "set_port_config", message);
+    return -1;
+}
+
+int lan_error(char *message)
+{
+    log_fprint(orkad_log, "%s: %s\n", "set_lan_config", message);
+    return -1;
+}
+
+// Copies a text member into a field of the given size; false when the member
+// is missing or not a text.
+template <size_t N> bool lan_field(json_t *lan, const char *key, char (&field)[N])
+{
+    json_t *v = json_object_get(lan, key);
+    if (!json_is_string(v))
+        return false;
+    snprintf(field, N, "%s", json_string_value(v));
+    return true;
+}
+
+} // namespace
+
+void config_init(void)
+{
+    developer_build = strstr(get_firmware_version(), "developer") != nullptr;
+
+    copy_text(env_serial, platform_get_serial_number());
+    copy_text(env_ethaddr, platform_get_ethaddr());
+    copy_text(env_hardware, platform_get_hw_version());
+    copy_text(env_primary, platform_get_primary_firmware_version());
+    copy_text(env_secondary, platform_get_secondary_firmware_version());
+
+    get_env_variable("country_code", env_country, sizeof(env_country));
+    get_env_variable("homesite", env_homesite, sizeof(env_homesite));
+    get_env_variable("controller", env_controller, sizeof(env_controller));
+    get_env_variable("heartbeat", env_heartbeat, sizeof(env_heartbeat));
+    char active[32] = "";
+    get_env_variable("active", active, sizeof(active));
+    copy_text(env_boot, strcmp(active, "image2") == 0 ? "1" : "0");
+
+    char url[256] = "";
+    if (platform_cloud_management_get_url(url, sizeof(url)) == 0 && url[0] != '\0') {
+        copy_text(env_homesite, url);
+        log_fprint(orkad_log, "%s: homesite = url:'%s'\n", "config_init", url);
+    }
+
+    get_env_variable("uuid", env_uuid, sizeof(env_uuid));
+    if (env_uuid[0] == '\0') {
+        // Same first groups everywhere, the device's own MAC as the last:
+        // stable across reboots once written back.
+        char mac[18];
+        int n = 0;
+        for (const char *p = env_ethaddr; *p && n < 12; p++)
+            if (*p != ':')
+                mac[n++] = (char)tolower((unsigned char)*p);
+        mac[n] = '\0';
+        snprintf(env_uuid, sizeof(env_uuid), "e9d6ecc0-23bb-11e3-932d-%s", mac);
+        set_env_variable("uuid", env_uuid);
+        log_fprint(orkad_log, "added default uuid = %s\n", env_uuid);
+    }
+    upper(env_country);
+
+    log_fprint(orkad_log, "hw='%s'\n", env_hardware);
+    log_fprint(orkad_log, "serial='%s'\n", env_serial);
+    log_fprint(orkad_log, "country='%s'\n", env_country);
+    log_fprint(orkad_log, "boot='%s'\n", env_boot);
+    log_fprint(orkad_log, "primary='%s'\n", env_primary);
+    log_fprint(orkad_log, "secondary='%s'\n", env_secondary);
+    log_fprint(orkad_log, "uuid='%s'\n", env_uuid);
+    log_fprint(orkad_log, "homesite='%s'\n", env_homesite);
+    log_fprint(orkad_log, "heartbeat='%s'\n", env_heartbeat);
+    log_fprint(orkad_log, "ethaddr='%s'\n", env_ethaddr);
+    log_fprint(orkad_log, "model='%s'\n", platform_get_model_number());
+
+    command_register("del.config", cmd_del_config);
+    command_register("set.config", cmd_set_config);
+}
+
+void cmd_set_config(char *name, json_t *command, char *resp_href)
+{
+    char message[CMD_MESSAGE_SIZE] = "";
+    char id[CMD_ID_SIZE] = "";
+    int result = -1;
+    json_t *params = nullptr;
+    if (!command_envelope(command, id, &params, message)) {
+        log_fprint(orkad_log, "%s: %s\n", "cmd_set_config", message);
+    } else {
+        // A command that configures nothing answers -1 with an empty message.
+        for (const auto &section : config_sections) {
+            json_t *value = json_object_get(params, section.name);
+            if (value == nullptr)
+                continue;
+            result = section.fn(value, message);
+            if (result != 0)
+                break;
+        }
+    }
+    send_command_status(resp_href, id, result, message, nullptr);
+    release(name, command, resp_href);
+}
+
+int set_port_config(json_t *ports, char *message)
+{
+    if (!json_is_array(ports))
+        return 0;
+    size_t i;
+    json_t *port;
+    json_array_foreach(ports, i, port)
+    {
+        if (!json_is_object(port))
+            return port_error(message, "missing configuration object");
+        json_t *id = json_object_get(port, "id");
+        if (!json_is_string(id))
+            return port_error(message, "missing or invalid 'id' element in port configuration");
+        json_t *name = json_object_get(port, "name");
+        if (name != nullptr && !json_is_string(name))
+            return port_error(message, "invalid 'name' element in port configuration");
+        json_t *admin = json_object_get(port, "admin_status");
+        if (admin != nullptr && !json_is_string(admin))
+            return port_error(message, "invalid 'admin_status' element in port configuration");
+        if (name == nullptr && admin == nullptr)
+            return port_error(message, "missing properties to configure");
+        int rc = platform_set_port_config(json_string_value(id),
+                                          admin ? json_string_value(admin) : nullptr,
+                                          name ? json_string_value(name) : nullptr, message);
+        if (rc != 0)
+            return rc;
+    }
+    return 0;
+}
+
+int set_lan_config(json_t *lan, char *message)
+{
+    lan_status status = {};
+    if (!lan_field(lan, "ip_proto", status.ip_proto)) {
+        snprintf(message, CMD_MESSAGE_SIZE,
+                 "missing or invalid 'ip_proto' element in LAN configuration");
+        return lan_error(message);
+    }
+    if (strcmp(status.ip_proto, "DHCP") != 0 && strcmp(status.ip_proto, "static") != 0) {
+        snprintf(message, CMD_MESSAGE_SIZE, "invalid 'ip_proto' element value '%s'",
+                 status.ip_proto);
+        return lan_error(message);
+    }
+    if (!lan_field(lan, "ip_address", status.ip_address)) {
+        snprintf(message, CMD_MESSAGE_SIZE,
+                 "missing or invalid 'ip_address' element in LAN configuration");
+        return lan_error(message);
+    }
+    const struct {
+        const char *key;
+        char *field;
+    } rest[] = {{"subnet_mask", status.subnet_mask},
+                {"default_gateway", status.default_gateway},
+                {"dns_server1", status.dns_server1},
+                {"dns_server2", status.dns_server2}};
+    for (const auto &f : rest) {
+        json_t *v = json_object_get(lan, f.key);
+        if (!json_is_string(v)) {
+            snprintf(message, CMD_MESSAGE_SIZE, "invalid '%s' element in LAN configuration", f.key);
+            return lan_error(message);
+        }
+        snprintf(f.field, 16, "%s", json_string_value(v));
+    }
+    // Validated and acknowledged; this switch keeps its management LAN as it is.
+    return 0;
+}
+
+void cmd_del_config(char *name, json_t *command, char *resp_href)
+{
+    char message[CMD_MESSAGE_SIZE] = "";
+    char id[CMD_ID_SIZE] = "";
+    json_t *params = nullptr;
+    if (!command_envelope(command, id, &params, message)) {
+        log_fprint(orkad_log, "%s: %s\n", "cmd_del_config", message);
+        send_command_status(resp_href, id, -1, message, nullptr);
+        release(name, command, resp_href);
+        return;
+    }
+    json_t *mode = json_object_get(params, "reset-mode");
+    if (mode != nullptr && !json_is_string(mode)) {
+        snprintf(message, sizeof(message), "invalid 'reset-mode' element in params");
+        log_fprint(orkad_log, "%s: %s\n", "cmd_del_config", message);
+        send_command_status(resp_href, id, -1, message, nullptr);
+        release(name, command, resp_href);
+        return;
+    }
+
+    // Answer first: once reset, the device cannot tell the controller.
+    if (send_command_status(resp_href, id, 0, "", nullptr) == 0) {
+        if (mode != nullptr && strcmp(json_string_value(mode), "soft") == 0) {
+            log_fprint(orkad_log, "%s: performing soft reset\n", "cmd_del_config");
+            platform_factory_reset_soft();
+        } else {
+            log_fprint(orkad_log, "%s: performing default/normal reset\n", "cmd_del_config");
+            platform_factory_reset();
+        }
+    }
+    snprintf(message, sizeof(message), "failed 'del.config' handshake (response/reply phase)");
+    log_fprint(orkad_log, "%s: %s\n", "cmd_del_config", message);
+    send_command_status(resp_href, id, -1, message, nullptr);
+    release(name, command, resp_href);
+}
+
+int send_refresh_config(void)
+{
+    char *base = get_cloud_controller();
+    if (base == nullptr)
+        return 1;
+    char url[512];
+    snprintf(url, sizeof(url), "%s/api/refresh-config", base);
+
+    char body[2048];
+    int n = snprintf(body, sizeof(body), "{\"reason\":\"%s\"%s}",
+                     restarts > 0 ? "restart" : "reboot", platform_get_capabilities());
+    if (n >= (int)sizeof(body)) {
+        log_fprint(orkad_log,
+                   "%s: ERROR: platform_get_capabilities returned too long a string, url "
+                   "truncated!!\n",
+                   "send_refresh_config");
+        n = sizeof(body) - 1;
+    }
+
+    char bearer[512];
+    const char *headers[] = {"Content-Type: application/json", bearer, nullptr};
+    reply *r = alloc_reply();
+    int result = 1;
+    for (int attempt = 0; attempt < 2; attempt++) {
+        char token[ACCESS_TOKEN_SIZE];
+        if (!get_access_token(token)) {
+            result = 1;
+            break;
+        }
+        snprintf(bearer, sizeof(bearer), "Authorization: Bearer %s", token);
+        result = http_post(url, body, n, headers, r);
+        if (result < 400 || result > 499)
+            break;
+        invalidate_access_token();
+        r->length = 0;
+    }
+    free_reply(r);
+    return result;
+}

@@ -1,0 +1,39 @@
+// Device identity gathered at start-up, the "set.config" / "del.config"
+// commands and the refresh notice sent to the controller.
+#pragma once
+
+#include <jansson.h>
+
+#define CMD_ID_SIZE 42
+#define CMD_MESSAGE_SIZE 512
+
+extern char env_serial[32];
+extern char env_ethaddr[18];
+extern char env_hardware[32];
+extern char env_primary[64];
+extern char env_secondary[64];
+extern char env_country[32];
+extern char env_homesite[256];
+extern char env_controller[128];
+extern char env_heartbeat[8];
+extern char env_boot[8];
+extern char env_uuid[64];
+extern bool developer_build;
+
+typedef struct lan_status {
+    char reason[64];
+    bool changed;
+    char ip_proto[8];
+    char ip_address[16];
+    char subnet_mask[16];
+    char default_gateway[16];
+    char dns_server1[16];
+    char dns_server2[16];
+} lan_status;
+
+void config_init(void);
+void cmd_set_config(char *name, json_t *command, char *resp_href);
+void cmd_del_config(char *name, json_t *command, char *resp_href);
+int set_port_config(json_t *ports, char *message);
+int set_lan_config(json_t *lan, char *message);
+int send_refresh_config(void);

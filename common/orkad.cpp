@@ -1,6 +1,8 @@
 #include "orkad.h"
 
+#include "cap_utils.h"
 #include "command.h"
+#include "db.h"
 #include "debug.h"
 #include "devroot.h"
 #include "listener.h"
@@ -127,8 +129,10 @@ void signals_monitor(void)
     utils_init();
     command_init();
     thread_init();
+    db_init();
 
     listener_init();
+    cap_init();
 
     thread_start("radio_monitor", radio_monitor, nullptr, nullptr, nullptr);
     signals_register(SIGUSR2, live_coredump, "live_coredump");
@@ -203,6 +207,7 @@ int orkad_main(int argc, char **argv)
     dev_openlog("tq_agent", LOG_PID, LOG_USER);
     parse_options(argc, argv);
     factory_restore();
+    platform_pre_init();
     supervise();
     child_main();
 }

@@ -1,32 +1,116 @@
 #include "platform_utils.h"
 
 #include "devroot.h"
+#include "icos-openapi.h"
+#include "log.h"
+#include "lsql.h"
+#include "work.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <unistd.h>
 
-namespace {
+// The syslog receiver comes with syslog forwarding. Until it is linked in,
+// the hand-over still points the switch's syslog at us but has no thread to
+// start.
+void platform_syslog_reader(void *p1, void *p2, void *p3) __attribute__((weak));
 
+const char *const firmware_image[2] = {"/mnt/fastpath/image1", "/mnt/fastpath/image2"};
+namespace
+{
+char default_mgmt_ifname[] = "eth0";
+}
+char *mgmt_ifname = default_mgmt_ifname;
+const char localhost[10] = "127.0.0.1";
+
+unsigned int (*platform_sleep)(unsigned int seconds) = sleep;
+
+namespace
+{
+
+const char agent_name[] = "tq_agent";
+
+// Only the firmware versions are cached; the identity buffers are refilled on
+// every call.
 char firmware_version[128];
+char primary_version[64];
+char secondary_version[64];
 char serial_number[32];
+char ethaddr[18];
+char hw_version[32];
+
+bool logging_started;
+int syslog_reader_id = -1;
+
+const char capabilities[] = ",\"capabilities\":{"
+                            "\"set-reboot\":{\"allowed\":true},"
+                            "\"set-broker\":{\"allowed\":false},"
+                            "\"set-probe\":{\"allowed\":false},"
+                            "\"set-vnet\":{\"allowed\":false},"
+                            "\"del-vnet\":{\"allowed\":false},"
+                            "\"get-status\":{\"allowed\":true},"
+                            "\"set-ssl-vpn\":{\"allowed\":true},"
+                            "\"del-ssl-vpn\":{\"allowed\":true},"
+                            "\"set-logging\":{\"allowed\":true},"
+                            "\"set-statistics\":{\"allowed\":true},"
+                            "\"set-openflow\":{\"allowed\":false},"
+                            "\"del-openflow\":{\"allowed\":false},"
+                            "\"set-credentials\":{\"allowed\":true},"
+                            "\"set-config\":{\"allowed\":true},"
+                            "\"del-config\":{\"allowed\":true},"
+                            "\"set-firmware\":{\"allowed\":true},"
+                            "\"set-heartbeat\":{\"allowed\":true},"
+                            "\"get-diagnostics\":{\"allowed\":true},"
+                            "\"set-refresh-complete\":{\"allowed\":true},"
+                            "\"disable-radio\":{\"allowed\":false},"
+                            "\"has-ports\":{\"allowed\":true},"
+                            "\"has-radios\":{\"allowed\":false},"
+                            "\"set-status\":{\"allowed\":true},"
+                            "\"edit-vnet\":{\"allowed\":false}}";
+
+struct pipe_closer {
+    void operator()(FILE *fp) const { pclose(fp); }
+};
+struct file_closer {
+    void operator()(FILE *fp) const { fclose(fp); }
+};
+
+void chop_newline(char *s)
+{
+    size_t len = strlen(s);
+    if (len > 0 && s[len - 1] == '\n')
+        s[len - 1] = '\0';
+}
 
 // Reads the first line a command prints, without its newline.
 char *read_command_line(const char *cmd, char *buf, int n)
 {
-    FILE *fp = dev_popen(cmd, "r");
-    if (fp == nullptr)
+    std::unique_ptr<FILE, pipe_closer> fp(dev_popen(cmd, "r"));
+    if (!fp)
         return nullptr;
     buf[0] = '\0';
-    char *got = fgets(buf, n, fp);
-    pclose(fp);
-    if (got == nullptr) {
+    if (fgets(buf, n, fp.get()) == nullptr) {
         buf[0] = '\0';
         return nullptr;
     }
-    size_t len = strlen(buf);
-    if (len > 0 && buf[len - 1] == '\n')
-        buf[len - 1] = '\0';
+    chop_newline(buf);
     return buf;
+}
+
+const char *env_or_empty(const char *name, char *buf, int n)
+{
+    if (get_env_variable(name, buf, n) == nullptr)
+        buf[0] = '\0';
+    return buf;
+}
+
+const char *cached_image_version(int image, char *cache, int n)
+{
+    if (cache[0] == '\0')
+        platform_get_firmware_version(image, cache, n);
+    return cache;
 }
 
 } // namespace
@@ -49,23 +133,90 @@ const char *get_firmware_version(void)
 {
     if (firmware_version[0] != '\0')
         return firmware_version;
-    FILE *fp = dev_fopen("/etc/version", "r");
-    if (fp == nullptr)
+    // Not found yet: try the file again on the next call.
+    std::unique_ptr<FILE, file_closer> fp(dev_fopen("/etc/version", "r"));
+    if (!fp)
         return "";
-    if (fgets(firmware_version, sizeof(firmware_version), fp) == nullptr)
+    if (fgets(firmware_version, sizeof(firmware_version), fp.get()) == nullptr)
         firmware_version[0] = '\0';
-    fclose(fp);
-    size_t len = strlen(firmware_version);
-    if (len > 0 && firmware_version[len - 1] == '\n')
-        firmware_version[len - 1] = '\0';
+    chop_newline(firmware_version);
     return firmware_version;
+}
+
+char *platform_get_firmware_version(int image, char *buf, int n)
+{
+    char cmd[128];
+    snprintf(cmd, sizeof(cmd), "varnex-get-version %s", firmware_image[image]);
+    return read_command_line(cmd, buf, n);
+}
+
+const char *platform_get_primary_firmware_version(void)
+{
+    return cached_image_version(0, primary_version, sizeof(primary_version));
+}
+
+const char *platform_get_secondary_firmware_version(void)
+{
+    return cached_image_version(1, secondary_version, sizeof(secondary_version));
 }
 
 const char *platform_get_serial_number(void)
 {
-    if (get_env_variable("serial#", serial_number, sizeof(serial_number)) == nullptr)
-        serial_number[0] = '\0';
-    return serial_number;
+    const char *serial = icos_get_serial_number();
+    if (serial != nullptr && serial[0] != '\0')
+        return serial;
+    return env_or_empty("serial#", serial_number, sizeof(serial_number));
+}
+
+const char *platform_get_ethaddr(void)
+{
+    return env_or_empty("ethaddr", ethaddr, sizeof(ethaddr));
+}
+
+const char *platform_get_hw_version(void)
+{
+    return env_or_empty("hardware_version", hw_version, sizeof(hw_version));
+}
+
+int platform_get_if_mac_str(const char *ifname, char *buf)
+{
+    char path[64];
+    snprintf(path, sizeof(path), "/sys/class/net/%.16s/address", ifname);
+    std::unique_ptr<FILE, file_closer> fp(dev_fopen(path, "r"));
+    if (!fp) {
+        log_fprint(orkad_log, "%s: cannot open '%s'\n", "platform_get_if_mac_str", path);
+        return -1;
+    }
+    int got = (int)fread(buf, 1, 17, fp.get());
+    if (got < 17) {
+        log_fprint(orkad_log, "%s: cannot read '%s', read %d bytes\n", "platform_get_if_mac_str",
+                   path, got);
+        return -2;
+    }
+    return 0;
+}
+
+const char *platform_get_capabilities(void)
+{
+    return capabilities;
+}
+
+int platform_reboot(void)
+{
+    return icos_system_reload();
+}
+
+void platform_factory_reset(void)
+{
+    _system("/usr/sbin/varnex-factory-reset");
+    // The script takes the device down; give it the time to do so.
+    platform_sleep(10);
+}
+
+// The script decides what a reset keeps, so both kinds are the same here.
+void platform_factory_reset_soft(void)
+{
+    platform_factory_reset();
 }
 
 int _system(const char *cmd)
@@ -76,3 +227,137 @@ int _system(const char *cmd)
 void platform_init(void) {}
 
 void platform_apply_updates(void) {}
+
+void platform_pre_init(void)
+{
+    // The agent has nothing to do on a switch that is not cloud managed.
+    if (platform_cloud_management_enabled() == 0)
+        exit(0);
+    icos_set_agent_version(agent_name, get_firmware_version());
+}
+
+int platform_update_agent_status(const char *status)
+{
+    char text[512];
+    snprintf(text, sizeof(text), "Connection:       %s\n", status);
+    return icos_set_agent_status(agent_name, text);
+}
+
+int platform_start_logging(void)
+{
+    if (logging_started)
+        return 0;
+    int rc = 0;
+    icos_add_logging_host(localhost, PLATFORM_SYSLOG_PORT);
+    icos_set_logging_severity(localhost, 7); // debug: the switch sends everything
+    icos_set_syslog_mode(true);
+    if (platform_syslog_reader == nullptr) {
+        rc = -1;
+    } else {
+        syslog_reader_id = thread_start("platform_syslog_reader", platform_syslog_reader, nullptr,
+                                        nullptr, nullptr);
+        if (syslog_reader_id < 0)
+            rc = -1;
+    }
+    // Once only, even when the thread did not start: the switch side is set.
+    logging_started = true;
+    return rc;
+}
+
+bool platform_logging_filter(const char *, int)
+{
+    return true;
+}
+
+bool sntp_time_set(void)
+{
+    return dev_access("/tmp/time_set", F_OK) == 0;
+}
+
+int wait_for_sntp(int seconds)
+{
+    while (seconds > 0) {
+        if (sntp_time_set())
+            return seconds;
+        platform_sleep(1);
+        seconds--;
+    }
+    return 0;
+}
+
+int wait_for_dhcp(int seconds)
+{
+    char status[5];
+    config_get("management", nullptr, "dhcp-status", status, sizeof(status));
+    if (strncmp(status, "up", sizeof(status)) != 0)
+        return seconds;
+
+    // Until DHCP hands out an address of its own, the interface still carries
+    // the static one.
+    char ip[16] = "";
+    char static_ip[16] = "";
+    while (strncmp(ip, static_ip, sizeof(ip)) == 0 && seconds > 0) {
+        seconds--;
+        config_get("management", nullptr, "ip", ip, sizeof(ip));
+        config_get("management", nullptr, "static-ip", static_ip, sizeof(static_ip));
+        platform_sleep(1);
+    }
+    return seconds;
+}
+
+void platform_init_delay(void)
+{
+    log_fprint(orkad_log, "platform_init_delay: waiting for config system to initialize\n");
+    char model[256];
+    for (int polls = 0; polls < 46; polls++) {
+        if (config_get("system", nullptr, "model", model, sizeof(model)))
+            return;
+        platform_sleep(1);
+    }
+    log_fprint(orkad_log, "platform_init_delay: slept too long, continuing\n");
+}
+
+int platform_start_cluster(const char *name, const char *location, const char *ipversion,
+                           char *errbuf)
+{
+    if (config_set("cluster", nullptr, "clustered", "0") != 0 ||
+        config_set("cluster", nullptr, "cluster-name", name) != 0 ||
+        config_set("cluster", nullptr, "location", location) != 0 ||
+        config_set("cluster", nullptr, "ipversion", ipversion) != 0 ||
+        config_set("cluster", nullptr, "clustered", "1") != 0) {
+        strcpy(errbuf, "errors starting clustering configuration");
+        return -1;
+    }
+    return 0;
+}
+
+int platform_stop_cluster(const char *name, char *errbuf)
+{
+    char clustered[8];
+    config_get("cluster", nullptr, "clustered", clustered, sizeof(clustered));
+    if (strncmp(clustered, "1", sizeof(clustered)) != 0) {
+        strcpy(errbuf, "clustering not currently enabled\n");
+        return -1;
+    }
+    char current[128];
+    config_get("cluster", nullptr, "cluster-name", current, sizeof(current));
+    if (strncmp(current, name, sizeof(current)) != 0) {
+        strcpy(errbuf, "cluster name mismatch");
+        return -1;
+    }
+    if (config_set("cluster", nullptr, "clustered", "0") != 0) {
+        strcpy(errbuf, "error stopping cluster configuration");
+        return -1;
+    }
+    return 0;
+}
+
+void platform_get_cluster_name(char *buf, int size)
+{
+    char mode[2];
+    config_get("cluster", nullptr, "operational-mode", mode, sizeof(mode));
+    if (strncmp(mode, "1", sizeof(mode)) == 0)
+        config_get("cluster", nullptr, "cluster-name", buf, size);
+    else
+        buf[0] = '\0';
+}

@@ -1,13 +1,59 @@
 // The agent's layer over the device itself: boot environment, firmware
-// versions, device control and start-up gates.
+// versions, device control, the syslog hand-over, start-up gates, cluster
+// settings and the capabilities we announce.
 #pragma once
 
 #include <cstddef>
 
+// The switch sends its syslog to this local UDP port once we ask it to.
+#define PLATFORM_SYSLOG_PORT 46180
+
+extern const char *const firmware_image[2];
+// The management interface; phone-home may point it at another one.
+extern char *mgmt_ifname;
+extern const char localhost[10];
+
+// Every sleep of this unit (factory resets, start-up gates) goes through
+// here; tests point it elsewhere.
+extern unsigned int (*platform_sleep)(unsigned int seconds);
+
+// Boot environment and identity. Reads are not cached here.
 char *get_env_variable(const char *name, char *buf, int n);
 int set_env_variable(const char *name, const char *value);
 const char *get_firmware_version(void);
+char *platform_get_firmware_version(int image, char *buf, int n);
+const char *platform_get_primary_firmware_version(void);
+const char *platform_get_secondary_firmware_version(void);
 const char *platform_get_serial_number(void);
+const char *platform_get_ethaddr(void);
+const char *platform_get_hw_version(void);
+// Copies the 17 characters of the interface's MAC address text into buf,
+// without a terminator. 0, or -1 (cannot open) / -2 (short read).
+int platform_get_if_mac_str(const char *ifname, char *buf);
+const char *platform_get_capabilities(void);
+
+// Device control.
+int platform_reboot(void);
+void platform_factory_reset(void);
+void platform_factory_reset_soft(void);
 int _system(const char *cmd);
-void platform_init(void);
 void platform_apply_updates(void);
+void platform_init(void);
+void platform_pre_init(void);
+int platform_update_agent_status(const char *status);
+
+// Syslog hand-over.
+int platform_start_logging(void);
+bool platform_logging_filter(const char *msg, int len);
+
+// Start-up gates: each gives up when its time runs out.
+bool sntp_time_set(void);
+int wait_for_sntp(int seconds);
+int wait_for_dhcp(int seconds);
+void platform_init_delay(void);
+
+// Cluster settings. The error buffer receives a reason on failure.
+int platform_start_cluster(const char *name, const char *location, const char *ipversion,
+                           char *errbuf);
+int platform_stop_cluster(const char *name, char *errbuf);
+void platform_get_cluster_name(char *buf, int size);

@@ -1,0 +1,41 @@
+// Named settings over the settings database: a setting "class[.instance]
+// .property" is one row of table system. Class, instance and property go into
+// the SQL verbatim and must not hold a single quote; values may hold anything.
+#pragma once
+
+// Transactions and chains belong to a fuller settings system; here they are
+// never created and their operations do nothing.
+typedef struct config_txn config_txn_t;
+typedef struct config_chain config_chain_t;
+
+// Writes return what db_command returns: 0, -1 (could not format) or -2
+// (refused by the engine).
+int config_set(const char *cls, const char *instance, const char *property, const char *value);
+// Copies the value as strncpy does (a value of size bytes or more is left
+// unterminated) and returns 1; not found: empties value and returns 0.
+int config_get(const char *cls, const char *instance, const char *property, char *value, int size);
+int config_remove(const char *cls, const char *instance, const char *property);
+
+int platform_set_system(const char *property, const char *value);
+int platform_set_password(const char *user, const char *pass);
+int set_cloud_controller_status(const char *status);
+int config_add_tunnel(const char *ifname, const char *iftype, const char *addr, const char *desc,
+                      const char *dyn, const char *updown);
+int config_set_openflow_controller(const char *ip, const char *port, const char *ptcp,
+                                   const char *ssl, const char *mode);
+
+// Inert: kept so that callers written for a fuller settings system link.
+void config_add_txn(config_txn_t **txn, int action, const char *cls, const char *instance,
+                    const char *property, const char *value, const char *qproperty,
+                    const char *qvalue);
+void config_del_txn(config_txn_t *txn);
+void config_do_txn(config_txn_t *txn, char **errmsg);
+void config_add_chain(config_chain_t **chain, const char *property, const char *value);
+void config_del_chain(config_chain_t *chain);
+int config_set_chain(const char *cls, const char *instance, const char *qproperty,
+                     const char *qvalue, config_chain_t *chain);
+int config_set_qualified(const char *cls, const char *instance, const char *property,
+                         const char *qproperty, const char *qvalue, const char *value);
+int config_add(const char *cls, const char *instance, const char *property, const char *value);
+int config_get_qualified(const char *cls, const char *instance, const char *property,
+                         const char *qproperty, const char *qvalue, char *value, int size);

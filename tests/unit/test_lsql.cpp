@@ -1,0 +1,342 @@
+#include "db.h"
+#include "icos-openapi.h"
+#include "log.h"
+#include "lsql.h"
+#include "testkit.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <jansson.h>
+#include <map>
+#include <string>
+#include <vector>
+
+using namespace testkit;
+
+namespace
+{
+
+// The rows of table system, read with a connection of the test's own.
+std::map<std::string, std::string> rows_of(const std::string &file)
+{
+    std::map<std::string, std::string> rows;
+    sqlite3 *db = nullptr;
+    if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
+        sqlite3_close(db);
+        ADD_FAILURE() << "cannot open " << file;
+        return rows;
+    }
+    sqlite3_exec(
+        db, "SELECT key, value FROM system",
+        [](void *arg, int, char **argv, char **) {
+            (*static_cast<std::map<std::string, std::string> *>(arg))[argv[0]] =
+                argv[1] ? argv[1] : "<null>";
+            return 0;
+        },
+        &rows, nullptr);
+    sqlite3_close(db);
+    return rows;
+}
+
+class LsqlTest : public ::testing::Test
+{
+  protected:
+    DeviceRoot root;
+
+    void SetUp() override
+    {
+        std::string cmd =
+            "python3 " ORKAD_SOURCE_DIR "/lab/devroot.py " + root.path() + " > /dev/null";
+        ASSERT_EQ(system(cmd.c_str()), 0);
+        log_init();
+        db_init();
+        ASSERT_EQ(db_version, 9);
+        icos_openapi_sleep = [](unsigned int) -> unsigned int { return 0; };
+        ASSERT_EQ(icos_openapi_client_init(), 0);
+    }
+
+    std::map<std::string, std::string> rows() const
+    {
+        auto all = rows_of(root.at("/etc/varnex/config/startup.db"));
+        all.erase("db.version");
+        return all;
+    }
+
+    std::vector<std::string> log() const { return log_messages(root.at("/rw/orkad.log")); }
+
+    // The switch journal: one JSON object per write the agent made.
+    std::vector<std::string> journal_calls() const
+    {
+        std::vector<std::string> calls;
+        for (auto &line : lines_of(read_file(root.at("/var/switch/journal")))) {
+            json_t *j = json_loads(line.c_str(), 0, nullptr);
+            if (j == nullptr) {
+                ADD_FAILURE() << "bad journal line " << line;
+                continue;
+            }
+            calls.push_back(json_string_value(json_object_get(j, "call")));
+            json_decref(j);
+        }
+        return calls;
+    }
+    std::string journal_text(size_t i, const char *member) const
+    {
+        auto lines = lines_of(read_file(root.at("/var/switch/journal")));
+        if (i >= lines.size())
+            return "<no line>";
+        json_t *j = json_loads(lines[i].c_str(), 0, nullptr);
+        json_t *v = json_object_get(j, member);
+        std::string out = json_is_string(v)    ? json_string_value(v)
+                          : json_is_integer(v) ? std::to_string(json_integer_value(v))
+                                               : "<absent>";
+        json_decref(j);
+        return out;
+    }
+
+    void fail_switch_call(const std::string &call)
+    {
+        write_file(root.at("/var/switch/faults.json"),
+                   "[{\"call\":\"" + call + "\",\"result\":-1}]");
+    }
+};
+
+} // namespace
+
+TEST_F(LsqlTest, GetOfAMissingKeyEmptiesTheBuffer)
+{
+    char buf[16] = "leftover";
+    EXPECT_EQ(config_get("system", nullptr, "cloud-controller", buf, sizeof(buf)), 0);
+    EXPECT_STREQ(buf, "");
+}
+
+TEST_F(LsqlTest, GetFillsAFullBufferWithoutTerminator)
+{
+    ASSERT_EQ(config_set("stats", nullptr, "interval", "10"), 0);
+    char buf[4] = {'x', 'x', 'x', 'x'};
+    EXPECT_EQ(config_get("stats", nullptr, "interval", buf, 2), 1);
+    EXPECT_EQ(buf[0], '1');
+    EXPECT_EQ(buf[1], '0');
+    EXPECT_EQ(buf[2], 'x'); // nothing written past size
+}
+
+TEST_F(LsqlTest, GetPadsAShortValueLikeStrncpy)
+{
+    ASSERT_EQ(config_set("stats", nullptr, "interval", "10"), 0);
+    char buf[6] = {'x', 'x', 'x', 'x', 'x', 'x'};
+    EXPECT_EQ(config_get("stats", nullptr, "interval", buf, sizeof(buf)), 1);
+    EXPECT_EQ(std::string(buf, sizeof(buf)), std::string("10\0\0\0\0", 6));
+}
+
+TEST_F(LsqlTest, ValueWithSingleQuotesIsStoredUnchanged)
+{
+    const char value[] = "it's a 'quoted' \"value\"; DROP TABLE system; --";
+    EXPECT_EQ(config_set("system", nullptr, "note", value), 0);
+    EXPECT_EQ(rows()["system.note"], value);
+    char buf[128];
+    EXPECT_EQ(config_get("system", nullptr, "note", buf, sizeof(buf)), 1);
+    EXPECT_STREQ(buf, value);
+}
+
+TEST_F(LsqlTest, KeysJoinClassInstanceAndProperty)
+{
+    size_t n = log().size();
+    EXPECT_EQ(config_set("uplink-tunnel", "tun0", "remote-ip", "10.0.0.1"), 0);
+    EXPECT_EQ(config_set("system", nullptr, "cloud-controller", "https://c"), 0);
+    EXPECT_EQ(rows(), (std::map<std::string, std::string>{
+                          {"uplink-tunnel.tun0.remote-ip", "10.0.0.1"},
+                          {"system.cloud-controller", "https://c"},
+                      }));
+    auto lines = log();
+    EXPECT_EQ(std::vector<std::string>(lines.begin() + n, lines.end()),
+              (std::vector<std::string>{
+                  "db_command: 'REPLACE INTO system (key, value) VALUES "
+                  "('uplink-tunnel.tun0.remote-ip', '10.0.0.1')'",
+                  "db_command: 'REPLACE INTO system (key, value) VALUES "
+                  "('system.cloud-controller', 'https://c')'",
+              }));
+    char buf[32];
+    EXPECT_EQ(config_get("uplink-tunnel", "tun0", "remote-ip", buf, sizeof(buf)), 1);
+    EXPECT_STREQ(buf, "10.0.0.1");
+    EXPECT_EQ(config_get("uplink-tunnel", nullptr, "remote-ip", buf, sizeof(buf)), 0);
+}
+
+TEST_F(LsqlTest, SetReplacesAndRemoveDeletes)
+{
+    EXPECT_EQ(config_set("system", nullptr, "x", "1"), 0);
+    EXPECT_EQ(config_set("system", nullptr, "x", "2"), 0);
+    EXPECT_EQ(config_set("a", "b", "c", "3"), 0);
+    EXPECT_EQ(rows(), (std::map<std::string, std::string>{{"system.x", "2"}, {"a.b.c", "3"}}));
+    size_t n = log().size();
+    EXPECT_EQ(config_remove("system", nullptr, "x"), 0);
+    EXPECT_EQ(config_remove("a", "b", "c"), 0);
+    EXPECT_TRUE(rows().empty());
+    auto lines = log();
+    EXPECT_EQ(std::vector<std::string>(lines.begin() + n, lines.end()),
+              (std::vector<std::string>{
+                  "db_command: 'DELETE FROM system WHERE (key = 'system.x')'",
+                  "db_command: 'DELETE FROM system WHERE (key = 'a.b.c')'",
+              }));
+}
+
+TEST_F(LsqlTest, WriteFailureIsPassedBack)
+{
+    ASSERT_EQ(db_command("DROP TABLE system"), 0);
+    EXPECT_EQ(config_set("system", nullptr, "x", "1"), -2);
+    EXPECT_EQ(config_remove("system", nullptr, "x"), -2);
+    char buf[8] = "junk";
+    EXPECT_EQ(config_get("system", nullptr, "x", buf, sizeof(buf)), 0);
+    EXPECT_STREQ(buf, "");
+}
+
+TEST_F(LsqlTest, PasswordGoesToTheSwitchAndIsSaved)
+{
+    EXPECT_EQ(platform_set_system("password", "n3w-secret"), 0);
+    EXPECT_EQ(journal_calls(),
+              (std::vector<std::string>{"rpcclt_openapiUserSet", "rpcclt_openapiSaveConfig"}));
+    EXPECT_EQ(journal_text(0, "userName"), "admin");
+    EXPECT_EQ(journal_text(0, "password"), "n3w-secret");
+    EXPECT_EQ(rows(), (std::map<std::string, std::string>{{"system.password", "n3w-secret"}}));
+}
+
+TEST_F(LsqlTest, RefusedPasswordIsStillRecorded)
+{
+    fail_switch_call("rpcclt_openapiUserSet");
+    EXPECT_EQ(platform_set_system("password", "refused"), 0);
+    // No save after a refused change.
+    EXPECT_EQ(journal_calls(), std::vector<std::string>{"rpcclt_openapiUserSet"});
+    EXPECT_EQ(rows()["system.password"], "refused");
+}
+
+TEST_F(LsqlTest, OtherSystemPropertiesStayOffTheSwitch)
+{
+    EXPECT_EQ(platform_set_system("location", "rack 4"), 0);
+    EXPECT_TRUE(journal_calls().empty());
+    EXPECT_EQ(rows(), (std::map<std::string, std::string>{{"system.location", "rack 4"}}));
+    // Only the exact word counts.
+    EXPECT_EQ(platform_set_system("password2", "x"), 0);
+    EXPECT_TRUE(journal_calls().empty());
+}
+
+TEST_F(LsqlTest, SetPasswordResults)
+{
+    EXPECT_EQ(platform_set_password("admin", "a"), 0);
+    fail_switch_call("rpcclt_openapiSaveConfig");
+    EXPECT_NE(platform_set_password("admin", "b"), 0);
+    fail_switch_call("rpcclt_openapiUserSet");
+    EXPECT_EQ(platform_set_password("admin", "c"), -1);
+    EXPECT_EQ(journal_calls(), (std::vector<std::string>{
+                                   "rpcclt_openapiUserSet",
+                                   "rpcclt_openapiSaveConfig",
+                                   "rpcclt_openapiUserSet",
+                                   "rpcclt_openapiSaveConfig",
+                                   "rpcclt_openapiUserSet",
+                               }));
+    EXPECT_TRUE(rows().empty());
+}
+
+TEST_F(LsqlTest, ControllerStatusIsShownOnTheSwitchAndRecorded)
+{
+    EXPECT_EQ(set_cloud_controller_status("up"), 0);
+    EXPECT_EQ(journal_calls(), std::vector<std::string>{"rpcclt_openapiAppCtrlStatusSet"});
+    EXPECT_EQ(journal_text(0, "appName"), "tq_agent");
+    EXPECT_EQ(journal_text(0, "status"), "Connection:       up\n");
+    EXPECT_EQ(rows(),
+              (std::map<std::string, std::string>{{"system.cloud-controller-status", "up"}}));
+
+    // The switch refusing the status does not keep it from the store.
+    fail_switch_call("rpcclt_openapiAppCtrlStatusSet");
+    EXPECT_EQ(set_cloud_controller_status("down"), 0);
+    EXPECT_EQ(rows()["system.cloud-controller-status"], "down");
+}
+
+TEST_F(LsqlTest, SslVpnTunnelHasNoRemoteAddress)
+{
+    size_t n = log().size();
+    EXPECT_EQ(config_add_tunnel("tun0", "ssl-vpn", "192.0.2.1", "mgmt vpn", "yes", "up"), 1);
+    EXPECT_EQ(rows(), (std::map<std::string, std::string>{
+                          {"uplink-tunnel.tun0.type", "uplink-tunnel"},
+                          {"uplink-tunnel.tun0.tun-type", "ssl-vpn"},
+                          {"uplink-tunnel.tun0.status", "up"},
+                          {"uplink-tunnel.tun0.dynamic", "yes"},
+                          {"uplink-tunnel.tun0.description", "mgmt vpn"},
+                          {"uplink-tunnel.tun0.mode", "up"},
+                      }));
+    // Written in a fixed order.
+    std::vector<std::string> order;
+    auto lines = log();
+    for (size_t i = n; i < lines.size(); i++) {
+        auto a = lines[i].find("('uplink-tunnel.tun0.");
+        ASSERT_NE(a, std::string::npos) << lines[i];
+        auto b = lines[i].find('\'', a + 2);
+        order.push_back(lines[i].substr(a + 21, b - a - 21));
+    }
+    EXPECT_EQ(order, (std::vector<std::string>{"type", "tun-type", "status", "dynamic",
+                                               "description", "mode"}));
+}
+
+TEST_F(LsqlTest, OtherTunnelsRecordTheirRemoteAddress)
+{
+    EXPECT_EQ(config_add_tunnel("gre1", "gre", "192.0.2.9", "uplink", "no", "down"), 1);
+    auto r = rows();
+    EXPECT_EQ(r.size(), 7u);
+    EXPECT_EQ(r["uplink-tunnel.gre1.remote-ip"], "192.0.2.9");
+    EXPECT_EQ(r["uplink-tunnel.gre1.mode"], "down");
+    EXPECT_EQ(r["uplink-tunnel.gre1.status"], "down");
+}
+
+TEST_F(LsqlTest, TunnelWriteFailuresAreIgnored)
+{
+    ASSERT_EQ(db_command("DROP TABLE system"), 0);
+    EXPECT_EQ(config_add_tunnel("gre1", "gre", "192.0.2.9", "uplink", "no", "down"), 1);
+}
+
+TEST_F(LsqlTest, OpenflowControllerLogsAndStoresAllButSsl)
+{
+    size_t n = log().size();
+    EXPECT_EQ(config_set_openflow_controller("192.0.2.5", "6653", "6634", "yes", "secure"), 0);
+    auto lines = log();
+    ASSERT_GT(lines.size(), n);
+    EXPECT_EQ(lines[n], "setting 'openflow' config properties (ip='192.0.2.5', port='6653', "
+                        "ptcp='6634', ssl='yes' mode='secure')");
+    EXPECT_EQ(rows(), (std::map<std::string, std::string>{
+                          {"openflow.controller", "192.0.2.5"},
+                          {"openflow.port", "6653"},
+                          {"openflow.ptcp", "6634"},
+                          {"openflow.mode", "secure"},
+                      }));
+    ASSERT_EQ(db_command("DROP TABLE system"), 0);
+    EXPECT_EQ(config_set_openflow_controller("a", "b", "c", "d", "e"), 0);
+}
+
+TEST_F(LsqlTest, QualifiedLookupNeverFindsAnything)
+{
+    ASSERT_EQ(config_set("vap", "vap0", "backhaul", "eth1"), 0);
+    char buf[8] = "keep";
+    EXPECT_EQ(config_get_qualified("vap", "vap0", "backhaul", "radio", "wlan0", buf, sizeof(buf)),
+              0);
+    EXPECT_STREQ(buf, "keep");
+}
+
+TEST_F(LsqlTest, InertOperationsWriteNothing)
+{
+    auto before = rows();
+    size_t n = log().size();
+    EXPECT_EQ(config_set_qualified("vap", "vap0", "ssid", "radio", "wlan0", "net"), 0);
+    EXPECT_EQ(config_add("system", nullptr, "x", "1"), 0);
+    config_txn_t *txn = nullptr;
+    config_add_txn(&txn, 1, "system", nullptr, "x", "1", nullptr, nullptr);
+    char *err = nullptr;
+    config_do_txn(txn, &err);
+    config_del_txn(txn);
+    config_chain_t *chain = nullptr;
+    config_add_chain(&chain, "ssid", "net");
+    EXPECT_EQ(config_set_chain("vap", "vap0", "radio", "wlan0", chain), 0);
+    config_del_chain(chain);
+    EXPECT_EQ(txn, nullptr);
+    EXPECT_EQ(chain, nullptr);
+    EXPECT_EQ(err, nullptr);
+    EXPECT_EQ(rows(), before);
+    EXPECT_EQ(log().size(), n);
+}

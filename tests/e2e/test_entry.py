@@ -78,8 +78,7 @@ def test_child_start_and_banner(daemon):
     pid, pri, msg = daemon.syslog.wait_for("device reboot: ")
     assert pid == child
     assert pri == 8 | 6  # LOG_USER | LOG_INFO
-    assert msg.startswith("device reboot: serial#='")
-    assert msg.endswith("' firmware='1.0.0.1'")
+    assert msg == "device reboot: serial#='VX0123456789' firmware='1.0.0.1'"
 
 
 def test_supervisor_restarts_a_dead_child(daemon):
@@ -175,3 +174,25 @@ def test_main_log_rotation_keeps_five_and_cuts_a_huge_file(daemon):
     with open(daemon.path("/rw/orkad4.log")) as f:
         assert f.read() == "generation 3\n"
     assert daemon.log()[0] == "Agent version: 1.2.0"
+
+
+def test_a_child_that_exits_crashes_and_is_restarted(daemon):
+    # Without its create script the settings database cannot be made: the
+    # child exits with status 1, which must end in a real SIGSEGV.
+    script = daemon.path("/etc/varnex/config/sql/db-create-tables.sql")
+    hidden = script + ".away"
+    os.rename(script, hidden)
+    daemon.start()
+    pid, pri, msg = daemon.syslog.wait_for("forcing a crash")
+    assert msg == "unexpected program termination with exit status 1, forcing a crash\n"
+    assert pri == 8 | 2
+    daemon.syslog.wait_for("agent restart 1: ")
+    os.rename(hidden, script)
+    msgs = daemon.syslog.messages()
+    assert msgs[0].startswith("device reboot: serial#='VX0123456789'")
+    i = msgs.index(" ****  Program killed by signal '11'")
+    assert msgs[i + 1] == " ****  Attempting to restart!"
+    assert msgs[i + 2] == "agent restart 1: serial#='VX0123456789' firmware='1.0.0.1'"
+    assert "db_init: critical error, cannot proceed." in daemon.log()
+    # Once the script is back a child comes up and stays.
+    daemon.wait_child()

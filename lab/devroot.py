@@ -26,6 +26,7 @@ INSTALL = [
     ("sbin", "sbin"),
     ("usr/sbin", "usr/sbin"),
     ("etc", "etc"),
+    ("switch", "var/switch"),
 ]
 
 # Real tools of this machine that the device carries too.

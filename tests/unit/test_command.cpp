@@ -1,6 +1,7 @@
 #include "command.h"
 #include "log.h"
 #include "queue.h"
+#include "signals.h"
 #include "testkit.h"
 #include "work.h"
 
@@ -97,6 +98,7 @@ class CommandTest : public ::testing::Test
     void SetUp() override
     {
         log_init();
+        signals_init(); // before any thread, as in the daemon
         command_init();
         thread_init();
     }

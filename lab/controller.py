@@ -877,7 +877,7 @@ class LabServer:
             self.control_socket = path
         lab.extra_info = self.info()
         for s in self.servers:
-            t = threading.Thread(target=s.serve_forever, kwargs={"poll_interval": 0.2},
+            t = threading.Thread(target=s.serve_forever, kwargs={"poll_interval": 0.05},
                                  name="lab-server", daemon=True)
             t.start()
             self.threads.append(t)

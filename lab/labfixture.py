@@ -77,9 +77,10 @@ class LabClient:
         u = urlsplit(self.url)
         return http.client.HTTPConnection(u.hostname, u.port, timeout=timeout)
 
-    def call(self, method, path, body=None, timeout=None, **query):
-        q = {k: v for k, v in query.items() if v is not None}
-        target = path + ("?" + urlencode(q, quote_via=quote) if q else "")
+    def call(self, method, resource, body=None, timeout=None, query=None):
+        """One control call; returns the decoded JSON reply."""
+        q = {k: v for k, v in (query or {}).items() if v is not None}
+        target = resource + ("?" + urlencode(q, quote_via=quote) if q else "")
         conn = self._connection(timeout or self.timeout)
         try:
             data = json.dumps(body).encode() if body is not None else None
@@ -141,7 +142,7 @@ class LabClient:
 
     def commands(self, serial=None):
         """{"pending": [...], "delivered": [...]} queue entries."""
-        return self.call("GET", "/commands", serial=serial)
+        return self.call("GET", "/commands", query={"serial": serial})
 
     def pending_commands(self, serial=None):
         return self.commands(serial)["pending"]
@@ -191,7 +192,7 @@ class LabClient:
         return self.call("GET", "/scripts")["scripts"]
 
     def clear_scripts(self, path=None):
-        return self.call("DELETE", "/scripts", path=path)["cleared"]
+        return self.call("DELETE", "/scripts", query={"path": path})["cleared"]
 
     # ---- tokens, phone-home, firmware ------------------------------------
 
@@ -246,12 +247,13 @@ class LabClient:
     def requests(self, path=None, method=None, kind=None, serial=None, since=None,
                  status=None):
         """Requests received, oldest first, as records (see docs/lab-api.md)."""
-        return self.call("GET", "/requests", path=path, method=method, kind=kind,
-                         serial=serial, since=since, status=status)["requests"]
+        return self.call("GET", "/requests", query={
+            "path": path, "method": method, "kind": kind, "serial": serial, "since": since,
+            "status": status})["requests"]
 
     def mark(self):
         """The sequence number of the last request so far, for since=."""
-        return self.call("GET", "/requests", since=1 << 62)["last"]
+        return self.call("GET", "/requests", query={"since": 1 << 62})["last"]
 
     def clear_requests(self):
         return self.call("DELETE", "/requests")["cleared"]
@@ -264,8 +266,8 @@ class LabClient:
         while True:
             left = deadline - time.monotonic()
             wait = max(0.0, min(left, 5.0))
-            found = self.call("GET", "/requests", timeout=wait + 30, wait=f"{wait:.3f}",
-                              count=count, answered=1, **filters)["requests"]
+            found = self.call("GET", "/requests", timeout=wait + 30, query={
+                "wait": f"{wait:.3f}", "count": count, "answered": 1, **filters})["requests"]
             if len(found) >= count:
                 return found
             if left <= 0:
@@ -279,8 +281,8 @@ class LabClient:
 
     def results(self, command_id=None, serial=None, since=None):
         """Command results posted by the device, oldest first."""
-        return self.call("GET", "/results", command_id=command_id, serial=serial,
-                         since=since)["results"]
+        return self.call("GET", "/results", query={
+            "command_id": command_id, "serial": serial, "since": since})["results"]
 
     def wait_results(self, count=1, timeout=10.0, **filters):
         filters = {k: v for k, v in filters.items() if v is not None}
@@ -288,8 +290,8 @@ class LabClient:
         while True:
             left = deadline - time.monotonic()
             wait = max(0.0, min(left, 5.0))
-            found = self.call("GET", "/results", timeout=wait + 30, wait=f"{wait:.3f}",
-                              count=count, **filters)["results"]
+            found = self.call("GET", "/results", timeout=wait + 30, query={
+                "wait": f"{wait:.3f}", "count": count, **filters})["results"]
             if len(found) >= count:
                 return found
             if left <= 0:

@@ -189,10 +189,11 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 self.send_header("Content-Length", str(len(reply.body)))
             if self.close_connection:
                 self.send_header("Connection", "close")
-            self.end_headers()
+            # Head and body in one write: no wait on the peer's delayed ACK.
+            self._headers_buffer.append(b"\r\n")
             if self.command != "HEAD":
-                self.wfile.write(reply.body)
-            self.wfile.flush()
+                self._headers_buffer.append(reply.body)
+            self.flush_headers()
             return True
         except (OSError, ssl.SSLError):
             self.close_connection = True
@@ -293,6 +294,7 @@ class TCPServer(_Tracking, socketserver.ThreadingMixIn, http.server.HTTPServer):
 
     def get_request(self):
         sock, addr = self.socket.accept()
+        sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         if self.context is not None:
             sock = self.context.wrap_socket(sock, server_side=True,
                                             do_handshake_on_connect=False)

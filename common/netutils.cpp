@@ -22,8 +22,6 @@
 namespace
 {
 
-char default_mgmt_ifname[] = "eth0";
-
 const char ovs_vsctl[] = "/usr/local/bin/ovs-vsctl";
 const char udhcpc[] = "/sbin/udhcpc";
 const char udhcpc_script[] = "/usr/share/udhcpc/varnex_dhcp_client.script";
@@ -116,10 +114,6 @@ bool is_mgmt_ifname(const char *iface)
 }
 
 } // namespace
-
-// The platform layer names the management interface; this default serves
-// builds and tests that link the agent core without it.
-__attribute__((weak)) char *mgmt_ifname = default_mgmt_ifname;
 
 void get_mgmt_ifname(char *ifname)
 {

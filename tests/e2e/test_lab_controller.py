@@ -584,10 +584,11 @@ def test_process_mode_with_a_long_state_path(device_root, tmp_path):
         api = Api(c, device_root)
         assert api.heartbeat(api.token())[0] == 200
         assert c.wait_request(kind="heartbeat")["serial"] == SERIAL
-        pid = c.proc.pid
         proc = c.proc
-    assert proc.poll() == 0
-    assert not os.path.exists(f"/proc/{pid}/status") or proc.returncode is not None
+        sock = c.socket_path
+        assert os.path.exists(sock)
+    assert proc.poll() == 0  # ended cleanly through the control API
+    assert not os.path.exists(sock)
 
 
 IN_NETNS = r"""

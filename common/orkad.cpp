@@ -3,7 +3,9 @@
 #include "cap_utils.h"
 #include "command.h"
 #include "db.h"
+#include "config.h"
 #include "debug.h"
+#include "http.h"
 #include "devroot.h"
 #include "listener.h"
 #include "log.h"
@@ -25,7 +27,8 @@
 char home_site[HOME_SITE_SIZE] = "https://phonehome.varnex.net";
 int restarts;
 
-namespace {
+namespace
+{
 
 const char optlist[] = "hdvs:n";
 
@@ -48,6 +51,15 @@ const char usage[] = "Usage: %s [options]\n"
 // faults (and replace it by a trap) nor drop it: we want a real SIGSEGV.
 int *volatile crash_address = nullptr;
 
+// A bounded copy: a 256-byte site leaves no terminator.
+void copy_home_site(const char *site)
+{
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wstringop-truncation"
+    strncpy(home_site, site, sizeof(home_site));
+#pragma GCC diagnostic pop
+}
+
 void parse_options(int argc, char **argv)
 {
     int c;
@@ -63,11 +75,7 @@ void parse_options(int argc, char **argv)
             printf("Version: %s\n", ORKAD_VERSION);
             exit(0);
         case 's':
-            // A bounded copy: a 256-byte site leaves no terminator.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wstringop-truncation"
-            strncpy(home_site, optarg, sizeof(home_site));
-#pragma GCC diagnostic pop
+            copy_home_site(optarg);
             break;
         case 'n':
             nolog = 1;
@@ -128,11 +136,18 @@ void signals_monitor(void)
 
     utils_init();
     command_init();
+    config_init();
     thread_init();
     db_init();
 
+    // The boot environment's home site wins over the command line.
+    if (env_homesite[0] != '\0')
+        copy_home_site(env_homesite);
+
+    http_init();
     listener_init();
     cap_init();
+    send_refresh_config();
 
     thread_start("radio_monitor", radio_monitor, nullptr, nullptr, nullptr);
     signals_register(SIGUSR2, live_coredump, "live_coredump");

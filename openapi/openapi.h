@@ -14,7 +14,15 @@
 extern "C" {
 #endif
 
-typedef enum {
+// The switch may answer with values beyond the named ones; in C++ the enums
+// are int-based so that every such value is a valid one.
+#ifdef __cplusplus
+#define OPEN_ENUM_BASE : int
+#else
+#define OPEN_ENUM_BASE
+#endif
+
+typedef enum OPEN_ENUM_BASE {
     OPEN_E_NONE = 0,
     OPEN_E_RPC = -20,
     OPEN_E_INTERNAL = -21,
@@ -42,17 +50,17 @@ typedef struct {
     unsigned char opaque[256];
 } openapiClientHandle_t;
 
-typedef enum {
+typedef enum OPEN_ENUM_BASE {
     OPEN_LINK_UP = 0,
     OPEN_LINK_DOWN = 1,
 } OPEN_LINK_STATE_t;
 
-typedef enum {
+typedef enum OPEN_ENUM_BASE {
     OPEN_DISABLE = 0,
     OPEN_ENABLE = 1,
 } OPEN_CONTROL_t;
 
-typedef enum {
+typedef enum OPEN_ENUM_BASE {
     OPEN_PORTCTRL_PORTSPEED_AUTO_NEG = 1,
     OPEN_PORTCTRL_PORTSPEED_HALF_100TX = 2,
     OPEN_PORTCTRL_PORTSPEED_FULL_100TX = 3,
@@ -74,13 +82,13 @@ typedef enum {
     OPEN_PORTCTRL_PORTSPEED_OTHER_130 = 130,
 } OPEN_PORT_SPEEDS_t;
 
-typedef enum {
+typedef enum OPEN_ENUM_BASE {
     OPEN_PORT_DUPLEX_HALF = 0,
     OPEN_PORT_DUPLEX_FULL = 1,
     OPEN_PORT_DUPLEX_UNKNOWN = 2,
 } OPEN_PORT_DUPLEX_t;
 
-typedef enum {
+typedef enum OPEN_ENUM_BASE {
     OPEN_INTF_TYPE_PHY = 0,
     OPEN_INTF_TYPE_CPU = 1,
     OPEN_INTF_TYPE_LAG = 2,
@@ -88,18 +96,18 @@ typedef enum {
     OPEN_INTF_TYPE_OTHER = 4,
 } OPEN_INTF_TYPE_t;
 
-typedef enum {
+typedef enum OPEN_ENUM_BASE {
     OPEN_SNTP_CLIENT_DISABLED = 0,
     OPEN_SNTP_CLIENT_UNICAST = 1,
     OPEN_SNTP_CLIENT_BROADCAST = 2,
 } OPEN_SNTP_CLIENT_MODE_t;
 
-typedef enum {
+typedef enum OPEN_ENUM_BASE {
     OPEN_PORT_AUTO_NEG_DISABLE = 0,
     OPEN_PORT_AUTO_NEG_ENABLE = 1,
 } OPEN_PORT_AUTO_NEG_t;
 
-typedef enum {
+typedef enum OPEN_ENUM_BASE {
     OPEN_LOG_SEVERITY_EMERGENCY = 0,
     OPEN_LOG_SEVERITY_ALERT = 1,
     OPEN_LOG_SEVERITY_CRITICAL = 2,
@@ -110,7 +118,7 @@ typedef enum {
     OPEN_LOG_SEVERITY_DEBUG = 7,
 } OPEN_LOG_SEVERITY_t;
 
-typedef enum {
+typedef enum OPEN_ENUM_BASE {
     OPEN_LLDP_CHASSIS_ID_SUBTYPE_CHASSIS_COMPONENT = 1,
     OPEN_LLDP_CHASSIS_ID_SUBTYPE_INTERFACE_ALIAS = 2,
     OPEN_LLDP_CHASSIS_ID_SUBTYPE_PORT_COMPONENT = 3,
@@ -120,7 +128,7 @@ typedef enum {
     OPEN_LLDP_CHASSIS_ID_SUBTYPE_LOCAL = 7,
 } OPEN_LLDP_CHASSIS_ID_SUBTYPE_t;
 
-typedef enum {
+typedef enum OPEN_ENUM_BASE {
     OPEN_LLDP_PORT_ID_SUBTYPE_INTERFACE_ALIAS = 1,
     OPEN_LLDP_PORT_ID_SUBTYPE_PORT_COMPONENT = 2,
     OPEN_LLDP_PORT_ID_SUBTYPE_MAC_ADDRESS = 3,
@@ -131,7 +139,7 @@ typedef enum {
 } OPEN_LLDP_PORT_ID_SUBTYPE_t;
 
 // Address family of an LLDP management address; 0 starts a walk.
-typedef enum {
+typedef enum OPEN_ENUM_BASE {
     OPEN_AF_NONE = 0,
     OPEN_AF_INET = 1,
     OPEN_AF_INET6 = 2,

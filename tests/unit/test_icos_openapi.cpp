@@ -978,3 +978,34 @@ TEST_F(IcosTest, SupportData)
     EXPECT_TRUE(logged(
         "platform_get_support_data: cannot get support data (result = -26, file = '/tmp/x')"));
 }
+
+TEST_F(IcosTest, TheSampleSwitch)
+{
+    std::string src = __FILE__;
+    src = src.substr(0, src.rfind("/tests/unit/")) + "/device/switch/model.json";
+    const std::string sample = read_file(src);
+    ASSERT_FALSE(sample.empty()) << src;
+    model(sample);
+    collect();
+    for (int i = 1; i <= 28; i++)
+        EXPECT_TRUE(table[i].valid) << i;
+    EXPECT_EQ(table[29].valid, false);
+    EXPECT_TRUE(table[1].link_up);
+    EXPECT_EQ(table[25].speed, 10000);
+    EXPECT_EQ(table[8].speed, 100);
+    EXPECT_FALSE(table[12].full_duplex);
+    EXPECT_FALSE(table[20].link_enabled);
+    EXPECT_EQ(names_of(table[5].neighbors), names({"lab-pi-2", "lab-pi-3"}));
+    EXPECT_STREQ(table[25].neighbors->mgmt_address, "2001:db8::1");
+    // Port 9 had LLDP reception off: switched on now, neighbours next time.
+    EXPECT_EQ(table[9].neighbors, nullptr);
+    using vl = std::vector<std::pair<int, std::string>>;
+    EXPECT_EQ(vlans_of(table[1].vlans), vl({{10, "office"}, {20, "voice"}}));
+    EXPECT_EQ(vlans_of(table[26].vlans), vl({{1, "default"}, {99, "management"}}));
+    collect();
+    EXPECT_EQ(names_of(table[9].neighbors), names({"build-server"}));
+    EXPECT_EQ(
+        journal(),
+        names(
+            {R"({"call":"rpcclt_openapiLldpIntfReceiveModeSet","ifNum":9,"mode":1,"result":0})"}));
+}

@@ -19,3 +19,6 @@ export UBSAN_OPTIONS=print_stacktrace=1
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DORKAD_SANITIZE=ON -DORKAD_E2E=OFF
 cmake --build build-asan -j"$jobs"
 (cd build-asan && ctest --output-on-failure -j"$jobs" -L unit)
+# And the daemon's own start-up, supervision and signal handling, end to end.
+ORKAD_SANITIZED=1 ORKAD_BIN="$PWD/build-asan/common/orkad" ORKAD_SOURCE="$PWD" \
+    /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/e2e/test_entry.py

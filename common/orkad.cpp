@@ -1,5 +1,6 @@
 #include "orkad.h"
 
+#include "auto-updates.h"
 #include "cap_utils.h"
 #include "command.h"
 #include "db.h"
@@ -7,8 +8,10 @@
 #include "debug.h"
 #include "http.h"
 #include "devroot.h"
+#include "heartbeat.h"
 #include "listener.h"
 #include "log.h"
+#include "phone-home.h"
 #include "platform_utils.h"
 #include "signals.h"
 #include "utils.h"
@@ -146,9 +149,12 @@ void signals_monitor(void)
 
     http_init();
     listener_init();
+    phone_home();
+    auto_updates();
     cap_init();
     send_refresh_config();
 
+    thread_start("heartbeat", heartbeat, nullptr, nullptr, nullptr);
     thread_start("radio_monitor", radio_monitor, nullptr, nullptr, nullptr);
     signals_register(SIGUSR2, live_coredump, "live_coredump");
     signals_monitor();

@@ -1,0 +1,161 @@
+#include "auto-updates.h"
+
+#include "command.h"
+#include "config.h"
+#include "devroot.h"
+#include "http.h"
+#include "log.h"
+#include "platform_utils.h"
+#include "work.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+volatile bool deferred_running;
+unsigned int (*updates_sleep)(unsigned int seconds) = sleep;
+
+namespace
+{
+
+constexpr int DELAY_STEP_MINUTES = 5;
+constexpr int MAX_DELAY_MINUTES = 60;
+
+const char installer[] = "/usr/sbin/varnex-updates " UPDATES_IMAGE " > /rw/varnex-updates.log 2>&1";
+
+// One check at a time: phone-home, set.firmware and the retry thread may
+// all ask at once, and a check may hold a whole download.
+pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+
+struct json_releaser {
+    void operator()(json_t *j) const { json_decref(j); }
+};
+
+int install(const char *href)
+{
+    const char *fn = "check_updates";
+    log_fprint(orkad_log, "%s: downloading new firmware, url = '%s'\n", fn, href);
+    if (http_download_file(href, UPDATES_IMAGE) != 0)
+        return -1;
+    log_fprint(orkad_log, "%s: running /usr/sbin/varnex-updates " UPDATES_IMAGE "\n", fn);
+    int rc = dev_system(installer);
+    int status = (rc != -1 && WIFEXITED(rc)) ? WEXITSTATUS(rc) : -1;
+    if (status != 0) {
+        // The image stays where it is; the next download overwrites it.
+        log_fprint(orkad_log, "%s: varnex-updates " UPDATES_IMAGE " failed with error code %d\n",
+                   fn, status);
+        return status;
+    }
+    log_fprint(orkad_log, "%s: update successfully completed, restarting system.", fn);
+    platform_reboot();
+    return 0;
+}
+
+int handle_reply(const reply *r)
+{
+    const char *fn = "check_updates";
+    json_error_t err;
+    std::unique_ptr<json_t, json_releaser> root(json_loadb(r->data, r->length, 0, &err));
+    if (!root) {
+        log_fprint(orkad_log, "%s: error decoding auto-updates data: %s\n", fn, err.text);
+        return -1;
+    }
+    json_t *current = json_object_get(root.get(), "currentFirmware");
+    if (!json_is_object(current)) {
+        log_fprint(orkad_log, "%s: missing or invalid 'currentFirmware' object\n", fn);
+        return -1;
+    }
+    json_t *download = json_object_get(current, "download");
+    if (!json_is_object(download))
+        return 0;
+    json_t *href = json_object_get(download, "href");
+    if (!json_is_string(href)) {
+        log_fprint(orkad_log, "%s: missing or invalid 'href' element in 'download' object\n", fn);
+        return -1;
+    }
+    return install(json_string_value(href));
+}
+
+} // namespace
+
+void auto_updates(void)
+{
+    command_register("set.firmware", cmd_set_firmware);
+}
+
+int check_updates(void)
+{
+    pthread_mutex_lock(&lock);
+    int result = -1;
+    char *base = get_cloud_controller();
+    if (base != nullptr) {
+        // The version of the bank we booted from.
+        const char *version = strcmp(env_boot, "0") == 0 ? env_primary : env_secondary;
+        char url[512];
+        snprintf(url, sizeof(url), "%s/api/current-firmware?serial_number=%s&firmware_version=%s",
+                 base, env_serial, version);
+        reply *r = alloc_reply();
+        // The controller answers this one without a token.
+        result = http_get(url, nullptr, r);
+        if (result == 0)
+            result = handle_reply(r);
+        free_reply(r);
+    }
+    pthread_mutex_unlock(&lock);
+    return result;
+}
+
+void start_deferred_updates(void)
+{
+    if (deferred_running) {
+        log_fprint(orkad_log, "deferred_updates already running\n");
+        return;
+    }
+    log_fprint(orkad_log, "starting deferred_updates\n");
+    thread_start("deferred_updates", deferred_updates, const_cast<bool *>(&deferred_running),
+                 nullptr, nullptr);
+}
+
+void deferred_updates(void *running, void *, void *)
+{
+    volatile bool *flag = static_cast<volatile bool *>(running);
+    *flag = true;
+    int delay = 0;
+    // Back off by five minutes a time, up to an hour, so a controller that is
+    // down is not hammered by every switch at once.
+    while (check_updates() != 0) {
+        if (delay < MAX_DELAY_MINUTES)
+            delay += DELAY_STEP_MINUTES;
+        updates_sleep((unsigned int)delay * 60);
+    }
+    *flag = false;
+}
+
+void cmd_set_firmware(char *command, json_t *js_command, char *resp_href)
+{
+    char message[CMD_MESSAGE_SIZE] = "";
+    char id[CMD_ID_SIZE] = "";
+    int result = -1;
+    json_t *jid = json_object_get(js_command, "id");
+    if (!json_is_string(jid)) {
+        snprintf(message, sizeof(message), "missing or invalid 'id' element in command");
+        log_fprint(orkad_log, "set.firmware: %s\n", message);
+    } else {
+        snprintf(id, sizeof(id), "%s", json_string_value(jid));
+        result = 0;
+    }
+    // Answer first: a successful update restarts the device.
+    send_command_status(resp_href, id, result, message, nullptr);
+    free(command);
+    free(resp_href);
+    json_decref(js_command);
+
+    if (result != 0 || developer_build)
+        return;
+    if (check_updates() != 0)
+        start_deferred_updates();
+}

@@ -1,0 +1,322 @@
+#include "heartbeat.h"
+
+#include "auth.h"
+#include "command.h"
+#include "config.h"
+#include "debug.h"
+#include "devroot.h"
+#include "http.h"
+#include "log.h"
+#include "lsql.h"
+#include "netutils.h"
+#include "signals.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <sys/syscall.h>
+#include <sys/sysinfo.h>
+#include <syslog.h>
+#include <unistd.h>
+
+heartbeat_provider *heartbeat_providers;
+int heartbeat_interval = 10;
+char heartbeat_link[HEARTBEAT_LINK_SIZE] = "/heartbeat";
+uint64_t heartbeat_count;
+unsigned int (*heartbeat_sleep)(unsigned int seconds) = sleep;
+
+namespace
+{
+
+constexpr int MAX_MISSED = 6;
+constexpr int MIN_INTERVAL = 1;
+constexpr int MAX_INTERVAL = 60;
+
+bool last_failed = true;
+int cloud_connected = -1;
+int cloud_missed;
+bool skipping;
+char last_ip[16];
+
+struct json_releaser {
+    void operator()(json_t *j) const { json_decref(j); }
+};
+using json_ptr = std::unique_ptr<json_t, json_releaser>;
+
+void lanip_provider(json_t *hb_obj, bool failed)
+{
+    char ifname[16];
+    char ip[16];
+    get_mgmt_ifname(ifname);
+    get_ipv4_address(ifname, ip);
+    // After a healthy run the controller already knows the address.
+    if (failed || strcmp(ip, last_ip) != 0)
+        json_object_set_new(hb_obj, "lanIp", json_string(ip));
+    memcpy(last_ip, ip, sizeof(last_ip));
+}
+
+void uptime_provider(json_t *hb_obj, bool)
+{
+    struct sysinfo info;
+    if (sysinfo(&info) != 0)
+        info.uptime = 0;
+    json_object_set_new(hb_obj, "uptime", json_integer(info.uptime));
+}
+
+void connected(int state)
+{
+    if (cloud_connected != state)
+        set_cloud_controller_status(state ? "up" : "down");
+    cloud_connected = state;
+}
+
+void pulse_failed(void)
+{
+    last_failed = true;
+    // A few lost pulses are normal on a busy uplink; only a longer run of
+    // them means the controller is gone.
+    if (cloud_missed < MAX_MISSED)
+        cloud_missed++;
+    else
+        connected(0);
+}
+
+void pulse_succeeded(void)
+{
+    connected(1);
+    last_failed = false;
+    cloud_missed = 0;
+}
+
+void run_commands(const reply *r)
+{
+    json_error_t err;
+    json_ptr root(json_loadb(r->data, r->length, 0, &err));
+    if (!root) {
+        log_fprint(orkad_log, "error decoding heartbeat data: %s\n", err.text);
+        return;
+    }
+    json_t *total = json_object_get(root.get(), "totalCount");
+    if (!json_is_integer(total)) {
+        log_fprint(orkad_log, "Missing or non-integer 'totalCount' item\n");
+        return;
+    }
+    int count = (int)json_integer_value(total);
+    if (count == 0)
+        return;
+    log_fprint(orkad_log, "reply = '%.*s'\n", r->length, r->data);
+    log_fprint(cmd_log, "commands = '%.*s'\n", r->length, r->data);
+
+    json_t *link = json_object_get(root.get(), "responseLink");
+    if (!json_is_object(link)) {
+        log_fprint(orkad_log, "Missing or non-object 'responseLink' item\n");
+        return;
+    }
+    json_t *href = json_object_get(link, "href");
+    if (!json_is_string(href)) {
+        log_fprint(orkad_log, "Missing or invalid 'href' element in 'responseLink' object\n");
+        return;
+    }
+    json_t *list = json_object_get(root.get(), "commandList");
+    if (!json_is_array(list)) {
+        log_fprint(orkad_log, "Missing or non-array 'commandList' item\n");
+        return;
+    }
+    int size = (int)json_array_size(list);
+    // A list that does not match its count may be cut short: run none of it.
+    if (size != count) {
+        log_fprint(orkad_log, "totalCount (%d) != commandList size (%d)\n", count, size);
+        return;
+    }
+    process_bundle(list, count, json_string_value(href));
+}
+
+// Two attempts: a 4xx means our token was refused, so the second one goes
+// out with a fresh token. 0 when the post succeeded.
+int post(const char *url, const char *payload, int length, reply *r)
+{
+    char bearer[ACCESS_TOKEN_SIZE + 32];
+    const char *headers[] = {bearer, "Content-Type: application/json", nullptr};
+    int result = -1;
+    for (int attempt = 0; attempt < 2; attempt++) {
+        char token[ACCESS_TOKEN_SIZE];
+        if (!get_access_token(token))
+            return -1;
+        snprintf(bearer, sizeof(bearer), "Authorization: Bearer %s", token);
+        result = http_post(url, payload, length, headers, r);
+        if (result < 400 || result > 499)
+            break;
+        invalidate_access_token();
+        r->length = 0;
+    }
+    return result;
+}
+
+} // namespace
+
+int heartbeat_register_provider(const char *name, heartbeat_fn fn)
+{
+    auto *p = static_cast<heartbeat_provider *>(calloc(1, sizeof(heartbeat_provider)));
+    if (p == nullptr) {
+        log_fprint(orkad_log, "%s: cannot allocate 'heartbeat_provider' structure for '%s'\n",
+                   "heartbeat_register_provider", name);
+        return -1;
+    }
+    p->name = name;
+    p->fn = fn;
+    p->next = heartbeat_providers;
+    heartbeat_providers = p;
+    log_fprint(orkad_log, "%s: registered '%s' heartbeat provider\n", "heartbeat_register_provider",
+               name);
+    return 0;
+}
+
+int heartbeat_pulse(void)
+{
+    char *base = get_cloud_controller();
+    if (base == nullptr) {
+        if (cloud_connected != 0) {
+            set_cloud_controller_status("down");
+            cloud_connected = 0;
+        }
+        if (!skipping) {
+            log_fprint(orkad_log, "cloud_controller not set, skipping heartbeats!\n");
+            skipping = true;
+        }
+        return -1;
+    }
+
+    json_ptr hb_obj(json_object());
+    if (!hb_obj) {
+        log_fprint(orkad_log, "%s: Can't allocate JSON object\n", "heartbeat_pulse");
+        return -1;
+    }
+    for (heartbeat_provider *p = heartbeat_providers; p != nullptr; p = p->next)
+        p->fn(hb_obj.get(), last_failed);
+    char *payload = json_dumps(hb_obj.get(), JSON_COMPACT | JSON_PRESERVE_ORDER);
+    int length = 0;
+    if (payload == nullptr)
+        log_fprint(orkad_log, "%s: failed to convert hb_obj to payload\n", "heartbeat_pulse");
+    else
+        length = (int)strlen(payload);
+    hb_obj.reset();
+    if (debug)
+        log_fprint(orkad_log, "length = %d, payload = '%s'\n", length,
+                   payload != nullptr ? payload : "");
+
+    reply *r = alloc_reply();
+    char url[512];
+    snprintf(url, sizeof(url), "%s/api%s", base, heartbeat_link);
+    heartbeat_count++;
+
+    int result = post(url, payload, length, r);
+    if (result != 0) {
+        pulse_failed();
+    } else {
+        if (debug)
+            log_fprint(orkad_log, "reply = '%.*s'\n", r->length, r->data);
+        // A reply we cannot read still proves the controller is there.
+        run_commands(r);
+        pulse_succeeded();
+    }
+    free(payload);
+    free_reply(r);
+    skipping = false;
+    return result == 0 ? 0 : -1;
+}
+
+void heartbeat_setup(void)
+{
+    command_register("set.heartbeat", cmd_set_heartbeat);
+    signals_register(SIGUSR1, heartbeat_debug, "heartbeat_debug");
+    heartbeat_register_provider("lanIp", lanip_provider);
+    heartbeat_register_provider("uptime", uptime_provider);
+
+    if (env_heartbeat[0] != '\0') {
+        int interval = (int)strtol(env_heartbeat, nullptr, 10);
+        if (interval >= MIN_INTERVAL && interval <= MAX_INTERVAL) {
+            if (interval != heartbeat_interval)
+                log_fprint(orkad_log, "%s: new interval = %d seconds\n", "heartbeat", interval);
+            heartbeat_interval = interval;
+        } else {
+            log_fprint(orkad_log, "%s: interval value (%d) is out of range\n", "heartbeat",
+                       interval);
+        }
+    }
+    log_fprint(orkad_log, "%s: my TID: %d\n", "heartbeat", (int)syscall(SYS_gettid));
+}
+
+void heartbeat(void *, void *, void *)
+{
+    heartbeat_setup();
+    // The period runs from the end of one pulse to the start of the next.
+    for (;;) {
+        heartbeat_pulse();
+        heartbeat_sleep((unsigned int)heartbeat_interval);
+    }
+}
+
+void cmd_set_heartbeat(char *command, json_t *js_command, char *resp_href)
+{
+    char message[CMD_MESSAGE_SIZE] = "";
+    char id[CMD_ID_SIZE] = "";
+    int result = -1;
+
+    json_t *jid = json_object_get(js_command, "id");
+    json_t *params = json_object_get(js_command, "params");
+    json_t *interval = nullptr;
+    json_t *link = nullptr;
+    json_t *href = nullptr;
+    long long seconds = 0;
+    if (!json_is_string(jid)) {
+        snprintf(message, sizeof(message), "missing or invalid 'id' element in command");
+    } else {
+        snprintf(id, sizeof(id), "%s", json_string_value(jid));
+        if (!json_is_object(params)) {
+            snprintf(message, sizeof(message), "missing or invalid 'params' element");
+        } else if (interval = json_object_get(params, "interval"), !json_is_integer(interval)) {
+            snprintf(message, sizeof(message), "missing or invalid 'interval' element in params");
+        } else if (seconds = json_integer_value(interval) / 1000,
+                   seconds < MIN_INTERVAL || seconds > MAX_INTERVAL) {
+            snprintf(message, sizeof(message), "heartbeat interval out of range");
+        } else if (link = json_object_get(params, "serviceLink"), !json_is_object(link)) {
+            snprintf(message, sizeof(message),
+                     "missing or invalid 'serviceLink' element in params");
+        } else if (href = json_object_get(link, "href"), !json_is_string(href)) {
+            snprintf(message, sizeof(message), "missing or invalid 'href' element in params");
+        } else if (strlen(json_string_value(href)) >= sizeof(heartbeat_link)) {
+            snprintf(message, sizeof(message), "the 'href' element in params is too large");
+        } else {
+            // Not stored: a restarted agent starts from the defaults again.
+            heartbeat_interval = (int)seconds;
+            snprintf(heartbeat_link, sizeof(heartbeat_link), "%s", json_string_value(href));
+            dev_syslog(LOG_INFO, "Heartbeat interval=%d seconds, link='%s'", heartbeat_interval,
+                       heartbeat_link);
+            result = 0;
+        }
+    }
+    if (result != 0)
+        log_fprint(orkad_log, "set.heartbeat: %s\n", message);
+
+    send_command_status(resp_href, id, result, message, nullptr);
+    free(command);
+    free(resp_href);
+    json_decref(js_command);
+}
+
+void heartbeat_debug(int)
+{
+    log_fprint(dbg_log, "%s: heartbeat_interval = %d, heartbeat_count = %llu\n", "heartbeat_debug",
+               heartbeat_interval, (unsigned long long)heartbeat_count);
+}
+
+int heartbeat_cloud_connected(void)
+{
+    return cloud_connected;
+}
+
+int heartbeat_cloud_missed(void)
+{
+    return cloud_missed;
+}

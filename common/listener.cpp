@@ -1,4 +1,5 @@
 #include "listener.h"
+#include "raii.h"
 
 #include "devroot.h"
 #include "log.h"
@@ -26,28 +27,6 @@ std::atomic<listener_socket_t *> listener_sockets{nullptr};
 std::mutex listener_sockets_lock;
 const char default_socket_name[] = LISTENER_DEFAULT_SOCKET;
 
-class fd_guard
-{
-  public:
-    explicit fd_guard(int fd) : fd_(fd) {}
-    ~fd_guard()
-    {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    fd_guard(const fd_guard &) = delete;
-    fd_guard &operator=(const fd_guard &) = delete;
-    int get() const { return fd_; }
-    bool ok() const { return fd_ >= 0; }
-
-  private:
-    int fd_;
-};
-
-struct json_deleter {
-    void operator()(json_t *j) const { json_decref(j); }
-};
-
 const char *choose_name(const char *socket_name)
 {
     return socket_name == nullptr || socket_name[0] == '\0' ? default_socket_name : socket_name;
@@ -65,7 +44,7 @@ listener_socket_t *find_socket(const char *name)
 void process_message(listener_socket_t *sock, const char *buf, int len)
 {
     json_error_t error;
-    std::unique_ptr<json_t, json_deleter> msg(json_loadb(buf, len, 0, &error));
+    json_ptr msg(json_loadb(buf, len, 0, &error));
     if (msg == nullptr) {
         log_fprint(orkad_log, "listener: error decoding message: %s\n", error.text);
         log_fprint(orkad_log, "len = %d, message = '%.*s'\n", len, len, buf);

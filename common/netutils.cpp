@@ -1,4 +1,5 @@
 #include "netutils.h"
+#include "raii.h"
 
 #include "devroot.h"
 #include "log.h"
@@ -27,30 +28,6 @@ const char udhcpc[] = "/sbin/udhcpc";
 const char udhcpc_script[] = "/usr/share/udhcpc/varnex_dhcp_client.script";
 const char pid_dir[] = "/tmp";
 constexpr int arp_nudge_port = 8113;
-
-// Owns one descriptor for the length of a call.
-class fd_guard
-{
-  public:
-    explicit fd_guard(int fd) : fd_(fd) {}
-    ~fd_guard()
-    {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    fd_guard(const fd_guard &) = delete;
-    fd_guard &operator=(const fd_guard &) = delete;
-    int get() const { return fd_; }
-    bool ok() const { return fd_ >= 0; }
-
-  private:
-    int fd_;
-};
-
-struct file_closer {
-    void operator()(FILE *fp) const { fclose(fp); }
-};
-using file_ptr = std::unique_ptr<FILE, file_closer>;
 
 void set_ifr_name(struct ifreq *ifr, const char *iface)
 {

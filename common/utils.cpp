@@ -1,4 +1,5 @@
 #include "utils.h"
+#include "raii.h"
 
 #include "debug.h"
 #include "devroot.h"
@@ -13,16 +14,6 @@
 
 namespace
 {
-
-struct file_closer {
-    void operator()(FILE *fp) const { fclose(fp); }
-};
-using file_ptr = std::unique_ptr<FILE, file_closer>;
-
-struct pipe_closer {
-    void operator()(FILE *fp) const { pclose(fp); }
-};
-using pipe_ptr = std::unique_ptr<FILE, pipe_closer>;
 
 // Callers hand their own error format in; it always takes one string.
 #pragma GCC diagnostic push

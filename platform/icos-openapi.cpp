@@ -1,6 +1,7 @@
 // The agent's side of the switch API: one OpEN client for the whole process,
 // the port status collection and the switch settings operations.
 #include "icos-openapi.h"
+#include "raii.h"
 
 #include "log.h"
 #include "openapi.h"
@@ -31,10 +32,6 @@ const size_t message_size = 512;
 const uint32_t lldp_str_limit = 8192;
 
 const char *const collect_fn = "platform_collect_port_status";
-
-struct free_deleter {
-    void operator()(void *p) const { free(p); }
-};
 
 // Heap copy of a text for a record; a failed copy is logged under the
 // collecting function's name and gives null.

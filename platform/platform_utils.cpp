@@ -1,4 +1,5 @@
 #include "platform_utils.h"
+#include "raii.h"
 
 #include "devroot.h"
 #include "icos-openapi.h"
@@ -70,13 +71,6 @@ const char capabilities[] = ",\"capabilities\":{"
                             "\"set-status\":{\"allowed\":true},"
                             "\"edit-vnet\":{\"allowed\":false}}";
 
-struct pipe_closer {
-    void operator()(FILE *fp) const { pclose(fp); }
-};
-struct file_closer {
-    void operator()(FILE *fp) const { fclose(fp); }
-};
-
 void chop_newline(char *s)
 {
     size_t len = strlen(s);
@@ -87,7 +81,7 @@ void chop_newline(char *s)
 // Reads the first line a command prints, without its newline.
 char *read_command_line(const char *cmd, char *buf, int n)
 {
-    std::unique_ptr<FILE, pipe_closer> fp(dev_popen(cmd, "r"));
+    pipe_ptr fp(dev_popen(cmd, "r"));
     if (!fp)
         return nullptr;
     buf[0] = '\0';
@@ -134,7 +128,7 @@ const char *get_firmware_version(void)
     if (firmware_version[0] != '\0')
         return firmware_version;
     // Not found yet: try the file again on the next call.
-    std::unique_ptr<FILE, file_closer> fp(dev_fopen("/etc/version", "r"));
+    file_ptr fp(dev_fopen("/etc/version", "r"));
     if (!fp)
         return "";
     if (fgets(firmware_version, sizeof(firmware_version), fp.get()) == nullptr)
@@ -182,7 +176,7 @@ int platform_get_if_mac_str(const char *ifname, char *buf)
 {
     char path[64];
     snprintf(path, sizeof(path), "/sys/class/net/%.16s/address", ifname);
-    std::unique_ptr<FILE, file_closer> fp(dev_fopen(path, "r"));
+    file_ptr fp(dev_fopen(path, "r"));
     if (!fp) {
         log_fprint(orkad_log, "%s: cannot open '%s'\n", "platform_get_if_mac_str", path);
         return -1;

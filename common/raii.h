@@ -1,0 +1,48 @@
+// Owners for the C handles the daemon works with, so every return path
+// releases them.
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+#include <jansson.h>
+#include <memory>
+#include <unistd.h>
+
+struct file_closer {
+    void operator()(FILE *fp) const { fclose(fp); }
+};
+using file_ptr = std::unique_ptr<FILE, file_closer>;
+
+struct pipe_closer {
+    void operator()(FILE *fp) const { pclose(fp); }
+};
+using pipe_ptr = std::unique_ptr<FILE, pipe_closer>;
+
+struct json_deleter {
+    void operator()(json_t *j) const { json_decref(j); }
+};
+using json_ptr = std::unique_ptr<json_t, json_deleter>;
+
+struct free_deleter {
+    void operator()(void *p) const { free(p); }
+};
+template <typename T> using malloc_ptr = std::unique_ptr<T, free_deleter>;
+
+// Owns one descriptor for the length of a call.
+class fd_guard
+{
+  public:
+    explicit fd_guard(int fd) : fd_(fd) {}
+    ~fd_guard()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    fd_guard(const fd_guard &) = delete;
+    fd_guard &operator=(const fd_guard &) = delete;
+    int get() const { return fd_; }
+    bool ok() const { return fd_ >= 0; }
+
+  private:
+    int fd_;
+};

@@ -2,16 +2,23 @@
 
 #include "devroot.h"
 
+#include <cerrno>
 #include <chrono>
+#include <csignal>
+#include <curl/curl.h>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <poll.h>
+#include <spawn.h>
 #include <sstream>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace testkit
@@ -129,6 +136,255 @@ std::string SyslogSink::wait_for(const std::string &text, int timeout_ms)
         if (d.find(text) != std::string::npos)
             return d;
     }
+}
+
+} // namespace testkit
+
+// ---- the lab controller -------------------------------------------------
+
+extern "C" char **environ;
+
+namespace testkit
+{
+
+Json json_parse(const std::string &text)
+{
+    json_error_t err;
+    json_t *j = json_loadb(text.data(), text.size(), JSON_DECODE_ANY, &err);
+    if (j == nullptr)
+        throw std::runtime_error("not JSON (" + std::string(err.text) + "): " + text);
+    return Json(j);
+}
+
+std::string json_text(const json_t *value)
+{
+    if (value == nullptr)
+        return "";
+    char *s = json_dumps(value, JSON_COMPACT | JSON_ENCODE_ANY);
+    std::string out = s != nullptr ? s : "";
+    free(s);
+    return out;
+}
+
+std::string json_str(const json_t *object, const char *key)
+{
+    const char *s = json_string_value(json_object_get(object, key));
+    return s != nullptr ? s : "";
+}
+
+namespace
+{
+
+size_t append_to_string(void *ptr, size_t size, size_t nmemb, void *userp)
+{
+    static_cast<std::string *>(userp)->append(static_cast<char *>(ptr), size * nmemb);
+    return size * nmemb;
+}
+
+} // namespace
+
+Lab::Lab(const DeviceRoot &root, const std::vector<std::string> &extra_args, int ready_timeout_ms)
+{
+    char tmpl[] = "/tmp/orkad-unit-lab-XXXXXX";
+    if (mkdtemp(tmpl) == nullptr)
+        throw std::runtime_error("mkdtemp failed");
+    state_dir = tmpl;
+    std::string ready = state_dir + "/controller.json";
+    std::vector<std::string> args = {"python3",          ORKAD_SOURCE_DIR "/lab/controller.py",
+                                     "--listen",         "127.0.0.1",
+                                     "--root",           root.path(),
+                                     "--state-dir",      state_dir,
+                                     "--control-listen", "127.0.0.1:0"};
+    args.insert(args.end(), extra_args.begin(), extra_args.end());
+    std::vector<char *> argv;
+    for (std::string &a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    std::string out = state_dir + "/controller.out";
+    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    int rc = posix_spawnp(&pid_, "python3", &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (rc != 0)
+        throw std::runtime_error("cannot start the lab controller: " + std::string(strerror(rc)));
+
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ready_timeout_ms);
+    for (;;) {
+        if (file_exists(ready)) {
+            try {
+                Json info = json_parse(read_file(ready));
+                base_url = json_str(info.get(), "base_url");
+                control_url = json_str(info.get(), "control_url");
+                if (!base_url.empty() && !control_url.empty())
+                    break;
+            } catch (const std::runtime_error &) {
+                // Renamed into place, so this is not expected; try again.
+            }
+        }
+        int status;
+        if (waitpid(pid_, &status, WNOHANG) == pid_) {
+            pid_ = -1;
+            throw std::runtime_error("the lab controller ended at start-up: " + output());
+        }
+        if (std::chrono::steady_clock::now() > deadline) {
+            stop();
+            throw std::runtime_error("the lab controller did not get ready: " + output());
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+Lab::~Lab()
+{
+    stop();
+    if (getenv("ORKAD_KEEP_ROOT") == nullptr && !state_dir.empty()) {
+        std::string cmd = "rm -rf '" + state_dir + "'";
+        if (system(cmd.c_str()) != 0) {
+        }
+    }
+}
+
+void Lab::stop()
+{
+    if (pid_ <= 0)
+        return;
+    kill(pid_, SIGTERM);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    int status;
+    while (waitpid(pid_, &status, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, &status, 0);
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    pid_ = -1;
+}
+
+std::string Lab::output() const
+{
+    return read_file(state_dir + "/controller.out");
+}
+
+Json Lab::call(const std::string &method, const std::string &path, const std::string &body,
+               const Query &query, long timeout_s)
+{
+    CURL *c = curl_easy_init();
+    if (c == nullptr)
+        throw std::runtime_error("curl_easy_init failed");
+    std::string url = control_url + path;
+    char sep = '?';
+    for (const auto &[name, value] : query) {
+        char *v = curl_easy_escape(c, value.c_str(), (int)value.size());
+        url += sep + name + "=" + v;
+        curl_free(v);
+        sep = '&';
+    }
+    std::string answer;
+    curl_easy_setopt(c, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(c, CURLOPT_CUSTOMREQUEST, method.c_str());
+    curl_easy_setopt(c, CURLOPT_TIMEOUT, timeout_s);
+    curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, append_to_string);
+    curl_easy_setopt(c, CURLOPT_WRITEDATA, &answer);
+    curl_slist *headers = nullptr;
+    if (!body.empty()) {
+        headers = curl_slist_append(headers, "Content-Type: application/json");
+        curl_easy_setopt(c, CURLOPT_HTTPHEADER, headers);
+        curl_easy_setopt(c, CURLOPT_POSTFIELDS, body.c_str());
+        curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE, (long)body.size());
+    }
+    CURLcode rc = curl_easy_perform(c);
+    long code = 0;
+    curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &code);
+    curl_slist_free_all(headers);
+    curl_easy_cleanup(c);
+    if (rc != CURLE_OK)
+        throw std::runtime_error("control call " + method + " " + url +
+                                 " failed: " + curl_easy_strerror(rc));
+    if (code < 200 || code > 299)
+        throw std::runtime_error("control call " + method + " " + url + " answered " +
+                                 std::to_string(code) + ": " + answer);
+    return json_parse(answer);
+}
+
+std::string Lab::queue_command(const std::string &command)
+{
+    Json r = call("POST", "/commands", "{\"command\":" + command + "}");
+    return json_string_value(json_array_get(json_object_get(r.get(), "ids"), 0)) ?: "";
+}
+
+void Lab::script(const std::string &spec)
+{
+    call("POST", "/scripts", spec);
+}
+
+void Lab::set_token(const std::string &settings)
+{
+    call("POST", "/token", settings);
+}
+
+void Lab::config(const std::string &settings)
+{
+    call("POST", "/config", settings);
+}
+
+void Lab::add_link(const std::string &path, const std::string &kind)
+{
+    call("POST", "/links", "{\"path\":\"" + path + "\",\"kind\":\"" + kind + "\"}");
+}
+
+void Lab::set_firmware(const std::string &settings)
+{
+    call("POST", "/firmware", settings);
+}
+
+namespace
+{
+
+Json member(Json doc, const char *key)
+{
+    json_t *v = json_object_get(doc.get(), key);
+    return Json(json_incref(v));
+}
+
+} // namespace
+
+Json Lab::requests(const Query &filters)
+{
+    return member(call("GET", "/requests", "", filters), "requests");
+}
+
+Json Lab::wait_requests(const Query &filters, int count, double timeout_s)
+{
+    Query q = filters;
+    q.emplace_back("wait", std::to_string(timeout_s));
+    q.emplace_back("count", std::to_string(count));
+    q.emplace_back("answered", "1");
+    return member(call("GET", "/requests", "", q, (long)timeout_s + 10), "requests");
+}
+
+Json Lab::results(const Query &filters)
+{
+    return member(call("GET", "/results", "", filters), "results");
+}
+
+Json Lab::wait_results(const Query &filters, int count, double timeout_s)
+{
+    Query q = filters;
+    q.emplace_back("wait", std::to_string(timeout_s));
+    q.emplace_back("count", std::to_string(count));
+    return member(call("GET", "/results", "", q, (long)timeout_s + 10), "results");
+}
+
+Json Lab::tokens()
+{
+    return member(call("GET", "/token"), "tokens");
 }
 
 } // namespace testkit

@@ -45,3 +45,83 @@ class SyslogSink
 };
 
 } // namespace testkit
+
+// ---- the lab controller -------------------------------------------------
+
+#include <jansson.h>
+#include <memory>
+#include <sys/types.h>
+#include <utility>
+
+namespace testkit
+{
+
+struct JsonRelease {
+    void operator()(json_t *j) const { json_decref(j); }
+};
+// An owned jansson reference.
+using Json = std::unique_ptr<json_t, JsonRelease>;
+
+// Parses JSON text; throws std::runtime_error when it does not parse.
+Json json_parse(const std::string &text);
+// Compact text of a JSON value ("" for null).
+std::string json_text(const json_t *value);
+// A string member of an object, or "" when it is missing or not a string.
+std::string json_str(const json_t *object, const char *key);
+
+// The lab controller (lab/controller.py) as a subprocess serving HTTPS on
+// 127.0.0.1 with its CA written into the device root's /etc/ca-bundle.pem,
+// its control API on a loopback TCP port. Stopped by the destructor.
+class Lab
+{
+  public:
+    using Query = std::vector<std::pair<std::string, std::string>>;
+
+    explicit Lab(const DeviceRoot &root, const std::vector<std::string> &extra_args = {},
+                 int ready_timeout_ms = 20000);
+    ~Lab();
+    Lab(const Lab &) = delete;
+    Lab &operator=(const Lab &) = delete;
+
+    std::string base_url;    // https://127.0.0.1:<port>
+    std::string control_url; // http://127.0.0.1:<port>
+    std::string state_dir;
+
+    // One control call; the reply's JSON. Throws when the call fails or the
+    // lab answers with an error status.
+    Json call(const std::string &method, const std::string &path, const std::string &body = "",
+              const Query &query = {}, long timeout_s = 15);
+
+    // Queues one command object (JSON text); returns its id.
+    std::string queue_command(const std::string &command);
+    // Adds a script (JSON text of one script, see docs/lab-api.md).
+    void script(const std::string &spec);
+    // Token settings: {"expires_in":..., "token_length":..., "extra":{...}, "revoke":...}.
+    void set_token(const std::string &settings);
+    // Controller settings (POST /config).
+    void config(const std::string &settings);
+    // Adds a controller link, e.g. ("/response/t", "response").
+    void add_link(const std::string &path, const std::string &kind);
+    // Sets the firmware on offer (POST /firmware).
+    void set_firmware(const std::string &settings);
+
+    // Request records matching the filters (path, kind, method, ...), as a
+    // JSON array.
+    Json requests(const Query &filters = {});
+    // Waits up to timeout_s until `count` requests match; the array found.
+    Json wait_requests(const Query &filters, int count = 1, double timeout_s = 10);
+    // Result records (filters command_id, serial, since), as a JSON array.
+    Json results(const Query &filters = {});
+    Json wait_results(const Query &filters, int count = 1, double timeout_s = 10);
+    // Tokens issued so far, as a JSON array.
+    Json tokens();
+
+    // Output of the controller process (for failure messages).
+    std::string output() const;
+
+  private:
+    pid_t pid_ = -1;
+    void stop();
+};
+
+} // namespace testkit

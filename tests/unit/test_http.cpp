@@ -229,3 +229,384 @@ TEST_F(HttpTest, StatusOf511BytesIsSentAndFourFailuresGiveTheLastResult)
     // The reply went back to the pool.
     EXPECT_EQ(queue_count(free_replies), 32);
 }
+
+// ---- against the lab controller over real HTTPS ---------------------------
+
+#include "config.h"
+
+#include <curl/curl.h>
+#include <memory>
+
+namespace
+{
+
+std::string base64_of(const std::string &in)
+{
+    static const char abc[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string out;
+    for (size_t i = 0; i < in.size(); i += 3) {
+        unsigned v = (unsigned char)in[i] << 16;
+        if (i + 1 < in.size())
+            v |= (unsigned char)in[i + 1] << 8;
+        if (i + 2 < in.size())
+            v |= (unsigned char)in[i + 2];
+        out += abc[v >> 18];
+        out += abc[(v >> 12) & 63];
+        out += i + 1 < in.size() ? abc[(v >> 6) & 63] : '=';
+        out += i + 2 < in.size() ? abc[v & 63] : '=';
+    }
+    return out;
+}
+
+class HttpLabTest : public HttpTest
+{
+  protected:
+    std::unique_ptr<Lab> lab;
+    void SetUp() override
+    {
+        HttpTest::SetUp();
+        if (HasFatalFailure())
+            return;
+        lab = std::make_unique<Lab>(root);
+        config_set("system", nullptr, "cloud-controller", lab->base_url.c_str());
+        snprintf(env_serial, sizeof(env_serial), "%s", "VX0123456789");
+        lab->add_link("/response/t", "response");
+    }
+    std::string url(const std::string &path) { return lab->base_url + path; }
+    static std::string prefix(const char *fn, const reply *r)
+    {
+        char p[64];
+        snprintf(p, sizeof(p), "%s: %08x ", fn, (unsigned)(uintptr_t)r);
+        return p;
+    }
+    bool has(const std::vector<std::string> &lines, const std::string &line)
+    {
+        return std::find(lines.begin(), lines.end(), line) != lines.end();
+    }
+    std::string token()
+    {
+        char t[256];
+        EXPECT_EQ(get_access_token(t), 1);
+        return t;
+    }
+    json_t *only(const Json &array)
+    {
+        EXPECT_EQ(json_array_size(array.get()), 1u) << json_text(array.get());
+        return json_array_get(array.get(), 0);
+    }
+    size_t count_of(const Lab::Query &filters)
+    {
+        return json_array_size(lab->requests(filters).get());
+    }
+};
+
+// The value of the first raw header with that name, and its position.
+std::pair<int, std::string> raw_header(json_t *rec, const std::string &name)
+{
+    json_t *list = json_object_get(rec, "raw_headers");
+    for (size_t i = 0; i < json_array_size(list); i++) {
+        json_t *h = json_array_get(list, i);
+        if (strcasecmp(json_string_value(json_array_get(h, 0)), name.c_str()) == 0)
+            return {(int)i, json_string_value(json_array_get(h, 1))};
+    }
+    return {-1, ""};
+}
+
+} // namespace
+
+TEST_F(HttpLabTest, NoContentIsSuccess)
+{
+    lab->script(R"({"path":"/api/x","status":204,"count":2})");
+    reply *r = alloc_reply();
+    EXPECT_EQ(http_get(url("/api/x").c_str(), nullptr, r), 0);
+    EXPECT_EQ(r->length, 0);
+    EXPECT_EQ(http_post(url("/api/x").c_str(), "{}", 2, nullptr, r), 0);
+    auto h = http_lines();
+    EXPECT_TRUE(has(h, prefix("http_get", r) + "response code = 204"));
+    EXPECT_TRUE(has(h, prefix("http_post", r) + "response code = 204"));
+    free_reply(r);
+}
+
+TEST_F(HttpLabTest, StatusOutsideSuccessIsTheResult)
+{
+    lab->script(R"({"path":"/api/x","status":300,"body":{"choices":[]},"count":2})");
+    reply *r = alloc_reply();
+    EXPECT_EQ(http_get(url("/api/x").c_str(), nullptr, r), 300);
+    EXPECT_EQ(std::string(r->data, r->length), "{\"choices\":[]}");
+    r->length = 0;
+    EXPECT_EQ(http_post(url("/api/x").c_str(), "{}", 2, nullptr, r), 300);
+    // An unknown resource: the controller's own 404.
+    r->length = 0;
+    EXPECT_EQ(http_get(url("/api/nowhere").c_str(), nullptr, r), 404);
+    EXPECT_EQ(std::string(r->data, r->length), R"({"error":"not found","path":"/api/nowhere"})");
+    free_reply(r);
+}
+
+// A final status of 199 never reaches the daemon: curl takes every 1xx
+// status line as an interim answer and reads on for the real one. The body
+// that follows is then read as a status line, which curl refuses as
+// HTTP/0.9, so the transfer fails and the caller gets 2, not 199.
+TEST_F(HttpLabTest, Status199IsATransportFailureUnderCurl)
+{
+    lab->script(R"({"path":"/api/x","status":199,"body":{"a":1}})");
+    reply *r = alloc_reply();
+    EXPECT_EQ(http_get(url("/api/x").c_str(), nullptr, r), 2);
+    auto h = http_lines();
+    EXPECT_TRUE(has(h, prefix("http_get", r) + "curl_easy_perform() failed: (CURLcode = 1) " +
+                           curl_easy_strerror(CURLE_UNSUPPORTED_PROTOCOL)));
+    EXPECT_TRUE(has(h, prefix("http_get", r) + "curl error-buffer = 'Received HTTP/0.9 when not "
+                                               "allowed'"));
+    free_reply(r);
+}
+
+TEST_F(HttpLabTest, BodyIsReceivedAndLoggedExactly)
+{
+    const std::string body = R"({"hello":"world","n":[1,2,3]})";
+    lab->script(R"({"path":"/api/x","text":")" +
+                std::string(R"({\"hello\":\"world\",\"n\":[1,2,3]})") + "\"}");
+    reply *r = alloc_reply();
+    std::string u = url("/api/x?a=1");
+    EXPECT_EQ(http_get(u.c_str(), nullptr, r), 0);
+    EXPECT_EQ(std::string(r->data, r->length), body);
+    EXPECT_EQ(r->data, r->buffer);
+    auto h = http_lines();
+    std::string p = prefix("http_get", r);
+    auto at = std::find(h.begin(), h.end(), p + "url = '" + u + "'");
+    ASSERT_NE(at, h.end());
+    ASSERT_GE(h.end() - at, 3);
+    EXPECT_EQ(at[1], p + "reply = '" + body + "'");
+    EXPECT_EQ(at[2], p + "response code = 200");
+    Json rec = lab->requests({{"path", "/api/x"}});
+    EXPECT_EQ(json_str(only(rec), "method"), "GET");
+    EXPECT_EQ(json_str(only(rec), "query"), "a=1");
+    free_reply(r);
+}
+
+TEST_F(HttpLabTest, LargeBodyMovesToTheHeap)
+{
+    std::string body(5000, 'z');
+    lab->script(R"({"path":"/api/x","text":")" + body + "\"}");
+    reply *r = alloc_reply();
+    EXPECT_EQ(http_get(url("/api/x").c_str(), nullptr, r), 0);
+    EXPECT_EQ(r->length, 5000);
+    EXPECT_NE(r->data, r->buffer);
+    EXPECT_EQ(r->size, 5000); // grown to exactly what arrived
+    EXPECT_EQ(std::string(r->data, r->length), body);
+    EXPECT_TRUE(has(http_lines(), prefix("http_get", r) + "reply = '" + body + "'"));
+    free_reply(r);
+}
+
+TEST_F(HttpLabTest, PostCarriesBodyAndHeaders)
+{
+    std::string bearer = "Authorization: Bearer " + token();
+    const char *hdrs[] = {bearer.c_str(), "Content-Type: application/json", "X-Probe: 7", nullptr};
+    const std::string body = R"({"ports":[{"id":"1"}]})";
+    reply *r = alloc_reply();
+    std::string u = url("/api/status");
+    EXPECT_EQ(http_post(u.c_str(), body.c_str(), (int)body.size(), hdrs, r), 0);
+    EXPECT_EQ(std::string(r->data, r->length), "{}");
+    Json recs = lab->requests({{"path", "/api/status"}});
+    json_t *rec = only(recs);
+    EXPECT_EQ(json_str(rec, "method"), "POST");
+    EXPECT_EQ(json_str(rec, "body"), body);
+    EXPECT_EQ(raw_header(rec, "X-Probe").second, "7");
+    EXPECT_EQ(json_integer_value(json_object_get(rec, "status")), 200);
+
+    auto h = http_lines();
+    std::string p = prefix("http_post", r);
+    auto at = std::find(h.begin(), h.end(), p + "url = '" + u + "'");
+    ASSERT_NE(at, h.end());
+    ASSERT_GE(h.end() - at, 7);
+    EXPECT_EQ(at[1], p + "l = " + std::to_string(body.size()) + ", data = '" + body + "'");
+    EXPECT_EQ(at[2], p + "header '" + bearer + "'");
+    EXPECT_EQ(at[3], p + "header 'Content-Type: application/json'");
+    EXPECT_EQ(at[4], p + "header 'X-Probe: 7'");
+    EXPECT_EQ(at[5], p + "reply = '{}'");
+    EXPECT_EQ(at[6], p + "response code = 200");
+    free_reply(r);
+}
+
+TEST_F(HttpLabTest, PutCarriesItsBodyAndLogsWithThePostWording)
+{
+    std::string bearer = "Authorization: Bearer " + token();
+    const char *hdrs[] = {bearer.c_str(), "Content-Type: application/json", nullptr};
+    const std::string body = R"({"a":1})";
+    reply *r = alloc_reply();
+    std::string u = url("/api/statistics");
+    EXPECT_EQ(http_put(u.c_str(), body.c_str(), (int)body.size(), hdrs, r), 0);
+    Json recs = lab->requests({{"path", "/api/statistics"}});
+    EXPECT_EQ(json_str(only(recs), "method"), "PUT");
+    EXPECT_EQ(json_str(only(recs), "body"), body);
+    auto h = http_lines();
+    auto at = std::find(h.begin(), h.end(), "http_put: url = '" + u + "'");
+    ASSERT_NE(at, h.end());
+    ASSERT_GE(h.end() - at, 5);
+    EXPECT_EQ(at[1], "http_post: l = 7, data = '" + body + "'");
+    EXPECT_EQ(at[2], "http_post: header '" + bearer + "'");
+    EXPECT_EQ(at[3], "http_post: header 'Content-Type: application/json'");
+    EXPECT_EQ(at[4], "reply = '{}'");
+
+    // Refused: the main log hears of it too.
+    r->length = 0;
+    std::string nowhere = url("/api/nowhere");
+    EXPECT_EQ(http_put(nowhere.c_str(), body.c_str(), (int)body.size(), hdrs, r), 404);
+    EXPECT_NE(read_file(root.at("/rw/orkad.log"))
+                  .find(" POST '" + nowhere + "'\nreceived unexpected response code 404\n"),
+              std::string::npos);
+    EXPECT_EQ(main_log().back(), R"(reply = '{"error":"not found","path":"/api/nowhere"}')");
+    free_reply(r);
+}
+
+TEST_F(HttpLabTest, CommandStatusWithoutData)
+{
+    EXPECT_EQ(send_command_status("/response/t", "lab-7", -1, "port 3 is gone", nullptr), 0);
+    const std::string body =
+        R"({"response":[{"commandId":"lab-7","code":-1,"message":"port 3 is gone"}]})";
+    Json res = lab->results();
+    json_t *r = only(res);
+    EXPECT_EQ(json_str(r, "body"), body);
+    EXPECT_EQ(json_str(r, "path"), "/api/response/t");
+    EXPECT_TRUE(json_is_true(json_object_get(r, "valid_json")));
+    EXPECT_EQ(json_str(r, "commandId"), "lab-7");
+    EXPECT_EQ(json_integer_value(json_object_get(r, "code")), -1);
+    EXPECT_EQ(json_str(r, "message"), "port 3 is gone");
+    EXPECT_EQ(json_object_get(r, "data"), nullptr);
+    EXPECT_EQ(cmd_lines().back(), lab->base_url + "/api/response/t: '" + body + "'");
+    EXPECT_EQ(queue_count(free_replies), 32);
+}
+
+TEST_F(HttpLabTest, CommandStatusWithData)
+{
+    EXPECT_EQ(send_command_status("/response/t", "lab-8", 0, "", R"({"ports":[1,2]})"), 0);
+    Json res = lab->results();
+    json_t *r = only(res);
+    EXPECT_EQ(
+        json_str(r, "body"),
+        R"({"response":[{"commandId":"lab-8","code":0,"message":"","data":{"ports":[1,2]}}]})");
+    EXPECT_EQ(json_text(json_object_get(r, "data")), R"({"ports":[1,2]})");
+    EXPECT_EQ(json_integer_value(json_object_get(r, "code")), 0);
+}
+
+TEST_F(HttpLabTest, CommandStatusMessageIsNotEscaped)
+{
+    EXPECT_EQ(send_command_status("/response/t", "lab-9", -1, "bad \"name\"", nullptr), 0);
+    Json res = lab->results();
+    json_t *r = only(res);
+    EXPECT_EQ(json_str(r, "body"),
+              R"({"response":[{"commandId":"lab-9","code":-1,"message":"bad "name""}]})");
+    EXPECT_TRUE(json_is_false(json_object_get(r, "valid_json")));
+}
+
+TEST_F(HttpLabTest, CommandStatusHeadersInOrder)
+{
+    EXPECT_EQ(send_command_status("/response/t", "lab-1", 0, "", nullptr), 0);
+    Json recs = lab->requests({{"path", "/api/response/t"}});
+    json_t *rec = only(recs);
+    Json issued = lab->tokens();
+    std::string tok = json_str(json_array_get(issued.get(), 0), "token");
+    ASSERT_FALSE(tok.empty());
+    auto auth = raw_header(rec, "Authorization");
+    auto type = raw_header(rec, "Content-Type");
+    EXPECT_EQ(auth.second, "Bearer " + tok);
+    EXPECT_EQ(type.second, "application/json");
+    ASSERT_GE(auth.first, 0);
+    EXPECT_LT(auth.first, type.first);
+    EXPECT_EQ(json_str(rec, "method"), "POST");
+}
+
+TEST_F(HttpLabTest, FourFailingPostsInvalidateTheTokenFourTimes)
+{
+    lab->script(R"({"path":"/api/response/t","status":500,"body":{"error":"boom"},"count":4})");
+    EXPECT_EQ(send_command_status("/response/t", "lab-2", 0, "", nullptr), 500);
+    EXPECT_EQ(count_of({{"kind", "token"}}), 4u);
+    EXPECT_EQ(count_of({{"path", "/api/response/t"}}), 4u);
+    EXPECT_EQ(json_array_size(lab->results().get()), 0u);
+    const std::string body = R"({"response":[{"commandId":"lab-2","code":0,"message":""}]})";
+    auto m = main_log();
+    EXPECT_EQ(
+        std::count(m.begin(), m.end(),
+                   "http_post err = 500, post = '" + body + "', reply = '{\"error\":\"boom\"}'"),
+        4);
+    EXPECT_EQ(queue_count(free_replies), 32);
+}
+
+TEST_F(HttpLabTest, OneFailedPostIsRetriedWithANewToken)
+{
+    lab->script(R"({"path":"/api/response/t","status":401,"body":{"error":"invalid_token"}})");
+    EXPECT_EQ(send_command_status("/response/t", "lab-3", 0, "", nullptr), 0);
+    EXPECT_EQ(count_of({{"kind", "token"}}), 2u);
+    Json res = lab->results();
+    EXPECT_EQ(json_str(only(res), "commandId"), "lab-3");
+    Json issued = lab->tokens();
+    Json recs = lab->requests({{"path", "/api/response/t"}});
+    ASSERT_EQ(json_array_size(recs.get()), 2u);
+    EXPECT_EQ(raw_header(json_array_get(recs.get(), 1), "Authorization").second,
+              "Bearer " + json_str(json_array_get(issued.get(), 1), "token"));
+}
+
+TEST_F(HttpLabTest, DownloadToADeviceFile)
+{
+    std::string image = "version=2.0.0.0\n" + std::string(4000, 'i');
+    lab->set_firmware(R"({"version":"2.0.0.0","image_base64":")" + base64_of(image) + "\"}");
+    Json fw = lab->call("GET", "/firmware");
+    std::string u = json_str(fw.get(), "url");
+    ASSERT_FALSE(u.empty());
+    write_file(root.at("/tmp/updates.tar"), "stale contents that are longer than nothing");
+    EXPECT_EQ(http_download_file(u.c_str(), "/tmp/updates.tar"), 0);
+    EXPECT_EQ(read_file(root.at("/tmp/updates.tar")), image);
+    auto m = main_log();
+    ASSERT_GE(m.size(), 2u);
+    EXPECT_EQ(m[m.size() - 2],
+              "http_download_file: filename = '/tmp/updates.tar', url = '" + u + "'");
+    EXPECT_EQ(m.back(), "http_download_file: done!  err = 0");
+    EXPECT_EQ(count_of({{"kind", "firmware_image"}}), 1u);
+}
+
+TEST_F(HttpLabTest, DownloadTakesAnErrorPageAsTheFile)
+{
+    // Downloads do not fail on an HTTP status: what the server sends is the file.
+    std::string u = url("/firmware/none.tar");
+    EXPECT_EQ(http_download_file(u.c_str(), "/tmp/updates.tar"), 0);
+    EXPECT_EQ(read_file(root.at("/tmp/updates.tar")), R"({"error":"no such image"})");
+    EXPECT_EQ(count_of({{"kind", "firmware_image"}}), 1u);
+}
+
+TEST_F(HttpLabTest, MultipartUploadSendsPartFile)
+{
+    std::string data("\x1f\x8b\x08\x00diagnostics\0\xff binary", 27);
+    data += std::string(3000, 'd');
+    write_file(root.at("/tmp/diagnostics.tar.gz"), data);
+    std::string bearer = "Authorization: Bearer " + token();
+    const char *hdrs[] = {bearer.c_str(), nullptr};
+    std::string u = url("/api/diagnostics");
+    EXPECT_EQ(http_upload_file_multipart(u.c_str(), "/tmp/diagnostics.tar.gz", hdrs), 0);
+    Json recs = lab->requests({{"path", "/api/diagnostics"}});
+    json_t *rec = only(recs);
+    EXPECT_EQ(json_integer_value(json_object_get(rec, "status")), 200);
+    json_t *files = json_object_get(rec, "files");
+    ASSERT_EQ(json_array_size(files), 1u);
+    json_t *part = json_array_get(files, 0);
+    EXPECT_EQ(json_str(part, "name"), "file");
+    EXPECT_EQ(json_str(part, "filename"), "diagnostics.tar.gz");
+    EXPECT_EQ(json_integer_value(json_object_get(part, "size")), (json_int_t)data.size());
+    EXPECT_EQ(json_str(part, "data_base64"), base64_of(data));
+    auto m = main_log();
+    ASSERT_GE(m.size(), 2u);
+    EXPECT_EQ(m[m.size() - 2],
+              "http_upload_file_multipart: uploading '/tmp/diagnostics.tar.gz' to '" + u + "'");
+    EXPECT_EQ(m.back(), "http_upload_file_multipart: done");
+}
+
+TEST_F(HttpLabTest, RawUploadPutsTheFile)
+{
+    const std::string data = R"({"uploaded":true})";
+    write_file(root.at("/tmp/up.json"), data);
+    std::string bearer = "Authorization: Bearer " + token();
+    const char *hdrs[] = {bearer.c_str(), "Content-Type: application/json", nullptr};
+    EXPECT_EQ(http_upload_file(url("/api/status").c_str(), "/tmp/up.json", hdrs), 0);
+    Json recs = lab->requests({{"path", "/api/status"}});
+    json_t *rec = only(recs);
+    EXPECT_EQ(json_str(rec, "method"), "PUT");
+    EXPECT_EQ(json_str(rec, "body"), data);
+    EXPECT_EQ(json_integer_value(json_object_get(rec, "status")), 200);
+}

@@ -1,0 +1,616 @@
+// Device identity, the "set.config" / "del.config" commands and the refresh
+// notice, against the lab controller and the simulated switch.
+#include "auth.h"
+#include "command.h"
+#include "config.h"
+#include "db.h"
+#include "http.h"
+#include "icos-openapi.h"
+#include "log.h"
+#include "lsql.h"
+#include "orkad.h"
+#include "platform_utils.h"
+#include "signals.h"
+#include "testkit.h"
+
+#include <algorithm>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <memory>
+#include <sys/stat.h>
+
+using namespace testkit;
+
+namespace
+{
+
+const char HREF[] = "/response/t";
+
+unsigned int no_sleep(unsigned int)
+{
+    return 0;
+}
+
+void no_command(char *name, json_t *command, char *link)
+{
+    free(name);
+    json_decref(command);
+    free(link);
+}
+
+struct Answer {
+    std::string id;
+    long long code;
+    std::string message;
+};
+
+class ConfigTest : public ::testing::Test
+{
+  protected:
+    DeviceRoot root;
+    std::unique_ptr<Lab> lab;
+
+    void SetUp() override
+    {
+        devroot({});
+        log_init();
+        signals_init();
+        db_init();
+        http_init();
+        icos_openapi_sleep = no_sleep;
+        platform_sleep = no_sleep;
+        ASSERT_EQ(icos_openapi_client_init(), 0);
+        snprintf(env_serial, sizeof(env_serial), "%s", "VX0123456789");
+    }
+    // (Re)builds the device root, with boot variables and options for
+    // lab/devroot.py.
+    void devroot(const std::vector<std::string> &args)
+    {
+        std::string cmd = "python3 " ORKAD_SOURCE_DIR "/lab/devroot.py " + root.path();
+        for (const std::string &a : args)
+            cmd += " '" + a + "'";
+        cmd += " > /dev/null";
+        ASSERT_EQ(system(cmd.c_str()), 0);
+    }
+    void start_lab()
+    {
+        lab = std::make_unique<Lab>(root);
+        config_set("system", nullptr, "cloud-controller", lab->base_url.c_str());
+        lab->add_link(HREF, "response");
+    }
+
+    std::vector<std::string> main_log() { return log_messages(root.at("/rw/orkad.log")); }
+    bool logged(const std::string &line)
+    {
+        auto m = main_log();
+        return std::find(m.begin(), m.end(), line) != m.end();
+    }
+    // Runs a handler the way the command runner does: it owns what it gets.
+    void run(cmd_fn fn, const char *name, const std::string &command)
+    {
+        fn(strdup(name), json_parse(command).release(), strdup(HREF));
+    }
+    std::vector<Answer> answers()
+    {
+        std::vector<Answer> out;
+        Json res = lab->results();
+        for (size_t i = 0; i < json_array_size(res.get()); i++) {
+            json_t *r = json_array_get(res.get(), i);
+            EXPECT_TRUE(json_is_true(json_object_get(r, "valid_json"))) << json_text(r);
+            EXPECT_EQ(json_str(r, "href"), HREF);
+            out.push_back({json_str(r, "commandId"), json_integer_value(json_object_get(r, "code")),
+                           json_str(r, "message")});
+        }
+        return out;
+    }
+    // The one answer of a handler.
+    Answer answer_of(cmd_fn fn, const char *name, const std::string &command)
+    {
+        run(fn, name, command);
+        auto a = answers();
+        EXPECT_EQ(a.size(), 1u);
+        return a.empty() ? Answer{"", 99, "(none)"} : a.back();
+    }
+    std::vector<Json> journal()
+    {
+        std::vector<Json> out;
+        for (const std::string &line : lines_of(read_file(root.at("/var/switch/journal"))))
+            out.push_back(json_parse(line));
+        return out;
+    }
+    std::vector<Json> admin_writes()
+    {
+        std::vector<Json> out;
+        for (Json &j : journal())
+            if (json_str(j.get(), "call") == "rpcclt_openapiIfAdminStateSet")
+                out.push_back(std::move(j));
+        return out;
+    }
+    static long long num(const Json &j, const char *key)
+    {
+        return json_integer_value(json_object_get(j.get(), key));
+    }
+    // Validation through the section handlers alone; the message they leave.
+    std::string port_message(const std::string &ports, int expect = -1)
+    {
+        char message[CMD_MESSAGE_SIZE] = "";
+        Json j = json_parse(ports);
+        EXPECT_EQ(set_port_config(j.get(), message), expect) << ports;
+        return message;
+    }
+    std::string lan_message(const std::string &lan, int expect = -1)
+    {
+        char message[CMD_MESSAGE_SIZE] = "";
+        Json j = json_parse(lan);
+        EXPECT_EQ(set_lan_config(j.get(), message), expect) << lan;
+        return message;
+    }
+};
+
+const char GOOD_LAN[] = R"({"ip_proto":"static","ip_address":"10.0.0.2","subnet_mask":
+    "255.255.255.0","default_gateway":"10.0.0.1","dns_server1":"10.0.0.53",
+    "dns_server2":"10.0.0.54"})";
+
+} // namespace
+
+// ---- set.config -------------------------------------------------------------
+
+TEST_F(ConfigTest, EmptyParamsAnswerFailureWithNoMessage)
+{
+    start_lab();
+    Answer a = answer_of(cmd_set_config, "set.config",
+                         R"({"id":"c1","action":"set","context":"config","params":{}})");
+    EXPECT_EQ(a.id, "c1");
+    EXPECT_EQ(a.code, -1);
+    EXPECT_EQ(a.message, "");
+}
+
+TEST_F(ConfigTest, EmptyPortListAnswersSuccess)
+{
+    start_lab();
+    Answer a =
+        answer_of(cmd_set_config, "set.config", R"({"id":"c2","params":{"portConfiguration":[]}})");
+    EXPECT_EQ(a.code, 0);
+    EXPECT_EQ(a.message, "");
+    EXPECT_TRUE(admin_writes().empty());
+}
+
+TEST_F(ConfigTest, PortWithOnlyAnIdHasNothingToConfigure)
+{
+    start_lab();
+    Answer a = answer_of(cmd_set_config, "set.config",
+                         R"({"id":"c3","params":{"portConfiguration":[{"id":"4"}]}})");
+    EXPECT_EQ(a.code, -1);
+    EXPECT_EQ(a.message, "missing properties to configure");
+    EXPECT_EQ(main_log().back(), "set_port_config: missing properties to configure");
+}
+
+TEST_F(ConfigTest, LowerCaseDhcpIsRefused)
+{
+    start_lab();
+    Answer a = answer_of(cmd_set_config, "set.config", R"({"id":"c4","params":{
+        "lanConfiguration":{"ip_proto":"dhcp","ip_address":"","subnet_mask":"",
+        "default_gateway":"","dns_server1":"","dns_server2":""}}})");
+    EXPECT_EQ(a.code, -1);
+    EXPECT_EQ(a.message, "invalid 'ip_proto' element value 'dhcp'");
+    EXPECT_EQ(main_log().back(), "set_lan_config: invalid 'ip_proto' element value 'dhcp'");
+}
+
+TEST_F(ConfigTest, ValidLanSettingsAreAcknowledgedOnly)
+{
+    start_lab();
+    Answer a =
+        answer_of(cmd_set_config, "set.config",
+                  std::string(R"({"id":"c5","params":{"lanConfiguration":)") + GOOD_LAN + "}}");
+    EXPECT_EQ(a.code, 0);
+    EXPECT_EQ(a.message, "");
+    EXPECT_TRUE(journal().empty());
+    // "DHCP" in capitals is the other accepted protocol.
+    EXPECT_EQ(lan_message(R"({"ip_proto":"DHCP","ip_address":"","subnet_mask":"",
+        "default_gateway":"","dns_server1":"","dns_server2":""})",
+                          0),
+              "");
+}
+
+TEST_F(ConfigTest, EnvelopeErrors)
+{
+    start_lab();
+    run(cmd_set_config, "set.config", R"({"params":{}})");
+    EXPECT_EQ(main_log().back(), "cmd_set_config: missing or invalid 'id' element in command");
+    run(cmd_set_config, "set.config", R"({"id":"c6","params":[]})");
+    EXPECT_EQ(main_log().back(), "cmd_set_config: missing or invalid 'params' element");
+    auto a = answers();
+    ASSERT_EQ(a.size(), 2u);
+    EXPECT_EQ(a[0].id, "");
+    EXPECT_EQ(a[0].code, -1);
+    EXPECT_EQ(a[0].message, "missing or invalid 'id' element in command");
+    EXPECT_EQ(a[1].id, "c6");
+    EXPECT_EQ(a[1].code, -1);
+    EXPECT_EQ(a[1].message, "missing or invalid 'params' element");
+}
+
+TEST_F(ConfigTest, LongIdsAreCutTo41Characters)
+{
+    start_lab();
+    const std::string id(50, 'i');
+    run(cmd_set_config, "set.config",
+        R"({"id":")" + id + R"(","params":{"portConfiguration":[]}})");
+    run(cmd_del_config, "del.config", R"({"id":")" + id + R"(","params":{"reset-mode":2}})");
+    auto a = answers();
+    ASSERT_EQ(a.size(), 2u);
+    EXPECT_EQ(a[0].id, id.substr(0, 41));
+    EXPECT_EQ(a[0].code, 0);
+    EXPECT_EQ(a[1].id, id.substr(0, 41));
+    EXPECT_EQ(a[1].code, -1);
+}
+
+TEST_F(ConfigTest, PortValidationMessages)
+{
+    EXPECT_EQ(port_message(R"(["port"])"), "missing configuration object");
+    EXPECT_EQ(main_log().back(), "set_port_config: missing configuration object");
+    EXPECT_EQ(port_message(R"([{"name":"uplink"}])"),
+              "missing or invalid 'id' element in port configuration");
+    EXPECT_EQ(port_message(R"([{"id":3,"name":"uplink"}])"),
+              "missing or invalid 'id' element in port configuration");
+    EXPECT_EQ(port_message(R"([{"id":"3","name":5}])"),
+              "invalid 'name' element in port configuration");
+    EXPECT_EQ(port_message(R"([{"id":"3","admin_status":true}])"),
+              "invalid 'admin_status' element in port configuration");
+    EXPECT_EQ(main_log().back(),
+              "set_port_config: invalid 'admin_status' element in port configuration");
+    EXPECT_EQ(port_message(R"([{"id":"3"}])"), "missing properties to configure");
+    // Not a list: nothing to do.
+    EXPECT_EQ(port_message(R"({"id":"3","admin_status":"down"})", 0), "");
+    EXPECT_TRUE(admin_writes().empty());
+}
+
+TEST_F(ConfigTest, LanValidationMessages)
+{
+    EXPECT_EQ(lan_message(R"({})"), "missing or invalid 'ip_proto' element in LAN configuration");
+    EXPECT_EQ(main_log().back(),
+              "set_lan_config: missing or invalid 'ip_proto' element in LAN configuration");
+    EXPECT_EQ(lan_message(R"({"ip_proto":4})"),
+              "missing or invalid 'ip_proto' element in LAN configuration");
+    EXPECT_EQ(lan_message(R"({"ip_proto":"Static"})"), "invalid 'ip_proto' element value 'Static'");
+    EXPECT_EQ(lan_message(R"({"ip_proto":"static"})"),
+              "missing or invalid 'ip_address' element in LAN configuration");
+    EXPECT_EQ(lan_message(R"({"ip_proto":"static","ip_address":"10.0.0.2"})"),
+              "invalid 'subnet_mask' element in LAN configuration");
+    EXPECT_EQ(lan_message(R"({"ip_proto":"static","ip_address":"10.0.0.2","subnet_mask":"x"})"),
+              "invalid 'default_gateway' element in LAN configuration");
+    EXPECT_EQ(lan_message(R"({"ip_proto":"static","ip_address":"10.0.0.2","subnet_mask":"x",
+        "default_gateway":"y"})"),
+              "invalid 'dns_server1' element in LAN configuration");
+    EXPECT_EQ(lan_message(R"({"ip_proto":"static","ip_address":"10.0.0.2","subnet_mask":"x",
+        "default_gateway":"y","dns_server1":"z","dns_server2":null})"),
+              "invalid 'dns_server2' element in LAN configuration");
+    EXPECT_EQ(main_log().back(),
+              "set_lan_config: invalid 'dns_server2' element in LAN configuration");
+    EXPECT_EQ(lan_message(GOOD_LAN, 0), "");
+}
+
+TEST_F(ConfigTest, AdminChangeReachesTheSwitch)
+{
+    start_lab();
+    Answer a = answer_of(cmd_set_config, "set.config", R"({"id":"c7","params":{
+        "portConfiguration":[{"id":"3","admin_status":"down"},{"id":"5","admin_status":"up"}]}})");
+    EXPECT_EQ(a.code, 0);
+    EXPECT_EQ(a.message, "");
+    auto w = admin_writes();
+    ASSERT_EQ(w.size(), 2u);
+    EXPECT_EQ(num(w[0], "ifNum"), 3);
+    EXPECT_EQ(num(w[0], "adminState"), 0); // disable
+    EXPECT_EQ(num(w[0], "result"), 0);
+    EXPECT_EQ(num(w[1], "ifNum"), 5);
+    EXPECT_EQ(num(w[1], "adminState"), 1); // enable
+    // The model keeps the change.
+    Json model = json_parse(read_file(root.at("/var/switch/model.json")));
+    json_t *ports = json_object_get(model.get(), "ports");
+    std::string admin3;
+    for (size_t i = 0; i < json_array_size(ports); i++) {
+        json_t *p = json_array_get(ports, i);
+        if (json_integer_value(json_object_get(p, "ifnum")) == 3)
+            admin3 = json_text(json_object_get(p, "admin"));
+    }
+    EXPECT_EQ(admin3, "\"disable\"");
+}
+
+TEST_F(ConfigTest, PortNamesCannotBeChanged)
+{
+    start_lab();
+    Answer a = answer_of(cmd_set_config, "set.config", R"({"id":"c8","params":{
+        "portConfiguration":[{"id":"2","name":"uplink"}]}})");
+    EXPECT_EQ(a.code, -1);
+    EXPECT_EQ(a.message, "Port names cannot be changed on this device");
+    EXPECT_TRUE(admin_writes().empty());
+}
+
+TEST_F(ConfigTest, FailingPortStopsTheWalkAndKeepsEarlierOnes)
+{
+    start_lab();
+    Answer a = answer_of(cmd_set_config, "set.config", R"({"id":"c9","params":{
+        "portConfiguration":[{"id":"1","admin_status":"down"},{"id":"2"},
+                             {"id":"6","admin_status":"down"}],
+        "lanConfiguration":{}}})");
+    EXPECT_EQ(a.code, -1);
+    EXPECT_EQ(a.message, "missing properties to configure");
+    auto w = admin_writes();
+    ASSERT_EQ(w.size(), 1u);
+    EXPECT_EQ(num(w[0], "ifNum"), 1);
+    // The LAN section after the failing one was not looked at.
+    auto m = main_log();
+    EXPECT_EQ(std::count_if(m.begin(), m.end(),
+                            [](const std::string &s) { return s.rfind("set_lan_config", 0) == 0; }),
+              0);
+}
+
+TEST_F(ConfigTest, BothSectionsInOrder)
+{
+    start_lab();
+    Answer a = answer_of(cmd_set_config, "set.config", R"({"id":"c10","params":{
+        "lanConfiguration":{"ip_proto":"dhcp"},
+        "portConfiguration":[{"id":"7","admin_status":"down"}]}})");
+    // Ports go first whatever the order in the document; the LAN refusal is
+    // the answer.
+    EXPECT_EQ(a.code, -1);
+    EXPECT_EQ(a.message, "invalid 'ip_proto' element value 'dhcp'");
+    auto w = admin_writes();
+    ASSERT_EQ(w.size(), 1u);
+    EXPECT_EQ(num(w[0], "ifNum"), 7);
+}
+
+// ---- del.config -------------------------------------------------------------
+
+TEST_F(ConfigTest, ResetAnswersBeforeItResets)
+{
+    start_lab();
+    run(cmd_del_config, "del.config", R"({"id":"d1","params":{}})");
+    Json res = lab->results();
+    ASSERT_EQ(json_array_size(res.get()), 2u);
+    json_t *first = json_array_get(res.get(), 0);
+    EXPECT_EQ(json_str(first, "commandId"), "d1");
+    EXPECT_EQ(json_integer_value(json_object_get(first, "code")), 0);
+    EXPECT_EQ(json_str(first, "message"), "");
+
+    // The reset ran once, after the controller had the answer.
+    std::string reset_log = root.at("/rw/factory-reset.log");
+    ASSERT_EQ(lines_of(read_file(reset_log)).size(), 1u);
+    struct stat st;
+    ASSERT_EQ(stat(reset_log.c_str(), &st), 0);
+    double reset_at = st.st_mtim.tv_sec + st.st_mtim.tv_nsec / 1e9;
+    EXPECT_LT(json_real_value(json_object_get(first, "time")), reset_at);
+
+    auto m = main_log();
+    auto did = std::find(m.begin(), m.end(), "cmd_del_config: performing default/normal reset");
+    ASSERT_NE(did, m.end());
+    // Here the reset comes back (the device would be gone), so the handler
+    // reports the handshake as failed.
+    ASSERT_NE(did + 1, m.end());
+    EXPECT_EQ(did[1], "cmd_del_config: failed 'del.config' handshake (response/reply phase)");
+    json_t *second = json_array_get(res.get(), 1);
+    EXPECT_EQ(json_str(second, "commandId"), "d1");
+    EXPECT_EQ(json_integer_value(json_object_get(second, "code")), -1);
+    EXPECT_EQ(json_str(second, "message"), "failed 'del.config' handshake (response/reply phase)");
+}
+
+TEST_F(ConfigTest, UpperCaseSoftIsTheDefaultReset)
+{
+    start_lab();
+    run(cmd_del_config, "del.config", R"({"id":"d2","params":{"reset-mode":"SOFT"}})");
+    EXPECT_TRUE(logged("cmd_del_config: performing default/normal reset"));
+    EXPECT_FALSE(logged("cmd_del_config: performing soft reset"));
+    EXPECT_TRUE(file_exists(root.at("/rw/factory-reset.log")));
+}
+
+TEST_F(ConfigTest, SoftReset)
+{
+    start_lab();
+    run(cmd_del_config, "del.config", R"({"id":"d3","params":{"reset-mode":"soft"}})");
+    EXPECT_TRUE(logged("cmd_del_config: performing soft reset"));
+    EXPECT_FALSE(logged("cmd_del_config: performing default/normal reset"));
+    EXPECT_TRUE(file_exists(root.at("/rw/factory-reset.log")));
+    auto a = answers();
+    ASSERT_EQ(a.size(), 2u);
+    EXPECT_EQ(a[0].code, 0);
+}
+
+TEST_F(ConfigTest, FailedHandshakeDoesNotReset)
+{
+    start_lab();
+    lab->script(R"({"path":"/api/response/t","status":503,"count":4})");
+    run(cmd_del_config, "del.config", R"({"id":"d4","params":{"reset-mode":"soft"}})");
+    EXPECT_FALSE(file_exists(root.at("/rw/factory-reset.log")));
+    EXPECT_FALSE(logged("cmd_del_config: performing soft reset"));
+    EXPECT_EQ(main_log().back(),
+              "cmd_del_config: failed 'del.config' handshake (response/reply phase)");
+    // Four refused attempts at the answer, then the second status.
+    EXPECT_EQ(json_array_size(lab->requests({{"path", "/api/response/t"}}).get()), 5u);
+    auto a = answers();
+    ASSERT_EQ(a.size(), 1u);
+    EXPECT_EQ(a[0].id, "d4");
+    EXPECT_EQ(a[0].code, -1);
+    EXPECT_EQ(a[0].message, "failed 'del.config' handshake (response/reply phase)");
+}
+
+TEST_F(ConfigTest, ResetCommandErrors)
+{
+    start_lab();
+    run(cmd_del_config, "del.config", R"({"id":7,"params":{}})");
+    EXPECT_EQ(main_log().back(), "cmd_del_config: missing or invalid 'id' element in command");
+    run(cmd_del_config, "del.config", R"({"id":"d5"})");
+    EXPECT_EQ(main_log().back(), "cmd_del_config: missing or invalid 'params' element");
+    run(cmd_del_config, "del.config", R"({"id":"d6","params":{"reset-mode":1}})");
+    EXPECT_EQ(main_log().back(), "cmd_del_config: invalid 'reset-mode' element in params");
+    auto a = answers();
+    ASSERT_EQ(a.size(), 3u);
+    EXPECT_EQ(a[0].id, "");
+    EXPECT_EQ(a[0].message, "missing or invalid 'id' element in command");
+    EXPECT_EQ(a[1].id, "d5");
+    EXPECT_EQ(a[1].message, "missing or invalid 'params' element");
+    EXPECT_EQ(a[2].id, "d6");
+    EXPECT_EQ(a[2].message, "invalid 'reset-mode' element in params");
+    for (const Answer &x : a)
+        EXPECT_EQ(x.code, -1);
+    EXPECT_FALSE(file_exists(root.at("/rw/factory-reset.log")));
+}
+
+// ---- identity -----------------------------------------------------------------
+
+TEST_F(ConfigTest, DefaultUuidFromTheMacAddress)
+{
+    devroot({"--env", "ethaddr=00:1A:2B:3C:4D:5E", "--env", "hardware_version=HW-T2", "--env",
+             "country_code=de", "--env", "active=image2", "--env",
+             "homesite=https://home.example/ph", "--env", "heartbeat=30", "--version", "3.1.0.7"});
+    write_file(root.at("/mnt/fastpath/image1"), "version=3.1.0.7\n");
+    write_file(root.at("/mnt/fastpath/image2"), "version=3.0.9.2\n");
+    ASSERT_EQ(read_file(root.at("/etc/bootenv")).find("uuid="), std::string::npos);
+    command_init();
+    config_init();
+
+    const std::string uuid = "e9d6ecc0-23bb-11e3-932d-001a2b3c4d5e";
+    EXPECT_STREQ(env_uuid, uuid.c_str());
+    EXPECT_NE(read_file(root.at("/etc/bootenv")).find("\nuuid=" + uuid + "\n"), std::string::npos);
+    char stored[64] = "";
+    get_env_variable("uuid", stored, sizeof(stored));
+    EXPECT_EQ(std::string(stored), uuid);
+
+    auto m = main_log();
+    auto added = std::find(m.begin(), m.end(), "added default uuid = " + uuid);
+    ASSERT_NE(added, m.end());
+    std::vector<std::string> expected = {
+        "hw='HW-T2'",          "serial='VX0123456789'",
+        "country='DE'",        "boot='1'",
+        "primary='3.1.0.7'",   "secondary='3.0.9.2'",
+        "uuid='" + uuid + "'", "homesite='https://home.example/ph'",
+        "heartbeat='30'",      "ethaddr='00:1A:2B:3C:4D:5E'",
+        "model='VX-S28'",
+    };
+    ASSERT_GE(m.end() - added, (long)expected.size() + 1);
+    for (size_t i = 0; i < expected.size(); i++)
+        EXPECT_EQ(added[1 + i], expected[i]);
+    EXPECT_STREQ(env_country, "DE");
+    EXPECT_STREQ(env_boot, "1");
+    EXPECT_FALSE(developer_build);
+
+    // Both commands are registered.
+    EXPECT_EQ(command_register("set.config", no_command), -1);
+    EXPECT_EQ(command_register("del.config", no_command), -1);
+}
+
+TEST_F(ConfigTest, KnownUuidIsKept)
+{
+    const std::string uuid = "0f0e0d0c-0000-1111-2222-333344445555";
+    devroot({"--env", "uuid=" + uuid, "--env", "active=image1"});
+    std::string before = read_file(root.at("/etc/bootenv"));
+    command_init();
+    config_init();
+    EXPECT_STREQ(env_uuid, uuid.c_str());
+    EXPECT_EQ(read_file(root.at("/etc/bootenv")), before);
+    EXPECT_STREQ(env_boot, "0");
+    auto m = main_log();
+    EXPECT_EQ(std::count_if(m.begin(), m.end(),
+                            [](const std::string &s) { return s.rfind("added default", 0) == 0; }),
+              0);
+    EXPECT_TRUE(logged("uuid='" + uuid + "'"));
+}
+
+TEST_F(ConfigTest, CloudManagementUrlReplacesTheHomeSite)
+{
+    devroot({"--env", "homesite=https://home.example/ph", "--version", "2.0.0-developer"});
+    Json model = json_parse(read_file(root.at("/var/switch/model.json")));
+    json_object_set_new(json_object_get(model.get(), "system"), "cloud_server_url",
+                        json_string("https://cm.example/site"));
+    write_file(root.at("/var/switch/model.json"), json_text(model.get()));
+    command_init();
+    config_init();
+    EXPECT_STREQ(env_homesite, "https://cm.example/site");
+    auto m = main_log();
+    auto said =
+        std::find(m.begin(), m.end(), "config_init: homesite = url:'https://cm.example/site'");
+    auto shown = std::find(m.begin(), m.end(), "homesite='https://cm.example/site'");
+    EXPECT_NE(said, m.end());
+    EXPECT_NE(shown, m.end());
+    EXPECT_LT(said, shown);
+    EXPECT_TRUE(developer_build);
+}
+
+// ---- refresh notice -------------------------------------------------------------
+
+TEST_F(ConfigTest, RefreshAfterABootSaysReboot)
+{
+    start_lab();
+    restarts = 0;
+    EXPECT_EQ(send_refresh_config(), 0);
+    Json recs = lab->requests({{"kind", "refresh"}});
+    ASSERT_EQ(json_array_size(recs.get()), 1u);
+    json_t *rec = json_array_get(recs.get(), 0);
+    EXPECT_EQ(json_str(rec, "path"), "/api/refresh-config");
+    EXPECT_EQ(json_str(rec, "body"),
+              std::string("{\"reason\":\"reboot\"") + platform_get_capabilities() + "}");
+    json_t *doc = json_object_get(rec, "json");
+    EXPECT_EQ(json_str(doc, "reason"), "reboot");
+    EXPECT_TRUE(json_is_object(json_object_get(doc, "capabilities")));
+    // Content type first, then the bearer token the lab issued.
+    json_t *raw = json_object_get(rec, "raw_headers");
+    int type_at = -1, auth_at = -1;
+    std::string auth;
+    for (size_t i = 0; i < json_array_size(raw); i++) {
+        std::string name = json_string_value(json_array_get(json_array_get(raw, i), 0));
+        if (name == "Content-Type")
+            type_at = (int)i;
+        if (name == "Authorization") {
+            auth_at = (int)i;
+            auth = json_string_value(json_array_get(json_array_get(raw, i), 1));
+        }
+    }
+    EXPECT_GE(type_at, 0);
+    EXPECT_LT(type_at, auth_at);
+    EXPECT_EQ(auth, "Bearer " + json_str(json_array_get(lab->tokens().get(), 0), "token"));
+    EXPECT_EQ(queue_count(free_replies), 32);
+}
+
+TEST_F(ConfigTest, RefreshAfterARestartSaysRestart)
+{
+    start_lab();
+    restarts = 2;
+    EXPECT_EQ(send_refresh_config(), 0);
+    Json recs = lab->requests({{"kind", "refresh"}});
+    ASSERT_EQ(json_array_size(recs.get()), 1u);
+    EXPECT_EQ(json_str(json_array_get(recs.get(), 0), "body"),
+              std::string("{\"reason\":\"restart\"") + platform_get_capabilities() + "}");
+}
+
+TEST_F(ConfigTest, RefreshRetriesOnceWithANewTokenOnAClientError)
+{
+    start_lab();
+    lab->script(R"({"path":"/api/refresh-config","status":401,"body":{"error":"invalid_token"}})");
+    EXPECT_EQ(send_refresh_config(), 0);
+    EXPECT_EQ(json_array_size(lab->requests({{"kind", "refresh"}}).get()), 2u);
+    EXPECT_EQ(json_array_size(lab->requests({{"kind", "token"}}).get()), 2u);
+
+    // Twice refused: the second refusal is the result.
+    lab->script(R"({"path":"/api/refresh-config","status":404,"count":2})");
+    EXPECT_EQ(send_refresh_config(), 404);
+    EXPECT_EQ(json_array_size(lab->requests({{"kind", "refresh"}}).get()), 4u);
+}
+
+TEST_F(ConfigTest, RefreshIsNotRetriedOnAServerError)
+{
+    start_lab();
+    lab->script(R"({"path":"/api/refresh-config","status":500})");
+    EXPECT_EQ(send_refresh_config(), 500);
+    EXPECT_EQ(json_array_size(lab->requests({{"kind", "refresh"}}).get()), 1u);
+    EXPECT_EQ(json_array_size(lab->requests({{"kind", "token"}}).get()), 1u);
+}
+
+TEST_F(ConfigTest, RefreshWithoutControllerOrToken)
+{
+    EXPECT_EQ(send_refresh_config(), 1);
+    EXPECT_EQ(queue_count(free_replies), 32);
+
+    start_lab();
+    lab->script(R"({"path":"/api/oauth/token","status":503})");
+    EXPECT_EQ(send_refresh_config(), 1);
+    EXPECT_EQ(json_array_size(lab->requests({{"kind", "refresh"}}).get()), 0u);
+    EXPECT_EQ(queue_count(free_replies), 32);
+}

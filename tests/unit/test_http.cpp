@@ -573,7 +573,12 @@ TEST_F(HttpLabTest, DownloadTakesAnErrorPageAsTheFile)
 
 TEST_F(HttpLabTest, MultipartUploadSendsPartFile)
 {
-    std::string data("\x1f\x8b\x08\x00diagnostics\0\xff binary", 27);
+    // Binary, with a NUL and high bytes in it.
+    std::string data = "\x1f\x8b\x08";
+    data += '\0';
+    data += "diagnostics";
+    data += '\0';
+    data += "\xff\xfe binary ";
     data += std::string(3000, 'd');
     write_file(root.at("/tmp/diagnostics.tar.gz"), data);
     std::string bearer = "Authorization: Bearer " + token();

@@ -11,9 +11,9 @@
 #include <fcntl.h>
 #include <fstream>
 #include <poll.h>
-#include <spawn.h>
 #include <sstream>
 #include <stdexcept>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -142,8 +142,6 @@ std::string SyslogSink::wait_for(const std::string &text, int timeout_ms)
 
 // ---- the lab controller -------------------------------------------------
 
-extern "C" char **environ;
-
 namespace testkit
 {
 
@@ -201,27 +199,38 @@ Lab::Lab(const DeviceRoot &root, const std::vector<std::string> &extra_args, int
         argv.push_back(a.data());
     argv.push_back(nullptr);
 
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
     std::string out = state_dir + "/controller.out";
-    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    // The agent blocks the signals it waits for; the controller must still
-    // hear SIGTERM, whatever the test had set up before it started.
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    sigset_t none, all;
-    sigemptyset(&none);
-    sigfillset(&all);
-    posix_spawnattr_setsigmask(&attr, &none);
-    posix_spawnattr_setsigdefault(&attr, &all);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    int rc = posix_spawnp(&pid_, "python3", &actions, &attr, argv.data(), environ);
-    posix_spawnattr_destroy(&attr);
-    posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0)
-        throw std::runtime_error("cannot start the lab controller: " + std::string(strerror(rc)));
+    int out_fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    int null_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (out_fd < 0 || null_fd < 0)
+        throw std::runtime_error("cannot open the lab controller's output file");
+    pid_t parent = getpid();
+    pid_ = fork();
+    if (pid_ == 0) {
+        // The agent blocks the signals it waits for; the controller must
+        // still hear SIGTERM, whatever the test had set up before. And it
+        // goes when the test process goes, even by a crash.
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        for (int sig = 1; sig < NSIG; sig++)
+            if (sig != SIGKILL && sig != SIGSTOP)
+                signal(sig, SIG_DFL);
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent)
+            _exit(127);
+        dup2(null_fd, 0);
+        dup2(out_fd, 1);
+        dup2(out_fd, 2);
+        execvp("python3", argv.data());
+        _exit(127);
+    }
+    int fork_errno = errno;
+    close(out_fd);
+    close(null_fd);
+    if (pid_ < 0)
+        throw std::runtime_error("cannot start the lab controller: " +
+                                 std::string(strerror(fork_errno)));
 
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ready_timeout_ms);
     for (;;) {

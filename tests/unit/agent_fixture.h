@@ -1,0 +1,144 @@
+// A device root, the lab controller and the agent's cloud-link start-up, for
+// the heartbeat, phone-home and firmware-update tests.
+#pragma once
+
+#include "command.h"
+#include "config.h"
+#include "db.h"
+#include "http.h"
+#include "log.h"
+#include "lsql.h"
+#include "platform_utils.h"
+#include "signals.h"
+#include "testkit.h"
+#include "work.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace agent_test
+{
+
+using namespace testkit;
+
+inline unsigned int no_sleep(unsigned int)
+{
+    return 0;
+}
+
+class AgentTest : public ::testing::Test
+{
+  protected:
+    DeviceRoot root;
+    std::unique_ptr<Lab> lab;
+
+    // Extra arguments for lab/devroot.py, e.g. "--env heartbeat=30".
+    virtual std::string devroot_args() { return ""; }
+
+    void SetUp() override
+    {
+        std::string cmd = "python3 " ORKAD_SOURCE_DIR "/lab/devroot.py " + root.path() + " " +
+                          devroot_args() + " > /dev/null";
+        ASSERT_EQ(system(cmd.c_str()), 0);
+        lab = std::make_unique<Lab>(root);
+        log_init();
+        signals_init(); // before any thread, as in the daemon
+        command_init();
+        thread_init();
+        db_init();
+        http_init();
+        platform_sleep = no_sleep;
+        snprintf(env_serial, sizeof(env_serial), "VX0123456789");
+        snprintf(env_uuid, sizeof(env_uuid), "e9d6ecc0-23bb-11e3-932d-020000000001");
+        snprintf(env_hardware, sizeof(env_hardware), "VX-S28-A1");
+        snprintf(env_country, sizeof(env_country), "US");
+        snprintf(env_boot, sizeof(env_boot), "0");
+        snprintf(env_primary, sizeof(env_primary), "1.0.0.1");
+        snprintf(env_secondary, sizeof(env_secondary), "1.0.0.2");
+        snprintf(env_ethaddr, sizeof(env_ethaddr), "02:00:00:00:00:01");
+    }
+
+    void use_lab() { config_set("system", nullptr, "cloud-controller", lab->base_url.c_str()); }
+
+    std::string setting(const char *property)
+    {
+        char value[256] = "";
+        if (config_get("system", nullptr, property, value, sizeof(value)) == 0)
+            return "<none>";
+        return value;
+    }
+
+    std::vector<std::string> main_log() { return log_messages(root.at("/rw/orkad.log")); }
+    bool logged(const std::string &line)
+    {
+        auto m = main_log();
+        return std::find(m.begin(), m.end(), line) != m.end();
+    }
+    size_t count_logged(const std::string &line)
+    {
+        auto m = main_log();
+        return (size_t)std::count(m.begin(), m.end(), line);
+    }
+    bool wait_logged(const std::string &line, int timeout_ms = 10000)
+    {
+        return wait_for([&] { return logged(line); }, timeout_ms);
+    }
+
+    static bool wait_for(const std::function<bool()> &fn, int timeout_ms = 10000)
+    {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+        while (!fn()) {
+            if (std::chrono::steady_clock::now() > deadline)
+                return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return true;
+    }
+
+    // The connection words given to the switch, in order.
+    std::vector<std::string> switch_statuses()
+    {
+        std::vector<std::string> out;
+        for (auto &line : lines_of(read_file(root.at("/var/switch/journal")))) {
+            Json j = json_parse(line);
+            if (json_str(j.get(), "call") != "rpcclt_openapiAppCtrlStatusSet")
+                continue;
+            std::string s = json_str(j.get(), "status");
+            while (!s.empty() && (s.back() == '\n' || s.back() == ' '))
+                s.pop_back();
+            out.push_back(s.substr(s.rfind(' ') + 1));
+        }
+        return out;
+    }
+    bool switch_reloaded()
+    {
+        for (auto &line : lines_of(read_file(root.at("/var/switch/journal"))))
+            if (json_str(json_parse(line).get(), "call") == "rpcclt_openapiSystemReload")
+                return true;
+        return false;
+    }
+
+    size_t count(const Lab::Query &filters)
+    {
+        return json_array_size(lab->requests(filters).get());
+    }
+};
+
+// Member `key` of element i of a JSON array, as text ("" when absent).
+inline std::string at(const Json &array, size_t i, const char *key)
+{
+    return json_str(json_array_get(array.get(), i), key);
+}
+inline json_t *item(const Json &array, size_t i)
+{
+    return json_array_get(array.get(), i);
+}
+
+} // namespace agent_test

@@ -7,6 +7,7 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <unistd.h>
 #include <syslog.h>
 
 using namespace agent_test;
@@ -436,9 +437,10 @@ unsigned int record_pace(unsigned int seconds)
     if (at_pace)
         at_pace(n);
     if (n >= 4) {
-        // Enough seen: park the thread for the rest of the test.
-        std::unique_lock<std::mutex> park(pace_lock);
-        pace_cv.wait(park, [] { return false; });
+        // Enough seen: park the thread for the rest of the test (not on
+        // the condition variable, which is destroyed at exit).
+        for (;;)
+            pause();
     }
     return 0;
 }
@@ -449,6 +451,7 @@ TEST_F(HeartbeatTest, TheThreadSleepsTheCurrentIntervalAfterEachPulse)
 {
     snprintf(env_heartbeat, sizeof(env_heartbeat), "2");
     use_lab();
+    lab->add_link("/seven", "heartbeat");
     heartbeat_sleep = record_pace;
     at_pace = [this](size_t n) {
         if (n == 2) {

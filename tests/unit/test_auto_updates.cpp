@@ -1,0 +1,301 @@
+// Firmware updates against the lab controller: the current-firmware query,
+// the download, the installer of the device root, the retry thread's delays
+// and set.firmware.
+#include "agent_fixture.h"
+#include "auto-updates.h"
+
+#include <atomic>
+#include <mutex>
+#include <unistd.h>
+
+using namespace agent_test;
+
+namespace
+{
+
+std::mutex waits_lock;
+std::vector<unsigned int> waits;
+std::function<void(size_t)> at_wait;
+
+unsigned int record_wait(unsigned int seconds)
+{
+    size_t n;
+    {
+        std::lock_guard<std::mutex> hold(waits_lock);
+        waits.push_back(seconds);
+        n = waits.size();
+    }
+    if (at_wait)
+        at_wait(n);
+    return 0;
+}
+
+class UpdatesTest : public AgentTest
+{
+  protected:
+    void SetUp() override
+    {
+        AgentTest::SetUp();
+        updates_sleep = record_wait;
+        lab->add_link("/response/t", "response");
+    }
+
+    // A tar archive made by the system's tar; its bytes.
+    std::string make_image()
+    {
+        std::string dir = root.at("/../image-src");
+        std::string cmd = "mkdir -p '" + dir + "' && echo firmware > '" + dir +
+                          "/fw.bin' && tar -C '" + dir + "' -cf '" + dir + "/image.tar' fw.bin";
+        EXPECT_EQ(system(cmd.c_str()), 0);
+        return read_file(dir + "/image.tar");
+    }
+    void offer(const std::string &image)
+    {
+        std::string path = root.at("/../image.b64");
+        write_file(root.at("/../image.bin"), image);
+        std::string cmd = "base64 -w0 '" + root.at("/../image.bin") + "' > '" + path + "'";
+        ASSERT_EQ(system(cmd.c_str()), 0);
+        lab->set_firmware(R"({"version":"2.0.0.0","image_base64":")" + read_file(path) + "\"}");
+    }
+    void fail_installer(int status)
+    {
+        write_file(root.at("/etc/varnex-updates.fail"), std::to_string(status) + "\n");
+    }
+    bool logged_prefix(const std::string &prefix)
+    {
+        auto log = main_log();
+        return std::any_of(log.begin(), log.end(),
+                           [&](const std::string &l) { return l.rfind(prefix, 0) == 0; });
+    }
+    std::string first_query()
+    {
+        return at(lab->requests({{"kind", "current_firmware"}}), 0, "query");
+    }
+    std::vector<std::string> installs() { return lines_of(read_file(root.at("/rw/updates.log"))); }
+    void run_set_firmware(const char *command)
+    {
+        cmd_set_firmware(strdup("set.firmware"), json_loads(command, 0, nullptr),
+                         strdup("/response/t"));
+    }
+};
+
+} // namespace
+
+TEST_F(UpdatesTest, RegistersSetFirmware)
+{
+    auto_updates();
+    EXPECT_TRUE(logged("registered 'set.firmware' command handler"));
+}
+
+TEST_F(UpdatesTest, UpToDateMeansNoDownload)
+{
+    use_lab();
+    EXPECT_EQ(check_updates(), 0);
+    EXPECT_EQ(count({{"kind", "current_firmware"}}), 1u);
+    EXPECT_EQ(first_query(), "serial_number=VX0123456789&firmware_version=1.0.0.1");
+    // This query goes without a token.
+    Json q = lab->requests({{"kind", "current_firmware"}});
+    EXPECT_EQ(json_str(json_object_get(item(q, 0), "headers"), "authorization"), "");
+    EXPECT_EQ(count({{"kind", "token"}}), 0u);
+    EXPECT_EQ(count({{"kind", "firmware_image"}}), 0u);
+    EXPECT_FALSE(file_exists(root.at("/tmp/updates.tar")));
+}
+
+TEST_F(UpdatesTest, BootBankOneSendsTheSecondaryVersion)
+{
+    use_lab();
+    snprintf(env_boot, sizeof(env_boot), "1");
+    EXPECT_EQ(check_updates(), 0);
+    EXPECT_EQ(first_query(), "serial_number=VX0123456789&firmware_version=1.0.0.2");
+}
+
+TEST_F(UpdatesTest, NoControllerIsAFailureWithoutARequest)
+{
+    EXPECT_EQ(check_updates(), -1);
+    EXPECT_EQ(count({}), 0u);
+}
+
+TEST_F(UpdatesTest, RepliesThatCannotBeUsed)
+{
+    use_lab();
+    lab->script(R"({"path":"/api/current-firmware","body":{"firmware":{}}})");
+    EXPECT_EQ(check_updates(), -1);
+    EXPECT_TRUE(logged("check_updates: missing or invalid 'currentFirmware' object"));
+
+    lab->script(R"({"path":"/api/current-firmware","body":{"currentFirmware":"2.0"}})");
+    EXPECT_EQ(check_updates(), -1);
+    EXPECT_EQ(count_logged("check_updates: missing or invalid 'currentFirmware' object"), 2u);
+
+    lab->script(R"({"path":"/api/current-firmware","text":"{\"currentFirmware\":"})");
+    EXPECT_EQ(check_updates(), -1);
+    EXPECT_TRUE(logged_prefix("check_updates: error decoding auto-updates data: "));
+
+    lab->script(R"({"path":"/api/current-firmware","body":{"currentFirmware":{"download":{}}}})");
+    EXPECT_EQ(check_updates(), -1);
+    EXPECT_TRUE(logged("check_updates: missing or invalid 'href' element in 'download' object"));
+
+    // A download that is not an object: nothing to fetch.
+    lab->script(R"({"path":"/api/current-firmware","body":{"currentFirmware":{"download":"x"}}})");
+    EXPECT_EQ(check_updates(), 0);
+
+    // An HTTP failure comes back as it is.
+    lab->script(R"({"path":"/api/current-firmware","status":503})");
+    EXPECT_EQ(check_updates(), 503);
+    EXPECT_EQ(count({{"kind", "firmware_image"}}), 0u);
+}
+
+TEST_F(UpdatesTest, OfferedImageIsInstalledAndTheSwitchReloaded)
+{
+    use_lab();
+    std::string image = make_image();
+    offer(image);
+    EXPECT_EQ(check_updates(), 0);
+    std::string url = json_str(lab->call("GET", "/firmware").get(), "url");
+    EXPECT_TRUE(logged("check_updates: downloading new firmware, url = '" + url + "'"));
+    EXPECT_TRUE(logged("check_updates: running /usr/sbin/varnex-updates /tmp/updates.tar"));
+    // The line has no newline of its own.
+    EXPECT_TRUE(logged_prefix("check_updates: update successfully completed, restarting system."));
+    EXPECT_TRUE(switch_reloaded());
+    EXPECT_EQ(read_file(root.at("/tmp/updates.tar")), image);
+    auto runs = installs();
+    ASSERT_EQ(runs.size(), 1u);
+    std::string arg = " " + root.at("/tmp/updates.tar");
+    EXPECT_EQ(runs[0].substr(runs[0].size() - arg.size()), arg);
+}
+
+TEST_F(UpdatesTest, FailedInstallerGivesItsStatus)
+{
+    use_lab();
+    offer(make_image());
+    fail_installer(7);
+    EXPECT_EQ(check_updates(), 7);
+    EXPECT_TRUE(logged("check_updates: varnex-updates /tmp/updates.tar failed with error code 7"));
+    EXPECT_FALSE(switch_reloaded());
+    EXPECT_FALSE(logged_prefix("check_updates: update successfully completed"));
+    // The image stays; the installer's output is kept.
+    EXPECT_TRUE(file_exists(root.at("/tmp/updates.tar")));
+    EXPECT_NE(read_file(root.at("/rw/varnex-updates.log")).find("failing with status 7"),
+              std::string::npos);
+    EXPECT_EQ(installs().size(), 1u);
+}
+
+TEST_F(UpdatesTest, ImageThatIsNoArchiveIsRefusedByTheInstaller)
+{
+    use_lab();
+    offer("not an archive");
+    EXPECT_EQ(check_updates(), 3);
+    EXPECT_TRUE(logged("check_updates: varnex-updates /tmp/updates.tar failed with error code 3"));
+    EXPECT_TRUE(installs().empty());
+    EXPECT_FALSE(switch_reloaded());
+}
+
+TEST_F(UpdatesTest, RetryDelaysGrowByFiveMinutesUpToAnHour)
+{
+    // No controller: every check fails until the fourteenth wait brings one.
+    at_wait = [this](size_t n) {
+        EXPECT_TRUE(deferred_running);
+        if (n == 14)
+            use_lab();
+    };
+    deferred_updates(const_cast<bool *>(&deferred_running), nullptr, nullptr);
+    std::vector<unsigned int> minutes;
+    for (unsigned int s : waits)
+        minutes.push_back(s / 60);
+    EXPECT_EQ(minutes,
+              (std::vector<unsigned int>{5, 10, 15, 20, 25, 30, 35, 40, 45, 50, 55, 60, 60, 60}));
+    for (unsigned int s : waits)
+        EXPECT_EQ(s % 60, 0u);
+    EXPECT_FALSE(deferred_running);
+    EXPECT_EQ(count({{"kind", "current_firmware"}}), 1u);
+}
+
+TEST_F(UpdatesTest, SecondStartOnlyLogs)
+{
+    std::atomic<bool> release{false};
+    at_wait = [&](size_t) {
+        while (!release)
+            usleep(10000);
+    };
+    start_deferred_updates();
+    ASSERT_TRUE(wait_for([] { return deferred_running; }));
+    ASSERT_TRUE(wait_for([] {
+        std::lock_guard<std::mutex> hold(waits_lock);
+        return !waits.empty();
+    }));
+    start_deferred_updates();
+    EXPECT_TRUE(logged("deferred_updates already running"));
+    EXPECT_EQ(count_logged("starting deferred_updates"), 1u);
+    EXPECT_EQ(next_thread, 8); // command_runner, six workers, one retry thread
+
+    use_lab();
+    release = true;
+    EXPECT_TRUE(wait_for([] { return !deferred_running; }));
+    EXPECT_TRUE(wait_logged("thread_run: thread 'deferred_updates' terminated!"));
+    // Ended: a new start makes a new thread.
+    at_wait = nullptr;
+    start_deferred_updates();
+    EXPECT_EQ(count_logged("starting deferred_updates"), 2u);
+    // Let it finish before the test's controller goes away.
+    EXPECT_TRUE(wait_for(
+        [this] { return count_logged("thread_run: thread 'deferred_updates' terminated!") == 2; }));
+}
+
+TEST_F(UpdatesTest, SetFirmwareAnswersFirstThenChecks)
+{
+    use_lab();
+    run_set_firmware(R"({"action":"set","context":"firmware","id":"fw-1"})");
+    Json res = lab->wait_results({{"command_id", "fw-1"}});
+    ASSERT_EQ(json_array_size(res.get()), 1u);
+    EXPECT_EQ(json_integer_value(json_object_get(item(res, 0), "code")), 0);
+    EXPECT_EQ(at(res, 0, "message"), "");
+    Json check = lab->requests({{"kind", "current_firmware"}});
+    ASSERT_EQ(json_array_size(check.get()), 1u);
+    EXPECT_LT(json_integer_value(json_object_get(item(res, 0), "request")),
+              json_integer_value(json_object_get(item(check, 0), "seq")));
+    EXPECT_FALSE(logged("starting deferred_updates"));
+}
+
+TEST_F(UpdatesTest, SetFirmwareWithoutIdChecksNothing)
+{
+    use_lab();
+    run_set_firmware(R"({"action":"set","context":"firmware"})");
+    Json res = lab->wait_results({});
+    ASSERT_EQ(json_array_size(res.get()), 1u);
+    EXPECT_EQ(json_integer_value(json_object_get(item(res, 0), "code")), -1);
+    EXPECT_EQ(at(res, 0, "message"), "missing or invalid 'id' element in command");
+    EXPECT_TRUE(logged("set.firmware: missing or invalid 'id' element in command"));
+    EXPECT_EQ(count({{"kind", "current_firmware"}}), 0u);
+}
+
+TEST_F(UpdatesTest, SetFirmwareStartsTheRetriesWhenTheCheckFails)
+{
+    use_lab();
+    lab->script(R"({"path":"/api/current-firmware","body":{}})");
+    std::atomic<bool> release{false};
+    at_wait = [&](size_t) {
+        while (!release)
+            usleep(10000);
+    };
+    run_set_firmware(R"({"action":"set","context":"firmware","id":"fw-2"})");
+    EXPECT_TRUE(logged("check_updates: missing or invalid 'currentFirmware' object"));
+    EXPECT_TRUE(logged("starting deferred_updates"));
+    // The retry thread checks once at once, then waits five minutes.
+    EXPECT_TRUE(wait_for([] {
+                    std::lock_guard<std::mutex> hold(waits_lock);
+                    return waits.size() == 1 && waits[0] == 300;
+                }) ||
+                !deferred_running);
+    release = true;
+    EXPECT_TRUE(wait_for([] { return !deferred_running; }));
+}
+
+TEST_F(UpdatesTest, DeveloperBuildNeverUpdates)
+{
+    use_lab();
+    developer_build = true;
+    run_set_firmware(R"({"action":"set","context":"firmware","id":"fw-3"})");
+    Json res = lab->wait_results({{"command_id", "fw-3"}});
+    EXPECT_EQ(json_integer_value(json_object_get(item(res, 0), "code")), 0);
+    usleep(200000);
+    EXPECT_EQ(count({{"kind", "current_firmware"}}), 0u);
+}

@@ -1,0 +1,82 @@
+"""The lab runner (lab/run.py), the README's main command: it starts the
+controller, the sample switch and the daemon, says where to look, and stops
+everything on Ctrl-C."""
+
+import os
+import re
+import signal
+import subprocess
+import sys
+
+import pytest
+
+from conftest import BIN, SOURCE, wait_until
+from netns import Netns
+
+RUNNER = os.path.join(SOURCE, "lab", "run.py")
+
+
+@pytest.fixture
+def runner(tmp_path):
+    if not Netns.available():
+        pytest.skip("the lab's network namespace needs root")
+    out = open(tmp_path / "run.out", "w+")
+    proc = subprocess.Popen([sys.executable, RUNNER, "--bin", BIN, "--heartbeat", "1",
+                             "--port", "0", "--root", str(tmp_path / "root")],
+                            stdout=out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL)
+    proc.out_path = str(tmp_path / "run.out")
+    proc.root = str(tmp_path / "root")
+    yield proc
+    if proc.poll() is None:
+        proc.kill()
+        proc.wait(timeout=10)
+
+
+def text(proc):
+    with open(proc.out_path) as f:
+        return f.read()
+
+
+def test_runner_starts_the_lab_and_stops_on_ctrl_c(runner):
+    wait_until(lambda: "Ctrl-C stops" in text(runner), timeout=20, what="the runner's notice")
+    notice = text(runner)
+    root = runner.root
+    assert f"daemon logs       {root}/rw/orkad.log" in notice
+    assert f"switch journal    {root}/var/switch/journal" in notice
+    sock = re.search(r"--unix-socket (\S+) -d '(.*)' http://lab/commands", notice)
+    assert sock, notice
+    ns = [n for n in subprocess.run(["ip", "netns", "list"], capture_output=True,
+                                    text=True).stdout.split() if n.startswith("orkad-lab-")]
+
+    # The one-line example works as printed.
+    r = subprocess.run(["curl", "-s", "--unix-socket", sock.group(1), "-d", sock.group(2),
+                        "http://lab/commands"], capture_output=True, text=True, timeout=10)
+    assert '"ids"' in r.stdout
+
+    def result():
+        r = subprocess.run(["curl", "-s", "--unix-socket", sock.group(1), "http://lab/results"],
+                           capture_output=True, text=True, timeout=10)
+        return '"commandId":"lab-1","code":0' in r.stdout.replace(" ", "")
+    wait_until(result, timeout=15, what="the queued command's result")
+    journal = os.path.join(root, "var", "switch", "journal")
+    assert "rpcclt_openapiAppCtrlStatusSet" in open(journal).read()
+
+    runner.send_signal(signal.SIGINT)
+    assert runner.wait(timeout=20) == 0
+    out = text(runner)
+    summary = re.search(r"lab: the controller received (.*)", out).group(1)
+    assert "1 phone_home" in summary
+    assert re.search(r"\d+ heartbeat", summary)
+    assert "1 response" in summary
+    assert f"lab: stopped; the device root stays in {root}" in out
+    # Nothing is left behind: no namespace, no daemon using this root.
+    left = subprocess.run(["ip", "netns", "list"], capture_output=True, text=True).stdout
+    for n in ns:
+        assert n not in left
+    for pid in os.listdir("/proc"):
+        if pid.isdigit():
+            try:
+                with open(f"/proc/{pid}/environ", "rb") as f:
+                    assert f"ORKAD_ROOT={root}".encode() not in f.read().split(b"\0")
+            except (FileNotFoundError, ProcessLookupError, PermissionError):
+                pass

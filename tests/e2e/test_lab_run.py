@@ -4,6 +4,7 @@ everything on Ctrl-C."""
 
 import os
 import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -30,6 +31,10 @@ def runner(tmp_path):
     if proc.poll() is None:
         proc.kill()
         proc.wait(timeout=10)
+    # The runner keeps its own folder (controller state, syslog) for a look.
+    m = re.search(r"daemon syslog +(\S+)/syslog.txt", text(proc))
+    if m and os.path.basename(m.group(1)).startswith("orkad-lab-run-"):
+        shutil.rmtree(m.group(1), ignore_errors=True)
 
 
 def text(proc):

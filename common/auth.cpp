@@ -4,6 +4,7 @@
 #include "http.h"
 #include "log.h"
 #include "platform_utils.h"
+#include "raii.h"
 #include "utils.h"
 
 #include <cstdint>
@@ -25,10 +26,6 @@ bool token_valid;
 time_t expires_at;
 char *secret64; // made once, kept for the life of the process
 
-struct json_releaser {
-    void operator()(json_t *j) const { json_decref(j); }
-};
-
 void clear_token(void)
 {
     access_token[0] = '\0';
@@ -39,7 +36,7 @@ void clear_token(void)
 void take_token(const reply *r)
 {
     json_error_t err;
-    std::unique_ptr<json_t, json_releaser> root(json_loadb(r->data, r->length, 0, &err));
+    json_ptr root(json_loadb(r->data, r->length, 0, &err));
     if (!root) {
         log_fprint(orkad_log, "reply = '%.*s'\nerror decoding oauth/token data: %s\n", r->length,
                    r->data, err.text);
@@ -92,7 +89,7 @@ void take_token(const reply *r)
 void check_refusal(const reply *r)
 {
     json_error_t err;
-    std::unique_ptr<json_t, json_releaser> root(json_loadb(r->data, r->length, 0, &err));
+    json_ptr root(json_loadb(r->data, r->length, 0, &err));
     if (!root) {
         log_fprint(orkad_log, "reply = '%.*s'\nerror decoding oauth/token response data: %s\n",
                    r->length, r->data, err.text);

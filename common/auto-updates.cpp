@@ -1,4 +1,5 @@
 #include "auto-updates.h"
+#include "raii.h"
 
 #include "command.h"
 #include "config.h"
@@ -31,10 +32,6 @@ const char installer[] = "/usr/sbin/varnex-updates " UPDATES_IMAGE " > /rw/varne
 // all ask at once, and a check may hold a whole download.
 pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 
-struct json_releaser {
-    void operator()(json_t *j) const { json_decref(j); }
-};
-
 int install(const char *href)
 {
     const char *fn = "check_updates";
@@ -59,7 +56,7 @@ int handle_reply(const reply *r)
 {
     const char *fn = "check_updates";
     json_error_t err;
-    std::unique_ptr<json_t, json_releaser> root(json_loadb(r->data, r->length, 0, &err));
+    json_ptr root(json_loadb(r->data, r->length, 0, &err));
     if (!root) {
         log_fprint(orkad_log, "%s: error decoding auto-updates data: %s\n", fn, err.text);
         return -1;

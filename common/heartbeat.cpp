@@ -1,4 +1,5 @@
 #include "heartbeat.h"
+#include "raii.h"
 
 #include "auth.h"
 #include "command.h"
@@ -38,11 +39,6 @@ int cloud_connected = -1;
 int cloud_missed;
 bool skipping;
 char last_ip[16];
-
-struct json_releaser {
-    void operator()(json_t *j) const { json_decref(j); }
-};
-using json_ptr = std::unique_ptr<json_t, json_releaser>;
 
 void lanip_provider(json_t *hb_obj, bool failed)
 {

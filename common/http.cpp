@@ -5,6 +5,7 @@
 #include "devroot.h"
 #include "log.h"
 #include "lsql.h"
+#include "raii.h"
 #include "signals.h"
 
 #include <cerrno>
@@ -37,12 +38,8 @@ struct easy_deleter {
 struct slist_deleter {
     void operator()(curl_slist *l) const { curl_slist_free_all(l); }
 };
-struct file_closer {
-    void operator()(FILE *f) const { fclose(f); }
-};
 using easy_ptr = std::unique_ptr<CURL, easy_deleter>;
 using slist_ptr = std::unique_ptr<curl_slist, slist_deleter>;
-using file_ptr = std::unique_ptr<FILE, file_closer>;
 
 unsigned addr32(const void *p)
 {

@@ -1,4 +1,5 @@
 #include "phone-home.h"
+#include "raii.h"
 
 #include "auth.h"
 #include "auto-updates.h"
@@ -44,10 +45,6 @@ char dtl0[] = "dtl0";
 
 bool time_set;
 int total_wait;
-
-struct json_releaser {
-    void operator()(json_t *j) const { json_decref(j); }
-};
 
 bool usable(int err, const char *addr)
 {
@@ -169,7 +166,7 @@ void take_controller(const char *controller)
 void handle_reply(const reply *r)
 {
     json_error_t err;
-    std::unique_ptr<json_t, json_releaser> root(json_loadb(r->data, r->length, 0, &err));
+    json_ptr root(json_loadb(r->data, r->length, 0, &err));
     if (!root) {
         log_fprint(orkad_log, "error decoding phone-home data: %s\n", err.text);
         return;

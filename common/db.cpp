@@ -146,11 +146,11 @@ void db_init(void)
     db_migrate();
 }
 
-int db_command(const char *spec, ...)
+int db_command(const char *fmt, ...)
 {
     va_list ap;
-    va_start(ap, spec);
-    sqlite_text sql(sqlite3_vmprintf(spec, ap));
+    va_start(ap, fmt);
+    sqlite_text sql(sqlite3_vmprintf(fmt, ap));
     va_end(ap);
     if (!sql) {
         log_fprint(orkad_log, "%s: Out of memory\n", "db_command");
@@ -162,8 +162,8 @@ int db_command(const char *spec, ...)
     sqlite3_exec(db_main, sql.get(), nullptr, nullptr, &errmsg);
     if (errmsg != nullptr) {
         // Only the start of the format: the statement itself was logged above.
-        log_fprint(orkad_log, "%s: '%.20s%s' failed with errmsg = '%s'\n", "db_command", spec,
-                   strlen(spec) > 20 ? "..." : "", errmsg);
+        log_fprint(orkad_log, "%s: '%.20s%s' failed with errmsg = '%s'\n", "db_command", fmt,
+                   strlen(fmt) > 20 ? "..." : "", errmsg);
         sqlite3_free(errmsg);
         return -2;
     }

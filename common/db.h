@@ -25,11 +25,11 @@ extern int db_version;
 // cannot.
 void db_init(void);
 
-// Formats spec with SQLite's own printf (%q, %Q, %w are available) and runs
+// Formats fmt with SQLite's own printf (%q, %Q, %w are available) and runs
 // it. 0 on success, -1 when the text could not be formatted, -2 when the
 // engine refused it. Not marked as printf-like: the compiler does not know
 // SQLite's conversions.
-int db_command(const char *spec, ...);
+int db_command(const char *fmt, ...);
 
 // First column of the first row, as a heap copy the caller frees; null when
 // there is no row, the value is NULL or the read fails.

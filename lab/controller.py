@@ -146,30 +146,30 @@ class Script:
     FIELDS = ("path", "method", "count", "status", "body", "text", "body_base64", "headers",
               "delay", "drop", "bad_json", "content_type", "reason")
 
-    def __init__(self, sid, spec):
-        unknown = set(spec) - set(self.FIELDS) - {"forever"}
+    def __init__(self, sid, fields):
+        unknown = set(fields) - set(self.FIELDS) - {"forever"}
         if unknown:
             raise ValueError(f"unknown script fields: {sorted(unknown)}")
-        if not isinstance(spec.get("path"), str):
+        if not isinstance(fields.get("path"), str):
             raise ValueError("a script needs a 'path'")
         self.id = sid
-        self.spec = dict(spec)
-        self.path = spec["path"]
-        self.method = spec.get("method")
-        if spec.get("forever") or ("count" in spec and spec["count"] is None):
+        self.fields = dict(fields)
+        self.path = fields["path"]
+        self.method = fields.get("method")
+        if fields.get("forever") or ("count" in fields and fields["count"] is None):
             self.count = None
         else:
-            self.count = int(spec.get("count", 1))
+            self.count = int(fields.get("count", 1))
             if self.count < 1:
                 raise ValueError("'count' must be 1 or more (or null for every request)")
-        drop = spec.get("drop")
+        drop = fields.get("drop")
         if drop is True:
             drop = "close"
         if drop not in (None, False, "close", "reset"):
             raise ValueError("'drop' is true, \"close\" or \"reset\"")
         self.drop = drop or None
-        self.delay = float(spec.get("delay") or 0)
-        self.headers = dict(spec.get("headers") or {})
+        self.delay = float(fields.get("delay") or 0)
+        self.headers = dict(fields.get("headers") or {})
         self.used = 0
 
     def matches(self, req):
@@ -179,12 +179,12 @@ class Script:
     def replaces(self):
         """Whether it answers in place of the controller (else it only adds a
         delay or headers to the normal answer)."""
-        s = self.spec
+        s = self.fields
         return bool(self.drop or s.get("bad_json") or
                     any(k in s for k in ("status", "body", "text", "body_base64")))
 
     def reply(self):
-        s = self.spec
+        s = self.fields
         if s.get("bad_json"):
             body = BAD_JSON
         elif "text" in s:
@@ -200,7 +200,7 @@ class Script:
         return r
 
     def describe(self):
-        d = dict(self.spec)
+        d = dict(self.fields)
         d.update(id=self.id, remaining=self.count, used=self.used)
         return d
 

@@ -161,17 +161,17 @@ class LabClient:
         status, body (JSON), text, body_base64, headers, content_type, delay
         (seconds), drop (True, "close" or "reset"), bad_json. count=None
         scripts every request until cleared. Returns the script ids."""
-        spec = dict(reply, path=path, count=count)
+        script = dict(reply, path=path, count=count)
         if method:
-            spec["method"] = method
-        return self.call("POST", "/scripts", spec)["ids"]
+            script["method"] = method
+        return self.call("POST", "/scripts", script)["ids"]
 
     def script_replies(self, path, replies, method=None):
         """Scripts one reply after the other for the next requests of `path`."""
-        spec = {"path": path, "replies": list(replies)}
+        script = {"path": path, "replies": list(replies)}
         if method:
-            spec["method"] = method
-        return self.call("POST", "/scripts", spec)["ids"]
+            script["method"] = method
+        return self.call("POST", "/scripts", script)["ids"]
 
     def fail(self, path, status, body=None, count=1, method=None, **more):
         if body is not None:

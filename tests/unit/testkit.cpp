@@ -339,9 +339,9 @@ std::string Lab::queue_command(const std::string &command)
     return json_string_value(json_array_get(json_object_get(r.get(), "ids"), 0)) ?: "";
 }
 
-void Lab::script(const std::string &spec)
+void Lab::script(const std::string &script_json)
 {
-    call("POST", "/scripts", spec);
+    call("POST", "/scripts", script_json);
 }
 
 void Lab::set_token(const std::string &settings)

@@ -95,7 +95,7 @@ class Lab
     // Queues one command object (JSON text); returns its id.
     std::string queue_command(const std::string &command);
     // Adds a script (JSON text of one script, see docs/lab-api.md).
-    void script(const std::string &spec);
+    void script(const std::string &script_json);
     // Token settings: {"expires_in":..., "token_length":..., "extra":{...}, "revoke":...}.
     void set_token(const std::string &settings);
     // Controller settings (POST /config).

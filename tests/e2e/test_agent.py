@@ -331,7 +331,10 @@ def test_failed_installer_is_retried_in_the_background(agent):
                what="the deferred_updates thread")
     assert not any(j["call"] == "rpcclt_openapiSystemReload" for j in agent.journal())
     # The image stays for the next attempt; the installer's output is kept.
-    assert os.path.getsize(agent.path("/tmp/updates.tar")) > 0
+    # The retry thread checks again at once and may be downloading the image
+    # anew (the download truncates first), so wait for it to be whole again.
+    wait_until(lambda: os.path.getsize(agent.path("/tmp/updates.tar")) > 0,
+               what="the image in /tmp/updates.tar")
     # Each run rewrites it; the retry may be writing it right now.
     wait_until(lambda: "failing with status 7" in open(agent.path("/rw/varnex-updates.log")).read(),
                what="the installer's output")

@@ -240,44 +240,38 @@ void db_free(char *errmsg)
     sqlite3_free(errmsg);
 }
 
-int db_load(sqlite3 *db, const char *filename)
+// Copies one whole database over another with the online backup; the status
+// is the destination's.
+static int backup_copy(sqlite3 *db, const char *filename, bool to_file)
 {
     char path[1024];
     if (devroot_path(filename, path, sizeof(path)) == nullptr)
         return SQLITE_CANTOPEN;
     sqlite3 *file = nullptr;
-    int rc = sqlite3_open_v2(path, &file, SQLITE_OPEN_READONLY, nullptr);
+    int flags = to_file ? SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE : SQLITE_OPEN_READONLY;
+    int rc = sqlite3_open_v2(path, &file, flags, nullptr);
     if (rc != SQLITE_OK) {
         sqlite3_close(file);
         return rc;
     }
-    sqlite3_backup *backup = sqlite3_backup_init(db, "main", file, "main");
+    sqlite3 *dst = to_file ? file : db;
+    sqlite3 *src = to_file ? db : file;
+    sqlite3_backup *backup = sqlite3_backup_init(dst, "main", src, "main");
     if (backup != nullptr) {
         sqlite3_backup_step(backup, -1);
         sqlite3_backup_finish(backup);
     }
-    rc = sqlite3_errcode(db);
+    rc = sqlite3_errcode(dst);
     sqlite3_close(file);
     return rc;
 }
 
+int db_load(sqlite3 *db, const char *filename)
+{
+    return backup_copy(db, filename, false);
+}
+
 int db_save(sqlite3 *db, const char *filename)
 {
-    char path[1024];
-    if (devroot_path(filename, path, sizeof(path)) == nullptr)
-        return SQLITE_CANTOPEN;
-    sqlite3 *file = nullptr;
-    int rc = sqlite3_open_v2(path, &file, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
-    if (rc != SQLITE_OK) {
-        sqlite3_close(file);
-        return rc;
-    }
-    sqlite3_backup *backup = sqlite3_backup_init(file, "main", db, "main");
-    if (backup != nullptr) {
-        sqlite3_backup_step(backup, -1);
-        sqlite3_backup_finish(backup);
-    }
-    rc = sqlite3_errcode(file);
-    sqlite3_close(file);
-    return rc;
+    return backup_copy(db, filename, true);
 }

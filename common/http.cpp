@@ -58,6 +58,19 @@ bool has_headers(const char *const *headers)
     return headers != nullptr && headers[0] != nullptr;
 }
 
+// Hands the caller's header lines to curl; the list lives as long as the
+// returned owner.
+slist_ptr set_headers(CURL *c, const char *const *headers)
+{
+    if (!has_headers(headers))
+        return nullptr;
+    curl_slist *l = nullptr;
+    for (int i = 0; headers[i] != nullptr; i++)
+        l = curl_slist_append(l, headers[i]);
+    curl_easy_setopt(c, CURLOPT_HTTPHEADER, l);
+    return slist_ptr(l);
+}
+
 enum class method { get, post, put };
 
 // GET, POST and PUT share everything but their log wording.
@@ -105,19 +118,15 @@ int http_request(method m, const char *url, const char *data, int length,
         curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE, (long)length);
     }
 
-    slist_ptr list;
     if (has_headers(headers)) {
-        curl_slist *l = nullptr;
         for (int i = 0; headers[i] != nullptr; i++) {
             if (m == method::put)
                 log_fprint(http_log, "http_post: header '%s'\n", headers[i]);
             else
                 log_fprint(http_log, "%s: %08x header '%s'\n", fn, addr32(r), headers[i]);
-            l = curl_slist_append(l, headers[i]);
         }
-        list.reset(l);
-        curl_easy_setopt(c, CURLOPT_HTTPHEADER, l);
     }
+    slist_ptr list = set_headers(c, headers);
 
     CURLcode rc = curl_easy_perform(c);
     if (rc != CURLE_OK) {
@@ -304,14 +313,7 @@ int http_upload_file(const char *url, const char *path, const char *const *heade
     curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 0L);
     if (debug)
         curl_easy_setopt(c, CURLOPT_VERBOSE, 0L);
-    slist_ptr list;
-    if (has_headers(headers)) {
-        curl_slist *l = nullptr;
-        for (int i = 0; headers[i] != nullptr; i++)
-            l = curl_slist_append(l, headers[i]);
-        list.reset(l);
-        curl_easy_setopt(c, CURLOPT_HTTPHEADER, l);
-    }
+    slist_ptr list = set_headers(c, headers);
     CURLcode rc = curl_easy_perform(c);
     if (rc != CURLE_OK) {
         log_fprint(orkad_log, "%s: curl error: (CURLcode = %d) '%s'\n", fn, (int)rc,
@@ -337,14 +339,7 @@ int http_upload_file_multipart(const char *url, const char *path, const char *co
     CURL *c = curl.get();
     if (debug)
         curl_easy_setopt(c, CURLOPT_VERBOSE, 0L);
-    slist_ptr list;
-    if (has_headers(headers)) {
-        curl_slist *l = nullptr;
-        for (int i = 0; headers[i] != nullptr; i++)
-            l = curl_slist_append(l, headers[i]);
-        list.reset(l);
-        curl_easy_setopt(c, CURLOPT_HTTPHEADER, l);
-    }
+    slist_ptr list = set_headers(c, headers);
     char mapped[1024];
     const char *file_path = devroot_path(path, mapped, sizeof(mapped));
     if (file_path == nullptr)

@@ -16,7 +16,6 @@ import json
 import os
 import shutil
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
@@ -31,6 +30,7 @@ if HERE not in sys.path:
 import devroot  # noqa: E402
 from labfixture import LabController  # noqa: E402
 from netns import Netns  # noqa: E402
+from syslogsocket import SyslogSocket  # noqa: E402
 
 
 class SyslogFile:
@@ -38,31 +38,11 @@ class SyslogFile:
     sends there to a file, one line per message."""
 
     def __init__(self, root, path):
-        self.sock_path = os.path.join(root, "dev", "log")
-        if os.path.lexists(self.sock_path):
-            os.unlink(self.sock_path)
-        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self.sock.bind(self.sock_path)
-        self.sock.settimeout(0.2)
         self.out = open(path, "a", buffering=1)
-        self.running = True
-        self.thread = threading.Thread(target=self._run, daemon=True)
-        self.thread.start()
-
-    def _run(self):
-        while self.running:
-            try:
-                data = self.sock.recv(65536)
-            except socket.timeout:
-                continue
-            except OSError:
-                return
-            self.out.write(data.decode(errors="replace").rstrip("\n") + "\n")
+        self.socket = SyslogSocket(root, lambda text: self.out.write(text.rstrip("\n") + "\n"))
 
     def close(self):
-        self.running = False
-        self.sock.close()
-        self.thread.join(timeout=1)
+        self.socket.close()
         self.out.close()
 
 

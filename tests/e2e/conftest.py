@@ -4,7 +4,6 @@ network namespace, and read what it leaves behind."""
 import os
 import resource
 import signal
-import socket
 import subprocess
 import sys
 import threading
@@ -18,6 +17,7 @@ sys.path.insert(0, os.path.join(SOURCE, "lab"))
 
 import devroot  # noqa: E402
 from netns import Netns  # noqa: E402
+from syslogsocket import SyslogSocket  # noqa: E402
 
 BIN = os.environ.get("ORKAD_BIN") or os.path.join(SOURCE, "build", "common", "orkad")
 
@@ -50,32 +50,17 @@ class SyslogSink:
     """Stands in for the system logger on <root>/dev/log."""
 
     def __init__(self, root):
-        self.path = os.path.join(root, "dev", "log")
-        if os.path.exists(self.path):
-            os.unlink(self.path)
-        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self.sock.bind(self.path)
-        self.sock.settimeout(0.2)
         self.lines = []  # (pid, priority, message)
         self.lock = threading.Lock()
-        self.running = True
-        self.thread = threading.Thread(target=self._run, daemon=True)
-        self.thread.start()
+        self.socket = SyslogSocket(root, self._take)
+        self.path = self.socket.path
 
-    def _run(self):
-        while self.running:
-            try:
-                data = self.sock.recv(65536)
-            except socket.timeout:
-                continue
-            except OSError:
-                return
-            text = data.decode(errors="replace")
-            pri = int(text[1:text.index(">")])
-            head, _, msg = text.partition("]: ")
-            pid = int(head[head.rindex("[") + 1:])
-            with self.lock:
-                self.lines.append((pid, pri, msg))
+    def _take(self, text):
+        pri = int(text[1:text.index(">")])
+        head, _, msg = text.partition("]: ")
+        pid = int(head[head.rindex("[") + 1:])
+        with self.lock:
+            self.lines.append((pid, pri, msg))
 
     def messages(self):
         with self.lock:
@@ -94,8 +79,7 @@ class SyslogSink:
         return wait_until(find, timeout, what=f"syslog line {text!r}")
 
     def close(self):
-        self.running = False
-        self.sock.close()
+        self.socket.close()
 
 
 class Daemon:

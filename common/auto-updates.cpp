@@ -134,23 +134,10 @@ void deferred_updates(void *running, void *, void *)
 
 void cmd_set_firmware(char *command, json_t *js_command, char *resp_href)
 {
-    char message[CMD_MESSAGE_SIZE] = "";
-    char id[CMD_ID_SIZE] = "";
-    int result = -1;
-    json_t *jid = json_object_get(js_command, "id");
-    if (!json_is_string(jid)) {
-        snprintf(message, sizeof(message), "missing or invalid 'id' element in command");
-        log_fprint(orkad_log, "set.firmware: %s\n", message);
-    } else {
-        snprintf(id, sizeof(id), "%s", json_string_value(jid));
-        result = 0;
-    }
+    cmd_envelope cmd("set.firmware", command, js_command, resp_href);
+    int result = cmd.open(false) ? 0 : -1;
     // Answer first: a successful update restarts the device.
-    send_command_status(resp_href, id, result, message, nullptr);
-    free(command);
-    free(resp_href);
-    json_decref(js_command);
-
+    cmd.answer(result);
     if (result != 0 || developer_build)
         return;
     if (check_updates() != 0)

@@ -1,10 +1,12 @@
 #include "command.h"
 
+#include "http.h"
 #include "log.h"
 #include "queue.h"
 #include "table.h"
 #include "utils.h"
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -150,4 +152,45 @@ void command_runner(void *, void *, void *)
             p->fn(p->p1, p->p2, p->p3);
         work_free(w);
     }
+}
+
+cmd_envelope::~cmd_envelope()
+{
+    free(name_);
+    json_decref(command_);
+    free(resp_href_);
+}
+
+bool cmd_envelope::open(bool need_params)
+{
+    json_t *jid = json_object_get(command_, "id");
+    if (!json_is_string(jid)) {
+        fail("missing or invalid 'id' element in command");
+        return false;
+    }
+    snprintf(id, sizeof(id), "%s", json_string_value(jid));
+    if (!need_params)
+        return true;
+    params = json_object_get(command_, "params");
+    if (!json_is_object(params)) {
+        params = nullptr;
+        fail("missing or invalid 'params' element");
+        return false;
+    }
+    return true;
+}
+
+int cmd_envelope::fail(const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(message, sizeof(message), fmt, ap);
+    va_end(ap);
+    log_fprint(orkad_log, "%s: %s\n", who_, message);
+    return -1;
+}
+
+int cmd_envelope::answer(int code, const char *data)
+{
+    return send_command_status(resp_href_, id, code, message, data);
 }

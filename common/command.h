@@ -13,6 +13,9 @@
 typedef void (*cmd_fn)(char *name, json_t *command, char *response_link);
 
 #define CMD_NAME_SIZE 40
+// A command's "id" is kept to 41 characters; its answer's message to 511.
+#define CMD_ID_SIZE 42
+#define CMD_MESSAGE_SIZE 512
 
 struct cmd_processor {
     char name[CMD_NAME_SIZE];
@@ -30,3 +33,42 @@ int command_register(const char *name, cmd_fn fn);
 void process_bundle(json_t *list, int count, const char *response_link);
 work_t *process_command(json_t *command, int *flags, const char *response_link);
 void command_runner(void *p1, void *p2, void *p3);
+
+// What every handler does around its own work: it owns the three arguments
+// and releases them when it goes out of scope, reads the command's "id" and
+// "params", keeps the message of the answer and sends the answer. `who`
+// prefixes the handler's log lines ("who: message").
+class cmd_envelope
+{
+  public:
+    cmd_envelope(const char *who, char *name, json_t *command, char *resp_href)
+        : who_(who), name_(name), command_(command), resp_href_(resp_href)
+    {
+    }
+    ~cmd_envelope();
+    cmd_envelope(const cmd_envelope &) = delete;
+    cmd_envelope &operator=(const cmd_envelope &) = delete;
+
+    // Reads "id" (kept to 41 characters) and, when need_params, the "params"
+    // object. On failure the message says what was wrong, it is logged, and
+    // false is returned; nothing is answered yet.
+    bool open(bool need_params = true);
+    // Sets the message, logs it and returns -1, the failure code.
+    int fail(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+    // Answers the controller with the code, the message and optional JSON
+    // text for "data"; returns what send_command_status returned.
+    int answer(int code, const char *data = nullptr);
+
+    json_t *command() const { return command_; }
+    const char *response_link() const { return resp_href_; }
+
+    char id[CMD_ID_SIZE] = "";
+    json_t *params = nullptr;
+    char message[CMD_MESSAGE_SIZE] = "";
+
+  private:
+    const char *who_;
+    char *name_;
+    json_t *command_;
+    char *resp_href_;
+};

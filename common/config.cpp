@@ -55,31 +55,6 @@ void upper(char *s)
         *s = (char)toupper((unsigned char)*s);
 }
 
-// The command id and params every command carries; on failure the message
-// says what was wrong.
-bool command_envelope(json_t *command, char *id, json_t **params, char *message)
-{
-    json_t *jid = json_object_get(command, "id");
-    if (!json_is_string(jid)) {
-        snprintf(message, CMD_MESSAGE_SIZE, "missing or invalid 'id' element in command");
-        return false;
-    }
-    snprintf(id, CMD_ID_SIZE, "%s", json_string_value(jid));
-    *params = json_object_get(command, "params");
-    if (!json_is_object(*params)) {
-        snprintf(message, CMD_MESSAGE_SIZE, "missing or invalid 'params' element");
-        return false;
-    }
-    return true;
-}
-
-void release(char *name, json_t *command, char *resp_href)
-{
-    free(name);
-    json_decref(command);
-    free(resp_href);
-}
-
 int port_error(char *message, const char *text)
 {
     snprintf(message, CMD_MESSAGE_SIZE, "%s", text);
@@ -164,25 +139,20 @@ void config_init(void)
 
 void cmd_set_config(char *name, json_t *command, char *resp_href)
 {
-    char message[CMD_MESSAGE_SIZE] = "";
-    char id[CMD_ID_SIZE] = "";
+    cmd_envelope cmd("cmd_set_config", name, command, resp_href);
+    // A command that configures nothing answers -1 with an empty message.
     int result = -1;
-    json_t *params = nullptr;
-    if (!command_envelope(command, id, &params, message)) {
-        log_fprint(orkad_log, "%s: %s\n", "cmd_set_config", message);
-    } else {
-        // A command that configures nothing answers -1 with an empty message.
+    if (cmd.open()) {
         for (const auto &section : config_sections) {
-            json_t *value = json_object_get(params, section.name);
+            json_t *value = json_object_get(cmd.params, section.name);
             if (value == nullptr)
                 continue;
-            result = section.fn(value, message);
+            result = section.fn(value, cmd.message);
             if (result != 0)
                 break;
         }
     }
-    send_command_status(resp_href, id, result, message, nullptr);
-    release(name, command, resp_href);
+    cmd.answer(result);
 }
 
 int set_port_config(json_t *ports, char *message)
@@ -254,26 +224,19 @@ int set_lan_config(json_t *lan, char *message)
 
 void cmd_del_config(char *name, json_t *command, char *resp_href)
 {
-    char message[CMD_MESSAGE_SIZE] = "";
-    char id[CMD_ID_SIZE] = "";
-    json_t *params = nullptr;
-    if (!command_envelope(command, id, &params, message)) {
-        log_fprint(orkad_log, "%s: %s\n", "cmd_del_config", message);
-        send_command_status(resp_href, id, -1, message, nullptr);
-        release(name, command, resp_href);
+    cmd_envelope cmd("cmd_del_config", name, command, resp_href);
+    if (!cmd.open()) {
+        cmd.answer(-1);
         return;
     }
-    json_t *mode = json_object_get(params, "reset-mode");
+    json_t *mode = json_object_get(cmd.params, "reset-mode");
     if (mode != nullptr && !json_is_string(mode)) {
-        snprintf(message, sizeof(message), "invalid 'reset-mode' element in params");
-        log_fprint(orkad_log, "%s: %s\n", "cmd_del_config", message);
-        send_command_status(resp_href, id, -1, message, nullptr);
-        release(name, command, resp_href);
+        cmd.answer(cmd.fail("invalid 'reset-mode' element in params"));
         return;
     }
 
     // Answer first: once reset, the device cannot tell the controller.
-    if (send_command_status(resp_href, id, 0, "", nullptr) == 0) {
+    if (cmd.answer(0) == 0) {
         if (mode != nullptr && strcmp(json_string_value(mode), "soft") == 0) {
             log_fprint(orkad_log, "%s: performing soft reset\n", "cmd_del_config");
             platform_factory_reset_soft();
@@ -282,10 +245,7 @@ void cmd_del_config(char *name, json_t *command, char *resp_href)
             platform_factory_reset();
         }
     }
-    snprintf(message, sizeof(message), "failed 'del.config' handshake (response/reply phase)");
-    log_fprint(orkad_log, "%s: %s\n", "cmd_del_config", message);
-    send_command_status(resp_href, id, -1, message, nullptr);
-    release(name, command, resp_href);
+    cmd.answer(cmd.fail("failed 'del.config' handshake (response/reply phase)"));
 }
 
 int send_refresh_config(void)

@@ -2,10 +2,9 @@
 // commands and the refresh notice sent to the controller.
 #pragma once
 
-#include <jansson.h>
+#include "command.h"
 
-#define CMD_ID_SIZE 42
-#define CMD_MESSAGE_SIZE 512
+#include <jansson.h>
 
 extern char env_serial[32];
 extern char env_ethaddr[18];

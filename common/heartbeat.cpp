@@ -255,50 +255,41 @@ void heartbeat(void *, void *, void *)
 
 void cmd_set_heartbeat(char *command, json_t *js_command, char *resp_href)
 {
-    char message[CMD_MESSAGE_SIZE] = "";
-    char id[CMD_ID_SIZE] = "";
-    int result = -1;
-
-    json_t *jid = json_object_get(js_command, "id");
-    json_t *params = json_object_get(js_command, "params");
-    json_t *interval = nullptr;
-    json_t *link = nullptr;
-    json_t *href = nullptr;
-    long long seconds = 0;
-    if (!json_is_string(jid)) {
-        snprintf(message, sizeof(message), "missing or invalid 'id' element in command");
-    } else {
-        snprintf(id, sizeof(id), "%s", json_string_value(jid));
-        if (!json_is_object(params)) {
-            snprintf(message, sizeof(message), "missing or invalid 'params' element");
-        } else if (interval = json_object_get(params, "interval"), !json_is_integer(interval)) {
-            snprintf(message, sizeof(message), "missing or invalid 'interval' element in params");
-        } else if (seconds = json_integer_value(interval) / 1000,
-                   seconds < MIN_INTERVAL || seconds > MAX_INTERVAL) {
-            snprintf(message, sizeof(message), "heartbeat interval out of range");
-        } else if (link = json_object_get(params, "serviceLink"), !json_is_object(link)) {
-            snprintf(message, sizeof(message),
-                     "missing or invalid 'serviceLink' element in params");
-        } else if (href = json_object_get(link, "href"), !json_is_string(href)) {
-            snprintf(message, sizeof(message), "missing or invalid 'href' element in params");
-        } else if (strlen(json_string_value(href)) >= sizeof(heartbeat_link)) {
-            snprintf(message, sizeof(message), "the 'href' element in params is too large");
-        } else {
-            // Not stored: a restarted agent starts from the defaults again.
-            heartbeat_interval = (int)seconds;
-            snprintf(heartbeat_link, sizeof(heartbeat_link), "%s", json_string_value(href));
-            dev_syslog(LOG_INFO, "Heartbeat interval=%d seconds, link='%s'", heartbeat_interval,
-                       heartbeat_link);
-            result = 0;
-        }
+    cmd_envelope cmd("set.heartbeat", command, js_command, resp_href);
+    if (!cmd.open()) {
+        cmd.answer(-1);
+        return;
     }
-    if (result != 0)
-        log_fprint(orkad_log, "set.heartbeat: %s\n", message);
-
-    send_command_status(resp_href, id, result, message, nullptr);
-    free(command);
-    free(resp_href);
-    json_decref(js_command);
+    json_t *interval = json_object_get(cmd.params, "interval");
+    if (!json_is_integer(interval)) {
+        cmd.answer(cmd.fail("missing or invalid 'interval' element in params"));
+        return;
+    }
+    long long seconds = json_integer_value(interval) / 1000;
+    if (seconds < MIN_INTERVAL || seconds > MAX_INTERVAL) {
+        cmd.answer(cmd.fail("heartbeat interval out of range"));
+        return;
+    }
+    json_t *link = json_object_get(cmd.params, "serviceLink");
+    if (!json_is_object(link)) {
+        cmd.answer(cmd.fail("missing or invalid 'serviceLink' element in params"));
+        return;
+    }
+    json_t *href = json_object_get(link, "href");
+    if (!json_is_string(href)) {
+        cmd.answer(cmd.fail("missing or invalid 'href' element in params"));
+        return;
+    }
+    if (strlen(json_string_value(href)) >= sizeof(heartbeat_link)) {
+        cmd.answer(cmd.fail("the 'href' element in params is too large"));
+        return;
+    }
+    // Not stored: a restarted agent starts from the defaults again.
+    heartbeat_interval = (int)seconds;
+    snprintf(heartbeat_link, sizeof(heartbeat_link), "%s", json_string_value(href));
+    dev_syslog(LOG_INFO, "Heartbeat interval=%d seconds, link='%s'", heartbeat_interval,
+               heartbeat_link);
+    cmd.answer(0);
 }
 
 void heartbeat_debug(int)

@@ -318,3 +318,63 @@ TEST_F(CommandTest, ExhaustedPoolDropsTheCommandWithoutBlocking)
     ASSERT_EQ(got.size(), 1u);
     EXPECT_EQ(got[0].id, "c-1");
 }
+
+// The envelope the handlers share: what it reads, what it says and logs
+// when the command lacks an id or params, and that it releases what the
+// handler was given (checked by the sanitizer build's leak-free run of it).
+TEST_F(CommandTest, EnvelopeReadsIdAndParams)
+{
+    json_t *c = parse(R"({"id":"c-1","params":{"interval":5}})");
+    cmd_envelope e("set.thing", strdup("set.thing"), c, strdup("/r"));
+    ASSERT_TRUE(e.open());
+    EXPECT_STREQ(e.id, "c-1");
+    EXPECT_EQ(json_integer_value(json_object_get(e.params, "interval")), 5);
+    EXPECT_STREQ(e.message, "");
+    EXPECT_EQ(e.command(), c);
+    EXPECT_STREQ(e.response_link(), "/r");
+}
+
+TEST_F(CommandTest, EnvelopeRefusesAMissingId)
+{
+    cmd_envelope e("set.thing", strdup("set.thing"), parse(R"({"id":7,"params":{}})"),
+                   strdup("/r"));
+    EXPECT_FALSE(e.open());
+    EXPECT_STREQ(e.id, "");
+    EXPECT_STREQ(e.message, "missing or invalid 'id' element in command");
+    EXPECT_TRUE(logged("set.thing: missing or invalid 'id' element in command"));
+}
+
+TEST_F(CommandTest, EnvelopeRefusesMissingParamsUnlessNotNeeded)
+{
+    {
+        cmd_envelope e("get.thing", strdup("get.thing"), parse(R"({"id":"x","params":[]})"),
+                       strdup("/r"));
+        EXPECT_FALSE(e.open());
+        EXPECT_STREQ(e.id, "x");
+        EXPECT_EQ(e.params, nullptr);
+        EXPECT_STREQ(e.message, "missing or invalid 'params' element");
+        EXPECT_TRUE(logged("get.thing: missing or invalid 'params' element"));
+    }
+    cmd_envelope e("get.thing", strdup("get.thing"), parse(R"({"id":"y"})"), strdup("/r"));
+    EXPECT_TRUE(e.open(false));
+    EXPECT_STREQ(e.id, "y");
+    EXPECT_STREQ(e.message, "");
+}
+
+TEST_F(CommandTest, EnvelopeIdIsKeptTo41Characters)
+{
+    std::string long_id(60, 'i');
+    json_t *c = json_pack("{s:s, s:{}}", "id", long_id.c_str(), "params");
+    cmd_envelope e("set.thing", strdup("set.thing"), c, strdup("/r"));
+    ASSERT_TRUE(e.open());
+    EXPECT_EQ(std::string(e.id), std::string(41, 'i'));
+}
+
+TEST_F(CommandTest, EnvelopeFailFormatsLogsAndReturnsMinusOne)
+{
+    cmd_envelope e("set.thing", strdup("set.thing"), parse(R"({"id":"x","params":{}})"),
+                   strdup("/r"));
+    EXPECT_EQ(e.fail("value %d out of range", 42), -1);
+    EXPECT_STREQ(e.message, "value 42 out of range");
+    EXPECT_TRUE(logged("set.thing: value 42 out of range"));
+}

@@ -7,6 +7,8 @@
 #include "mgmtvpn.h"
 #include "utils.h"
 
+#include <csignal>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -228,6 +230,28 @@ TEST_F(VpnTest, AConfigurationThatCannotBeSavedIsReported)
     // The old client was stopped and nothing new was started.
     EXPECT_EQ(count_logged(stop_line), 2u);
     EXPECT_EQ(starts().size(), 1u);
+}
+
+TEST_F(VpnTest, AConfigurationCutShortIsNotLeftBehind)
+{
+    // Files of this process may not grow past 256 KiB: the write fails half
+    // way, and what was written goes again.
+    std::string text = "client\n";
+    while (text.size() < 512 * 1024)
+        text += "# a comment line that only makes the configuration longer\n";
+    signal(SIGXFSZ, SIG_IGN);
+    struct rlimit old, lim;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old), 0);
+    lim = old;
+    lim.rlim_cur = 256 * 1024;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &lim), 0);
+    set_vpn("vpn-1", b64(text));
+    setrlimit(RLIMIT_FSIZE, &old);
+    auto r = result_of("vpn-1");
+    EXPECT_EQ(r.first, -1);
+    EXPECT_EQ(r.second, "failed to save '/etc/openvpn/client.ovpn' file (errno = 27)");
+    EXPECT_FALSE(config_exists());
+    EXPECT_TRUE(starts().empty());
 }
 
 TEST_F(VpnTest, SetWithoutAnId)

@@ -326,7 +326,8 @@ def test_configurations_that_cannot_be_used(agent, vpn):
 
     lab.queue_command(action="set", context="sslVpn", id="bad-3", params={})
     res = lab.wait_result(command_id="bad-3", timeout=20)
-    assert (res["code"], res["message"]) == (-1, "missing or invalid 'clientOvpn' element in params")
+    assert (res["code"], res["message"]) == (
+        -1, "missing or invalid 'clientOvpn' element in params")
 
     # The daemon is still there and still answers.
     lab.queue_command(action="del", context="sslVpn", id="ok-1")

@@ -8,9 +8,11 @@
 #include "debug.h"
 #include "http.h"
 #include "devroot.h"
+#include "diags.h"
 #include "heartbeat.h"
 #include "listener.h"
 #include "log.h"
+#include "mgmtvpn.h"
 #include "phone-home.h"
 #include "platform_utils.h"
 #include "signals.h"
@@ -149,8 +151,10 @@ void signals_monitor(void)
 
     http_init();
     listener_init();
+    mgmtvpn_init();
     phone_home();
     auto_updates();
+    diags_init();
     cap_init();
     send_refresh_config();
 

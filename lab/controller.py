@@ -29,6 +29,7 @@ import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import archives  # noqa: E402
 import labhttp  # noqa: E402
 import labpki  # noqa: E402
 from labhttp import Reply  # noqa: E402
@@ -223,6 +224,7 @@ class Lab:
             "batch_limit": None,
         }
         self.tokens = {}
+        self.archives = archives.Archives()
         self.reset()
 
     # ---- state -----------------------------------------------------------
@@ -241,6 +243,7 @@ class Lab:
             self.results = []
             self.connection_errors = []
             self.bundles = 0
+            self.archives.reset()
             self._seq = {"request": 0, "command": 0, "result": 0, "script": 0}
             if tokens:
                 self.tokens = {}
@@ -544,6 +547,7 @@ class Lab:
                 "sha256": hashlib.sha256(p["data"]).hexdigest(),
                 "data_base64": base64.b64encode(p["data"]).decode(),
             } for p in parts]
+            self.archives.add(rec, parts)
         return _json_reply(200, {})
 
     _on_syslog = _on_status = _on_statistics = _on_diagnostics = _on_service
@@ -813,6 +817,8 @@ CONTROL = {
     ("GET", "/results"): Lab._c_results,
     ("GET", "/connection-errors"): Lab._c_errors,
     ("POST", "/shutdown"): Lab._c_shutdown,
+    ("GET", "/archives"): archives.c_archives,
+    ("GET", "/archive"): archives.c_archive,
 }
 
 
@@ -844,6 +850,7 @@ class LabServer:
         self.control_socket = control_socket
         self.control_listen = control_listen
         self.lab = Lab(serials=serials, auth=auth, expires_in=expires_in)
+        self.lab.archives.folder = os.path.join(self.state_dir, "archives")
         self.servers = []
         self.threads = []
         self._short_dir = None

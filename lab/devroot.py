@@ -23,18 +23,20 @@ FOLDERS = ["rw", "tmp", "etc", "etc/config", "etc/varnex/config", "etc/varnex/co
 # What device/ ships, and where it goes in the device root.
 INSTALL = [
     ("sql", "etc/varnex/config/sql"),
+    ("bin", "bin"),
     ("sbin", "sbin"),
     ("usr/sbin", "usr/sbin"),
     ("etc", "etc"),
     ("switch", "var/switch"),
 ]
 
-# Real tools of this machine that the device carries too.
+# Real tools of this machine that the device carries too. (killall is the
+# device's own, in device/bin: a device root must not reach the processes of
+# the machine it runs on.)
 LINKS = {
     "bin/sqlite3": ["/usr/bin/sqlite3", "/bin/sqlite3"],
     "bin/gzip": ["/usr/bin/gzip", "/bin/gzip"],
     "sbin/openvpn": ["/usr/sbin/openvpn", "/sbin/openvpn"],
-    "bin/killall": ["/usr/bin/killall", "/bin/killall"],
 }
 
 # The boot environment, one "name=value" per line; read and written by the
@@ -62,6 +64,10 @@ def _copy_tree(src, dst):
         for f in files:
             s = os.path.join(base, f)
             d = os.path.join(target, f)
+            if os.path.islink(d):
+                # An older root may link a machine tool here; never write
+                # through it.
+                os.remove(d)
             shutil.copy2(s, d)
             if os.access(s, os.X_OK):
                 os.chmod(d, os.stat(d).st_mode | stat.S_IXUSR | stat.S_IXGRP | stat.S_IXOTH)

@@ -302,6 +302,31 @@ class LabClient:
         return self.wait_results(1, timeout, command_id=command_id, **filters)[0]
 
 
+    def archives(self, path=None, kind=None, serial=None, since=None):
+        """Files uploaded as multipart forms, oldest first, without bytes."""
+        return self.call("GET", "/archives", query={
+            "path": path, "kind": kind, "serial": serial, "since": since})["archives"]
+
+    def wait_archives(self, count=1, timeout=10.0, **filters):
+        filters = {k: v for k, v in filters.items() if v is not None}
+        deadline = time.monotonic() + timeout
+        while True:
+            left = deadline - time.monotonic()
+            wait = max(0.0, min(left, 5.0))
+            found = self.call("GET", "/archives", timeout=wait + 30, query={
+                "wait": f"{wait:.3f}", "count": count, **filters})["archives"]
+            if len(found) >= count:
+                return found
+            if left <= 0:
+                raise AssertionError(f"timed out after {timeout}s waiting for {count} "
+                                     f"archive(s) {filters}; have {self.archives()}")
+
+    def archive(self, seq):
+        """One uploaded file's record and its bytes."""
+        a = self.call("GET", "/archive", query={"seq": seq})
+        return a, base64.b64decode(a["data_base64"])
+
+
 class LabController(LabClient):
     """A running lab controller and the client to drive it.
 

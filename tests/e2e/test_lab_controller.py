@@ -637,3 +637,39 @@ def test_libcurl_verifies_the_controller_in_the_namespace(netns_lab, netns, devi
                    f"https://wrong.lab:{netns_lab.port}/api/phone_home"], check=False, text=True)
     assert r.returncode == 60
     assert netns_lab.requests(kind="phone_home")[0]["params"]["[phone_home]tz"] == "Etc/GMT+2"
+
+
+def test_uploaded_files_are_kept_on_any_service_link(lab, api):
+    token = api.token()
+
+    def upload(path, data, filename="diagnostics.tar.gz"):
+        boundary = "----lab4567"
+        form = (f"--{boundary}\r\nContent-Disposition: form-data; name=\"note\"\r\n\r\n"
+                f"not a file\r\n--{boundary}\r\nContent-Disposition: form-data; name=\"file\"; "
+                f"filename=\"{filename}\"\r\nContent-Type: application/octet-stream"
+                f"\r\n\r\n").encode() + data + f"\r\n--{boundary}--\r\n".encode()
+        return api.call("POST", path, body=form, token=token, headers={
+            "Content-Type": f"multipart/form-data; boundary={boundary}"})[0]
+
+    first, second = os.urandom(5000), b"second archive"
+    assert upload("/api/diagnostics", first) == 200
+    assert upload("/api/status", second, filename="../odd name.tgz") == 200
+    kept = lab.wait_archives(2)
+    # Only file parts are kept, in arrival order, each with its link.
+    assert [(a["seq"], a["path"], a["kind"], a["name"], a["size"]) for a in kept] == [
+        (1, "/api/diagnostics", "diagnostics", "file", len(first)),
+        (2, "/api/status", "status", "file", len(second))]
+    assert "data_base64" not in kept[0]
+    assert lab.archives(path="/api/status")[0]["filename"] == "../odd name.tgz"
+    rec, data = lab.archive(1)
+    assert data == first and rec["serial"] == SERIAL
+    # Each is a file of its own in the lab's state folder too.
+    for a, want in zip(kept, (first, second)):
+        assert os.path.dirname(a["file"]) == os.path.join(lab.info()["state_dir"], "archives")
+        with open(a["file"], "rb") as f:
+            assert f.read() == want
+    assert os.path.basename(kept[1]["file"]) == "2-.._odd_name.tgz"
+    with pytest.raises(Exception, match="404"):
+        lab.archive(3)
+    lab.reset()
+    assert lab.archives() == []

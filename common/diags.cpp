@@ -1,0 +1,88 @@
+#include "diags.h"
+
+#include "auth.h"
+#include "command.h"
+#include "devroot.h"
+#include "http.h"
+#include "icos-openapi.h"
+#include "log.h"
+#include "utils.h"
+
+#include <cstdio>
+#include <pthread.h>
+
+namespace
+{
+
+const char dump_command[] = "/usr/sbin/varnex-diagnostic-dump > /dev/null 2>&1";
+const char gzip_command[] = "/bin/gzip -9 " DIAGS_TAR " > /dev/null 2>&1";
+const char upload_failed[] = "failed to upload diagnostics data";
+
+// Collections share fixed file names in /tmp, so one runs at a time.
+pthread_mutex_t diags_lock = PTHREAD_MUTEX_INITIALIZER;
+
+// Collects the archive and uploads it; 0 or -1.
+int collect_and_upload(const char *url)
+{
+    pthread_mutex_lock(&diags_lock);
+    dev_remove(DIAGS_ARCHIVE);
+    platform_get_support_data(DIAGS_SUPPORT_FILE);
+    // The dump script's own status says nothing: what counts is the tar it
+    // leaves, and gzip finds out about that.
+    _sys("%s", dump_command);
+    if (_sys("%s", gzip_command) != 0) {
+        log_fprint(orkad_log, "cannot gzip diags tar file\n");
+        pthread_mutex_unlock(&diags_lock);
+        return -1;
+    }
+    char token[ACCESS_TOKEN_SIZE] = "";
+    get_access_token(token);
+    char bearer[512];
+    snprintf(bearer, sizeof(bearer), "Authorization: Bearer %s", token);
+    const char *headers[] = {bearer, nullptr};
+    int rc = http_upload_file_multipart(url, DIAGS_ARCHIVE, headers);
+    pthread_mutex_unlock(&diags_lock);
+    return rc;
+}
+
+} // namespace
+
+void diags_init(void)
+{
+    command_register("get.diagnostics", cmd_get_diagnostics);
+}
+
+void cmd_get_diagnostics(char *command, json_t *js_command, char *resp_href)
+{
+    cmd_envelope cmd("get.diagnostics", command, js_command, resp_href);
+    if (!cmd.open()) {
+        cmd.answer(-1);
+        return;
+    }
+    json_t *link = json_object_get(cmd.params, "serviceLink");
+    if (!json_is_object(link)) {
+        cmd.answer(cmd.fail("missing or invalid 'serviceLink' element in params"));
+        return;
+    }
+    json_t *href = json_object_get(link, "href");
+    if (!json_is_string(href)) {
+        cmd.answer(cmd.fail("missing or invalid 'href' element in params"));
+        return;
+    }
+    const char *base = get_cloud_controller();
+    if (base == nullptr) {
+        cmd.answer(cmd.fail("%s", upload_failed));
+        return;
+    }
+    char url[512];
+    snprintf(url, sizeof(url), "%s/api%s", base, json_string_value(href));
+
+    // The uptime and log statistics go into the main log first, so that the
+    // dump carries them.
+    log_debug(0);
+
+    int result = collect_and_upload(url);
+    if (result != 0)
+        cmd.fail("%s", upload_failed);
+    cmd.answer(result);
+}

@@ -1,0 +1,13 @@
+// Diagnostics upload: the controller's get.diagnostics gathers the switch's
+// support data and the device's own dump into one archive and uploads it to
+// the link the command names.
+#pragma once
+
+#include <jansson.h>
+
+#define DIAGS_SUPPORT_FILE "/tmp/platform-tech-support.txt"
+#define DIAGS_TAR "/tmp/diagnostics.tar"
+#define DIAGS_ARCHIVE "/tmp/diagnostics.tar.gz"
+
+void diags_init(void);
+void cmd_get_diagnostics(char *command, json_t *js_command, char *resp_href);

@@ -14,6 +14,7 @@
 #include "phone-home.h"
 #include "platform_utils.h"
 #include "signals.h"
+#include "status.h"
 #include "utils.h"
 #include "work.h"
 
@@ -152,6 +153,7 @@ void signals_monitor(void)
     phone_home();
     auto_updates();
     cap_init();
+    status_init();
     send_refresh_config();
 
     thread_start("heartbeat", heartbeat, nullptr, nullptr, nullptr);

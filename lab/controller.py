@@ -31,6 +31,7 @@ import time
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import labhttp  # noqa: E402
 import labpki  # noqa: E402
+import labstatus  # noqa: E402
 from labhttp import Reply  # noqa: E402
 
 API = "/api"
@@ -240,6 +241,7 @@ class Lab:
             self.requests = []
             self.results = []
             self.connection_errors = []
+            self.status = labstatus.StatusView()
             self.bundles = 0
             self._seq = {"request": 0, "command": 0, "result": 0, "script": 0}
             if tokens:
@@ -546,7 +548,11 @@ class Lab:
             } for p in parts]
         return _json_reply(200, {})
 
-    _on_syslog = _on_status = _on_statistics = _on_diagnostics = _on_service
+    _on_syslog = _on_statistics = _on_diagnostics = _on_service
+
+    def _on_status(self, req, rec):
+        labstatus.on_status(self, req, rec)
+        return self._on_service(req, rec)
 
     def _firmware_name(self):
         fw = self.firmware
@@ -813,6 +819,9 @@ CONTROL = {
     ("GET", "/results"): Lab._c_results,
     ("GET", "/connection-errors"): Lab._c_errors,
     ("POST", "/shutdown"): Lab._c_shutdown,
+    ("GET", "/status"): labstatus.c_status,
+    ("GET", "/status/documents"): labstatus.c_documents,
+    ("DELETE", "/status"): labstatus.c_clear,
 }
 
 

@@ -134,6 +134,22 @@ void *size_failing_malloc(size_t n)
     return malloc(n);
 }
 
+// Fails only the nth jansson allocation of one size. jansson's records have
+// sizes of their own on 64-bit: an array 40 bytes, an object 72 (as is the
+// member record of a 15-character key), so the nth array or object the
+// provider makes can be refused.
+constexpr size_t array_record = 40;
+constexpr size_t object_record = 72;
+std::atomic<int> allocations_to_pass{0};
+void *nth_failing_malloc(size_t n)
+{
+    if (n == fail_size && allocations_to_pass-- == 0) {
+        failed_allocations++;
+        return nullptr;
+    }
+    return malloc(n);
+}
+
 class StatusTest : public AgentTest
 {
   protected:
@@ -158,6 +174,23 @@ class StatusTest : public AgentTest
         openapiIfFirstGet(&client, OPEN_INTF_TYPE_PHY, &first);
         fail_size = length + 1;
         json_set_alloc_funcs(size_failing_malloc, free);
+    }
+
+    // One provider pass in which the nth jansson record of this size cannot
+    // be made.
+    std::string provide_failing(size_t size, int nth)
+    {
+        openapiClientHandle_t client{};
+        uint32_t first = 0;
+        openapiIfFirstGet(&client, OPEN_INTF_TYPE_PHY, &first);
+        fail_size = size;
+        allocations_to_pass = nth - 1;
+        failed_allocations = 0;
+        json_set_alloc_funcs(nth_failing_malloc, free);
+        std::string doc = provide(true);
+        json_set_alloc_funcs(malloc, free);
+        EXPECT_EQ(failed_allocations, 1);
+        return doc;
     }
 
     void write_model(const std::string &model)
@@ -677,6 +710,69 @@ TEST_F(StatusTest, CapabilityThatCannotBeAddedCutsTheArray)
     EXPECT_TRUE(logged("str_to_json_array: Can't add new string to caps array"));
     std::string p1 = port1;
     p1.replace(p1.find(R"(["Bridge","Router"])"), 19, R"(["Bridge"])");
+    EXPECT_EQ(doc, ports_doc({p1.c_str(), port2, port3}));
+}
+
+// The arrays the provider makes, in order: the ports, then for port 1 its
+// neighbours, the two capability lists of its neighbour and its VLANs.
+TEST_F(StatusTest, PortsArrayThatCannotBeMadeAddsNothing)
+{
+    EXPECT_EQ(provide_failing(array_record, 1), "{}");
+    EXPECT_TRUE(logged("status_port_provider: Failed to allocate JSON array"));
+    // Nothing was lost: the next pass has every port.
+    EXPECT_EQ(provide(false), ports_doc({port1, port2, port3}));
+}
+
+TEST_F(StatusTest, NeighbourArrayThatCannotBeMadeEndsTheWalk)
+{
+    EXPECT_EQ(provide_failing(array_record, 2), "{}");
+    EXPECT_TRUE(logged("status_port_provider: Failed to allocate neighbors JSON array"));
+    EXPECT_EQ(provide(false), ports_doc({port1, port2, port3}));
+}
+
+TEST_F(StatusTest, CapabilityArrayThatCannotBeMadeDropsTheNeighbour)
+{
+    std::string doc = provide_failing(array_record, 3);
+    EXPECT_TRUE(logged("str_to_json_array: Failed to allocate JSON array"));
+    EXPECT_TRUE(logged("status_port_provider: Can't set port 1 'system_caps_supported'"));
+    std::string p1 = port1;
+    size_t a = p1.find(R"("neighbor":[)") + 12;
+    p1.erase(a, p1.find("]}],", a) + 2 - a);
+    EXPECT_EQ(doc, ports_doc({p1.c_str(), port2, port3}));
+}
+
+TEST_F(StatusTest, VlanArrayThatCannotBeMadeEndsTheWalk)
+{
+    EXPECT_EQ(provide_failing(array_record, 5), "{}");
+    EXPECT_TRUE(logged("status_port_provider: Failed to allocate vlans JSON array"));
+}
+
+// The objects, in order: the document itself, port 1, its neighbour (whose
+// "port_id_subtype" member is a record of the same size), its two VLANs,
+// port 2.
+TEST_F(StatusTest, PortObjectThatCannotBeMadeEndsTheWalk)
+{
+    EXPECT_EQ(provide_failing(object_record, 7), ports_doc({port1}));
+    EXPECT_TRUE(logged("status_port_provider: Can't allocate JSON object"));
+    EXPECT_EQ(provide(false), ports_doc({port2, port3}));
+}
+
+TEST_F(StatusTest, NeighbourObjectThatCannotBeMadeEndsTheList)
+{
+    std::string doc = provide_failing(object_record, 3);
+    EXPECT_TRUE(logged("status_port_provider: Can't allocate JSON object"));
+    std::string p1 = port1;
+    size_t a = p1.find(R"("neighbor":[)") + 12;
+    p1.erase(a, p1.find("]}],", a) + 2 - a);
+    EXPECT_EQ(doc, ports_doc({p1.c_str(), port2, port3}));
+}
+
+TEST_F(StatusTest, VlanObjectThatCannotBeMadeEndsTheList)
+{
+    std::string doc = provide_failing(object_record, 5);
+    EXPECT_TRUE(logged("status_port_provider: Can't allocate JSON object"));
+    std::string p1 =
+        replaced(port1, R"({"id":"10","name":"office"},{"id":"20","name":"voice"})", "");
     EXPECT_EQ(doc, ports_doc({p1.c_str(), port2, port3}));
 }
 

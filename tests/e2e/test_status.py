@@ -134,6 +134,14 @@ def test_first_document_then_changes_only(agent):
     switch.write(model)
     start_stream(agent)
     agent.wait_log("status_send: Started '10','/status','1'")
+    # Set up in the child's start-up, before the heartbeat thread.
+    log = agent.log()
+    at = [log.index(m) for m in (
+        "registered 'set.status' command handler",
+        "registered new handler 'status_debug' for signal 10",
+        "status_register_provider: registered 'status_port_provider' status provider")]
+    assert at == sorted(at)
+    assert at[-1] < log.index(next(m for m in log if m.startswith("heartbeat: my TID")))
 
     first = lab.wait_request(kind="status", status=200, timeout=30)
     assert first["json"] == {"port": expected_ports(model)}

@@ -2,6 +2,9 @@
 // icos-openapi) and the status reporter turns into documents.
 #pragma once
 
+#include <atomic>
+#include <jansson.h>
+
 // One remote LLDP device on a port; every text is a heap copy owned by the
 // record.
 typedef struct lldp_neighbor {
@@ -40,9 +43,6 @@ typedef struct port_status {
 } port_status_t;
 
 // ---- the status stream ------------------------------------------------------
-
-#include <atomic>
-#include <jansson.h>
 
 // Size of the port table: interface numbers 1..127.
 #define STATUS_MAX_PORTS 128

@@ -16,6 +16,7 @@
 #include "phone-home.h"
 #include "platform_utils.h"
 #include "signals.h"
+#include "status.h"
 #include "utils.h"
 #include "work.h"
 
@@ -156,6 +157,7 @@ void signals_monitor(void)
     auto_updates();
     diags_init();
     cap_init();
+    status_init();
     send_refresh_config();
 
     thread_start("heartbeat", heartbeat, nullptr, nullptr, nullptr);

@@ -2,6 +2,9 @@
 // icos-openapi) and the status reporter turns into documents.
 #pragma once
 
+#include <atomic>
+#include <jansson.h>
+
 // One remote LLDP device on a port; every text is a heap copy owned by the
 // record.
 typedef struct lldp_neighbor {
@@ -38,3 +41,49 @@ typedef struct port_status {
     lldp_neighbor_t *neighbors;
     vlan_info_t *vlans;
 } port_status_t;
+
+// ---- the status stream ------------------------------------------------------
+
+// Size of the port table: interface numbers 1..127.
+#define STATUS_MAX_PORTS 128
+// The thread's pace is counted in steps of this many seconds.
+#define STATUS_STEP 10
+#define STATUS_MIN_INTERVAL 10
+#define STATUS_MAX_INTERVAL 3600
+
+// Adds members to the outgoing document; last_failed is true when the
+// previous post failed or none has succeeded yet (then everything is sent).
+typedef void (*status_fn)(json_t *st_obj, bool last_failed);
+
+typedef struct status_provider {
+    struct status_provider *next;
+    const char *name; // not copied: callers pass literals
+    status_fn fn;
+} status_provider_t;
+
+// Written by the command thread, read by the status thread.
+extern std::atomic<int> status_id; // -1 while no status thread runs
+extern std::atomic<bool> status_enabled;
+extern std::atomic<int> status_interval; // seconds, 10..3600
+// The table the port provider reports from; allocated on first use.
+extern port_status_t *port_status;
+extern status_provider_t *status_providers;
+
+// Every wait of the status thread goes through here; tests point it
+// elsewhere.
+extern unsigned int (*status_sleep)(unsigned int seconds);
+
+void status_init(void);
+int status_register_provider(const char *name, status_fn fn);
+void status_debug(int sig);
+void cmd_set_status(char *command, json_t *js_command, char *resp_href);
+// Body of the "status_send" thread: p1 is &status_interval, p2 the href it
+// posts to (owned and freed by the thread); the third argument is the thread
+// number that thread_start hands every body, so the thread watches
+// status_enabled itself.
+void status_send(void *interval, void *slink, void *thread_number);
+// One authenticated POST of a document; 0 on success, else the last result.
+int status_post(const char *path, const char *payload, int length);
+// Splits text at sep into a new array of strings; null text gives [].
+json_t *str_to_json_array(const char *text, char sep);
+void status_port_provider(json_t *st_obj, bool last_failed);

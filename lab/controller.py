@@ -32,6 +32,7 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import archives  # noqa: E402
 import labhttp  # noqa: E402
 import labpki  # noqa: E402
+import labstatus  # noqa: E402
 from labhttp import Reply  # noqa: E402
 
 API = "/api"
@@ -242,6 +243,7 @@ class Lab:
             self.requests = []
             self.results = []
             self.connection_errors = []
+            self.status = labstatus.StatusView()
             self.bundles = 0
             self.archives.reset()
             self._seq = {"request": 0, "command": 0, "result": 0, "script": 0}
@@ -550,7 +552,11 @@ class Lab:
             self.archives.add(rec, parts)
         return _json_reply(200, {})
 
-    _on_syslog = _on_status = _on_statistics = _on_diagnostics = _on_service
+    _on_syslog = _on_statistics = _on_diagnostics = _on_service
+
+    def _on_status(self, req, rec):
+        labstatus.on_status(self, req, rec)
+        return self._on_service(req, rec)
 
     def _firmware_name(self):
         fw = self.firmware
@@ -819,6 +825,9 @@ CONTROL = {
     ("POST", "/shutdown"): Lab._c_shutdown,
     ("GET", "/archives"): archives.c_archives,
     ("GET", "/archive"): archives.c_archive,
+    ("GET", "/status"): labstatus.c_status,
+    ("GET", "/status/documents"): labstatus.c_documents,
+    ("DELETE", "/status"): labstatus.c_clear,
 }
 
 

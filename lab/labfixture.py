@@ -301,6 +301,35 @@ class LabClient:
     def wait_result(self, command_id=None, timeout=10.0, **filters):
         return self.wait_results(1, timeout, command_id=command_id, **filters)[0]
 
+    # ---- status documents ------------------------------------------------
+
+    def status(self):
+        """The switch as the status documents so far describe it:
+        {"ports": [latest record of each port, by id], "documents": n, "last": seq}."""
+        return self.call("GET", "/status")
+
+    def status_documents(self, since=None, path=None, serial=None):
+        """Accepted status documents, oldest first."""
+        return self.call("GET", "/status/documents", query={
+            "since": since, "path": path, "serial": serial})["documents"]
+
+    def clear_status(self):
+        return self.call("DELETE", "/status")["cleared"]
+
+    def wait_status_documents(self, count=1, timeout=10.0, **filters):
+        filters = {k: v for k, v in filters.items() if v is not None}
+        deadline = time.monotonic() + timeout
+        while True:
+            left = deadline - time.monotonic()
+            wait = max(0.0, min(left, 5.0))
+            found = self.call("GET", "/status/documents", timeout=wait + 30, query={
+                "wait": f"{wait:.3f}", "count": count, **filters})["documents"]
+            if len(found) >= count:
+                return found
+            if left <= 0:
+                raise AssertionError(f"timed out after {timeout}s waiting for {count} "
+                                     f"status document(s) {filters}; have {len(found)}")
+
 
     def archives(self, path=None, kind=None, serial=None, since=None):
         """Files uploaded as multipart forms, oldest first, without bytes."""

@@ -14,6 +14,7 @@
 #include "phone-home.h"
 #include "platform_utils.h"
 #include "signals.h"
+#include "stats.h"
 #include "utils.h"
 #include "work.h"
 
@@ -151,6 +152,7 @@ void signals_monitor(void)
     listener_init();
     phone_home();
     auto_updates();
+    stats_init();
     cap_init();
     send_refresh_config();
 

@@ -356,6 +356,11 @@ unsigned int stats_ticks(void)
     return ticks;
 }
 
+unsigned long stats_periods(void)
+{
+    return documents;
+}
+
 void stats_debug(int)
 {
     pthread_mutex_lock(&stats_lock);

@@ -49,5 +49,7 @@ void stats_debug(int sig);
 
 // Seconds counted by the tick handler since the timer was armed.
 unsigned int stats_ticks(void);
+// Statistics documents made and handed to stats_post so far.
+unsigned long stats_periods(void);
 // Where the clock is read; tests point it at a failing one.
 extern int (*stats_clock_gettime)(clockid_t clock, struct timespec *ts);

@@ -31,6 +31,7 @@ import time
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import labhttp  # noqa: E402
 import labpki  # noqa: E402
+import statseries  # noqa: E402
 from labhttp import Reply  # noqa: E402
 
 API = "/api"
@@ -811,6 +812,7 @@ CONTROL = {
     ("GET", "/requests"): Lab._c_requests,
     ("DELETE", "/requests"): Lab._c_clear_requests,
     ("GET", "/results"): Lab._c_results,
+    ("GET", "/statistics"): statseries.control_statistics,
     ("GET", "/connection-errors"): Lab._c_errors,
     ("POST", "/shutdown"): Lab._c_shutdown,
 }

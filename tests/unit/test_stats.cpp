@@ -317,9 +317,9 @@ TEST_F(StatsTest, DocumentCarriesTheRowsOfThePeriod)
     }
     Json got = lab->wait_requests({{"kind", "statistics"}});
     json_t *doc = json_object_get(item(got, 0), "json");
-    // The period may or may not hold the sample of tick 15; its rates are
-    // the same either way only up to tick 10, so 15's sample repeats 10's
-    // counters at the same time and is ignored.
+    // Tick 15 wakes the collector and the sender together; its sample reads
+    // the same time as tick 10's and is ignored, so the period holds the
+    // step from tick 5 to tick 10 whichever thread runs first.
     EXPECT_EQ(json_text(json_object_get(doc, "interface")),
               R"([{"id":"eth0","rx_max":10000,"rx_avg":10000,"tx_max":2000,"tx_avg":2000}])");
 

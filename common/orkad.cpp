@@ -17,6 +17,7 @@
 #include "platform_utils.h"
 #include "signals.h"
 #include "status.h"
+#include "stats.h"
 #include "utils.h"
 #include "work.h"
 
@@ -155,6 +156,7 @@ void signals_monitor(void)
     mgmtvpn_init();
     phone_home();
     auto_updates();
+    stats_init();
     diags_init();
     cap_init();
     status_init();

@@ -33,6 +33,7 @@ import archives  # noqa: E402
 import labhttp  # noqa: E402
 import labpki  # noqa: E402
 import labstatus  # noqa: E402
+import statseries  # noqa: E402
 from labhttp import Reply  # noqa: E402
 
 API = "/api"
@@ -821,6 +822,7 @@ CONTROL = {
     ("GET", "/requests"): Lab._c_requests,
     ("DELETE", "/requests"): Lab._c_clear_requests,
     ("GET", "/results"): Lab._c_results,
+    ("GET", "/statistics"): statseries.control_statistics,
     ("GET", "/connection-errors"): Lab._c_errors,
     ("POST", "/shutdown"): Lab._c_shutdown,
     ("GET", "/archives"): archives.c_archives,

@@ -284,6 +284,11 @@ class LabClient:
         return self.call("GET", "/results", query={
             "command_id": command_id, "serial": serial, "since": since})["results"]
 
+    def statistics(self, id=None, path=None, since=None):
+        """Statistics documents as time series per interface (see
+        docs/lab-api.md, GET /statistics)."""
+        return self.call("GET", "/statistics", query={"id": id, "path": path, "since": since})
+
     def wait_results(self, count=1, timeout=10.0, **filters):
         filters = {k: v for k, v in filters.items() if v is not None}
         deadline = time.monotonic() + timeout

@@ -1,0 +1,374 @@
+#include "stats.h"
+#include "raii.h"
+
+#include "auth.h"
+#include "command.h"
+#include "heartbeat.h"
+#include "http.h"
+#include "log.h"
+#include "signals.h"
+#include "stats_ifs.h"
+#include "work.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+pthread_mutex_t stats_lock = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t collector_lock = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t collector_ready = PTHREAD_COND_INITIALIZER;
+pthread_cond_t stats_ready = PTHREAD_COND_INITIALIZER;
+volatile bool stats_enabled = false;
+volatile int stats_interval = 0;
+timer_t stats_timer;
+int (*stats_clock_gettime)(clockid_t clock, struct timespec *ts) = clock_gettime;
+
+namespace
+{
+
+#define STATS_URL_SIZE 512
+#define STATS_TIME_SIZE 32
+#define STATS_POST_ATTEMPTS 3
+#define BEARER_SIZE (ACCESS_TOKEN_SIZE + 32)
+
+struct itimerspec itimer;
+bool timer_created = false;
+// Only the tick handler writes it, on the signal thread.
+volatile unsigned int ticks = 0;
+bool no_clock = false;
+int collector = -1;
+int sender = -1;
+int hb_provider = -1;
+// Statistics documents handed to stats_post, for the debug dump.
+std::atomic<unsigned long> documents{0};
+
+// Starts what the first valid command starts; the threads and the provider
+// only once. Returns 0, or -1 with the message set.
+int stats_start(cmd_envelope &cmd, const char *href)
+{
+    const char *fn = "stats_start";
+    char *slink = strdup(href);
+    if (slink == nullptr) {
+        snprintf(cmd.message, sizeof(cmd.message), "failed to copy the 'href' element");
+        log_fprint(orkad_log, "%s: %s\n", fn, cmd.message);
+        return -1;
+    }
+    if (collector < 0)
+        collector = thread_start("stats_collector", stats_collector, nullptr, nullptr, nullptr);
+    else
+        log_fprint(orkad_log, "%s: stats collector is already running, tid %d\n", fn, collector);
+    if (collector < 0) {
+        free(slink);
+        snprintf(cmd.message, sizeof(cmd.message), "failed to start the stats collector");
+        return -1;
+    }
+    if (sender < 0) {
+        sender = thread_start("stats_sender", stats_send, slink, nullptr, nullptr);
+        if (sender < 0)
+            free(slink);
+    } else {
+        // The running sender keeps posting where the first command said.
+        log_fprint(orkad_log, "%s: stats sender is already running, tid %d\n", fn, sender);
+        free(slink);
+    }
+    if (sender < 0) {
+        snprintf(cmd.message, sizeof(cmd.message), "failed to start the stats sender");
+        return -1;
+    }
+    if (hb_provider < 0) {
+        if (heartbeat_register_provider("status", status_hb_provider) == 0)
+            hb_provider = 0;
+        else
+            log_fprint(orkad_log, "%s: failed to register status heartbeat provider", fn);
+    } else {
+        log_fprint(orkad_log, "%s: status heartbeat provider is already registered\n", fn);
+    }
+    itimer.it_value.tv_sec = 1;
+    itimer.it_value.tv_nsec = 0;
+    itimer.it_interval.tv_sec = 1;
+    itimer.it_interval.tv_nsec = 0;
+    if (timer_created && timer_settime(stats_timer, 0, &itimer, nullptr) != 0)
+        log_fprint(orkad_log, "%s: error %d arming the statistics timer\n", fn, errno);
+    return 0;
+}
+
+// The document of one period, or null when this period is to be dropped.
+// *fatal is set when not even the object could be made.
+json_t *stats_document(bool *fatal)
+{
+    const char *fn = "stats_send";
+    json_ptr doc(json_object());
+    if (!doc) {
+        log_fprint(orkad_log, "%s: Can't allocate JSON object\n", fn);
+        *fatal = true;
+        return nullptr;
+    }
+    char stamp[STATS_TIME_SIZE] = "";
+    time_t now = time(nullptr);
+    struct tm tm;
+    if (localtime_r(&now, &tm) == nullptr || strftime(stamp, sizeof(stamp), "%FT%T%z", &tm) == 0 ||
+        json_object_set_new(doc.get(), "statisticsTime", json_string(stamp)) != 0) {
+        log_fprint(orkad_log, "%s: Error adding timestamp <%s>\n", fn, stamp);
+        return nullptr;
+    }
+    pthread_mutex_lock(&stats_lock);
+    pthread_mutex_lock(&collector_lock);
+    calc_stats_for_interfaces();
+    pthread_mutex_unlock(&collector_lock);
+    int err = stats_interfaces(doc.get());
+    pthread_mutex_unlock(&stats_lock);
+    if (err != 0) {
+        log_fprint(orkad_log, "%s: JSON, error adding interface stats\n", fn);
+        return nullptr;
+    }
+    return doc.release();
+}
+
+} // namespace
+
+void stats_init(void)
+{
+    int err = init_stats_ifs();
+    if (err != 0)
+        log_fprint(orkad_log, "%s: error %d initializing interface statistics\n", "stats_init",
+                   err);
+    command_register("set.statistics", cmd_set_stats);
+    signals_register(SIGALRM, do_stats, "do_stats");
+    // Default notification: every expiry raises SIGALRM, which only the
+    // signal thread takes.
+    if (timer_create(CLOCK_REALTIME, nullptr, &stats_timer) == 0)
+        timer_created = true;
+    else
+        log_fprint(orkad_log, "%s: error %d creating the statistics timer\n", "stats_init", errno);
+}
+
+void cmd_set_stats(char *command, json_t *js_command, char *resp_href)
+{
+    log_fprint(orkad_log, "set.statistics: command (%s) received\n", command);
+    cmd_envelope cmd("set.statistics", command, js_command, resp_href);
+    if (!cmd.open()) {
+        cmd.answer(-1);
+        return;
+    }
+    json_t *interval = json_object_get(cmd.params, "interval");
+    if (!json_is_integer(interval)) {
+        cmd.answer(cmd.fail("missing or invalid 'interval' element in params"));
+        return;
+    }
+    json_int_t seconds = json_integer_value(interval) / 1000;
+    if (seconds < STATS_INTERVAL_MIN || seconds > STATS_INTERVAL_MAX) {
+        // The controller has always been told "logging" here.
+        cmd.answer(cmd.fail("logging interval out of range"));
+        return;
+    }
+    json_t *link = json_object_get(cmd.params, "serviceLink");
+    if (!json_is_object(link)) {
+        cmd.answer(cmd.fail("missing or invalid 'serviceLink' element in params"));
+        return;
+    }
+    json_t *href = json_object_get(link, "href");
+    if (!json_is_string(href)) {
+        cmd.answer(cmd.fail("missing or invalid 'href' element in params"));
+        return;
+    }
+    stats_enabled = true;
+    stats_interval = (int)seconds;
+    cmd.answer(stats_start(cmd, json_string_value(href)));
+}
+
+void do_stats(int)
+{
+    unsigned int tick = ticks + 1;
+    ticks = tick;
+    if (!stats_enabled)
+        return;
+    if (tick % STATS_SAMPLE_TICKS == 0)
+        pthread_cond_signal(&collector_ready);
+    int interval = stats_interval;
+    if (interval > 0 && tick % (unsigned int)interval == 0)
+        pthread_cond_signal(&stats_ready);
+}
+
+void stats_collector(void *, void *, void *)
+{
+    log_fprint(orkad_log, "%s: Started\n", "stats_collector");
+    pthread_mutex_lock(&collector_lock);
+    while (stats_enabled) {
+        pthread_cond_wait(&collector_ready, &collector_lock);
+        collect_interface_stats();
+    }
+    pthread_mutex_unlock(&collector_lock);
+}
+
+void stats_send(void *p1, void *, void *)
+{
+    const char *fn = "stats_send";
+    char *slink = static_cast<char *>(p1);
+    log_fprint(orkad_log, "%s: Started '%s','%d'\n", fn, slink, stats_interval);
+    log_fprint(orkad_log, "%s: my TID: %d\n", fn, (int)syscall(SYS_gettid));
+    while (stats_enabled) {
+        pthread_mutex_lock(&stats_lock);
+        pthread_cond_wait(&stats_ready, &stats_lock);
+        pthread_mutex_unlock(&stats_lock);
+
+        bool fatal = false;
+        json_ptr doc(stats_document(&fatal));
+        if (fatal)
+            break;
+        if (!doc)
+            continue;
+        malloc_ptr<char> payload(json_dumps(doc.get(), JSON_COMPACT | JSON_PRESERVE_ORDER));
+        if (!payload) {
+            log_fprint(orkad_log, "%s: json_dumps() has failed\n", fn);
+            continue;
+        }
+        documents++;
+        // A period that did not get through is not sent again.
+        stats_post(slink, payload.get(), (int)strlen(payload.get()));
+    }
+    free(slink);
+}
+
+int stats_post(const char *slink, const char *payload, int length)
+{
+    char *base = get_cloud_controller();
+    if (base == nullptr)
+        return 0;
+    char url[STATS_URL_SIZE];
+    snprintf(url, sizeof(url), "%s/api%s", base, slink);
+    char bearer[BEARER_SIZE];
+    const char *headers[] = {"Content-Type: application/json", bearer, nullptr};
+    reply *r = alloc_reply();
+    int result = 0;
+    for (int attempt = 0; attempt < STATS_POST_ATTEMPTS; attempt++) {
+        char token[ACCESS_TOKEN_SIZE];
+        get_access_token(token);
+        snprintf(bearer, sizeof(bearer), "Authorization: Bearer %s", token);
+        r->length = 0;
+        result = http_post(url, payload, length, headers, r);
+        if (result == 0 || (result >= 200 && result <= 299)) {
+            free_reply(r);
+            return 0;
+        }
+        if (result != 401)
+            break;
+        invalidate_access_token();
+    }
+    log_fprint(orkad_log, "%s: err = %d, reply = '%.*s'\n", "stats_post", result, r->length,
+               r->data);
+    free_reply(r);
+    return result;
+}
+
+void status_hb_provider(json_t *js_hb, bool last_failed)
+{
+    pthread_mutex_lock(&stats_lock);
+    stats_hb_if(js_hb, last_failed);
+    pthread_mutex_unlock(&stats_lock);
+}
+
+unsigned long st_time(unsigned long fractions)
+{
+    if (!no_clock) {
+        struct timespec ts;
+        if (stats_clock_gettime(CLOCK_MONOTONIC, &ts) == 0) {
+            unsigned long long sub =
+                fractions == 0 || fractions > 1000000000UL
+                    ? 0
+                    : (unsigned long long)ts.tv_nsec / (1000000000ULL / fractions);
+            return (uint32_t)((unsigned long long)ts.tv_sec * fractions + sub);
+        }
+        no_clock = true;
+    }
+    return (unsigned long)time(nullptr) * fractions;
+}
+
+int get_stats_interval(void)
+{
+    return stats_interval;
+}
+
+int stats_parse_buf(char *buf, stats_parser_t *ctrl)
+{
+    const char *fn = "stats_parse_buf";
+    if (buf == nullptr || ctrl == nullptr) {
+        log_fprint(orkad_log, "%s: Null buffer or control array!\n", fn);
+        return 0;
+    }
+    int matches = 0;
+    char *line = buf;
+    while (line != nullptr && *line != '\0') {
+        char *end = strchr(line, '\n');
+        if (end != nullptr)
+            *end = '\0';
+        char *next = end != nullptr ? end + 1 : nullptr;
+        char *eq = strchr(line, '=');
+        if (eq == nullptr) {
+            line = next;
+            continue;
+        }
+        *eq = '\0';
+        char *value = eq + 1;
+        stats_parser_t *e = ctrl;
+        while (e->match != nullptr && strcmp(e->match, line) != 0)
+            e++;
+        if (e->func != nullptr) {
+            if (e->func(e, value) != 0)
+                log_fprint(orkad_log, "%s: match func failed for <%s> val <%s>\n", fn, line, value);
+            else
+                matches++;
+        } else if (e->match != nullptr) {
+            matches++;
+        }
+        line = next;
+    }
+    return matches;
+}
+
+int stats_parse_line(char *buf, stats_parser_t *ctrl)
+{
+    if (buf == nullptr || ctrl == nullptr) {
+        log_fprint(orkad_log, "%s: Null line buffer or control array!\n", "stats_parse_line");
+        return 0;
+    }
+    int count = 0;
+    char *rest = buf;
+    for (stats_parser_t *e = ctrl; e->match != nullptr; e++) {
+        char *label = strstr(rest, e->match);
+        if (label != nullptr)
+            *label = '\0';
+        if (e->func != nullptr && e->func(e, rest) != 0)
+            break;
+        count++;
+        if (label == nullptr)
+            break;
+        rest = label + strlen(e->match);
+    }
+    return count;
+}
+
+unsigned int stats_ticks(void)
+{
+    return ticks;
+}
+
+unsigned long stats_periods(void)
+{
+    return documents;
+}
+
+void stats_debug(int)
+{
+    pthread_mutex_lock(&stats_lock);
+    int rows = num_stats;
+    pthread_mutex_unlock(&stats_lock);
+    log_fprint(dbg_log,
+               "%s: enabled = %d, interval = %d, ticks = %u, collector = %d, sender = %d, "
+               "rows = %d, documents = %lu\n",
+               "stats_debug", stats_enabled ? 1 : 0, stats_interval, ticks, collector, sender, rows,
+               documents.load());
+}

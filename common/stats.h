@@ -1,0 +1,55 @@
+// The interface statistics stream: "set.statistics", the one-second tick,
+// the collector and sender threads, the heartbeat provider for interface
+// changes, the agent's millisecond clock and two small key/value parsers.
+#pragma once
+
+#include <ctime>
+#include <jansson.h>
+#include <pthread.h>
+
+#define STATS_INTERVAL_MIN 15
+#define STATS_INTERVAL_MAX 300
+// Samples are taken every this many ticks.
+#define STATS_SAMPLE_TICKS 5
+
+struct _stats_parser;
+typedef int (*stats_parser_func_t)(struct _stats_parser *entry, char *value);
+
+// One entry of a parser control array; the array ends with an entry whose
+// match is null (its func, when set, takes the keys nothing else matched).
+typedef struct _stats_parser {
+    int flags;
+    const char *match;
+    stats_parser_func_t func;
+    void *param1;
+    void *param2;
+} stats_parser_t;
+
+extern pthread_mutex_t stats_lock;
+extern pthread_mutex_t collector_lock;
+extern pthread_cond_t collector_ready;
+extern pthread_cond_t stats_ready;
+extern volatile bool stats_enabled;
+extern volatile int stats_interval;
+extern timer_t stats_timer;
+
+void stats_init(void);
+void cmd_set_stats(char *command, json_t *js_command, char *resp_href);
+void do_stats(int sig);
+void stats_collector(void *p1, void *p2, void *p3);
+void stats_send(void *slink, void *p2, void *p3);
+int stats_post(const char *slink, const char *payload, int length);
+void status_hb_provider(json_t *js_hb, bool last_failed);
+unsigned long st_time(unsigned long fractions);
+int get_stats_interval(void);
+int stats_parse_buf(char *buf, stats_parser_t *ctrl);
+int stats_parse_line(char *buf, stats_parser_t *ctrl);
+// Ticks, threads, interval and table use to the debug log.
+void stats_debug(int sig);
+
+// Seconds counted by the tick handler since the timer was armed.
+unsigned int stats_ticks(void);
+// Statistics documents made and handed to stats_post so far.
+unsigned long stats_periods(void);
+// Where the clock is read; tests point it at a failing one.
+extern int (*stats_clock_gettime)(clockid_t clock, struct timespec *ts);

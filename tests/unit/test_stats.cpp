@@ -1,0 +1,543 @@
+// The statistics stream: set.statistics and its limits, the tick handler's
+// pace for samples and periods, the sender's documents and where they go,
+// posting with its token retries, the heartbeat provider, the clock and the
+// two key/value parsers.
+#include "agent_fixture.h"
+#include "auth.h"
+#include "heartbeat.h"
+#include "stats.h"
+#include "stats_ifs.h"
+
+#include <atomic>
+#include <regex>
+
+using namespace agent_test;
+
+namespace
+{
+
+std::atomic<int> samples{0};
+unsigned long counting_clock(unsigned long)
+{
+    samples++;
+    return 0;
+}
+
+class StatsTest : public AgentTest
+{
+  protected:
+    void SetUp() override
+    {
+        AgentTest::SetUp();
+        lab->add_link("/response/s", "response");
+        stats_init();
+    }
+
+    // Runs set.statistics; returns (code, message) as posted.
+    std::pair<int, std::string> set_stats(const std::string &params, const char *id)
+    {
+        use_lab();
+        std::string command = std::string(R"({"action":"set","context":"statistics","id":")") + id +
+                              R"(","params":)" + params + "}";
+        cmd_set_stats(strdup("set.statistics"), json_loads(command.c_str(), 0, nullptr),
+                      strdup("/response/s"));
+        Json res = lab->wait_results({{"command_id", id}});
+        json_t *r = item(res, 0);
+        if (r == nullptr)
+            return {99, "<no result>"};
+        return {(int)json_integer_value(json_object_get(r, "code")), json_str(r, "message")};
+    }
+
+    // One tick once the collector waits for it, so no signal is lost (the
+    // caller waits for the sample a signalling tick asks for).
+    void tick()
+    {
+        pthread_mutex_lock(&collector_lock);
+        pthread_mutex_unlock(&collector_lock);
+        do_stats(SIGALRM);
+    }
+};
+
+std::string params(long long ms, const std::string &href = "/st")
+{
+    return R"({"interval":)" + std::to_string(ms) + R"(,"serviceLink":{"href":")" + href + R"("}})";
+}
+
+} // namespace
+
+// ---- set.statistics ------------------------------------------------------
+
+TEST_F(StatsTest, RegistersCommandAndTick)
+{
+    struct handler *h = signals_lookup(SIGALRM);
+    ASSERT_NE(h, nullptr);
+    EXPECT_STREQ(h->name, "do_stats");
+    EXPECT_EQ(h->fn, do_stats);
+    EXPECT_TRUE(logged("registered new handler 'do_stats' for signal 14"));
+    // Nothing runs before the first command.
+    EXPECT_FALSE(stats_enabled);
+    EXPECT_EQ(get_stats_interval(), 0);
+    struct itimerspec its;
+    ASSERT_EQ(timer_gettime(stats_timer, &its), 0);
+    EXPECT_EQ(its.it_value.tv_sec, 0);
+    EXPECT_EQ(its.it_value.tv_nsec, 0);
+}
+
+TEST_F(StatsTest, IntervalLimitsKeepTheirOddWording)
+{
+    EXPECT_EQ(set_stats(params(14999), "a"),
+              std::make_pair(-1, std::string("logging interval out of range")));
+    EXPECT_FALSE(stats_enabled);
+    EXPECT_EQ(get_stats_interval(), 0);
+    EXPECT_TRUE(logged("set.statistics: logging interval out of range"));
+    EXPECT_TRUE(logged("set.statistics: command (set.statistics) received"));
+
+    EXPECT_EQ(set_stats(params(15000), "b"), std::make_pair(0, std::string()));
+    EXPECT_TRUE(stats_enabled);
+    EXPECT_EQ(get_stats_interval(), 15);
+    EXPECT_EQ(set_stats(params(300999), "c"), std::make_pair(0, std::string()));
+    EXPECT_EQ(get_stats_interval(), 300);
+    EXPECT_EQ(set_stats(params(301000), "d"),
+              std::make_pair(-1, std::string("logging interval out of range")));
+    EXPECT_EQ(get_stats_interval(), 300);
+}
+
+TEST_F(StatsTest, MalformedCommandsAreAnsweredWithTheirMessage)
+{
+    use_lab();
+    struct Case {
+        const char *id, *command, *message;
+    } cases[] = {
+        {"m1", R"({"params":{}})", "missing or invalid 'id' element in command"},
+        {"m2", R"({"id":"m2"})", "missing or invalid 'params' element"},
+        {"m3", R"({"id":"m3","params":{"interval":"15000"}})",
+         "missing or invalid 'interval' element in params"},
+        {"m4", R"({"id":"m4","params":{"interval":15000}})",
+         "missing or invalid 'serviceLink' element in params"},
+        {"m5", R"({"id":"m5","params":{"interval":15000,"serviceLink":{"href":5}}})",
+         "missing or invalid 'href' element in params"},
+    };
+    for (const auto &c : cases) {
+        cmd_set_stats(strdup("set.statistics"), json_loads(c.command, 0, nullptr),
+                      strdup("/response/s"));
+        EXPECT_TRUE(logged(std::string("set.statistics: ") + c.message)) << c.message;
+    }
+    Json res = lab->wait_results({}, 5);
+    ASSERT_EQ(json_array_size(res.get()), 5u);
+    for (size_t i = 0; i < 5; i++) {
+        EXPECT_EQ(json_integer_value(json_object_get(item(res, i), "code")), -1);
+        EXPECT_EQ(at(res, i, "message"), cases[i].message);
+    }
+    EXPECT_EQ(at(res, 0, "commandId"), "");
+    EXPECT_EQ(at(res, 1, "commandId"), "m2");
+    EXPECT_FALSE(stats_enabled);
+}
+
+TEST_F(StatsTest, FirstCommandStartsEverythingOnce)
+{
+    ASSERT_EQ(set_stats(params(60000), "a"), std::make_pair(0, std::string()));
+    EXPECT_TRUE(logged("stats_collector: Started"));
+    EXPECT_TRUE(wait_logged("stats_send: Started '/st','60'"));
+    EXPECT_TRUE(logged("heartbeat_register_provider: registered 'status' heartbeat provider"));
+    ASSERT_NE(heartbeat_providers, nullptr);
+    EXPECT_STREQ(heartbeat_providers->name, "status");
+    EXPECT_EQ(heartbeat_providers->fn, status_hb_provider);
+    struct itimerspec its;
+    ASSERT_EQ(timer_gettime(stats_timer, &its), 0);
+    EXPECT_EQ(its.it_interval.tv_sec, 1);
+    EXPECT_EQ(its.it_interval.tv_nsec, 0);
+    EXPECT_GT(its.it_value.tv_sec + its.it_value.tv_nsec, 0);
+
+    int running = next_thread;
+    ASSERT_EQ(set_stats(params(30000, "/other"), "b"), std::make_pair(0, std::string()));
+    EXPECT_EQ(next_thread, running);
+    EXPECT_EQ(get_stats_interval(), 30);
+    int collector_tid = -1, sender_tid = -1;
+    for (int i = 0; i < next_thread; i++) {
+        if (strcmp(threads[i].name, "stats_collector") == 0)
+            collector_tid = i;
+        if (strcmp(threads[i].name, "stats_sender") == 0)
+            sender_tid = i;
+    }
+    EXPECT_TRUE(logged("stats_start: stats collector is already running, tid " +
+                       std::to_string(collector_tid)));
+    EXPECT_TRUE(
+        logged("stats_start: stats sender is already running, tid " + std::to_string(sender_tid)));
+    EXPECT_TRUE(logged("stats_start: status heartbeat provider is already registered"));
+    int providers = 0;
+    for (heartbeat_provider *p = heartbeat_providers; p != nullptr; p = p->next)
+        providers += strcmp(p->name, "status") == 0;
+    EXPECT_EQ(providers, 1);
+}
+
+// ---- the tick's pace -----------------------------------------------------
+
+TEST_F(StatsTest, SamplesEveryFiveTicksAndPeriodsEveryInterval)
+{
+    stats_clock = counting_clock;
+    stats_proc_net_dev = "/nonexistent"; // each sample ends at once
+    ASSERT_EQ(set_stats(params(60000), "a"), std::make_pair(0, std::string()));
+    EXPECT_EQ(stats_ticks(), 0u);
+    std::vector<unsigned int> sampled_at, closed_at;
+    for (unsigned int t = 1; t <= 120; t++) {
+        int before = samples;
+        unsigned long docs_before = stats_periods();
+        tick();
+        if (t % 5 == 0) {
+            ASSERT_TRUE(wait_for([&] { return samples == before + 1; })) << "tick " << t;
+            sampled_at.push_back(t);
+        }
+        if (t % 60 == 0) {
+            ASSERT_TRUE(wait_for([&] { return stats_periods() == docs_before + 1; }))
+                << "tick " << t;
+            closed_at.push_back(t);
+        }
+    }
+    EXPECT_EQ(stats_ticks(), 120u);
+    // No tick in between woke either thread.
+    EXPECT_EQ(samples, 24);
+    EXPECT_EQ(stats_periods(), 2u);
+    EXPECT_EQ(sampled_at.front(), 5u);
+    EXPECT_EQ(sampled_at[1], 10u);
+    EXPECT_EQ(sampled_at[2], 15u);
+    EXPECT_EQ(closed_at, (std::vector<unsigned int>{60, 120}));
+}
+
+TEST_F(StatsTest, IntervalNotAMultipleOfFiveStillClosesEveryInterval)
+{
+    stats_clock = counting_clock;
+    stats_proc_net_dev = "/nonexistent";
+    ASSERT_EQ(set_stats(params(17000), "a"), std::make_pair(0, std::string()));
+    std::vector<unsigned int> closed_at;
+    for (unsigned int t = 1; t <= 51; t++) {
+        unsigned long docs_before = stats_periods();
+        int before = samples;
+        tick();
+        if (t % 5 == 0) {
+            ASSERT_TRUE(wait_for([&] { return samples == before + 1; })) << "tick " << t;
+        }
+        if (t % 17 == 0) {
+            ASSERT_TRUE(wait_for([&] { return stats_periods() == docs_before + 1; }))
+                << "tick " << t;
+            closed_at.push_back(t);
+        }
+    }
+    EXPECT_EQ(closed_at, (std::vector<unsigned int>{17, 34, 51}));
+    EXPECT_EQ(stats_periods(), 3u);
+    EXPECT_EQ(samples, 10);
+}
+
+TEST_F(StatsTest, TicksBeforeTheFirstCommandOnlyCount)
+{
+    stats_clock = counting_clock;
+    for (int t = 0; t < 10; t++)
+        do_stats(SIGALRM);
+    EXPECT_EQ(stats_ticks(), 10u);
+    EXPECT_EQ(samples, 0);
+    EXPECT_EQ(stats_periods(), 0u);
+}
+
+// ---- documents and posting -----------------------------------------------
+
+TEST_F(StatsTest, SecondCommandKeepsPostingToTheFirstHref)
+{
+    stats_proc_net_dev = "/nonexistent";
+    ASSERT_EQ(set_stats(params(15000, "/st1"), "a"), std::make_pair(0, std::string()));
+    ASSERT_TRUE(wait_logged("stats_send: Started '/st1','15'"));
+    ASSERT_EQ(set_stats(params(15000, "/st2"), "b"), std::make_pair(0, std::string()));
+    lab->add_link("/st1", "statistics");
+    lab->add_link("/st2", "statistics");
+    for (int t = 1; t <= 15; t++)
+        tick();
+    Json got = lab->wait_requests({{"kind", "statistics"}});
+    ASSERT_EQ(json_array_size(got.get()), 1u);
+    EXPECT_EQ(at(got, 0, "path"), "/api/st1");
+    EXPECT_EQ(count({{"path", "/api/st2"}}), 0u);
+    json_t *rec = item(got, 0);
+    json_t *headers = json_object_get(rec, "headers");
+    EXPECT_EQ(json_str(headers, "content-type"), "application/json");
+    EXPECT_EQ(json_str(headers, "authorization").rfind("Bearer ", 0), 0u);
+    // Compact, in this order, with the local time and its zone offset.
+    std::string body = at(got, 0, "body");
+    EXPECT_TRUE(std::regex_match(
+        body,
+        std::regex(
+            R"(\{"statisticsTime":"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d{4}","interface":\[\]\})")))
+        << body;
+}
+
+TEST_F(StatsTest, DocumentCarriesTheRowsOfThePeriod)
+{
+    std::string proc = root.path() + "/fake_net_dev";
+    auto counters = [&](unsigned long long rx, unsigned long long tx) {
+        write_file(proc, "Inter-| x\n face | y\n  eth0: " + std::to_string(rx) + " 1 0 0 0 0 0 0 " +
+                             std::to_string(tx) + " 1 0 0 0 0 0 0\n");
+    };
+    static std::string path;
+    path = proc;
+    stats_proc_net_dev = path.c_str();
+    stats_if_nametoindex = [](const char *n) -> unsigned int { return strcmp(n, "eth0") ? 0 : 2; };
+    stats_if_indextoname = [](unsigned int i, char *n) -> char * {
+        if (i != 2)
+            return nullptr;
+        strcpy(n, "eth0");
+        return n;
+    };
+    static unsigned long ms;
+    stats_clock = [](unsigned long) { return ms; };
+    static std::string sys;
+    sys = root.path() + "/fake_sys";
+    stats_sys_class_net = sys.c_str();
+    mkdir(sys.c_str(), 0755);
+    mkdir((sys + "/eth0").c_str(), 0755);
+    write_file(sys + "/eth0/operstate", "up\n");
+    write_file(sys + "/eth0/speed", "1000\n");
+    write_file(sys + "/eth0/duplex", "full\n");
+
+    ASSERT_EQ(set_stats(params(15000, "/st1"), "a"), std::make_pair(0, std::string()));
+    lab->add_link("/st1", "statistics");
+    for (int t = 1; t <= 15; t++) {
+        if (t == 5) {
+            ms = 5000;
+            counters(0, 0);
+        } else if (t == 10) {
+            ms = 10000;
+            counters(50000, 10000);
+        }
+        tick();
+        if (t % 5 == 0 && t < 15) {
+            unsigned long want = ms;
+            ASSERT_TRUE(wait_for([&] {
+                pthread_mutex_lock(&collector_lock);
+                bool done = stats_collection[stats_slot_of(2)].l_time == want;
+                pthread_mutex_unlock(&collector_lock);
+                return done;
+            }));
+        }
+    }
+    Json got = lab->wait_requests({{"kind", "statistics"}});
+    json_t *doc = json_object_get(item(got, 0), "json");
+    // Tick 15 wakes the collector and the sender together; its sample reads
+    // the same time as tick 10's and is ignored, so the period holds the
+    // step from tick 5 to tick 10 whichever thread runs first.
+    EXPECT_EQ(json_text(json_object_get(doc, "interface")),
+              R"([{"id":"eth0","rx_max":10000,"rx_avg":10000,"tx_max":2000,"tx_avg":2000}])");
+
+    // The heartbeat provider now reports the new interface once.
+    json_t *hb = json_object();
+    status_hb_provider(hb, false);
+    EXPECT_EQ(json_text(hb),
+              R"({"interface":[{"id":"eth0","status":"up","speed":"1000","duplex":"full"}]})");
+    json_decref(hb);
+    hb = json_object();
+    status_hb_provider(hb, false);
+    EXPECT_EQ(json_text(hb), "{}");
+    json_decref(hb);
+}
+
+TEST_F(StatsTest, WithoutControllerThePostIsSkippedAndCountsAsSuccess)
+{
+    char base[256];
+    ASSERT_EQ(config_get("system", nullptr, "cloud-controller", base, sizeof(base)), 0);
+    lab->add_link("/st", "statistics");
+    EXPECT_EQ(stats_post("/st", "{}", 2), 0);
+    EXPECT_EQ(json_array_size(lab->requests().get()), 0u);
+}
+
+TEST_F(StatsTest, PostRetriesOnlyARefusedToken)
+{
+    use_lab();
+    lab->add_link("/st", "statistics");
+    lab->script(R"({"path":"/api/st","status":401,"count":1})");
+    EXPECT_EQ(stats_post("/st", R"({"a":1})", 7), 0);
+    EXPECT_EQ(count({{"path", "/api/st"}}), 2u);
+    EXPECT_EQ(json_array_size(lab->tokens().get()), 2u);
+
+    lab->script(R"({"path":"/api/st","status":500,"text":"busy"})");
+    EXPECT_EQ(stats_post("/st", R"({"a":1})", 7), 500);
+    EXPECT_EQ(count({{"path", "/api/st"}}), 3u);
+    EXPECT_TRUE(logged("stats_post: err = 500, reply = 'busy'"));
+
+    lab->script(R"({"path":"/api/st","status":401,"text":"no","count":3})");
+    EXPECT_EQ(stats_post("/st", R"({"a":1})", 7), 401);
+    EXPECT_EQ(count({{"path", "/api/st"}}), 6u);
+    EXPECT_TRUE(logged("stats_post: err = 401, reply = 'no'"));
+
+    // 2xx other than 200 is success too.
+    lab->script(R"({"path":"/api/st","status":204,"text":""})");
+    EXPECT_EQ(stats_post("/st", R"({"a":1})", 7), 0);
+}
+
+TEST_F(StatsTest, SenderDropsAPeriodItCouldNotPostAndGoesOn)
+{
+    stats_proc_net_dev = "/nonexistent";
+    ASSERT_EQ(set_stats(params(15000, "/st"), "a"), std::make_pair(0, std::string()));
+    lab->add_link("/st", "statistics");
+    lab->script(R"({"path":"/api/st","status":500,"text":"down"})");
+    for (int t = 1; t <= 15; t++)
+        tick();
+    ASSERT_TRUE(wait_logged("stats_post: err = 500, reply = 'down'"));
+    for (int t = 16; t <= 30; t++)
+        tick();
+    Json got = lab->wait_requests({{"path", "/api/st"}}, 2);
+    ASSERT_EQ(json_array_size(got.get()), 2u);
+    // Each period once: the lost one is not sent again.
+    EXPECT_NE(at(got, 0, "body"), "");
+    EXPECT_EQ(json_integer_value(json_object_get(item(got, 1), "status")), 200);
+}
+
+// ---- the clock -------------------------------------------------------------
+
+namespace
+{
+int failing_clock(clockid_t, struct timespec *)
+{
+    return -1;
+}
+} // namespace
+
+TEST(StatsClock, MonotonicMillisecondsWrapAtThirtyTwoBits)
+{
+    struct timespec a, b;
+    clock_gettime(CLOCK_MONOTONIC, &a);
+    unsigned long t = st_time(1000);
+    clock_gettime(CLOCK_MONOTONIC, &b);
+    uint32_t lo = (uint32_t)(a.tv_sec * 1000ULL + a.tv_nsec / 1000000);
+    uint32_t hi = (uint32_t)(b.tv_sec * 1000ULL + b.tv_nsec / 1000000);
+    EXPECT_LE(t, 0xffffffffUL);
+    EXPECT_LE((uint32_t)(t - lo), (uint32_t)(hi - lo));
+    unsigned long s = st_time(1);
+    EXPECT_GE(s, (unsigned long)a.tv_sec);
+    EXPECT_LE(s, (unsigned long)b.tv_sec + 1);
+}
+
+TEST(StatsClock, FailedClockFallsBackToWallTimeForGood)
+{
+    stats_clock_gettime = failing_clock;
+    time_t before = time(nullptr);
+    unsigned long t = st_time(1000);
+    time_t after = time(nullptr);
+    EXPECT_GE(t, (unsigned long)before * 1000);
+    EXPECT_LE(t, (unsigned long)after * 1000);
+    EXPECT_EQ(t % 1000, 0u);
+    // Even once the clock works again.
+    stats_clock_gettime = clock_gettime;
+    EXPECT_EQ(st_time(1), (unsigned long)time(nullptr));
+}
+
+// ---- the parsers ---------------------------------------------------------
+
+namespace
+{
+std::vector<std::string> seen;
+int record(stats_parser_t *e, char *value)
+{
+    seen.push_back(std::string(e->match ? e->match : "*") + "=" + value);
+    return 0;
+}
+int refuse(stats_parser_t *, char *)
+{
+    return 1;
+}
+} // namespace
+
+class StatsParseTest : public ::testing::Test
+{
+  protected:
+    DeviceRoot root;
+    void SetUp() override
+    {
+        log_init();
+        seen.clear();
+    }
+    bool logged(const std::string &line)
+    {
+        auto m = log_messages(root.at("/rw/orkad.log"));
+        return std::find(m.begin(), m.end(), line) != m.end();
+    }
+};
+
+TEST_F(StatsParseTest, KeyValueLinesCountTheirMatches)
+{
+    char buf[] = "a=1\nb=2\nno equals here\nc=3";
+    stats_parser_t ctrl[] = {{0, "a", record, nullptr, nullptr},
+                             {0, "c", record, nullptr, nullptr},
+                             {0, nullptr, nullptr, nullptr, nullptr}};
+    EXPECT_EQ(stats_parse_buf(buf, ctrl), 2);
+    EXPECT_EQ(seen, (std::vector<std::string>{"a=1", "c=3"}));
+}
+
+TEST_F(StatsParseTest, TerminatorTakesUnknownKeysAndFailuresAreLogged)
+{
+    char buf[] = "a=1\nb=x=y\nz=\nc=3\n";
+    stats_parser_t ctrl[] = {{0, "a", record, nullptr, nullptr},
+                             {0, "c", refuse, nullptr, nullptr},
+                             {0, nullptr, record, nullptr, nullptr}};
+    EXPECT_EQ(stats_parse_buf(buf, ctrl), 3);
+    // Cut at the first equals sign only.
+    EXPECT_EQ(seen, (std::vector<std::string>{"a=1", "*=x=y", "*="}));
+    EXPECT_TRUE(logged("stats_parse_buf: match func failed for <c> val <3>"));
+}
+
+TEST_F(StatsParseTest, NullInputsAreRefused)
+{
+    stats_parser_t ctrl[] = {{0, nullptr, nullptr, nullptr, nullptr}};
+    char buf[] = "a=1";
+    EXPECT_EQ(stats_parse_buf(nullptr, ctrl), 0);
+    EXPECT_EQ(stats_parse_buf(buf, nullptr), 0);
+    EXPECT_TRUE(logged("stats_parse_buf: Null buffer or control array!"));
+    EXPECT_EQ(stats_parse_line(nullptr, ctrl), 0);
+    EXPECT_EQ(stats_parse_line(buf, nullptr), 0);
+    EXPECT_TRUE(logged("stats_parse_line: Null line buffer or control array!"));
+}
+
+TEST_F(StatsParseTest, LabelsCutValuesStandingBeforeThem)
+{
+    char line[] = "54 Mb/s rate 12 dBm signal";
+    stats_parser_t ctrl[] = {{0, " Mb/s", record, nullptr, nullptr},
+                             {0, " rate ", nullptr, nullptr, nullptr},
+                             {0, " dBm", record, nullptr, nullptr},
+                             {0, nullptr, nullptr, nullptr, nullptr}};
+    EXPECT_EQ(stats_parse_line(line, ctrl), 3);
+    EXPECT_EQ(seen, (std::vector<std::string>{" Mb/s=54", " dBm=12"}));
+}
+
+TEST_F(StatsParseTest, MissingLabelTakesTheRestAndStopsTheWalk)
+{
+    char line[] = "10 rx 20";
+    stats_parser_t ctrl[] = {{0, " rx ", record, nullptr, nullptr},
+                             {0, " tx", record, nullptr, nullptr},
+                             {0, " never", record, nullptr, nullptr},
+                             {0, nullptr, nullptr, nullptr, nullptr}};
+    EXPECT_EQ(stats_parse_line(line, ctrl), 2);
+    EXPECT_EQ(seen, (std::vector<std::string>{" rx =10", " tx=20"}));
+}
+
+TEST_F(StatsParseTest, FailingHandlerStopsTheWalkUncounted)
+{
+    char line[] = "1 a 2 b 3 c";
+    stats_parser_t ctrl[] = {{0, " a", record, nullptr, nullptr},
+                             {0, " b", refuse, nullptr, nullptr},
+                             {0, " c", record, nullptr, nullptr},
+                             {0, nullptr, nullptr, nullptr, nullptr}};
+    EXPECT_EQ(stats_parse_line(line, ctrl), 1);
+    EXPECT_EQ(seen, (std::vector<std::string>{" a=1"}));
+}
+
+// ---- the debug dump --------------------------------------------------------
+
+TEST_F(StatsTest, DebugDumpShowsTheStream)
+{
+    stats_proc_net_dev = "/nonexistent";
+    ASSERT_EQ(set_stats(params(20000, "/st"), "a"), std::make_pair(0, std::string()));
+    for (int t = 1; t <= 3; t++)
+        do_stats(SIGALRM);
+    stats_debug(SIGUSR1);
+    auto lines = log_messages(root.at("/tmp/debug.log"));
+    bool found = false;
+    for (auto &l : lines)
+        found =
+            found || l.find("stats_debug: enabled = 1, interval = 20, ticks = 3, collector = ") !=
+                         std::string::npos;
+    EXPECT_TRUE(found);
+}

@@ -1,0 +1,139 @@
+"""Every command the controller has, queued in one heartbeat reply and each
+answered as the daemon promises; the ones that take the device away (the
+switch's reload, the factory reset) stand in through the simulated switch's
+fault and the recorded factory-reset script. Then one SIGUSR1 dumps every
+module's state in the order the handlers were registered."""
+
+import base64
+import json
+import os
+import signal
+
+import pytest
+
+from conftest import wait_until
+from lab_fixtures import netns_lab  # noqa: F401
+from test_agent import Agent, set_bootenv
+
+# A point-to-point tunnel without TLS: OpenVPN accepts it and brings tun0 up
+# at once, with nobody at the other end.
+CLIENT_OVPN = "dev tun\nremote 127.0.0.1 1194\nifconfig 10.9.0.2 10.9.0.1\nverb 1\n"
+
+TWELVE = [
+    ("set", "heartbeat", {"interval": 1000, "serviceLink": {"href": "/heartbeat"}}),
+    ("set", "config", {"portConfiguration": [{"id": "5", "admin_status": "down"}]}),
+    ("set", "status", {"interval": 10000, "serviceLink": {"href": "/status"}}),
+    ("set", "statistics", {"interval": 15000, "serviceLink": {"href": "/statistics"}}),
+    ("set", "logging", {"interval": 1000, "serviceLink": {"href": "/syslog"}}),
+    ("set", "system", {"location": "bench 4"}),
+    ("set", "firmware", {}),
+    ("set", "sslVpn", {"clientOvpn": base64.b64encode(CLIENT_OVPN.encode()).decode()}),
+    ("del", "sslVpn", {}),
+    ("get", "diagnostics", {"serviceLink": {"href": "/diagnostics"}}),
+    ("set", "reboot", {"message": "the whole road"}),
+    ("del", "config", {}),
+]
+
+
+@pytest.fixture
+def agent(device_root, tmp_path, netns, netns_lab):
+    set_bootenv(device_root, heartbeat="1")
+    a = Agent(device_root, str(tmp_path), netns)
+    a.lab = netns_lab
+    yield a
+    a.stop()
+
+
+def write_faults(agent, faults):
+    path = agent.path("/var/switch/faults.json")
+    with open(path + ".tmp", "w") as f:
+        json.dump(faults, f)
+    os.replace(path + ".tmp", path)
+
+
+def test_every_command_in_one_reply(agent):
+    lab = agent.lab
+    # The reload comes back with an error instead of taking the switch away.
+    write_faults(agent, [{"call": "rpcclt_openapiSystemReload", "result": -26}])
+    agent.start("-s", lab.base_url)
+    lab.wait_request(kind="heartbeat", status=200, timeout=20)
+
+    mark = lab.mark()
+    ids = lab.queue_commands([{"action": a, "context": c, "params": p} for a, c, p in TWELVE])
+    results = lab.wait_results(14, timeout=60)
+    # All twelve went out in one reply.
+    delivered = [c for c in lab.delivered_commands() if c["command"]["id"] in ids]
+    assert len({c["bundle"] for c in delivered}) == 1
+
+    by_id = {}
+    for r in results:
+        by_id.setdefault(r["commandId"], []).append((r["code"], r["message"]))
+    names = [f"{a}.{c}" for a, c, _ in TWELVE]
+    answers = {name: by_id.get(cid) for name, cid in zip(names, ids)}
+    assert answers == {
+        "set.heartbeat": [(0, "")],
+        "set.config": [(0, "")],
+        "set.status": [(0, "")],
+        "set.statistics": [(0, "")],
+        "set.logging": [(0, "")],
+        "set.system": [(0, "")],
+        "set.firmware": [(0, "")],
+        "set.sslVpn": [(0, "")],
+        "del.sslVpn": [(0, "")],
+        "get.diagnostics": [(0, "")],
+        # Answered before the reload; the reload failed, so a second status.
+        "set.reboot": [(0, ""), (-1, "Failed to reboot, error code: -26")],
+        # Answered before the reset; the recorded reset returns, so the
+        # handshake is reported as failed.
+        "del.config": [(0, ""), (-1, "failed 'del.config' handshake (response/reply phase)")],
+    }
+    # In the order queued, one at a time.
+    assert [r["commandId"] for r in results] == (
+        ids[:10] + [ids[10], ids[10], ids[11], ids[11]])
+
+    # What each did where it shows.
+    journal = agent.journal()
+    assert {"call": "rpcclt_openapiIfAdminStateSet", "ifNum": 5, "adminState": 0,
+            "result": 0} in journal
+    assert {"call": "rpcclt_openapiSystemReload", "result": -26} in journal
+    wait_until(lambda: agent.setting("system.location") == "bench 4", what="system.location")
+    assert lab.wait_archives(1, since=mark)[0]["filename"] == "diagnostics.tar.gz"
+    assert not os.path.exists(agent.path("/etc/openvpn/client.ovpn"))
+    wait_until(lambda: os.path.exists(agent.path("/rw/factory-reset.log")),
+               what="the recorded factory reset")
+    lab.wait_request(kind="status", path="/api/status", since=mark, timeout=30)
+    agent.syslog.wait_for("reboot initiated: 'the whole road'")
+    agent.wait_log("registered 'set.status' command handler")
+
+
+def test_one_sigusr1_dumps_every_module_in_handler_order(agent):
+    lab = agent.lab
+    agent.start("-s", lab.base_url)
+    lab.wait_request(kind="heartbeat", status=200, timeout=20)
+    child = agent.wait_child()
+    # heartbeat_debug is registered by the heartbeat thread, last.
+    agent.wait_log("registered new handler 'heartbeat_debug' for signal 10")
+    os.kill(child, signal.SIGUSR1)
+
+    def dumps():
+        seen = []
+        for name in ("debug.log", "debug.log.1"):
+            path = agent.path("/tmp/" + name)
+            if os.path.exists(path):
+                with open(path, errors="replace") as f:
+                    seen = [line for line in f] + seen
+        order = []
+        for line in seen:
+            for who in ("log_debug:", "worker_debug:", "http_debug:", "logging_debug:",
+                        "status_debug:", "heartbeat_debug:"):
+                if who in line and (not order or order[-1] != who):
+                    order.append(who)
+        return order if "heartbeat_debug:" in order else None
+
+    assert wait_until(dumps, what="the dumps") == [
+        "log_debug:", "worker_debug:", "http_debug:", "logging_debug:", "status_debug:",
+        "heartbeat_debug:"]
+    registered = [m.split("'")[1] for m in agent.log()
+                  if m.startswith("registered new handler") and m.endswith("for signal 10")]
+    assert registered == ["log_debug", "worker_debug", "http_debug", "logging_debug",
+                          "status_debug", "heartbeat_debug"]

@@ -11,9 +11,11 @@
 #include "heartbeat.h"
 #include "listener.h"
 #include "log.h"
+#include "logging.h"
 #include "phone-home.h"
 #include "platform_utils.h"
 #include "signals.h"
+#include "system.h"
 #include "utils.h"
 #include "work.h"
 
@@ -151,6 +153,8 @@ void signals_monitor(void)
     listener_init();
     phone_home();
     auto_updates();
+    set_system_init();
+    logging_init();
     cap_init();
     send_refresh_config();
 

@@ -279,9 +279,16 @@ TEST_F(SystemTest, RebootWithoutMessageAnswersFirstThenReloads)
     EXPECT_EQ(system_sleeps, std::vector<unsigned int>{30});
     EXPECT_EQ(r[1].code, -1);
     EXPECT_EQ(r[1].message, "Reboot failed!");
-    // The reload's own line has no line end, so ours follows it directly.
-    EXPECT_TRUE(logged("icos_system_reload: system restart initiated successfully."
-                       "cmd_set_reboot: Reboot failed!"));
+    // The reload's own line has no line end, so ours (with its index and
+    // time) follows it on the same line.
+    auto m = main_log();
+    auto joined = std::find_if(m.begin(), m.end(), [](const std::string &s) {
+        return s.rfind("icos_system_reload: system restart initiated successfully.", 0) == 0;
+    });
+    ASSERT_NE(joined, m.end());
+    const std::string tail = " cmd_set_reboot: Reboot failed!";
+    ASSERT_GT(joined->size(), tail.size());
+    EXPECT_EQ(joined->substr(joined->size() - tail.size()), tail) << *joined;
     std::string crit = sink.wait_for("Reboot failed!");
     EXPECT_EQ(crit.rfind("<10>", 0), 0u) << crit; // LOG_USER | LOG_CRIT
 }

@@ -181,11 +181,13 @@ void cmd_set_logging(char *command, json_t *js_command, char *resp_href)
     cmd.answer(result);
 }
 
-void logging_send(void *interval_ptr, void *href_ptr, void *enabled_ptr)
+void logging_send(void *interval_ptr, void *href_ptr, void *)
 {
-    // Read on every pass: set.logging and logging_flush change them while we run.
+    // Read on every pass: set.logging and logging_flush change them while we
+    // run. The third argument is our thread number (thread_start), so the
+    // switch is read from the module itself.
     volatile int *interval = static_cast<volatile int *>(interval_ptr);
-    volatile bool *enabled = static_cast<volatile bool *>(enabled_ptr);
+    volatile bool *enabled = &logging_enabled;
     char *href = static_cast<char *>(href_ptr);
     log_fprint(orkad_log, "logging_send: Started '%d','%s','%d'\n", *interval, href, (int)*enabled);
     if (*enabled) {

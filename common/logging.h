@@ -44,7 +44,9 @@ extern unsigned int (*logging_sleep)(unsigned int seconds);
 void logging_init(void);
 void logging_listener(const char *event, json_t *params);
 void cmd_set_logging(char *command, json_t *js_command, char *resp_href);
-void logging_send(void *interval_ptr, void *href, void *enabled_ptr);
+// Sender thread body: p1 points at the interval, p2 is the thread's own copy
+// of the link (freed when it ends); p3 is the thread number.
+void logging_send(void *interval_ptr, void *href, void *p3);
 int logging_post(const char *href, const char *data, int length);
 int logging_flush(int seconds);
 void logging_debug(int sig);

@@ -31,6 +31,7 @@ import time
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import labhttp  # noqa: E402
 import labpki  # noqa: E402
+import labsyslog  # noqa: E402
 from labhttp import Reply  # noqa: E402
 
 API = "/api"
@@ -241,6 +242,7 @@ class Lab:
             self.results = []
             self.connection_errors = []
             self.bundles = 0
+            self.syslog = labsyslog.SyslogView()
             self._seq = {"request": 0, "command": 0, "result": 0, "script": 0}
             if tokens:
                 self.tokens = {}
@@ -535,6 +537,7 @@ class Lab:
         return _json_reply(200, {})
 
     def _on_service(self, req, rec):
+        labsyslog.on_service(self, rec, req)
         ctype = req.headers.get("content-type", "")
         if ctype.lower().startswith("multipart/form-data"):
             parts = labhttp.parse_multipart(ctype, req.body) or []
@@ -813,6 +816,9 @@ CONTROL = {
     ("GET", "/results"): Lab._c_results,
     ("GET", "/connection-errors"): Lab._c_errors,
     ("POST", "/shutdown"): Lab._c_shutdown,
+    ("GET", "/syslog"): labsyslog.c_syslog,
+    ("DELETE", "/syslog"): labsyslog.c_clear_syslog,
+    ("POST", "/syslog/send"): labsyslog.c_send_syslog,
 }
 
 

@@ -34,19 +34,30 @@ class Switch(Daemon):
     def calls(self, name):
         return [j for j in self.journal() if j["call"] == name]
 
+    def _dump_lines(self):
+        """(line index, text) of the logging dump lines in the debug log."""
+        out = []
+        path = self.path("/tmp/debug.log")
+        if not os.path.exists(path):
+            return out
+        with open(path, errors="replace") as f:
+            for line in f:
+                parts = line.rstrip("\n").split(" ", 3)
+                if len(parts) == 4 and parts[3].startswith("logging_debug: logbuf = "):
+                    out.append((int(parts[0]), parts[3]))
+        return out
+
     def dump(self):
         """SIGUSR1 to the working child; the syslog forwarding line of the
-        dump it writes, as numbers."""
-        path = self.path("/tmp/debug.log")
-        before = len(self.log("/tmp/debug.log"))
+        dump it writes, as numbers. (The debug log rotates: the newest line
+        is the one with the highest index.)"""
+        before = max([i for i, _ in self._dump_lines()], default=0)
         os.kill(self.wait_child(), signal.SIGUSR1)
 
         def line():
-            for m in self.log("/tmp/debug.log")[before:]:
-                if m.startswith("logging_debug: logbuf = "):
-                    return m
-            return None
-        text = wait_until(line, what=f"the logging dump in {path}")
+            new = [(i, t) for i, t in self._dump_lines() if i > before]
+            return max(new)[1] if new else None
+        text = wait_until(line, what="the logging dump in the debug log")
         m = re.search(r"\((\d+)\), overflow = (\d+), oversize = (\d+), "
                       r"ready-logs-count = (\d+)$", text)
         return {"filling": int(m[1]), "overflow": int(m[2]), "oversize": int(m[3]),
@@ -216,15 +227,34 @@ def test_outage_keeps_accepted_lines_and_counts_overflow(switch):
         lines = lab.call("GET", "/syslog")["lines"]
     seqs = [ln["sequence"] for ln in lines]
     assert seqs == sorted(seqs) and len(set(seqs)) == len(seqs)
-    # Every line taken into a batch arrived: what is missing is exactly the
-    # overflow count.
-    assert len(lines) + d["overflow"] == seqs[-1]
     assert len(lines) >= 64 * 10
     for ln in lines:
         assert ln["message"] == texts[ln["sequence"] - 1]
+    # Every line taken into a batch arrived, in the order taken: the
+    # listener's own record of what it took says so.
+    assert [ln["text"] for ln in lines] == accepted(sw)
+    # And nothing else went missing: a marker sent now is numbered right
+    # after everything the receiver handled, which is what arrived plus
+    # what was counted as overflow.
+    send(lab, text="<13>Nov 21 10:11:12 sw1 app: marker")
+    marker = syslog_lines(lab, 1, since=len(lines), timeout=15)
+    assert [m["message"] for m in marker] == ["<13>Nov 21 10:11:12 sw1 app: marker"]
+    assert marker[0]["sequence"] - 1 == len(lines) + final["overflow"]
     # Posts after the outage came in the order the batches were filled.
     batches = [ln["batch"] for ln in lines]
     assert batches == sorted(batches)
+
+
+def accepted(sw):
+    """The lines the listener put into batches, from the syslog log file and
+    its rotated generations, oldest first."""
+    out = []
+    for k in (4, 3, 2, 1, 0):
+        name = "/rw/syslog.log" if k == 0 else f"/rw/syslog{k}.log"
+        for m in sw.log(name):
+            if m.startswith("listener: "):
+                out.append(m[len("listener: "):])
+    return out
 
 
 def test_reboot_answers_then_reloads(switch):

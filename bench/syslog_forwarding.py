@@ -70,13 +70,13 @@ class Bench:
         self.seq = 0
 
     @staticmethod
-    def _wait(fn, timeout, what):
+    def _wait(fn, timeout, what, interval=0.05):
         deadline = time.monotonic() + timeout
         while time.monotonic() < deadline:
             v = fn()
             if v:
                 return v
-            time.sleep(0.05)
+            time.sleep(interval)
         raise RuntimeError(f"timed out waiting for {what}")
 
     def _child(self):
@@ -111,16 +111,19 @@ class Bench:
             return int(f.read().split()[0])
 
     def dump(self):
-        path = os.path.join(self.root, "tmp", "debug.log")
-
         def last():
             best = None
-            if os.path.exists(path):
+            # A dump may be cut by a rotation: the previous generation too.
+            for name in ("debug1.log", "debug.log"):
+                path = os.path.join(self.root, "tmp", name)
+                if not os.path.exists(path):
+                    continue
                 with open(path, errors="replace") as f:
                     for line in f:
                         p = line.rstrip("\n").split(" ", 3)
                         if len(p) == 4 and p[3].startswith("logging_debug: logbuf = "):
-                            best = (int(p[0]), p[3])
+                            if best is None or int(p[0]) > best[0]:
+                                best = (int(p[0]), p[3])
             return best
         before = last()
         os.kill(self.child, signal.SIGUSR1)
@@ -155,7 +158,7 @@ class Bench:
 
     def drain(self, timeout=120):
         self._wait(lambda: (lambda d: d["ready"] == 0 and d["filling"] == 0)(self.dump()),
-                   timeout, "the queue to drain")
+                   timeout, "the queue to drain", interval=1.0)
 
     def stop(self):
         try:

@@ -37,14 +37,16 @@ class Switch(Daemon):
     def _dump_lines(self):
         """(line index, text) of the logging dump lines in the debug log."""
         out = []
-        path = self.path("/tmp/debug.log")
-        if not os.path.exists(path):
-            return out
-        with open(path, errors="replace") as f:
-            for line in f:
-                parts = line.rstrip("\n").split(" ", 3)
-                if len(parts) == 4 and parts[3].startswith("logging_debug: logbuf = "):
-                    out.append((int(parts[0]), parts[3]))
+        # A dump may be cut by a rotation: look in the previous generation too.
+        for name in ("/tmp/debug1.log", "/tmp/debug.log"):
+            path = self.path(name)
+            if not os.path.exists(path):
+                continue
+            with open(path, errors="replace") as f:
+                for line in f:
+                    parts = line.rstrip("\n").split(" ", 3)
+                    if len(parts) == 4 and parts[3].startswith("logging_debug: logbuf = "):
+                        out.append((int(parts[0]), parts[3]))
         return out
 
     def dump(self):

@@ -22,6 +22,7 @@ The figures go into their own section of docs/performance.md. Needs root
 import argparse
 import os
 import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -236,6 +237,7 @@ def main():
     ap.add_argument("--bin", default=os.path.join(SOURCE, "build", "common", "orkad"))
     ap.add_argument("--seconds", type=float, default=20, help="length of each sustained run")
     ap.add_argument("--out", default=os.path.join(SOURCE, "docs", "performance.md"))
+    ap.add_argument("--keep", action="store_true", help="keep the device root and lab folder")
     a = ap.parse_args()
     if os.geteuid() != 0:
         sys.exit("needs root: the daemon runs in a network namespace of its own")
@@ -253,6 +255,8 @@ def main():
         stalled, s_over = cpu_case(b, 4000, True)
     finally:
         b.stop()
+        if not a.keep:
+            shutil.rmtree(work, ignore_errors=True)
 
     out = [
         "## Syslog forwarding",
@@ -264,7 +268,7 @@ def main():
         "",
         f"Sustained rates, healthy controller, {a.seconds:g} s each:",
         "",
-        "| offered lines/s | sent lines/s | overflow | batches waiting at the end | lines posted |",
+        "| offered lines/s | sent lines/s | overflow | batches waiting when sending ended | lines posted by then |",
         "|---|---|---|---|---|",
     ]
     for rate, sent, of, ready, posted in rows:

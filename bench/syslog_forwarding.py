@@ -268,7 +268,8 @@ def main():
         "",
         f"Sustained rates, healthy controller, {a.seconds:g} s each:",
         "",
-        "| offered lines/s | sent lines/s | overflow | batches waiting when sending ended | lines posted by then |",
+        "| offered lines/s | sent lines/s | overflow | batches waiting when sending ended"
+        " | lines posted by then |",
         "|---|---|---|---|---|",
     ]
     for rate, sent, of, ready, posted in rows:

@@ -12,12 +12,14 @@
 #include "heartbeat.h"
 #include "listener.h"
 #include "log.h"
+#include "logging.h"
 #include "mgmtvpn.h"
 #include "phone-home.h"
 #include "platform_utils.h"
 #include "signals.h"
 #include "status.h"
 #include "stats.h"
+#include "system.h"
 #include "utils.h"
 #include "work.h"
 
@@ -156,6 +158,8 @@ void signals_monitor(void)
     mgmtvpn_init();
     phone_home();
     auto_updates();
+    set_system_init();
+    logging_init();
     stats_init();
     diags_init();
     cap_init();

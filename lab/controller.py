@@ -34,6 +34,7 @@ import labhttp  # noqa: E402
 import labpki  # noqa: E402
 import labstatus  # noqa: E402
 import statseries  # noqa: E402
+import labsyslog  # noqa: E402
 from labhttp import Reply  # noqa: E402
 
 API = "/api"
@@ -247,6 +248,7 @@ class Lab:
             self.status = labstatus.StatusView()
             self.bundles = 0
             self.archives.reset()
+            self.syslog = labsyslog.SyslogView()
             self._seq = {"request": 0, "command": 0, "result": 0, "script": 0}
             if tokens:
                 self.tokens = {}
@@ -541,6 +543,7 @@ class Lab:
         return _json_reply(200, {})
 
     def _on_service(self, req, rec):
+        labsyslog.on_service(self, rec, req)
         ctype = req.headers.get("content-type", "")
         if ctype.lower().startswith("multipart/form-data"):
             parts = labhttp.parse_multipart(ctype, req.body) or []
@@ -830,6 +833,9 @@ CONTROL = {
     ("GET", "/status"): labstatus.c_status,
     ("GET", "/status/documents"): labstatus.c_documents,
     ("DELETE", "/status"): labstatus.c_clear,
+    ("GET", "/syslog"): labsyslog.c_syslog,
+    ("DELETE", "/syslog"): labsyslog.c_clear_syslog,
+    ("POST", "/syslog/send"): labsyslog.c_send_syslog,
 }
 
 

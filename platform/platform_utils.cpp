@@ -3,20 +3,21 @@
 
 #include "devroot.h"
 #include "icos-openapi.h"
+#include "listener.h"
 #include "log.h"
+#include "logging.h"
 #include "lsql.h"
 #include "work.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
-
-// The syslog receiver comes with syslog forwarding. Until it is linked in,
-// the hand-over still points the switch's syslog at us but has no thread to
-// start.
-void platform_syslog_reader(void *p1, void *p2, void *p3) __attribute__((weak));
 
 const char *const firmware_image[2] = {"/mnt/fastpath/image1", "/mnt/fastpath/image2"};
 namespace
@@ -27,6 +28,7 @@ char *mgmt_ifname = default_mgmt_ifname;
 const char localhost[10] = "127.0.0.1";
 
 unsigned int (*platform_sleep)(unsigned int seconds) = sleep;
+int platform_syslog_port = PLATFORM_SYSLOG_PORT;
 
 namespace
 {
@@ -245,14 +247,10 @@ int platform_start_logging(void)
     icos_add_logging_host(localhost, PLATFORM_SYSLOG_PORT);
     icos_set_logging_severity(localhost, 7); // debug: the switch sends everything
     icos_set_syslog_mode(true);
-    if (platform_syslog_reader == nullptr) {
+    syslog_reader_id =
+        thread_start("platform_syslog_reader", platform_syslog_reader, nullptr, nullptr, nullptr);
+    if (syslog_reader_id < 0)
         rc = -1;
-    } else {
-        syslog_reader_id = thread_start("platform_syslog_reader", platform_syslog_reader, nullptr,
-                                        nullptr, nullptr);
-        if (syslog_reader_id < 0)
-            rc = -1;
-    }
     // Once only, even when the thread did not start: the switch side is set.
     logging_started = true;
     return rc;
@@ -261,6 +259,114 @@ int platform_start_logging(void)
 bool platform_logging_filter(const char *, int)
 {
     return true;
+}
+
+int platform_syslog_event(const char *dgram, int n, time_t now, unsigned long long sequence,
+                          char *event, int size)
+{
+    if (n < 0)
+        n = 0;
+    if (n > PLATFORM_SYSLOG_DATAGRAM)
+        n = PLATFORM_SYSLOG_DATAGRAM;
+    char text[PLATFORM_SYSLOG_DATAGRAM + 1];
+    memcpy(text, dgram, n);
+    text[n] = '\0';
+
+    int priority = 0;
+    int offset = -1;
+    int got = sscanf(text, "<%d> %n", &priority, &offset);
+    if (got < 1) {
+        // No head: forwarded whole, with the priority a relay gives such a
+        // line (user.notice).
+        priority = 13;
+        offset = 0;
+    } else if (offset < 0) {
+        offset = n;
+    }
+
+    // The switch's timestamp carries no year: the current one is kept. A
+    // line without one is stamped with the time it arrived.
+    struct tm arrived;
+    localtime_r(&now, &arrived);
+    struct tm stamp = arrived;
+    if (strptime(text + offset, "%b %d %T ", &stamp) == nullptr)
+        stamp = arrived;
+    char log_time[64];
+    strftime(log_time, sizeof(log_time), "%FT%T%z", &stamp);
+
+    // The text sits inside a JSON string inside a JSON string: a quote needs
+    // three backslashes. Nothing else is escaped.
+    char message[PLATFORM_SYSLOG_MESSAGE];
+    int j = 0;
+    for (int i = offset; i < n && text[i] != '\0' && j <= 1022; i++) {
+        char c = text[i];
+        if (c == '\r' || c == '\n')
+            continue;
+        if (c == '"') {
+            memcpy(message + j, "\\\\\\\"", 4);
+            j += 4;
+        } else {
+            message[j++] = c;
+        }
+    }
+    message[j] = '\0';
+
+    int len = snprintf(event, size,
+                       "{\"event\":\"syslog\",\"params\":\"{\\\"sequence\\\":%llu,\\\"logTime\\\":"
+                       "\\\"%s\\\",\\\"message\\\":\\\"<%d>%s\\\"}\"}",
+                       sequence, log_time, priority, message);
+    if (len >= size)
+        len = size - 1;
+    return len;
+}
+
+int platform_syslog_pump(void)
+{
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    if (fd < 0) {
+        log_fprint(orkad_log, "%s: fatal error! cannot open socket descriptor: %s", __func__,
+                   strerror(errno));
+        return -1;
+    }
+    struct sockaddr_in addr = {};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_ANY);
+    addr.sin_port = htons(static_cast<uint16_t>(platform_syslog_port));
+    if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) < 0) {
+        int err = errno;
+        log_fprint(orkad_log, "%s: failed bind, port %d (errno = '%s', %d)\n", __func__,
+                   platform_syslog_port, strerror(err), err);
+        close(fd);
+        return -1;
+    }
+
+    unsigned long long sequence = 0;
+    char buf[PLATFORM_SYSLOG_DATAGRAM];
+    char event[PLATFORM_SYSLOG_EVENT];
+    for (;;) {
+        // Longer datagrams are cut to the first 1024 bytes.
+        ssize_t n = recv(fd, buf, sizeof(buf), 0);
+        time_t now = time(nullptr);
+        if (n < 0) {
+            // The socket stays open as it is, so every later pump fails to
+            // bind until the process restarts.
+            log_fprint(orkad_log, "%s: recv errors on socket\n", __func__);
+            return -1;
+        }
+        int len =
+            platform_syslog_event(buf, static_cast<int>(n), now, ++sequence, event, sizeof(event));
+        listener_internal_send(LOGGING_SOCKET, event, len);
+    }
+}
+
+void platform_syslog_reader(void *, void *, void *)
+{
+    for (;;) {
+        platform_syslog_pump();
+        // Not platform_sleep: the receiver paces itself whatever tests do to
+        // the start-up gates.
+        sleep(1);
+    }
 }
 
 bool sntp_time_set(void)

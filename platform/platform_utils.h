@@ -4,9 +4,15 @@
 #pragma once
 
 #include <cstddef>
+#include <ctime>
 
 // The switch sends its syslog to this local UDP port once we ask it to.
 #define PLATFORM_SYSLOG_PORT 46180
+// The receiver reads datagrams of at most 1024 bytes and builds events of at
+// most 1024 bytes; a message text may reach 1026 characters.
+#define PLATFORM_SYSLOG_DATAGRAM 1024
+#define PLATFORM_SYSLOG_EVENT 1024
+#define PLATFORM_SYSLOG_MESSAGE 1027
 
 extern const char *const firmware_image[2];
 // The management interface; phone-home may point it at another one.
@@ -45,6 +51,20 @@ int platform_update_agent_status(const char *status);
 // Syslog hand-over.
 int platform_start_logging(void);
 bool platform_logging_filter(const char *msg, int len);
+
+// The syslog receiver. The switch is always pointed at PLATFORM_SYSLOG_PORT;
+// the receiver binds this port, which tests move out of each other's way.
+extern int platform_syslog_port;
+// Thread body "platform_syslog_reader": runs the pump for ever, one second
+// apart.
+void platform_syslog_reader(void *p1, void *p2, void *p3);
+// Receives datagrams and hands each to the syslog listener as an event;
+// returns -1 only when the socket fails.
+int platform_syslog_pump(void);
+// The "syslog" event for one datagram of n bytes received at `now`, into
+// event (size bytes, cut to fit); returns its length.
+int platform_syslog_event(const char *dgram, int n, time_t now, unsigned long long sequence,
+                          char *event, int size);
 
 // Start-up gates: each gives up when its time runs out.
 bool sntp_time_set(void);

@@ -7,7 +7,7 @@ set -euo pipefail
 packages=(
     build-essential cmake pkg-config
     libcurl4-openssl-dev libjansson-dev libsqlite3-dev sqlite3
-    openssl openvpn psmisc gzip iproute2 util-linux tar
+    openssl openvpn psmisc gzip iproute2 util-linux bsdutils tar
     googletest libgtest-dev libgmock-dev
     python3 python3-pytest python3-pytest-xdist
 )

@@ -1,0 +1,299 @@
+#include "logging.h"
+
+#include "auth.h"
+#include "command.h"
+#include "http.h"
+#include "listener.h"
+#include "log.h"
+#include "platform_utils.h"
+#include "signals.h"
+#include "utils.h"
+#include "work.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <unistd.h>
+
+bool logging_enabled;
+int logging_interval;
+int logging_priority = 3;
+int logging_id = -1;
+unsigned int (*logging_sleep)(unsigned int seconds) = sleep;
+
+namespace
+{
+
+constexpr int MIN_INTERVAL = 1;
+constexpr int MAX_INTERVAL = 86400;
+constexpr int POST_ATTEMPTS = 4;
+
+std::mutex logbuf_lock;
+struct _logbuf *logbuf;
+int overflow;
+// Counted outside the lock: a lost count costs nothing.
+int oversize;
+queue_t *ready_logs_queue;
+
+int ready_count(void)
+{
+    return ready_logs_queue != nullptr ? queue_count(ready_logs_queue) : 0;
+}
+
+// Caller holds logbuf_lock.
+void retire_logbuf(void)
+{
+    queue_add_tail(ready_logs_queue, &logbuf->link);
+    logbuf = nullptr;
+}
+
+// {"log":[line,line,...]} into body, which holds LOGBUF_SIZE + 16 bytes: the
+// length words of a full batch leave more than enough room for the commas
+// and the frame.
+int build_body(const struct _logbuf *b, char *body)
+{
+    int n = snprintf(body, 16, "{\"log\":[");
+    int pos = 0;
+    bool first = true;
+    while (pos + 4 <= b->length) {
+        int len;
+        memcpy(&len, b->buffer + pos, sizeof(len));
+        pos += 4;
+        if (len < 0 || pos + len > b->length)
+            break;
+        if (!first)
+            body[n++] = ',';
+        memcpy(body + n, b->buffer + pos, len);
+        n += len;
+        pos += len;
+        first = false;
+    }
+    body[n++] = ']';
+    body[n++] = '}';
+    body[n] = '\0';
+    return n;
+}
+
+} // namespace
+
+void logging_init(void)
+{
+    ready_logs_queue = queue_create("ready_logs_queue");
+    if (ready_logs_queue == nullptr)
+        log_fprint(orkad_log, "%s: cannot create ready_logs_queue\n", "logging_init");
+    command_register("set.logging", cmd_set_logging);
+    signals_register(SIGUSR1, logging_debug, "logging_debug");
+    listener_register("syslog", logging_listener, LOGGING_SOCKET);
+}
+
+void logging_listener(const char *, json_t *params)
+{
+    if (!json_is_string(params))
+        return;
+    const char *text = json_string_value(params);
+    int len = (int)json_string_length(params);
+    if (!platform_logging_filter(text, len))
+        return;
+    if (len > LOGGING_MAX_LINE) {
+        oversize++;
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> hold(logbuf_lock);
+        if (logbuf != nullptr && logbuf->length + 4 + len >= LOGBUF_SIZE)
+            retire_logbuf();
+        if (logbuf == nullptr && ready_count() < LOGGING_MAX_READY)
+            logbuf = static_cast<struct _logbuf *>(calloc(1, sizeof(struct _logbuf)));
+        if (logbuf == nullptr) {
+            overflow++;
+            return;
+        }
+        memcpy(logbuf->buffer + logbuf->length, &len, sizeof(len));
+        memcpy(logbuf->buffer + logbuf->length + 4, text, len);
+        logbuf->length += 4 + len;
+    }
+    log_fprint(sys_log, "listener: %.*s\n", len, text);
+}
+
+void cmd_set_logging(char *command, json_t *js_command, char *resp_href)
+{
+    cmd_envelope cmd("set.logging", command, js_command, resp_href);
+    if (!cmd.open()) {
+        cmd.answer(-1);
+        return;
+    }
+    json_t *interval = json_object_get(cmd.params, "interval");
+    if (!json_is_integer(interval)) {
+        cmd.answer(cmd.fail("missing or invalid 'interval' element in params"));
+        return;
+    }
+    long long seconds = json_integer_value(interval) / 1000;
+    if (seconds < MIN_INTERVAL || seconds > MAX_INTERVAL) {
+        cmd.answer(cmd.fail("logging interval out of range"));
+        return;
+    }
+    // Only an object is refused; any other priority is taken and ignored,
+    // and logging_priority stays as it is. Controllers rely on both.
+    if (json_is_object(json_object_get(cmd.params, "priority"))) {
+        cmd.answer(cmd.fail("invalid 'priority' element in params"));
+        return;
+    }
+    json_t *link = json_object_get(cmd.params, "serviceLink");
+    if (!json_is_object(link)) {
+        cmd.answer(cmd.fail("missing or invalid 'serviceLink' element in params"));
+        return;
+    }
+    json_t *href = json_object_get(link, "href");
+    if (!json_is_string(href)) {
+        cmd.answer(cmd.fail("missing or invalid 'href' element in params"));
+        return;
+    }
+
+    int err = platform_start_logging();
+    if (err != 0)
+        log_fprint(orkad_log, "%s: platform_start_logging() failed, err = %d\n", "cmd_set_logging",
+                   err);
+
+    logging_enabled = true;
+    logging_interval = (int)seconds;
+    int result = 0;
+    if (logging_id < 0) {
+        char *copy = strdup_with_error(json_string_value(href), "logging_start: %s\n", cmd.message);
+        if (copy == nullptr) {
+            result = -1;
+        } else {
+            logging_id = thread_start("logging_send", logging_send, &logging_interval, copy,
+                                      &logging_enabled);
+            if (logging_id < 0) {
+                free(copy);
+                result = logging_id;
+            }
+        }
+    } else {
+        // The new interval reaches the running thread through the shared
+        // variable; it keeps the link it was started with.
+        log_fprint(
+            orkad_log, "%s: logging thread %d already running, new interval = %d, enable = %s\n",
+            "logging_start", logging_id, logging_interval, logging_enabled ? "true" : "false");
+    }
+    cmd.answer(result);
+}
+
+void logging_send(void *interval_ptr, void *href_ptr, void *)
+{
+    // Read on every pass: set.logging and logging_flush change them while we
+    // run. The third argument is our thread number (thread_start), so the
+    // switch is read from the module itself.
+    volatile int *interval = static_cast<volatile int *>(interval_ptr);
+    volatile bool *enabled = &logging_enabled;
+    char *href = static_cast<char *>(href_ptr);
+    log_fprint(orkad_log, "logging_send: Started '%d','%s','%d'\n", *interval, href, (int)*enabled);
+    if (*enabled) {
+        char body[LOGBUF_SIZE + 16];
+        int idle = 0;
+        do {
+            if (*interval < idle) {
+                std::lock_guard<std::mutex> hold(logbuf_lock);
+                if (logbuf != nullptr && logbuf->length > 0)
+                    retire_logbuf();
+            }
+            link_t *l = queue_try_get(ready_logs_queue);
+            if (l == nullptr) {
+                idle++;
+            } else {
+                struct _logbuf *b = reinterpret_cast<struct _logbuf *>(l);
+                log_fprint(orkad_log,
+                           "logging_send: overflow = %d, oversize = %d, ready-logs-count = %d\n",
+                           overflow, oversize, ready_count());
+                int length = build_body(b, body);
+                int err = logging_post(href, body, length);
+                if (err == 0) {
+                    free(b);
+                    idle = 1;
+                } else {
+                    log_fprint(orkad_log, "logging_send: post errors (err = %d)\n", err);
+                    // Retried first, so the controller still gets them in order.
+                    queue_add_head(ready_logs_queue, &b->link);
+                    idle++;
+                }
+            }
+            logging_sleep(1);
+        } while (*enabled);
+    }
+    log_fprint(orkad_log, "logging_send: Stopped\n");
+    logging_id = -1;
+    free(href);
+}
+
+int logging_post(const char *href, const char *data, int length)
+{
+    char *base = get_cloud_controller();
+    // Nowhere to send it: the batch counts as sent.
+    if (base == nullptr)
+        return 0;
+    char bearer[ACCESS_TOKEN_SIZE + 32];
+    const char *headers[] = {bearer, "Content-Type: application/json", nullptr};
+    char url[512];
+    snprintf(url, sizeof(url), "%s/api%s", base, href);
+
+    reply *r = alloc_reply();
+    int result = 0;
+    for (int retry = POST_ATTEMPTS - 1; retry >= 0; retry--) {
+        char token[ACCESS_TOKEN_SIZE];
+        get_access_token(token);
+        snprintf(bearer, sizeof(bearer), "Authorization: Bearer %s", token);
+        log_fprint(sys_log, "sending (retry = %d) %.*s\n", retry, length, data);
+        result = http_post(url, data, length, headers, r);
+        if (result == 0) {
+            free_reply(r);
+            return 0;
+        }
+        if (result != 401)
+            break;
+        invalidate_access_token();
+        r->length = 0;
+    }
+    log_fprint(orkad_log, "%s: err = %d, reply = '%.*s'\n", "logging_post", result, r->length,
+               r->data);
+    free_reply(r);
+    return result;
+}
+
+int logging_flush(int seconds)
+{
+    // The batch being filled goes out at the sender's next pass.
+    logging_interval = 0;
+    logging_sleep(5);
+    int spent = 5;
+    while (spent < seconds && ready_count() > 0) {
+        logging_sleep(2);
+        spent += 2;
+    }
+    return ready_count();
+}
+
+void logging_debug(int)
+{
+    std::lock_guard<std::mutex> hold(logbuf_lock);
+    log_fprint(dbg_log, "%s: logging_enabled = %d, logging_interval = %d\n", "logging_debug",
+               (int)logging_enabled, logging_interval);
+    log_fprint(dbg_log,
+               "%s: logbuf = %p (%d), overflow = %d, oversize = %d, ready-logs-count = %d\n",
+               "logging_debug", static_cast<void *>(logbuf), logbuf != nullptr ? logbuf->length : 0,
+               overflow, oversize, ready_count());
+}
+
+void logging_counts(int *overflow_out, int *oversize_out, int *ready, int *filling)
+{
+    std::lock_guard<std::mutex> hold(logbuf_lock);
+    if (overflow_out != nullptr)
+        *overflow_out = overflow;
+    if (oversize_out != nullptr)
+        *oversize_out = oversize;
+    if (ready != nullptr)
+        *ready = ready_count();
+    if (filling != nullptr)
+        *filling = logbuf != nullptr ? logbuf->length : 0;
+}

@@ -1,0 +1,56 @@
+// Syslog forwarding: the switch's syslog lines, received as "syslog" events
+// on the agent's syslog socket, are packed into 4-KiB batches and posted to
+// the controller by the "logging_send" thread that "set.logging" starts.
+#pragma once
+
+#include "queue.h"
+
+#include <jansson.h>
+
+#define LOGGING_SOCKET "unix:/tmp/orkad_syslog_socket"
+// Bytes of line records (length word plus text) one batch holds.
+#define LOGBUF_SIZE 4096
+// Longest line forwarded; longer ones are counted as oversize.
+#define LOGGING_MAX_LINE 512
+// Batches that may wait before new lines are dropped as overflow.
+#define LOGGING_MAX_READY 64
+
+// One forwarded line inside a batch. Records are packed back to back, so a
+// length word is not aligned: read and write it with memcpy.
+struct _linbuf {
+    int length;
+    char buffer[];
+};
+
+// One batch: a single zero-filled heap block.
+struct _logbuf {
+    link_t link;
+    int length; // bytes used in buffer
+    char buffer[LOGBUF_SIZE];
+};
+
+// Read by the sender through pointers, without the lock.
+extern bool logging_enabled;
+extern int logging_interval;
+// The forwarding priority; nothing changes it (see cmd_set_logging).
+extern int logging_priority;
+// Id of the sender thread, -1 when none runs.
+extern int logging_id;
+
+// Every sleep of this module (the sender's pace, the flush before a reboot)
+// goes through here; tests point it elsewhere.
+extern unsigned int (*logging_sleep)(unsigned int seconds);
+
+void logging_init(void);
+void logging_listener(const char *event, json_t *params);
+void cmd_set_logging(char *command, json_t *js_command, char *resp_href);
+// Sender thread body: p1 points at the interval, p2 is the thread's own copy
+// of the link (freed when it ends); p3 is the thread number.
+void logging_send(void *interval_ptr, void *href, void *p3);
+int logging_post(const char *href, const char *data, int length);
+int logging_flush(int seconds);
+void logging_debug(int sig);
+
+// The counters and queue lengths as logging_debug shows them, for tests and
+// measurements. Any pointer may be null.
+void logging_counts(int *overflow, int *oversize, int *ready, int *filling);

@@ -1,0 +1,290 @@
+"""Syslog forwarding, system settings and reboot end to end: real syslog
+datagrams (from the lab and from util-linux logger) to the daemon's receiver
+in its network namespace, batches at the lab controller, an outage of the
+controller, and the set.system and set.reboot commands against the simulated
+switch."""
+
+import base64
+import datetime
+import json
+import os
+import re
+import signal
+import time
+
+import pytest
+
+import devroot
+from conftest import Daemon, wait_until
+from lab_fixtures import netns_lab  # noqa: F401
+
+PORT_HEX = f":{46180:04X} "  # the receiver's port as /proc/net/udp shows it
+
+
+class Switch(Daemon):
+    """The daemon plus what it leaves on the simulated switch."""
+
+    def journal(self):
+        path = self.path("/var/switch/journal")
+        if not os.path.exists(path):
+            return []
+        with open(path) as f:
+            return [json.loads(line) for line in f if line.strip()]
+
+    def calls(self, name):
+        return [j for j in self.journal() if j["call"] == name]
+
+    def _dump_lines(self):
+        """(line index, text) of the logging dump lines in the debug log."""
+        out = []
+        # A dump may be cut by a rotation: look in the previous generation too.
+        for name in ("/tmp/debug1.log", "/tmp/debug.log"):
+            path = self.path(name)
+            if not os.path.exists(path):
+                continue
+            with open(path, errors="replace") as f:
+                for line in f:
+                    parts = line.rstrip("\n").split(" ", 3)
+                    if len(parts) == 4 and parts[3].startswith("logging_debug: logbuf = "):
+                        out.append((int(parts[0]), parts[3]))
+        return out
+
+    def dump(self):
+        """SIGUSR1 to the working child; the syslog forwarding line of the
+        dump it writes, as numbers. (The debug log rotates: the newest line
+        is the one with the highest index.)"""
+        before = max([i for i, _ in self._dump_lines()], default=0)
+        os.kill(self.wait_child(), signal.SIGUSR1)
+
+        def line():
+            new = [(i, t) for i, t in self._dump_lines() if i > before]
+            return max(new)[1] if new else None
+        text = wait_until(line, what="the logging dump in the debug log")
+        m = re.search(r"\((\d+)\), overflow = (\d+), oversize = (\d+), "
+                      r"ready-logs-count = (\d+)$", text)
+        return {"filling": int(m[1]), "overflow": int(m[2]), "oversize": int(m[3]),
+                "ready": int(m[4])}
+
+
+@pytest.fixture
+def switch(device_root, tmp_path, netns, netns_lab):
+    env = dict(devroot.DEFAULT_ENV)
+    env.update(devroot.read_bootenv(device_root))
+    env["heartbeat"] = "1"
+    devroot.write_bootenv(device_root, env)
+    d = Switch(device_root, str(tmp_path), netns)
+    d.lab = netns_lab
+    d.start("-s", netns_lab.base_url)
+    wait_until(lambda: netns_lab.requests(kind="heartbeat"), timeout=20,
+               what="the first heartbeat")
+    yield d
+    d.stop()
+
+
+def run_command(lab, context, params, timeout=20.0, results=1):
+    cid = lab.queue_command(action="set", context=context, params=params)
+    return lab.wait_results(results, timeout, command_id=cid)
+
+
+def start_forwarding(sw, interval_ms=1000, href="/syslog"):
+    res = run_command(sw.lab, "logging", {"interval": interval_ms,
+                                          "serviceLink": {"href": href}})
+    assert [(r["code"], r["message"]) for r in res] == [(0, "")]
+    # The receiver is up once its port is bound in the namespace.
+    wait_until(lambda: PORT_HEX in sw.netns.run(["cat", "/proc/net/udp"], text=True).stdout,
+               what="the syslog receiver on UDP 46180")
+
+
+def send(lab, **doc):
+    return lab.call("POST", "/syslog/send", doc)
+
+
+def syslog_lines(lab, count=1, timeout=10.0, since=0):
+    deadline = time.monotonic() + timeout
+    while True:
+        got = lab.call("GET", "/syslog", query={"since": since})["lines"]
+        if len(got) >= count or time.monotonic() > deadline:
+            return got
+        time.sleep(0.05)
+
+
+def test_lines_arrive_in_order_with_exact_texts(switch):
+    sw, lab = switch, switch.lab
+    start_forwarding(sw)
+
+    # A second set.logging changes the interval of the running sender only.
+    res = run_command(lab, "logging", {"interval": 2000, "serviceLink": {"href": "/other"}})
+    assert res[0]["code"] == 0
+    sw.wait_log("logging_start: logging thread ")
+    assert any(re.fullmatch(r"logging_start: logging thread \d+ already running, "
+                            r"new interval = 2, enable = true", m) for m in sw.log())
+
+    # The switch was pointed at the receiver once.
+    assert sw.calls("rpcclt_openapiLoggingHostAdd") == [
+        {"call": "rpcclt_openapiLoggingHostAdd", "host": "127.0.0.1", "result": 0}]
+    assert sw.calls("rpcclt_openapiLoggingHostPortSet") == [
+        {"call": "rpcclt_openapiLoggingHostPortSet", "host": "127.0.0.1", "port": 46180,
+         "result": 0}]
+    assert sw.calls("rpcclt_openapiLoggingHostSeveritySet") == [
+        {"call": "rpcclt_openapiLoggingHostSeveritySet", "host": "127.0.0.1", "severity": 7,
+         "result": 0}]
+    assert sw.calls("rpcclt_openapiSysLogModeSet") == [
+        {"call": "rpcclt_openapiSysLogModeSet", "mode": 1, "result": 0}]
+
+    send(lab, lines=[
+        "<13>Nov 21 10:11:12 sw1 app: first line",          # 1
+        '<14>Nov 21 10:11:13 sw1 app: say "hi"',            # 2
+        "<13>Nov 21 10:11:14 sw1 app: C:\\temp",            # 3
+        "<13>Nov 21 10:11:15 sw1 app: one\r\ntwo\n",        # 4
+        "<13>Nov 21 10:11:16 sw1 app: stray \\q",           # 5: cannot be decoded
+        "plain words",                                      # 6: no head
+    ])
+    send(lab, base64=base64.b64encode(b"<13>bin\x01\xff\xfe").decode())   # 7
+    send(lab, text="<13>" + "x" * 65000)                                 # 8: cut to 1024
+    send(lab, text="<11>Nov  2 03:04:05 sw1 app: last of the lab")       # 9
+    sw.netns.run(["logger", "--rfc3164", "-n", "127.0.0.1", "-P", "46180", "-d",
+                  "-t", "e2e", "logger says hi"])                        # 10
+
+    lines = syslog_lines(lab, 7)
+    assert [ln["sequence"] for ln in lines] == [1, 2, 3, 4, 6, 9, 10]
+    assert [ln["n"] for ln in lines] == list(range(1, 8))
+    assert all(ln["path"] == "/api/syslog" for ln in lines)
+    year = datetime.date.today().year
+    offset = time.strftime("%z")
+    assert lines[0]["text"] == (
+        '{"sequence":1,"logTime":"%d-11-21T10:11:12%s",'
+        '"message":"<13>Nov 21 10:11:12 sw1 app: first line"}' % (year, offset))
+    # The quote arrives escaped once more than it left the switch, so the
+    # line still decodes to the switch's text.
+    assert lines[1]["text"].endswith('"message":"<14>Nov 21 10:11:13 sw1 app: say \\"hi\\""}')
+    assert lines[1]["message"] == '<14>Nov 21 10:11:13 sw1 app: say "hi"'
+    # A backslash is passed on as it is, so the listener's decoding takes it
+    # as the escape of the letter after it: here "\t", a tab.
+    assert lines[2]["text"].endswith('"message":"<13>Nov 21 10:11:14 sw1 app: C:\temp"}')
+    assert lines[2]["message"] == "<13>Nov 21 10:11:14 sw1 app: C:\temp"
+    assert "\t" in lines[2]["message"] and "\\" not in lines[2]["text"]
+    # Line ends are dropped.
+    assert lines[3]["message"] == "<13>Nov 21 10:11:15 sw1 app: onetwo"
+    assert lines[4]["message"] == "<13>plain words"
+    assert lines[5]["logTime"] == "%d-11-02T03:04:05%s" % (year, offset)
+    assert lines[5]["message"] == "<11>Nov  2 03:04:05 sw1 app: last of the lab"
+
+    # logger sends user.notice with its own time stamp and host name.
+    lg = lines[6]["message"]
+    assert lg.startswith("<13>") and lg.endswith(" e2e: logger says hi"), lg
+    stamp = datetime.datetime.strptime(f"{year} {lg[4:19]}", "%Y %b %d %H:%M:%S")
+    assert lines[6]["logTime"] == stamp.strftime("%Y-%m-%dT%H:%M:%S") + offset
+
+    # The three undecodable events were logged and dropped; nothing counted.
+    decode = [m for m in sw.log() if m.startswith("listener: error decoding message: ")]
+    assert len(decode) == 3
+    d = sw.dump()
+    assert (d["overflow"], d["oversize"]) == (0, 0)
+    # Batches are posted with the bearer token as JSON.
+    req = lab.requests(path="/api/syslog")[0]
+    assert req["headers"]["content-type"] == "application/json"
+    assert req["headers"]["authorization"].startswith("Bearer ")
+    assert req["body"].startswith('{"log":[{"sequence":1,')
+    # Nothing went to the link of the second command.
+    assert lab.requests(path="/api/other") == []
+
+
+def test_outage_keeps_accepted_lines_and_counts_overflow(switch):
+    sw, lab = switch, switch.lab
+    start_forwarding(sw)
+    lab.fail("/api/syslog", 500, count=None)
+
+    # Lines of about 400 characters: ten to a batch, so 900 lines are more
+    # than 65 batches hold.
+    filler = "y" * 300
+    texts = [f"<13>Nov 21 10:11:12 sw1 app: {i:04d} {filler}" for i in range(1, 901)]
+    for k in range(0, len(texts), 100):
+        send(lab, lines=texts[k:k + 100], pace=0.0002)
+    wait_until(lambda: len(lab.requests(path="/api/syslog", status="500")) >= 2,
+               what="failed posts during the outage")
+
+    # The receiver has caught up once the counters stop moving.
+    last = None
+    for _ in range(50):
+        d = sw.dump()
+        if d == last:
+            break
+        last = d
+        time.sleep(0.2)
+    assert d["overflow"] > 0
+    assert d["ready"] >= 64
+    assert d["oversize"] == 0
+    sw.wait_log("logging_send: post errors (err = 500)")
+
+    lab.clear_scripts("/api/syslog")
+    # One full batch a second, oldest first; then the last partial one.
+    wait_until(lambda: (lambda x: x["ready"] == 0 and x["filling"] == 0)(sw.dump()),
+               timeout=110, interval=1.0, what="the waiting batches to drain")
+    final = sw.dump()
+    assert final["overflow"] == d["overflow"]
+    lines, seen = [], -1
+    while len(lines) != seen:
+        seen = len(lines)
+        time.sleep(1.5)
+        lines = lab.call("GET", "/syslog")["lines"]
+    seqs = [ln["sequence"] for ln in lines]
+    assert seqs == sorted(seqs) and len(set(seqs)) == len(seqs)
+    assert len(lines) >= 64 * 10
+    for ln in lines:
+        assert ln["message"] == texts[ln["sequence"] - 1]
+    # Every line taken into a batch arrived, in the order taken: the
+    # listener's own record of what it took says so.
+    assert [ln["text"] for ln in lines] == accepted(sw)
+    # And nothing else went missing: a marker sent now is numbered right
+    # after everything the receiver handled, which is what arrived plus
+    # what was counted as overflow.
+    send(lab, text="<13>Nov 21 10:11:12 sw1 app: marker")
+    marker = syslog_lines(lab, 1, since=len(lines), timeout=15)
+    assert [m["message"] for m in marker] == ["<13>Nov 21 10:11:12 sw1 app: marker"]
+    assert marker[0]["sequence"] - 1 == len(lines) + final["overflow"]
+    # Posts after the outage came in the order the batches were filled.
+    batches = [ln["batch"] for ln in lines]
+    assert batches == sorted(batches)
+
+
+def accepted(sw):
+    """The lines the listener put into batches, from the syslog log file and
+    its rotated generations, oldest first."""
+    out = []
+    for k in (4, 3, 2, 1, 0):
+        name = "/rw/syslog.log" if k == 0 else f"/rw/syslog{k}.log"
+        for m in sw.log(name):
+            if m.startswith("listener: "):
+                out.append(m[len("listener: "):])
+    return out
+
+
+def test_reboot_answers_then_reloads(switch):
+    sw, lab = switch, switch.lab
+    res = run_command(lab, "reboot", {"message": "e2e maintenance"}, timeout=20)
+    assert [(r["code"], r["message"]) for r in res] == [(0, "")]
+    wait_until(lambda: sw.calls("rpcclt_openapiSystemReload"), what="the reload on the switch")
+    assert sw.calls("rpcclt_openapiSystemReload") == [
+        {"call": "rpcclt_openapiSystemReload", "result": 0}]
+    sw.syslog.wait_for("reboot initiated: 'e2e maintenance'")
+    sw.wait_log("icos_system_reload: system restart initiated successfully.")
+
+
+def test_refused_reload_sends_a_second_status_and_system_settings_stick(switch):
+    sw, lab = switch, switch.lab
+    res = run_command(lab, "system", {"password": "n3w-pass", "location": "lab bench",
+                                      "bad": 5})
+    assert [(r["code"], r["message"]) for r in res] == [(1, "failed to set properties: bad")]
+    assert [(j["userName"], j["password"]) for j in sw.calls("rpcclt_openapiUserSet")] == \
+        [("admin", "n3w-pass")]
+    assert len(sw.calls("rpcclt_openapiSaveConfig")) == 1
+
+    with open(sw.path("/var/switch/faults.json"), "w") as f:
+        json.dump([{"call": "rpcclt_openapiSystemReload", "result": -26}], f)
+    res = run_command(lab, "reboot", {}, timeout=20, results=2)
+    assert [(r["code"], r["message"]) for r in res] == [
+        (0, ""), (-1, "Failed to reboot, error code: 1")]
+    sw.syslog.wait_for("reboot initiated by cloud-services")
+    pid, pri, _ = sw.syslog.wait_for("Failed to reboot, error code: 1")
+    assert pri == 10  # user.crit
+    sw.wait_log("cmd_set_reboot: Failed to reboot, error code: 1")

@@ -1,0 +1,741 @@
+// Syslog forwarding: the events the receiver builds from datagrams, the
+// batches the listener packs, set.logging, the sender against the lab
+// controller, the post's retries, the flush before a reboot and the dump.
+#include "agent_fixture.h"
+#include "listener.h"
+#include "logging.h"
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <cstdlib>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace agent_test;
+
+namespace
+{
+
+// 2026-11-21 12:00:00 UTC.
+constexpr time_t NOON = 1795262400;
+
+unsigned int short_sleep(unsigned int)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return 0;
+}
+
+std::vector<unsigned int> sleeps;
+unsigned int record_sleep(unsigned int s)
+{
+    sleeps.push_back(s);
+    return 0;
+}
+
+std::string event_of(const std::string &dgram, unsigned long long seq = 1, int size = 4096)
+{
+    std::vector<char> ev(size);
+    int n = platform_syslog_event(dgram.data(), (int)dgram.size(), NOON, seq, ev.data(), size);
+    return std::string(ev.data(), n);
+}
+
+// The params text of an event, as the listener hands it on.
+std::string line_of(const std::string &event)
+{
+    Json j = json_parse(event);
+    return json_str(j.get(), "params");
+}
+
+class LoggingTest : public AgentTest
+{
+  protected:
+    void SetUp() override
+    {
+        setenv("TZ", "UTC", 1);
+        tzset();
+        AgentTest::SetUp();
+        logging_init();
+        logging_sleep = short_sleep;
+        // Out of the way of other test processes; the receiver test picks
+        // a port of its own.
+        platform_syslog_port = 0;
+        lab->add_link("/response/t", "response");
+    }
+
+    void TearDown() override
+    {
+        // Park the sender before the process goes.
+        logging_enabled = false;
+        wait_for([] { return logging_id < 0; }, 5000);
+    }
+
+    void feed(const std::string &line)
+    {
+        json_t *s = json_stringn(line.data(), line.size());
+        logging_listener("syslog", s);
+        json_decref(s);
+    }
+
+    int counts(int which)
+    {
+        int v[4];
+        logging_counts(&v[0], &v[1], &v[2], &v[3]);
+        return v[which];
+    }
+    int overflow() { return counts(0); }
+    int oversize() { return counts(1); }
+    int ready() { return counts(2); }
+    int filling() { return counts(3); }
+
+    std::pair<int, std::string> set_logging(const std::string &params, const char *id = "lg-1")
+    {
+        use_lab();
+        std::string command = std::string(R"({"action":"set","context":"logging","id":")") + id +
+                              R"(","params":)" + params + "}";
+        cmd_set_logging(strdup("set.logging"), json_loads(command.c_str(), 0, nullptr),
+                        strdup("/response/t"));
+        Json res = lab->wait_results({{"command_id", id}});
+        json_t *r = item(res, 0);
+        if (r == nullptr)
+            return {99, "<no result>"};
+        return {(int)json_integer_value(json_object_get(r, "code")), json_str(r, "message")};
+    }
+
+    // The syslog handle's lines without its start banner.
+    std::vector<std::string> sys_messages()
+    {
+        std::vector<std::string> out;
+        for (auto &m : log_messages(root.at("/rw/syslog.log")))
+            if (m.rfind("=====", 0) != 0)
+                out.push_back(m);
+        return out;
+    }
+
+    // The "log" arrays the lab received on a path, in order, as texts.
+    std::vector<std::string> posted_lines(const std::string &path)
+    {
+        std::vector<std::string> out;
+        Json reqs = lab->requests({{"path", "/api" + path}});
+        for (size_t i = 0; i < json_array_size(reqs.get()); i++) {
+            json_t *r = item(reqs, i);
+            if (json_integer_value(json_object_get(r, "status")) != 200)
+                continue;
+            Json body = json_parse(json_str(r, "body"));
+            json_t *log = json_object_get(body.get(), "log");
+            for (size_t k = 0; k < json_array_size(log); k++)
+                out.push_back(json_text(json_array_get(log, k)));
+        }
+        return out;
+    }
+};
+
+std::string params(long long ms, const std::string &href = "/syslog")
+{
+    return R"({"interval":)" + std::to_string(ms) + R"(,"serviceLink":{"href":")" + href + R"("}})";
+}
+
+// A line of exactly n characters, the text of a JSON object.
+std::string line_n(size_t n, int tag = 0)
+{
+    std::string head = "{\"sequence\":" + std::to_string(tag) + ",\"message\":\"";
+    std::string s = head;
+    s.resize(n - 2, 'm');
+    return s + "\"}";
+}
+
+} // namespace
+
+// ---- the receiver's events ------------------------------------------------
+
+TEST(SyslogEvent, TimestampHeadAndTextAreAsTheSwitchSentThem)
+{
+    setenv("TZ", "UTC", 1);
+    tzset();
+    EXPECT_EQ(
+        event_of("<13>Nov 21 10:11:12 sw1 app: hello", 7),
+        R"({"event":"syslog","params":"{\"sequence\":7,\"logTime\":\"2026-11-21T10:11:12+0000\",)"
+        R"(\"message\":\"<13>Nov 21 10:11:12 sw1 app: hello\"}"})");
+    // A single-digit day is padded with a blank; the year is the current one.
+    EXPECT_EQ(
+        line_of(event_of("<30>Feb  3 01:02:03 x")),
+        R"({"sequence":1,"logTime":"2026-02-03T01:02:03+0000","message":"<30>Feb  3 01:02:03 x"})");
+}
+
+TEST(SyslogEvent, QuoteGetsThreeBackslashesBackslashAndLineEndsDoNot)
+{
+    setenv("TZ", "UTC", 1);
+    tzset();
+    std::string ev = event_of("<13>Nov 21 10:11:12 h: say \"hi\" C:\\temp\r\nnext");
+    EXPECT_EQ(
+        ev,
+        R"({"event":"syslog","params":"{\"sequence\":1,\"logTime\":\"2026-11-21T10:11:12+0000\",)"
+        R"(\"message\":\"<13>Nov 21 10:11:12 h: say \\\"hi\\\" C:\tempnext\"}"})");
+    // Decoded once by the listener: the quote is a JSON escape again, the
+    // backslash has become the escape of the letter after it.
+    std::string line = line_of(ev);
+    EXPECT_EQ(line,
+              "{\"sequence\":1,\"logTime\":\"2026-11-21T10:11:12+0000\",\"message\":\"<13>Nov "
+              "21 10:11:12 h: say \\\"hi\\\" C:\tempnext\"}");
+}
+
+TEST(SyslogEvent, WithoutTimestampTheArrivalTimeIsTaken)
+{
+    setenv("TZ", "UTC", 1);
+    tzset();
+    EXPECT_EQ(line_of(event_of("<4>kernel: oops")),
+              R"({"sequence":1,"logTime":"2026-11-21T12:00:00+0000","message":"<4>kernel: oops"})");
+    // The blank after the head is skipped.
+    EXPECT_EQ(line_of(event_of("<4>   spaced")),
+              R"({"sequence":1,"logTime":"2026-11-21T12:00:00+0000","message":"<4>spaced"})");
+}
+
+TEST(SyslogEvent, LocalTimeCarriesItsOffset)
+{
+    setenv("TZ", "CET-1", 1);
+    tzset();
+    EXPECT_EQ(
+        line_of(event_of("<13>Nov 21 10:11:12 x")),
+        R"({"sequence":1,"logTime":"2026-11-21T10:11:12+0100","message":"<13>Nov 21 10:11:12 x"})");
+    EXPECT_EQ(line_of(event_of("<13>x")),
+              R"({"sequence":1,"logTime":"2026-11-21T13:00:00+0100","message":"<13>x"})");
+    setenv("TZ", "UTC", 1);
+    tzset();
+}
+
+TEST(SyslogEvent, NoHeadIsForwardedWholeAsUserNotice)
+{
+    setenv("TZ", "UTC", 1);
+    tzset();
+    EXPECT_EQ(line_of(event_of("plain text")),
+              R"({"sequence":1,"logTime":"2026-11-21T12:00:00+0000","message":"<13>plain text"})");
+    EXPECT_EQ(line_of(event_of("<x>odd")),
+              R"({"sequence":1,"logTime":"2026-11-21T12:00:00+0000","message":"<13><x>odd"})");
+}
+
+TEST(SyslogEvent, CopyStopsAtNulAndAtTheDatagramEnd)
+{
+    setenv("TZ", "UTC", 1);
+    tzset();
+    std::string d("<13>ab\0cd", 9);
+    EXPECT_EQ(line_of(event_of(d)),
+              R"({"sequence":1,"logTime":"2026-11-21T12:00:00+0000","message":"<13>ab"})");
+    std::vector<char> ev(4096);
+    int n = platform_syslog_event("<13>abcdef", 7, NOON, 1, ev.data(), 4096);
+    EXPECT_EQ(line_of(std::string(ev.data(), n)),
+              R"({"sequence":1,"logTime":"2026-11-21T12:00:00+0000","message":"<13>abc"})");
+}
+
+namespace
+{
+std::string message_of(const std::string &event)
+{
+    const std::string open = R"(\"message\":\")";
+    size_t b = event.find(open) + open.size();
+    size_t e = event.rfind(R"(\"}"})");
+    return event.substr(b, e - b);
+}
+} // namespace
+
+TEST(SyslogEvent, MessageIsCutAfter1022Characters)
+{
+    // 1020 characters of text after a 4-byte head: all of it fits.
+    std::string text(1020, 'a');
+    EXPECT_EQ(message_of(event_of("<13>" + text)), "<13>" + text);
+    // The datagram holds at most 1024 bytes, so 1020 of text is the most
+    // there can be.
+    std::string longer(2000, 'b');
+    EXPECT_EQ(message_of(event_of("<1>" + longer)), "<1>" + std::string(1021, 'b'));
+
+    // Without a head the whole datagram is text: the copy stops at 1023.
+    std::string plain(1024, 'c');
+    EXPECT_EQ(message_of(event_of(plain)), "<13>" + std::string(1023, 'c'));
+    // A quote written when 1022 are in takes the text to 1026.
+    std::string quoted = std::string(1022, 'd') + "\"" + "e";
+    EXPECT_EQ(message_of(event_of(quoted)), "<13>" + std::string(1022, 'd') + "\\\\\\\"");
+}
+
+TEST(SyslogEvent, EventIsCutTo1023Bytes)
+{
+    std::string ev = event_of("<13>" + std::string(1000, 'a'), 1, 1024);
+    EXPECT_EQ(ev.size(), 1023u);
+    EXPECT_EQ(ev.rfind(R"({"event":"syslog","params":"{\"sequence\":1,)", 0), 0u);
+}
+
+// ---- the listener's batches -------------------------------------------------
+
+TEST_F(LoggingTest, InitRegistersCommandDumpAndListener)
+{
+    EXPECT_TRUE(logged("registered 'set.logging' command handler"));
+    struct handler *h = signals_lookup(SIGUSR1);
+    bool found = false;
+    for (; h != nullptr; h = h->next)
+        if (strcmp(h->name, "logging_debug") == 0 && h->fn == logging_debug)
+            found = true;
+    EXPECT_TRUE(found);
+    struct listener *l = listener_lookup("unix:/tmp/orkad_syslog_socket", "syslog");
+    ASSERT_NE(l, nullptr);
+    EXPECT_EQ(l->fn, logging_listener);
+    EXPECT_TRUE(logged("registered 'syslog' listener on 'unix:/tmp/orkad_syslog_socket'"));
+}
+
+TEST_F(LoggingTest, Line512IsForwarded513IsOversize)
+{
+    feed(line_n(512));
+    EXPECT_EQ(filling(), 4 + 512);
+    EXPECT_EQ(oversize(), 0);
+    feed(line_n(513));
+    EXPECT_EQ(filling(), 4 + 512);
+    EXPECT_EQ(oversize(), 1);
+    EXPECT_EQ(overflow(), 0);
+    auto m = sys_messages();
+    ASSERT_EQ(m.size(), 1u);
+    EXPECT_EQ(m[0], "listener: " + line_n(512));
+}
+
+TEST_F(LoggingTest, NonStringParamsAreIgnored)
+{
+    logging_listener("syslog", nullptr);
+    json_t *n = json_integer(5);
+    logging_listener("syslog", n);
+    json_decref(n);
+    EXPECT_EQ(filling(), 0);
+    EXPECT_EQ(oversize() + overflow(), 0);
+}
+
+TEST_F(LoggingTest, HundredCharacterLinesFillABatchAfter39)
+{
+    for (int i = 0; i < 39; i++)
+        feed(line_n(100, i));
+    EXPECT_EQ(filling(), 39 * 104);
+    EXPECT_EQ(ready(), 0);
+    feed(line_n(100, 39));
+    EXPECT_EQ(ready(), 1);
+    EXPECT_EQ(filling(), 104);
+}
+
+TEST_F(LoggingTest, SixtyThreeWaitingAndAFullBatchLeaveNoRoom)
+{
+    for (int i = 0; i < 64 * 39; i++)
+        feed(line_n(100, i));
+    EXPECT_EQ(ready(), 63);
+    EXPECT_EQ(filling(), 39 * 104);
+    EXPECT_EQ(overflow(), 0);
+    // The full batch becomes the 64th waiting one; a new one may not be had.
+    feed(line_n(100, 99));
+    EXPECT_EQ(ready(), 64);
+    EXPECT_EQ(filling(), 0);
+    EXPECT_EQ(overflow(), 1);
+    feed(line_n(10, 100));
+    EXPECT_EQ(overflow(), 2);
+}
+
+namespace
+{
+std::atomic<bool> hold_sender{false};
+unsigned int gate_sleep(unsigned int)
+{
+    while (hold_sender)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    return 0;
+}
+} // namespace
+
+TEST_F(LoggingTest, SixtyFourWaitingAndAFullBatchMeansOverflow)
+{
+    // 63 waiting and a full batch being filled.
+    for (int i = 0; i < 64 * 39; i++)
+        feed(line_n(100, i));
+    ASSERT_EQ(ready(), 63);
+    // The controller answers slowly and badly: while the sender holds the
+    // oldest batch, a new batch is filled; the failed batch then goes back.
+    lab->script(R"({"path":"/api/syslog","status":500,"delay":2,"forever":true})");
+    logging_sleep = gate_sleep;
+    hold_sender = true;
+    EXPECT_EQ(set_logging(params(86400000), "of").first, 0);
+    ASSERT_TRUE(wait_for([&] { return ready() == 62; }));
+    for (int i = 0; i < 39; i++)
+        feed(line_n(100, 200 + i));
+    EXPECT_EQ(ready(), 63);
+    ASSERT_TRUE(wait_logged("logging_send: post errors (err = 500)"));
+    EXPECT_EQ(ready(), 64);
+    EXPECT_EQ(filling(), 39 * 104);
+    EXPECT_EQ(overflow(), 0);
+
+    feed(line_n(100, 300));
+    EXPECT_EQ(ready(), 65);
+    EXPECT_EQ(filling(), 0);
+    EXPECT_EQ(overflow(), 1);
+    hold_sender = false;
+}
+
+TEST_F(LoggingTest, DumpShowsStateAndCounters)
+{
+    feed(line_n(100));
+    feed(line_n(600));
+    logging_debug(SIGUSR1);
+    auto d = log_messages(root.at("/tmp/debug.log"));
+    ASSERT_GE(d.size(), 2u);
+    d.erase(d.begin(), d.end() - 2);
+    EXPECT_EQ(d[0], "logging_debug: logging_enabled = 0, logging_interval = 0");
+    EXPECT_NE(d[1].find("logging_debug: logbuf = 0x"), std::string::npos) << d[1];
+    EXPECT_NE(d[1].find(" (104), overflow = 0, oversize = 1, ready-logs-count = 0"),
+              std::string::npos)
+        << d[1];
+}
+
+TEST_F(LoggingTest, DecodedEventsReachTheBatchAsTheirParamsText)
+{
+    std::string ev = event_of("<13>Nov 21 10:11:12 h: say \"hi\"", 3);
+    ASSERT_EQ(listener_internal_send("unix:/tmp/orkad_syslog_socket", ev.data(), (int)ev.size()),
+              0);
+    auto m = sys_messages();
+    ASSERT_EQ(m.size(), 1u);
+    EXPECT_EQ(m[0], "listener: {\"sequence\":3,\"logTime\":\"2026-11-21T10:11:12+0000\","
+                    "\"message\":\"<13>Nov 21 10:11:12 h: say \\\"hi\\\"\"}");
+    EXPECT_EQ(filling(), 4 + (int)m[0].size() - 10);
+}
+
+// ---- set.logging --------------------------------------------------------------
+
+TEST_F(LoggingTest, IntervalLimits)
+{
+    EXPECT_EQ(set_logging(params(999), "a"),
+              std::make_pair(-1, std::string("logging interval out of range")));
+    EXPECT_EQ(set_logging(params(86401000), "b"),
+              std::make_pair(-1, std::string("logging interval out of range")));
+    EXPECT_FALSE(logging_enabled);
+    EXPECT_EQ(logging_id, -1);
+    EXPECT_EQ(count_logged("set.logging: logging interval out of range"), 2u);
+
+    EXPECT_EQ(set_logging(params(1000), "c"), std::make_pair(0, std::string()));
+    EXPECT_EQ(logging_interval, 1);
+    EXPECT_TRUE(logging_enabled);
+    EXPECT_GE(logging_id, 0);
+    EXPECT_EQ(set_logging(params(86400000), "d"), std::make_pair(0, std::string()));
+    EXPECT_EQ(logging_interval, 86400);
+    EXPECT_EQ(set_logging(params(86400999), "e"), std::make_pair(0, std::string()));
+    EXPECT_EQ(logging_interval, 86400);
+}
+
+TEST_F(LoggingTest, SetLoggingMessages)
+{
+    struct {
+        const char *params;
+        const char *message;
+    } cases[] = {
+        {R"("x")", "missing or invalid 'params' element"},
+        {R"({"serviceLink":{"href":"/s"}})", "missing or invalid 'interval' element in params"},
+        {R"({"interval":"5000","serviceLink":{"href":"/s"}})",
+         "missing or invalid 'interval' element in params"},
+        {R"({"interval":5000,"priority":{"level":3},"serviceLink":{"href":"/s"}})",
+         "invalid 'priority' element in params"},
+        {R"({"interval":5000})", "missing or invalid 'serviceLink' element in params"},
+        {R"({"interval":5000,"serviceLink":"/s"})",
+         "missing or invalid 'serviceLink' element in params"},
+        {R"({"interval":5000,"serviceLink":{"href":5}})",
+         "missing or invalid 'href' element in params"},
+    };
+    int n = 0;
+    for (auto &c : cases) {
+        std::string id = "m" + std::to_string(n++);
+        EXPECT_EQ(set_logging(c.params, id.c_str()), std::make_pair(-1, std::string(c.message)))
+            << c.params;
+        EXPECT_TRUE(logged(std::string("set.logging: ") + c.message)) << c.message;
+    }
+    EXPECT_FALSE(logging_enabled);
+    EXPECT_EQ(logging_id, -1);
+    // Nothing reached the switch.
+    EXPECT_FALSE(file_exists(root.at("/var/switch/journal")));
+
+    use_lab();
+    cmd_set_logging(strdup("set.logging"), json_loads(R"({"params":{}})", 0, nullptr),
+                    strdup("/response/t"));
+    Json res = lab->wait_results({}, n + 1);
+    ASSERT_EQ(json_array_size(res.get()), (size_t)n + 1);
+    EXPECT_EQ(at(res, n, "commandId"), "");
+    EXPECT_EQ(at(res, n, "message"), "missing or invalid 'id' element in command");
+}
+
+TEST_F(LoggingTest, PriorityOtherThanAnObjectIsAcceptedAndIgnored)
+{
+    EXPECT_EQ(
+        set_logging(R"({"interval":2000,"priority":7,"serviceLink":{"href":"/s"}})", "p1").first,
+        0);
+    EXPECT_EQ(logging_priority, 3);
+    EXPECT_EQ(
+        set_logging(R"({"interval":2000,"priority":"debug","serviceLink":{"href":"/s"}})", "p2")
+            .first,
+        0);
+    EXPECT_EQ(logging_priority, 3);
+    EXPECT_EQ(
+        set_logging(R"({"interval":2000,"priority":[1],"serviceLink":{"href":"/s"}})", "p3").first,
+        0);
+    EXPECT_EQ(logging_priority, 3);
+}
+
+TEST_F(LoggingTest, OneSenderKeepsItsLinkAndTakesTheNewInterval)
+{
+    lab->add_link("/first", "syslog");
+    lab->add_link("/second", "syslog");
+    EXPECT_EQ(set_logging(params(5000, "/first"), "s1").first, 0);
+    int id = logging_id;
+    EXPECT_TRUE(wait_logged("logging_send: Started '5','/first','1'"));
+    EXPECT_EQ(set_logging(params(1000, "/second"), "s2").first, 0);
+    EXPECT_EQ(logging_id, id);
+    EXPECT_EQ(logging_interval, 1);
+    EXPECT_TRUE(logged("logging_start: logging thread " + std::to_string(id) +
+                       " already running, new interval = 1, enable = true"));
+    int senders = 0;
+    for (int i = 0; i < next_thread; i++)
+        if (threads[i].name != nullptr && strcmp(threads[i].name, "logging_send") == 0)
+            senders++;
+    EXPECT_EQ(senders, 1);
+
+    // The switch was pointed at us once.
+    auto journal = lines_of(read_file(root.at("/var/switch/journal")));
+    ASSERT_EQ(journal.size(), 4u);
+    EXPECT_EQ(json_str(json_parse(journal[0]).get(), "call"), "rpcclt_openapiLoggingHostAdd");
+
+    feed(line_n(50, 1));
+    lab->wait_requests({{"path", "/api/first"}}, 1, 10);
+    EXPECT_EQ(posted_lines("/first"), std::vector<std::string>{line_n(50, 1)});
+    EXPECT_EQ(count({{"path", "/api/second"}}), 0u);
+}
+
+TEST_F(LoggingTest, ThreadThatCannotStartIsTheAnswer)
+{
+    // Every thread slot taken: neither the receiver nor the sender can start.
+    int saved = next_thread;
+    next_thread = THREAD_SLOTS;
+    auto r = set_logging(params(1000), "t1");
+    next_thread = saved;
+    EXPECT_EQ(r.first, -1);
+    EXPECT_EQ(r.second, "");
+    EXPECT_TRUE(logged("cmd_set_logging: platform_start_logging() failed, err = -1"));
+    EXPECT_EQ(logging_id, -1);
+}
+
+// ---- the sender ----------------------------------------------------------------
+
+TEST_F(LoggingTest, PartialBatchGoesOutAfterTheIntervalFullOnesAtOnce)
+{
+    // Forty lines: one full batch of 39 and one line in the next.
+    std::vector<std::string> lines;
+    for (int i = 0; i < 40; i++) {
+        lines.push_back(line_n(100, i));
+        feed(lines.back());
+    }
+    EXPECT_EQ(set_logging(params(1000), "go").first, 0);
+    lab->wait_requests({{"path", "/api/syslog"}}, 2, 10);
+    Json reqs = lab->requests({{"path", "/api/syslog"}});
+    ASSERT_EQ(json_array_size(reqs.get()), 2u);
+    EXPECT_EQ(posted_lines("/syslog"), lines);
+    // The frame: lines separated by commas, nothing else.
+    std::string body = at(reqs, 1, "body");
+    EXPECT_EQ(body, "{\"log\":[" + lines[39] + "]}");
+    json_t *h = json_object_get(item(reqs, 0), "headers");
+    EXPECT_EQ(json_str(h, "content-type"), "application/json");
+    EXPECT_EQ(json_str(h, "authorization").rfind("Bearer ", 0), 0u);
+    EXPECT_TRUE(logged("logging_send: overflow = 0, oversize = 0, ready-logs-count = 0"));
+    auto s = sys_messages();
+    EXPECT_NE(std::find(s.begin(), s.end(), "sending (retry = 3) " + body), s.end());
+}
+
+TEST_F(LoggingTest, FailedBatchIsRetriedFirstAndOrderIsKept)
+{
+    lab->script(R"({"path":"/api/syslog","status":500,"count":3})");
+    std::vector<std::string> lines;
+    for (int i = 0; i < 80; i++) {
+        lines.push_back(line_n(100, i));
+        feed(lines.back());
+    }
+    EXPECT_EQ(ready(), 2);
+    EXPECT_EQ(set_logging(params(1000), "retry").first, 0);
+    lab->wait_requests({{"path", "/api/syslog"}, {"status", "200"}}, 3, 15);
+    EXPECT_EQ(posted_lines("/syslog"), lines);
+    EXPECT_EQ(count_logged("logging_send: post errors (err = 500)"), 3u);
+    EXPECT_TRUE(logged("logging_post: err = 500, reply = ''"));
+    // The first three posts all carried the oldest batch.
+    Json reqs = lab->requests({{"path", "/api/syslog"}});
+    ASSERT_GE(json_array_size(reqs.get()), 4u);
+    for (int i = 1; i < 4; i++)
+        EXPECT_EQ(at(reqs, i, "body"), at(reqs, 0, "body"));
+}
+
+TEST_F(LoggingTest, SenderThatIsNotEnabledStopsAtOnce)
+{
+    int interval = 4;
+    logging_enabled = false;
+    logging_id = 7;
+    logging_send(&interval, strdup("/x"), nullptr);
+    EXPECT_TRUE(logged("logging_send: Started '4','/x','0'"));
+    EXPECT_TRUE(logged("logging_send: Stopped"));
+    EXPECT_EQ(logging_id, -1);
+}
+
+// ---- the post -------------------------------------------------------------------
+
+TEST_F(LoggingTest, PostWithoutControllerCountsAsSent)
+{
+    EXPECT_EQ(logging_post("/syslog", "{\"log\":[]}", 10), 0);
+    EXPECT_EQ(count({{"path", "/api/syslog"}}), 0u);
+}
+
+TEST_F(LoggingTest, PostTriesFourTimesOnRefusedTokens)
+{
+    use_lab();
+    lab->script(R"({"path":"/api/syslog","status":401,"count":4})");
+    EXPECT_EQ(logging_post("/syslog", "{\"log\":[]}", 10), 401);
+    EXPECT_EQ(count({{"path", "/api/syslog"}}), 4u);
+    EXPECT_EQ(json_array_size(lab->tokens().get()), 4u);
+    auto s = sys_messages();
+    std::vector<std::string> sending;
+    for (auto &m : s)
+        if (m.rfind("sending (retry = ", 0) == 0)
+            sending.push_back(m);
+    EXPECT_EQ(sending, (std::vector<std::string>{"sending (retry = 3) {\"log\":[]}",
+                                                 "sending (retry = 2) {\"log\":[]}",
+                                                 "sending (retry = 1) {\"log\":[]}",
+                                                 "sending (retry = 0) {\"log\":[]}"}));
+    EXPECT_TRUE(logged("logging_post: err = 401, reply = ''"));
+}
+
+TEST_F(LoggingTest, PostRenewsTheTokenOnceAndSucceeds)
+{
+    use_lab();
+    lab->script(R"({"path":"/api/syslog","status":401,"count":1})");
+    EXPECT_EQ(logging_post("/syslog", "{\"log\":[]}", 10), 0);
+    EXPECT_EQ(count({{"path", "/api/syslog"}}), 2u);
+}
+
+TEST_F(LoggingTest, OtherErrorsAreNotRetried)
+{
+    use_lab();
+    lab->script(R"({"path":"/api/syslog","status":503,"text":"busy","count":1})");
+    EXPECT_EQ(logging_post("/syslog", "{\"log\":[]}", 10), 503);
+    EXPECT_EQ(count({{"path", "/api/syslog"}}), 1u);
+    EXPECT_TRUE(logged("logging_post: err = 503, reply = 'busy'"));
+}
+
+// ---- the flush --------------------------------------------------------------------
+
+TEST_F(LoggingTest, FlushWithNothingWaitingTakesFiveSeconds)
+{
+    logging_sleep = record_sleep;
+    logging_interval = 30;
+    EXPECT_EQ(logging_flush(60), 0);
+    EXPECT_EQ(sleeps, std::vector<unsigned int>{5});
+    EXPECT_EQ(logging_interval, 0);
+}
+
+TEST_F(LoggingTest, FlushGivesUpAfterItsSeconds)
+{
+    logging_sleep = record_sleep;
+    for (int i = 0; i < 80; i++)
+        feed(line_n(100, i));
+    // Nobody sends: 5, then 2 at a time while less than 60 have passed.
+    EXPECT_EQ(logging_flush(60), 2);
+    EXPECT_EQ(sleeps.size(), 29u);
+    EXPECT_EQ(sleeps[0], 5u);
+    EXPECT_EQ(std::count(sleeps.begin(), sleeps.end(), 2u), 28);
+}
+
+TEST_F(LoggingTest, FlushSendsTheBatchBeingFilled)
+{
+    EXPECT_EQ(set_logging(params(86400000), "fl").first, 0);
+    feed(line_n(60, 1));
+    // The interval is a day, yet the flush makes the line go now.
+    EXPECT_EQ(logging_flush(60), 0);
+    lab->wait_requests({{"path", "/api/syslog"}}, 1, 10);
+    EXPECT_EQ(posted_lines("/syslog"), std::vector<std::string>{line_n(60, 1)});
+}
+
+// ---- the receiver over UDP -------------------------------------------------------
+
+namespace
+{
+
+void send_udp(int port, const std::string &data)
+{
+    int s = socket(AF_INET, SOCK_DGRAM, 0);
+    struct sockaddr_in to = {};
+    to.sin_family = AF_INET;
+    to.sin_port = htons((uint16_t)port);
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sendto(s, data.data(), data.size(), 0, reinterpret_cast<struct sockaddr *>(&to), sizeof(to));
+    close(s);
+}
+
+int test_port()
+{
+    return 20000 + getpid() % 20000;
+}
+
+} // namespace
+
+TEST_F(LoggingTest, ReceiverNumbersDatagramsAndSurvivesBadOnes)
+{
+    int port = test_port();
+    platform_syslog_port = port;
+    thread_start("platform_syslog_reader", platform_syslog_reader, nullptr, nullptr, nullptr);
+    // Until the receiver is bound, datagrams are lost: repeat the first.
+    ASSERT_TRUE(wait_for(
+        [&] {
+            send_udp(port, "<13>first");
+            return filling() > 0;
+        },
+        5000));
+    int base = (int)sys_messages().size();
+
+    send_udp(port, "no head here");
+    send_udp(port, std::string("<13>bin\x01\xff\xfe", 10));
+    send_udp(port, "<13>" + std::string(65000, 'x'));
+    send_udp(port, "<13>bad \\q escape");
+    send_udp(port, "<14>Nov 21 10:11:12 good");
+    ASSERT_TRUE(wait_for(
+        [&] {
+            auto m = sys_messages();
+            return !m.empty() && m.back().find("good") != std::string::npos;
+        },
+        5000));
+    std::vector<std::string> m;
+    auto all = sys_messages();
+    for (size_t i = base; i < all.size(); i++)
+        if (all[i].find("<13>first") == std::string::npos)
+            m.push_back(all[i]);
+    ASSERT_EQ(m.size(), 2u);
+    // The binary bytes, the cut 64-KiB datagram and the stray backslash make
+    // events the listener cannot decode; their numbers are used all the same.
+    EXPECT_NE(m[0].find("\"message\":\"<13>no head here\""), std::string::npos) << m[0];
+    EXPECT_EQ(m[1].rfind("listener: {\"sequence\":", 0), 0u);
+    Json first = json_parse(m[0].substr(10));
+    Json last = json_parse(m[1].substr(10));
+    EXPECT_EQ(json_integer_value(json_object_get(last.get(), "sequence")) -
+                  json_integer_value(json_object_get(first.get(), "sequence")),
+              4);
+    EXPECT_EQ(json_str(last.get(), "message"), "<14>Nov 21 10:11:12 good");
+    size_t decode_errors = 0;
+    for (auto &l : main_log())
+        if (l.rfind("listener: error decoding message: ", 0) == 0)
+            decode_errors++;
+    EXPECT_EQ(decode_errors, 3u);
+    EXPECT_EQ(oversize() + overflow(), 0);
+}
+
+TEST_F(LoggingTest, ReceiverThatCannotBindSaysSo)
+{
+    int port = test_port() + 1;
+    int s = socket(AF_INET, SOCK_DGRAM, 0);
+    struct sockaddr_in a = {};
+    a.sin_family = AF_INET;
+    a.sin_port = htons((uint16_t)port);
+    a.sin_addr.s_addr = htonl(INADDR_ANY);
+    ASSERT_EQ(bind(s, reinterpret_cast<struct sockaddr *>(&a), sizeof(a)), 0);
+    platform_syslog_port = port;
+    EXPECT_EQ(platform_syslog_pump(), -1);
+    EXPECT_TRUE(logged("platform_syslog_pump: failed bind, port " + std::to_string(port) +
+                       " (errno = 'Address already in use', 98)"));
+    close(s);
+}

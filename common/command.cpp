@@ -180,6 +180,37 @@ bool cmd_envelope::open(bool need_params)
     return true;
 }
 
+bool cmd_envelope::interval(long long min, long long max, const char *out_of_range, int *seconds)
+{
+    json_t *v = json_object_get(params, "interval");
+    if (!json_is_integer(v)) {
+        fail("missing or invalid 'interval' element in params");
+        return false;
+    }
+    long long s = json_integer_value(v) / 1000;
+    if (s < min || s > max) {
+        fail("%s", out_of_range);
+        return false;
+    }
+    *seconds = (int)s;
+    return true;
+}
+
+const char *cmd_envelope::service_link()
+{
+    json_t *link = json_object_get(params, "serviceLink");
+    if (!json_is_object(link)) {
+        fail("missing or invalid 'serviceLink' element in params");
+        return nullptr;
+    }
+    json_t *href = json_object_get(link, "href");
+    if (!json_is_string(href)) {
+        fail("missing or invalid 'href' element in params");
+        return nullptr;
+    }
+    return json_string_value(href);
+}
+
 int cmd_envelope::fail(const char *fmt, ...)
 {
     va_list ap;

@@ -53,6 +53,13 @@ class cmd_envelope
     // object. On failure the message says what was wrong, it is logged, and
     // false is returned; nothing is answered yet.
     bool open(bool need_params = true);
+    // Reads params "interval", milliseconds, as whole seconds (truncated)
+    // that must lie in [min, max]; otherwise fails with the missing-interval
+    // message or with out_of_range.
+    bool interval(long long min, long long max, const char *out_of_range, int *seconds);
+    // Reads the "href" text of params "serviceLink"; null after failing with
+    // the message for whichever of the two is missing.
+    const char *service_link();
     // Sets the message, logs it and returns -1, the failure code.
     int fail(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
     // Answers the controller with the code, the message and optional JSON

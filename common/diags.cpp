@@ -59,14 +59,9 @@ void cmd_get_diagnostics(char *command, json_t *js_command, char *resp_href)
         cmd.answer(-1);
         return;
     }
-    json_t *link = json_object_get(cmd.params, "serviceLink");
-    if (!json_is_object(link)) {
-        cmd.answer(cmd.fail("missing or invalid 'serviceLink' element in params"));
-        return;
-    }
-    json_t *href = json_object_get(link, "href");
-    if (!json_is_string(href)) {
-        cmd.answer(cmd.fail("missing or invalid 'href' element in params"));
+    const char *href = cmd.service_link();
+    if (href == nullptr) {
+        cmd.answer(-1);
         return;
     }
     const char *base = get_cloud_controller();
@@ -75,7 +70,7 @@ void cmd_get_diagnostics(char *command, json_t *js_command, char *resp_href)
         return;
     }
     char url[512];
-    snprintf(url, sizeof(url), "%s/api%s", base, json_string_value(href));
+    snprintf(url, sizeof(url), "%s/api%s", base, href);
 
     // The uptime and log statistics go into the main log first, so that the
     // dump carries them.

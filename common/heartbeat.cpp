@@ -260,33 +260,23 @@ void cmd_set_heartbeat(char *command, json_t *js_command, char *resp_href)
         cmd.answer(-1);
         return;
     }
-    json_t *interval = json_object_get(cmd.params, "interval");
-    if (!json_is_integer(interval)) {
-        cmd.answer(cmd.fail("missing or invalid 'interval' element in params"));
+    int seconds;
+    if (!cmd.interval(MIN_INTERVAL, MAX_INTERVAL, "heartbeat interval out of range", &seconds)) {
+        cmd.answer(-1);
         return;
     }
-    long long seconds = json_integer_value(interval) / 1000;
-    if (seconds < MIN_INTERVAL || seconds > MAX_INTERVAL) {
-        cmd.answer(cmd.fail("heartbeat interval out of range"));
+    const char *href = cmd.service_link();
+    if (href == nullptr) {
+        cmd.answer(-1);
         return;
     }
-    json_t *link = json_object_get(cmd.params, "serviceLink");
-    if (!json_is_object(link)) {
-        cmd.answer(cmd.fail("missing or invalid 'serviceLink' element in params"));
-        return;
-    }
-    json_t *href = json_object_get(link, "href");
-    if (!json_is_string(href)) {
-        cmd.answer(cmd.fail("missing or invalid 'href' element in params"));
-        return;
-    }
-    if (strlen(json_string_value(href)) >= sizeof(heartbeat_link)) {
+    if (strlen(href) >= sizeof(heartbeat_link)) {
         cmd.answer(cmd.fail("the 'href' element in params is too large"));
         return;
     }
     // Not stored: a restarted agent starts from the defaults again.
     heartbeat_interval = (int)seconds;
-    snprintf(heartbeat_link, sizeof(heartbeat_link), "%s", json_string_value(href));
+    snprintf(heartbeat_link, sizeof(heartbeat_link), "%s", href);
     dev_syslog(LOG_INFO, "Heartbeat interval=%d seconds, link='%s'", heartbeat_interval,
                heartbeat_link);
     cmd.answer(0);

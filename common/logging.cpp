@@ -124,14 +124,9 @@ void cmd_set_logging(char *command, json_t *js_command, char *resp_href)
         cmd.answer(-1);
         return;
     }
-    json_t *interval = json_object_get(cmd.params, "interval");
-    if (!json_is_integer(interval)) {
-        cmd.answer(cmd.fail("missing or invalid 'interval' element in params"));
-        return;
-    }
-    long long seconds = json_integer_value(interval) / 1000;
-    if (seconds < MIN_INTERVAL || seconds > MAX_INTERVAL) {
-        cmd.answer(cmd.fail("logging interval out of range"));
+    int seconds;
+    if (!cmd.interval(MIN_INTERVAL, MAX_INTERVAL, "logging interval out of range", &seconds)) {
+        cmd.answer(-1);
         return;
     }
     // Only an object is refused; any other priority is taken and ignored,
@@ -140,14 +135,9 @@ void cmd_set_logging(char *command, json_t *js_command, char *resp_href)
         cmd.answer(cmd.fail("invalid 'priority' element in params"));
         return;
     }
-    json_t *link = json_object_get(cmd.params, "serviceLink");
-    if (!json_is_object(link)) {
-        cmd.answer(cmd.fail("missing or invalid 'serviceLink' element in params"));
-        return;
-    }
-    json_t *href = json_object_get(link, "href");
-    if (!json_is_string(href)) {
-        cmd.answer(cmd.fail("missing or invalid 'href' element in params"));
+    const char *href = cmd.service_link();
+    if (href == nullptr) {
+        cmd.answer(-1);
         return;
     }
 
@@ -160,7 +150,7 @@ void cmd_set_logging(char *command, json_t *js_command, char *resp_href)
     logging_interval = (int)seconds;
     int result = 0;
     if (logging_id < 0) {
-        char *copy = strdup_with_error(json_string_value(href), "logging_start: %s\n", cmd.message);
+        char *copy = strdup_with_error(href, "logging_start: %s\n", cmd.message);
         if (copy == nullptr) {
             result = -1;
         } else {

@@ -154,30 +154,21 @@ void cmd_set_stats(char *command, json_t *js_command, char *resp_href)
         cmd.answer(-1);
         return;
     }
-    json_t *interval = json_object_get(cmd.params, "interval");
-    if (!json_is_integer(interval)) {
-        cmd.answer(cmd.fail("missing or invalid 'interval' element in params"));
+    // The controller has always been told "logging" here.
+    int seconds;
+    if (!cmd.interval(STATS_INTERVAL_MIN, STATS_INTERVAL_MAX, "logging interval out of range",
+                      &seconds)) {
+        cmd.answer(-1);
         return;
     }
-    json_int_t seconds = json_integer_value(interval) / 1000;
-    if (seconds < STATS_INTERVAL_MIN || seconds > STATS_INTERVAL_MAX) {
-        // The controller has always been told "logging" here.
-        cmd.answer(cmd.fail("logging interval out of range"));
-        return;
-    }
-    json_t *link = json_object_get(cmd.params, "serviceLink");
-    if (!json_is_object(link)) {
-        cmd.answer(cmd.fail("missing or invalid 'serviceLink' element in params"));
-        return;
-    }
-    json_t *href = json_object_get(link, "href");
-    if (!json_is_string(href)) {
-        cmd.answer(cmd.fail("missing or invalid 'href' element in params"));
+    const char *href = cmd.service_link();
+    if (href == nullptr) {
+        cmd.answer(-1);
         return;
     }
     stats_enabled = true;
     stats_interval = (int)seconds;
-    cmd.answer(stats_start(cmd, json_string_value(href)));
+    cmd.answer(stats_start(cmd, href));
 }
 
 void do_stats(int)

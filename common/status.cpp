@@ -246,24 +246,15 @@ void cmd_set_status(char *command, json_t *js_command, char *resp_href)
         cmd.answer(-1);
         return;
     }
-    json_t *interval = json_object_get(cmd.params, "interval");
-    if (!json_is_integer(interval)) {
-        cmd.answer(cmd.fail("missing or invalid 'interval' element in params"));
+    int seconds;
+    if (!cmd.interval(STATUS_MIN_INTERVAL, STATUS_MAX_INTERVAL, "status interval out of range",
+                      &seconds)) {
+        cmd.answer(-1);
         return;
     }
-    long long seconds = json_integer_value(interval) / 1000;
-    if (seconds < STATUS_MIN_INTERVAL || seconds > STATUS_MAX_INTERVAL) {
-        cmd.answer(cmd.fail("status interval out of range"));
-        return;
-    }
-    json_t *link = json_object_get(cmd.params, "serviceLink");
-    if (!json_is_object(link)) {
-        cmd.answer(cmd.fail("missing or invalid 'serviceLink' element in params"));
-        return;
-    }
-    json_t *href = json_object_get(link, "href");
-    if (!json_is_string(href)) {
-        cmd.answer(cmd.fail("missing or invalid 'href' element in params"));
+    const char *href = cmd.service_link();
+    if (href == nullptr) {
+        cmd.answer(-1);
         return;
     }
 
@@ -271,7 +262,7 @@ void cmd_set_status(char *command, json_t *js_command, char *resp_href)
     status_interval = (int)seconds;
     int result = 0;
     if (status_id < 0) {
-        char *slink = strdup_with_error(json_string_value(href), "status_start: %s\n", nullptr);
+        char *slink = strdup_with_error(href, "status_start: %s\n", nullptr);
         if (slink == nullptr) {
             cmd.answer(cmd.fail("Out of memory"));
             return;

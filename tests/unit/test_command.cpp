@@ -378,3 +378,65 @@ TEST_F(CommandTest, EnvelopeFailFormatsLogsAndReturnsMinusOne)
     EXPECT_STREQ(e.message, "value 42 out of range");
     EXPECT_TRUE(logged("set.thing: value 42 out of range"));
 }
+
+TEST_F(CommandTest, EnvelopeIntervalIsWholeSecondsWithinItsRange)
+{
+    cmd_envelope e("set.thing", strdup("set.thing"),
+                   parse(R"({"id":"x","params":{"interval":10999}})"), strdup("/r"));
+    ASSERT_TRUE(e.open());
+    int seconds = -1;
+    EXPECT_TRUE(e.interval(10, 3600, "thing interval out of range", &seconds));
+    EXPECT_EQ(seconds, 10); // truncated, not rounded
+    EXPECT_STREQ(e.message, "");
+    EXPECT_FALSE(e.interval(11, 3600, "thing interval out of range", &seconds));
+    EXPECT_STREQ(e.message, "thing interval out of range");
+    EXPECT_TRUE(logged("set.thing: thing interval out of range"));
+    EXPECT_EQ(seconds, 10);
+}
+
+TEST_F(CommandTest, EnvelopeIntervalMustBeAnInteger)
+{
+    for (const char *text : {R"({"id":"x","params":{}})", R"({"id":"x","params":{"interval":"5"}})",
+                             R"({"id":"x","params":{"interval":5000.0}})"}) {
+        cmd_envelope e("set.thing", strdup("set.thing"), parse(text), strdup("/r"));
+        ASSERT_TRUE(e.open());
+        int seconds = -1;
+        EXPECT_FALSE(e.interval(1, 60, "out of range", &seconds)) << text;
+        EXPECT_STREQ(e.message, "missing or invalid 'interval' element in params") << text;
+        EXPECT_EQ(seconds, -1);
+    }
+    // Far beyond an int: still refused as out of range, not wrapped into it.
+    cmd_envelope e("set.thing", strdup("set.thing"),
+                   parse(R"({"id":"x","params":{"interval":4294968296000}})"), strdup("/r"));
+    ASSERT_TRUE(e.open());
+    int seconds = -1;
+    EXPECT_FALSE(e.interval(1, 60, "out of range", &seconds));
+    EXPECT_STREQ(e.message, "out of range");
+}
+
+TEST_F(CommandTest, EnvelopeServiceLinkNeedsAnObjectWithAnHrefText)
+{
+    const struct {
+        const char *text;
+        const char *message;
+    } cases[] = {
+        {R"({"id":"x","params":{}})", "missing or invalid 'serviceLink' element in params"},
+        {R"({"id":"x","params":{"serviceLink":"/s"}})",
+         "missing or invalid 'serviceLink' element in params"},
+        {R"({"id":"x","params":{"serviceLink":{}}})",
+         "missing or invalid 'href' element in params"},
+        {R"({"id":"x","params":{"serviceLink":{"href":7}}})",
+         "missing or invalid 'href' element in params"},
+    };
+    for (const auto &c : cases) {
+        cmd_envelope e("get.thing", strdup("get.thing"), parse(c.text), strdup("/r"));
+        ASSERT_TRUE(e.open());
+        EXPECT_EQ(e.service_link(), nullptr) << c.text;
+        EXPECT_STREQ(e.message, c.message) << c.text;
+    }
+    cmd_envelope e("get.thing", strdup("get.thing"),
+                   parse(R"({"id":"x","params":{"serviceLink":{"href":"/s/1"}}})"), strdup("/r"));
+    ASSERT_TRUE(e.open());
+    EXPECT_STREQ(e.service_link(), "/s/1");
+    EXPECT_STREQ(e.message, "");
+}

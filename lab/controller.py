@@ -999,13 +999,14 @@ def main(argv=None):
         server.lab.stopping.set()
     signal.signal(signal.SIGTERM, stop)
     signal.signal(signal.SIGINT, stop)
+    # The ready file first: whoever reads the printed lines may look for it.
+    server.write_ready(a.ready_file or os.path.join(state, "controller.json"))
     print(f"base_url {server.lab.base_url}")
     if server.control_socket:
         print(f"control unix:{server.control_socket}")
     if server.control_url:
         print(f"control {server.control_url}")
     print(f"ca {server.ca}", flush=True)
-    server.write_ready(a.ready_file or os.path.join(state, "controller.json"))
     while not server.lab.stopping.wait(1.0):
         pass
     server.stop()

@@ -9,6 +9,7 @@
 #include "stats_ifs.h"
 
 #include <atomic>
+#include <dirent.h>
 #include <regex>
 
 using namespace agent_test;
@@ -17,6 +18,25 @@ namespace
 {
 
 std::atomic<int> samples{0};
+
+// True when the thread of that name sleeps on a futex: a mutex or, for a
+// thread between jobs, its condition variable.
+bool thread_in_futex(const std::string &name)
+{
+    DIR *d = opendir("/proc/self/task");
+    if (d == nullptr)
+        return false;
+    bool found = false;
+    while (struct dirent *e = readdir(d)) {
+        std::string task = std::string("/proc/self/task/") + e->d_name;
+        if (e->d_name[0] == '.' || read_file(task + "/comm") != name + "\n")
+            continue;
+        found = read_file(task + "/wchan").find("futex") != std::string::npos;
+        break;
+    }
+    closedir(d);
+    return found;
+}
 unsigned long counting_clock(unsigned long)
 {
     samples++;
@@ -46,6 +66,15 @@ class StatsTest : public AgentTest
         if (r == nullptr)
             return {99, "<no result>"};
         return {(int)json_integer_value(json_object_get(r, "code")), json_str(r, "message")};
+    }
+
+    // After the n-th period: the sender posted it and waits for the next
+    // one again. A period tick that finds the sender still posting wakes
+    // nobody, so the pace tests must not tick past a post in flight.
+    void sender_back(int n)
+    {
+        ASSERT_EQ(json_array_size(lab->wait_requests({{"path", "/api/st"}}, n).get()), (size_t)n);
+        ASSERT_TRUE(wait_for([] { return thread_in_futex("stats_sender"); }));
     }
 
     // One tick once the collector waits for it, so no signal is lost (the
@@ -191,6 +220,7 @@ TEST_F(StatsTest, SamplesEveryFiveTicksAndPeriodsEveryInterval)
             ASSERT_TRUE(wait_for([&] { return stats_periods() == docs_before + 1; }))
                 << "tick " << t;
             closed_at.push_back(t);
+            sender_back((int)closed_at.size());
         }
     }
     EXPECT_EQ(stats_ticks(), 120u);
@@ -220,6 +250,7 @@ TEST_F(StatsTest, IntervalNotAMultipleOfFiveStillClosesEveryInterval)
             ASSERT_TRUE(wait_for([&] { return stats_periods() == docs_before + 1; }))
                 << "tick " << t;
             closed_at.push_back(t);
+            sender_back((int)closed_at.size());
         }
     }
     EXPECT_EQ(closed_at, (std::vector<unsigned int>{17, 34, 51}));

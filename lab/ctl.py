@@ -310,7 +310,8 @@ def parse_args(argv):
 def main(argv=None, out=sys.stdout):
     a = parse_args(argv if argv is not None else sys.argv[1:])
     try:
-        lab = find_lab(a.lab)
+        # Listing the commands needs no lab.
+        lab = find_lab(a.lab) if a.what != "commands" else None
         rc = globals()["do_" + a.what](lab, a, out)
     except (CtlError, LabError) as e:
         print(f"ctl: {e}", file=sys.stderr)

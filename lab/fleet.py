@@ -32,10 +32,9 @@ def serial_of(n):
     return f"VX{123456788 + n:010d}"
 
 
-def mac_of(n, port=0):
-    """MAC address of switch n (port 0: the switch itself)."""
-    return f"02:00:00:{n >> 8:02x}:{n & 255:02x}:{port:02x}" if port else \
-        f"02:00:00:00:{n >> 8:02x}:{n & 255:02x}" if n > 1 else "02:00:00:00:00:01"
+def mac_of(n):
+    """MAC address of switch n; switch 1 has the sample's."""
+    return f"02:00:00:00:{n >> 8:02x}:{n & 255:02x}"
 
 
 def address_of(n):

@@ -127,7 +127,7 @@ def test_dashboard_drives_a_fleet_of_three(runner, browser):
          "the port table")
     names = cells(browser, "#ports tbody td:nth-child(2)")
     assert names == [p["name"] for p in model["ports"]]
-    link = f'#ports tbody tr[data-port="1"] td.link'
+    link = '#ports tbody tr[data-port="1"] td.link'
     assert cells(browser, link) == [model["ports"][0]["link"]] == ["up"]
 
     # Pull port 1's link down in the switch model: the row follows.

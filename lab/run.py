@@ -184,7 +184,7 @@ def can_drop_clock_right():
 
 
 def parse_args(argv):
-    ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    ap = argparse.ArgumentParser(description=" ".join(__doc__.split("\n\n")[0].split()))
     ap.add_argument("--bin", default=os.path.join(SOURCE, "build", "common", "orkad"),
                     help="the orkad binary (default: build/common/orkad)")
     ap.add_argument("--root", help="device root to use (default: a new folder under /tmp); "

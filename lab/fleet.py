@@ -105,7 +105,7 @@ def boot_env(n, model):
 class Hub:
     """The hub namespace and one namespace per switch."""
 
-    def __init__(self, prefix="orkad-lab"):
+    def __init__(self, prefix="orkad-fleet"):
         tag = uuid.uuid4().hex[:6]
         self.tag = tag
         self.name = f"{prefix}-hub-{tag}"

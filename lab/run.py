@@ -303,7 +303,7 @@ def main(argv=None):
         host = ns.gateway if ns else "127.0.0.1"
         lab_prefix = ["setsid"] + (ns.prefix() if ns else [])
     else:
-        hub = fleet.Hub(prefix="orkad-lab").create()
+        hub = fleet.Hub(prefix="orkad-fleet").create()
         base = os.path.abspath(args.root or workdir)
         for n in range(1, args.devices + 1):
             root = os.path.join(base, f"sw{n}", "root") if not args.root else \

@@ -2,6 +2,7 @@
 switch in a namespace of its own with its own serial number, MACs and
 model, every one heartbeating throughout and answering a command."""
 
+import subprocess
 import time
 
 import pytest
@@ -70,3 +71,8 @@ def test_twenty_switches_heartbeat_for_a_minute_and_answer(tmp_path):
     out = runner.text()
     assert "lab: stopped; the device roots stay in" in out
     assert "ended with status" not in out
+    # Ctrl-C took every namespace of the fleet away.
+    left = subprocess.run(["ip", "netns", "list"], capture_output=True, text=True).stdout.split()
+    assert not {d["netns"] for d in devices} & set(left)
+    assert not [n for n in left if n.startswith("orkad-fleet-hub-") and n.endswith(
+        devices[0]["netns"].rsplit("-", 1)[1])]

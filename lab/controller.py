@@ -30,9 +30,11 @@ import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import archives  # noqa: E402
+import labdevices  # noqa: E402
 import labhttp  # noqa: E402
 import labpki  # noqa: E402
 import labstatus  # noqa: E402
+import labweb  # noqa: E402
 import statseries  # noqa: E402
 import labsyslog  # noqa: E402
 from labhttp import Reply  # noqa: E402
@@ -228,6 +230,7 @@ class Lab:
         }
         self.tokens = {}
         self.archives = archives.Archives()
+        self.device_notes = {}  # what the lab runner says of each device; kept across resets
         self.reset()
 
     # ---- state -----------------------------------------------------------
@@ -590,6 +593,9 @@ class Lab:
     # ---- the control API -------------------------------------------------
 
     def control(self, req):
+        page = labweb.serve(self, req)
+        if page is not None:
+            return page
         try:
             doc = json.loads(req.body) if req.body.strip() else {}
         except ValueError as e:
@@ -836,6 +842,8 @@ CONTROL = {
     ("GET", "/syslog"): labsyslog.c_syslog,
     ("DELETE", "/syslog"): labsyslog.c_clear_syslog,
     ("POST", "/syslog/send"): labsyslog.c_send_syslog,
+    ("GET", "/devices"): labdevices.c_devices,
+    ("POST", "/devices"): labdevices.c_note_device,
 }
 
 

@@ -11,6 +11,7 @@ class StatusView:
     def __init__(self):
         self.documents = []
         self.ports = {}
+        self.by_serial = {}  # serial -> ports of that device, for a fleet
         self.seq = 0
 
     def take(self, rec):
@@ -28,17 +29,22 @@ class StatusView:
                 # A port record is sent whole, so the newest replaces the last.
                 self.ports[pid] = dict(copy.deepcopy(p), updated=self.seq, updated_at=rec["time"],
                                        serial=rec["serial"])
+                self.by_serial.setdefault(rec["serial"], {})[pid] = self.ports[pid]
         self.documents.append({
             "seq": self.seq, "request": rec["seq"], "time": rec["time"], "iso": rec["iso"],
             "path": rec["path"], "serial": rec["serial"], "ports": ids,
             "document": copy.deepcopy(doc), "valid_json": doc is not None,
         })
 
-    def view(self):
+    def view(self, serial=None):
+        """The merged ports; with `serial`, those of that device only."""
         def key(pid):
             return (0, int(pid)) if pid.lstrip("-").isdigit() else (1, pid)
-        return {"ports": [self.ports[p] for p in sorted(self.ports, key=key)],
-                "documents": len(self.documents), "last": self.seq}
+        ports = self.ports if serial is None else self.by_serial.get(serial, {})
+        docs = self.documents if serial is None else \
+            [d for d in self.documents if d["serial"] == serial]
+        return {"ports": [ports[p] for p in sorted(ports, key=key)],
+                "documents": len(docs), "last": self.seq}
 
 
 def on_status(lab, req, rec):
@@ -47,7 +53,7 @@ def on_status(lab, req, rec):
 
 def c_status(lab, doc, q):
     with lab.changed:
-        return 200, copy.deepcopy(lab.status.view())
+        return 200, copy.deepcopy(lab.status.view(q.get("serial")))
 
 
 def c_documents(lab, doc, q):

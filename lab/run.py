@@ -3,6 +3,13 @@
 and orkad with the lab as its phone-home site; stops everything on Ctrl-C.
 
     python3 lab/run.py [--bin build/common/orkad] [--root DIR] [--heartbeat N]
+                       [--devices N] [--dashboard PORT]
+
+With --devices N it starts a fleet: N switches, each with its own network
+namespace, device root, serial number, MACs and switch model, against one
+controller in a hub namespace (lab/fleet.py). The dashboard (lab/web) and the
+control API are served on 127.0.0.1 (port 8480 by default) for the browser
+and lab/ctl.py.
 
 Run as root, controller and daemon share a network namespace of their own
 (the daemon's eth0 is 192.0.2.10, the controller listens on 192.0.2.1);
@@ -16,6 +23,7 @@ import json
 import os
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -28,6 +36,7 @@ if HERE not in sys.path:
     sys.path.insert(0, HERE)
 
 import devroot  # noqa: E402
+import fleet  # noqa: E402
 from labfixture import LabController  # noqa: E402
 from netns import Netns  # noqa: E402
 from syslogsocket import SyslogSocket  # noqa: E402
@@ -46,45 +55,201 @@ class SyslogFile:
         self.out.close()
 
 
+class ControlRelay:
+    """Serves the control API (and so the dashboard) on a TCP address of this
+    machine by relaying each connection to the controller's Unix socket: the
+    controller may run in a network namespace of its own, the browser does not."""
+
+    def __init__(self, socket_path, host="127.0.0.1", port=8480):
+        self.socket_path = socket_path
+        self.listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        try:
+            self.listener.bind((host, port))
+        except OSError:
+            if port == 0:
+                raise
+            # Taken (another lab?): any free port will do.
+            self.listener.bind((host, 0))
+        self.listener.listen(32)
+        self.address = self.listener.getsockname()
+        self.url = f"http://{self.address[0]}:{self.address[1]}/"
+        self.closing = False
+        threading.Thread(target=self._accept, name="dashboard-relay", daemon=True).start()
+
+    def _accept(self):
+        while not self.closing:
+            try:
+                conn, _ = self.listener.accept()
+            except OSError:
+                return
+            threading.Thread(target=self._relay, args=(conn,), daemon=True).start()
+
+    def _relay(self, conn):
+        up = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        try:
+            up.connect(self.socket_path)
+        except OSError:
+            conn.close()
+            up.close()
+            return
+
+        def pump(src, dst):
+            try:
+                while True:
+                    data = src.recv(65536)
+                    if not data:
+                        break
+                    dst.sendall(data)
+            except OSError:
+                pass
+            for s in (dst, src):
+                try:
+                    s.shutdown(socket.SHUT_RDWR)
+                except OSError:
+                    pass
+
+        t = threading.Thread(target=pump, args=(up, conn), daemon=True)
+        t.start()
+        pump(conn, up)
+        t.join()
+        conn.close()
+        up.close()
+
+    def close(self):
+        self.closing = True
+        try:
+            self.listener.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+        self.listener.close()
+
+
+class Device:
+    """One switch of the lab: its device root, namespace and daemon."""
+
+    def __init__(self, n, root, workdir, ns_prefix, address, syslog_host):
+        self.n = n
+        self.name = f"sw{n}"
+        self.root = root
+        self.workdir = workdir
+        self.ns_prefix = ns_prefix
+        self.address = address
+        self.syslog_host = syslog_host
+        self.syslog_path = os.path.join(workdir, "syslog.txt")
+        self.syslog = None
+        self.daemon = None
+        self.model = None
+        self.serial = None
+
+    def note(self):
+        ports = self.model["ports"] if self.model else []
+        return {"name": self.name, "root": self.root, "address": self.address,
+                "syslog_host": self.syslog_host,
+                "model": self.model["system"]["machine_model"] if self.model else None,
+                "ports": len(ports), "mac": self.model["system"]["mac_address"]
+                if self.model else None,
+                "netns": self.ns_prefix[-1] if self.ns_prefix else None}
+
+    def start(self, binary, site, debug):
+        os.makedirs(self.workdir, exist_ok=True)
+        self.syslog = SyslogFile(self.root, self.syslog_path)
+        argv = self.ns_prefix + (
+            ["setpriv", "--inh-caps=-sys_time", "--bounding-set=-sys_time"]
+            if can_drop_clock_right() else []) + [os.path.abspath(binary)]
+        if debug:
+            argv.append("-d")
+        argv += ["-s", site]
+        out = open(os.path.join(self.workdir, "orkad.stdout"), "w")
+        self.daemon = subprocess.Popen(argv, env=dict(os.environ, ORKAD_ROOT=self.root),
+                                       cwd=self.workdir, stdout=out, stderr=subprocess.STDOUT,
+                                       stdin=subprocess.DEVNULL, preexec_fn=os.setpgrp)
+        out.close()
+
+    def stop(self):
+        if self.daemon is not None and self.daemon.poll() is None:
+            # The supervisor restarts a child that ends, so the whole group goes.
+            try:
+                os.killpg(self.daemon.pid, signal.SIGKILL)
+            except ProcessLookupError:
+                pass
+            self.daemon.wait(timeout=10)
+        if self.syslog is not None:
+            self.syslog.close()
+            self.syslog = None
+
+
 def can_drop_clock_right():
     return shutil.which("setpriv") is not None
 
 
 def parse_args(argv):
-    ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    ap = argparse.ArgumentParser(description=" ".join(__doc__.split("\n\n")[0].split()))
     ap.add_argument("--bin", default=os.path.join(SOURCE, "build", "common", "orkad"),
                     help="the orkad binary (default: build/common/orkad)")
     ap.add_argument("--root", help="device root to use (default: a new folder under /tmp); "
-                    "an existing one keeps its settings database")
+                    "an existing one keeps its settings database; with --devices N, the "
+                    "folder that holds one device root per switch (sw1, sw2, ...)")
+    ap.add_argument("--devices", type=int, default=1, metavar="N",
+                    help="start N switches against the one controller, each with its own "
+                    "namespace, device root, serial number, MACs and switch model (default 1)")
     ap.add_argument("--heartbeat", type=int, default=5,
                     help="boot variable 'heartbeat': seconds between heartbeats (default 5)")
     ap.add_argument("--env", action="append", default=[], metavar="NAME=VALUE",
                     help="more boot-environment variables (repeatable)")
     ap.add_argument("--port", type=int, default=8443, help="controller HTTPS port (default 8443)")
+    ap.add_argument("--dashboard", type=int, default=8480, metavar="PORT",
+                    help="serve the dashboard and the control API on 127.0.0.1:PORT "
+                    "(default 8480, another free port when taken; 0: any free port; "
+                    "-1: not at all)")
     ap.add_argument("--no-netns", action="store_true",
-                    help="do not use a network namespace even as root")
+                    help="do not use a network namespace even as root (one switch only)")
     ap.add_argument("--debug", action="store_true", help="start orkad with -d")
     ap.add_argument("--duration", type=float,
                     help="stop by itself after this many seconds (for scripts)")
-    return ap.parse_args(argv)
+    a = ap.parse_args(argv)
+    if a.devices < 1 or a.devices > fleet.MAX_DEVICES:
+        ap.error(f"--devices is 1 to {fleet.MAX_DEVICES}")
+    if a.devices > 1 and (a.no_netns or not fleet.Hub.available()):
+        ap.error("a fleet (--devices N) needs root: each switch has its own network namespace")
+    return a
 
 
-def describe(root, workdir, lab, syslog_path):
+def describe(devices, workdir, lab, relay):
     sock = lab.socket_path
     queue = {"command": {"action": "set", "context": "heartbeat",
                          "params": {"interval": 2000, "serviceLink": {"href": "/heartbeat"}}}}
-    return f"""
-orkad lab is running.
-
-  controller        {lab.base_url}   (the daemon's phone-home site and controller)
-  device root       {root}
-  daemon logs       {root}/rw/orkad.log  (also http.log, command.log in {root}/rw)
-  daemon syslog     {syslog_path}
-  switch journal    {root}/var/switch/journal   (model: {root}/var/switch/model.json)
-  controller output {workdir}/lab/controller.log
+    ctl = "python3 lab/ctl.py"
+    d = devices[0]
+    text = "\norkad lab is running.\n\n"
+    if relay:
+        text += f"  dashboard         {relay.url}   (open it in a browser)\n"
+    text += f"  controller        {lab.base_url}   (the daemon's phone-home site and controller)\n"
+    if len(devices) == 1:
+        text += f"""  device root       {d.root}
+  daemon logs       {d.root}/rw/orkad.log  (also http.log, command.log in {d.root}/rw)
+  daemon syslog     {d.syslog_path}
+  switch journal    {d.root}/var/switch/journal   (model: {d.root}/var/switch/model.json)
+"""
+    else:
+        text += f"  switches          {len(devices)}: sw1 .. sw{len(devices)}\n"
+        for d in devices:
+            text += (f"  {d.name:<17} {d.serial}  {d.address:<12} {d.note()['model']:<7} "
+                     f"root {d.root}\n")
+        text += ("                    (each root: rw/orkad.log, var/switch/model.json, "
+                 "var/switch/journal; syslog in "
+                 f"{workdir}/swN/syslog.txt)\n")
+    text += f"""  controller output {workdir}/lab/controller.log
   control API       HTTP over the Unix socket {sock}  (see docs/lab-api.md)
 
-Queue a command (it goes out with the next heartbeat, its result comes back):
+Drive it from the dashboard, or from the command line (lab/ctl.py finds this lab):
+
+  {ctl} devices
+  {ctl} send set.status --param interval=10000 --wait 30
+  {ctl} ports{'' if len(devices) == 1 else ' --serial ' + devices[-1].serial}
+  {ctl} syslog --follow
+
+Queue a command with curl (it goes out with the next heartbeat, its result comes back):
 
   curl -s --unix-socket {sock} -d '{json.dumps(queue)}' http://lab/commands
 
@@ -93,9 +258,20 @@ Then look at what the controller got:
   curl -s --unix-socket {sock} 'http://lab/results'
   curl -s --unix-socket {sock} 'http://lab/requests?kind=heartbeat'
 
-Ctrl-C stops the daemon, the controller{' and the namespace' if len(lab.prefix) > 1 else ''}; \
-the device root stays.
+Ctrl-C stops the daemon{'s' if len(devices) > 1 else ''}, the controller\
+{' and the namespaces' if len(lab.prefix) > 1 else ''}; the device root\
+{'s stay' if len(devices) > 1 else ' stays'}.
 """
+    return text
+
+
+def write_state(path, lab, relay, devices, workdir):
+    state = {"control_socket": lab.socket_path, "dashboard": relay.url if relay else None,
+             "base_url": lab.base_url, "workdir": workdir, "pid": os.getpid(),
+             "devices": [dict(d.note(), serial=d.serial) for d in devices]}
+    with open(path + ".tmp", "w") as f:
+        json.dump(state, f, indent=1)
+    os.replace(path + ".tmp", path)
 
 
 def main(argv=None):
@@ -104,48 +280,76 @@ def main(argv=None):
         sys.exit(f"lab: no orkad binary at {args.bin} (build it, or use scripts/lab.sh)")
 
     workdir = tempfile.mkdtemp(prefix="orkad-lab-run-")
-    root = os.path.abspath(args.root or os.path.join(workdir, "root"))
-    env = {"heartbeat": str(args.heartbeat)}
-    env.update(dict(e.split("=", 1) for e in args.env))
-    devroot.make_device_root(root, env)
-
-    ns = None
-    if not args.no_netns and Netns.available():
-        ns = Netns(prefix="orkad-lab").create()
-    elif not args.no_netns:
-        print("lab: not root, so no network namespace: controller on 127.0.0.1, and the daemon "
-              "waits up to two minutes for an address on eth0 if this machine has none",
-              file=sys.stderr)
+    extra_env = dict(e.split("=", 1) for e in args.env)
+    ns = hub = None
+    devices = []
+    if args.devices == 1:
+        root = os.path.abspath(args.root or os.path.join(workdir, "root"))
+        env = {"heartbeat": str(args.heartbeat)}
+        env.update(extra_env)
+        devroot.make_device_root(root, env)
+        if not args.no_netns and Netns.available():
+            ns = Netns(prefix="orkad-lab").create()
+        elif not args.no_netns:
+            print("lab: not root, so no network namespace: controller on 127.0.0.1, and the "
+                  "daemon waits up to two minutes for an address on eth0 if this machine has "
+                  "none", file=sys.stderr)
+        d = Device(1, root, workdir, ns.prefix() if ns else [],
+                   ns.address.split("/")[0] if ns else "127.0.0.1", "127.0.0.1")
+        d.serial = devroot.read_bootenv(root).get("serial#")
+        with open(os.path.join(root, "var", "switch", "model.json")) as f:
+            d.model = json.load(f)
+        devices.append(d)
+        host = ns.gateway if ns else "127.0.0.1"
+        lab_prefix = ["setsid"] + (ns.prefix() if ns else [])
+    else:
+        hub = fleet.Hub(prefix="orkad-fleet").create()
+        base = os.path.abspath(args.root or workdir)
+        for n in range(1, args.devices + 1):
+            root = os.path.join(base, f"sw{n}", "root") if not args.root else \
+                os.path.join(base, f"sw{n}")
+            model = fleet.make_model(fleet.sample_model(), n)
+            env = fleet.boot_env(n, model)
+            env["heartbeat"] = str(args.heartbeat)
+            env.update(extra_env)
+            devroot.make_device_root(root, env)
+            fleet.write_model(root, model)
+            nsname = hub.add_switch(n)
+            d = Device(n, root, os.path.join(workdir, f"sw{n}"), hub.prefix(n),
+                       fleet.address_of(n), fleet.address_of(n))
+            d.model, d.serial = model, env["serial#"]
+            assert nsname == d.ns_prefix[-1]
+            devices.append(d)
+        host = hub.gateway
+        lab_prefix = ["setsid"] + hub.prefix()
 
     stopping = threading.Event()
     for sig in (signal.SIGINT, signal.SIGTERM):
         signal.signal(sig, lambda *_: stopping.set())
 
-    syslog_path = os.path.join(workdir, "syslog.txt")
-    syslog = SyslogFile(root, syslog_path)
-    lab = daemon = None
+    lab = relay = None
     try:
         # A session of its own: Ctrl-C reaches us, and we stop the controller
         # after asking it what it received.
-        lab = LabController(root=root, host=ns.gateway if ns else "127.0.0.1", port=args.port,
-                            prefix=["setsid"] + (ns.prefix() if ns else []), mode="process",
+        lab = LabController(roots=[d.root for d in devices], host=host, port=args.port,
+                            prefix=lab_prefix, mode="process",
                             state_dir=os.path.join(workdir, "lab"))
-        argv = (ns.prefix() if ns else []) + (
-            ["setpriv", "--inh-caps=-sys_time", "--bounding-set=-sys_time"]
-            if can_drop_clock_right() else []) + [os.path.abspath(args.bin)]
-        if args.debug:
-            argv.append("-d")
-        argv += ["-s", lab.base_url]
-        out = open(os.path.join(workdir, "orkad.stdout"), "w")
-        daemon = subprocess.Popen(argv, env=dict(os.environ, ORKAD_ROOT=root), cwd=workdir,
-                                  stdout=out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL,
-                                  preexec_fn=os.setpgrp)
-        print(describe(root, workdir, lab, syslog_path), flush=True)
+        for d in devices:
+            lab.call("POST", "/devices", {"serial": d.serial, "note": d.note()})
+        if args.dashboard >= 0:
+            relay = ControlRelay(lab.socket_path, port=args.dashboard)
+        for d in devices:
+            d.start(args.bin, lab.base_url, args.debug)
+        write_state(os.path.join(workdir, "lab.json"), lab, relay, devices, workdir)
+        print(describe(devices, workdir, lab, relay), flush=True)
 
         deadline = time.monotonic() + args.duration if args.duration else None
         while not stopping.is_set():
-            if daemon.poll() is not None:
-                print(f"lab: orkad ended with status {daemon.returncode}", file=sys.stderr)
+            ended = [d for d in devices if d.daemon.poll() is not None]
+            if ended:
+                for d in ended:
+                    print(f"lab: orkad{'' if len(devices) == 1 else ' of ' + d.name} ended "
+                          f"with status {d.daemon.returncode}", file=sys.stderr)
                 break
             if deadline is not None and time.monotonic() > deadline:
                 break
@@ -160,19 +364,25 @@ def main(argv=None):
         print("lab: the controller received " +
               (", ".join(f"{n} {k}" for k, n in sorted(kinds.items())) or "nothing"), flush=True)
     finally:
-        if daemon is not None and daemon.poll() is None:
-            # The supervisor restarts a child that ends, so the whole group goes.
-            try:
-                os.killpg(daemon.pid, signal.SIGKILL)
-            except ProcessLookupError:
-                pass
-            daemon.wait(timeout=10)
+        for d in devices:
+            d.stop()
+        if relay is not None:
+            relay.close()
         if lab is not None:
             lab.stop()
-        syslog.close()
         if ns is not None:
             ns.delete()
-        print(f"lab: stopped; the device root stays in {root}", flush=True)
+        if hub is not None:
+            hub.delete()
+        try:
+            os.remove(os.path.join(workdir, "lab.json"))
+        except OSError:
+            pass
+        if len(devices) == 1:
+            print(f"lab: stopped; the device root stays in {devices[0].root}", flush=True)
+        else:
+            print(f"lab: stopped; the device roots stay in {os.path.dirname(devices[0].root)}"
+                  " and its siblings", flush=True)
     return 0
 
 

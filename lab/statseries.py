@@ -23,7 +23,7 @@ def _rate(row, key):
     return v if isinstance(v, int) and not isinstance(v, bool) else None
 
 
-def series(requests, since=0, interface=None, path=None):
+def series(requests, since=0, interface=None, path=None, serial=None):
     """The documents among `requests` (request records, oldest first) as
     {"documents": n, "interfaces": {id: [point, ...]}, "last": seq}."""
     out = {}
@@ -33,6 +33,8 @@ def series(requests, since=0, interface=None, path=None):
         if r["seq"] <= since or r["kind"] is None:
             continue
         if path is not None and not fnmatch.fnmatchcase(r["path"], path):
+            continue
+        if serial is not None and r["serial"] != serial:
             continue
         doc = r.get("json")
         if not is_statistics_document(doc):
@@ -54,7 +56,8 @@ def series(requests, since=0, interface=None, path=None):
 
 
 def control_statistics(lab, doc, q):
-    """GET /statistics: ?id= (interface, wildcards), ?path=, ?since=."""
+    """GET /statistics: ?id= (interface, wildcards), ?path=, ?since=, ?serial=."""
     since = int(q.get("since") or 0)
     with lab.changed:
-        return 200, series(lab.requests, since, q.get("id"), q.get("path"))
+        return 200, series(lab.requests, since, q.get("id"), q.get("path"),
+                           q.get("serial"))

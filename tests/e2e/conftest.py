@@ -183,3 +183,8 @@ def daemon(device_root, tmp_path, netns):
     d = Daemon(device_root, str(tmp_path), netns)
     yield d
     d.stop()
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "fleet: a fleet of switches for a minute (heavy; "
+                            "-m 'not fleet' leaves it out)")

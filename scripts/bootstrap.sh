@@ -28,7 +28,7 @@ if [ "${1:-}" = "cross" ]; then
         *) echo "bootstrap: unknown architecture '$a' (arm64 or armhf)" >&2; exit 2 ;;
         esac
         packages+=("crossbuild-essential-$a" "libcurl4-openssl-dev:$a" "libjansson-dev:$a"
-            "libsqlite3-dev:$a" "libgtest-dev:$a" "libgmock-dev:$a")
+            "libsqlite3-dev:$a" "libgtest-dev:$a" "libgmock-dev:$a" "libstdc++6:$a")
     done
     packages+=(qemu-user-static dpkg-dev fakeroot lintian file binutils)
 fi

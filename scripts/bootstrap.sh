@@ -3,10 +3,11 @@
 # Idempotent: does nothing when every package is present, and refreshes the
 # package lists only when something is missing.
 #
-#     scripts/bootstrap.sh              what the native build and tests need
+#     scripts/bootstrap.sh              what the native build, the tests and the
+#                                       package need
 #     scripts/bootstrap.sh cross ARCH   that, plus the cross compilers, the
-#                                       ARCH (arm64, armhf) multiarch libraries,
-#                                       qemu-user and the packaging tools
+#                                       ARCH (arm64, armhf) multiarch libraries
+#                                       and qemu-user
 set -euo pipefail
 
 packages=(
@@ -15,6 +16,7 @@ packages=(
     openssl openvpn psmisc gzip iproute2 util-linux bsdutils tar
     googletest libgtest-dev libgmock-dev
     python3 python3-pytest python3-pytest-xdist
+    dpkg-dev fakeroot lintian file binutils
 )
 
 cross_arches=()
@@ -30,7 +32,7 @@ if [ "${1:-}" = "cross" ]; then
         packages+=("crossbuild-essential-$a" "libcurl4-openssl-dev:$a" "libjansson-dev:$a"
             "libsqlite3-dev:$a" "libgtest-dev:$a" "libgmock-dev:$a" "libstdc++6:$a")
     done
-    packages+=(qemu-user-static dpkg-dev fakeroot lintian file binutils)
+    packages+=(qemu-user-static)
 fi
 
 missing=()

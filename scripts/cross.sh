@@ -3,7 +3,7 @@
 #
 #     scripts/cross.sh arm64 | armhf [--build-only | --daemon-only] [--package]
 #     scripts/cross.sh ci      what CI runs: arm64 built and tested, the armhf
-#                              daemon built
+#                              daemon built, both packaged
 #
 # Installs what is missing (the cross compilers, the ARCH multiarch libraries,
 # qemu-user; scripts/bootstrap.sh cross ARCH), builds the daemon and the unit
@@ -18,8 +18,8 @@ cd "$(dirname "$0")/.."
 arch="${1:-}"
 shift || true
 if [ "$arch" = "ci" ]; then
-    bash "$0" arm64
-    exec bash "$0" armhf --daemon-only
+    bash "$0" arm64 --package
+    exec bash "$0" armhf --daemon-only --package
 fi
 case "$arch" in
 arm64) triplet=aarch64-linux-gnu; qemu=qemu-aarch64-static ;;
@@ -60,13 +60,32 @@ echo "cross: $arch orkad stripped: $size bytes"
 if [ "$package" = 1 ]; then
     cmake --build "$dir" -j"$jobs" --target orkad orkad_package_docs
     (cd "$dir" && cpack)
+    deb="$dir/orkad_$(sed -n 's/^project(orkad VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)_$arch.deb"
+    dpkg-deb -I "$deb"
+    # lintian's errors fail the build; its warnings are shown.
+    lintian --tag-display-limit 0 "$deb" | tee "$dir/lintian.txt" || true
+    if grep -q '^E: ' "$dir/lintian.txt"; then
+        echo "cross: lintian found errors in $deb" >&2
+        exit 1
+    fi
 fi
 
 if [ "$run_tests" = 1 ]; then
     # ctest runs every unit test through the emulator the toolchain file
     # names. Two at a time is what qemu on two cores bears without the timing
     # tests going astray.
-    (cd "$dir" && ctest --output-on-failure -j2 -L unit --timeout 300)
+    #
+    # Left out, for what qemu-user does rather than what the daemon does:
+    # - the client MAC lookups (SIOCGARP): qemu declares that ioctl as
+    #   read-only and never copies the request in, so the kernel sees no
+    #   address family and answers EPFNOSUPPORT;
+    # - the failed thread creation: it is provoked with RLIMIT_AS, which qemu
+    #   accepts and does not apply (it would starve the emulator itself);
+    # - the statistics pace tests: they tick through a whole period while
+    #   the sender posts the previous one, which under emulation outlasts
+    #   them, and a wake-up nobody waits for is dropped by design.
+    (cd "$dir" && ctest --output-on-failure -j2 -L unit --timeout 300 \
+        -E '^(NetTest\.ClientMac|WorkTest\.ThreadLimitIsFortyAndFailedCreation|StatsTest\.(SamplesEveryFiveTicks|IntervalNotAMultipleOfFive))')
     ORKAD_EMULATOR="$qemu -L /" ORKAD_BIN="$PWD/$dir/common/orkad" ORKAD_SOURCE="$PWD" \
         /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/e2e/test_entry.py
 fi

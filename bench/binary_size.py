@@ -42,8 +42,11 @@ def measure(build):
         subprocess.run([strip, "-o", out, binary], check=True)
         stripped = os.path.getsize(out)
         text = subprocess.run(["size", "-A", out], capture_output=True, text=True).stdout
-    arch = subprocess.run(["file", "-b", binary], capture_output=True, text=True).stdout
-    arch = arch.split(",")[1].strip() if "," in arch else "?"
+    desc = subprocess.run(["file", "-b", binary], capture_output=True, text=True).stdout
+    machine = desc.split(",")[1].strip() if "," in desc else "?"
+    arch = {"x86-64": "amd64", "ARM aarch64": "arm64"}.get(machine, "?")
+    if machine == "ARM" and desc.startswith("ELF 32-bit"):
+        arch = "armhf"
     sections = {}
     for line in text.splitlines():
         parts = line.split()
@@ -62,9 +65,9 @@ def measure(build):
 def section(rows):
     lines = [BEGIN, "## Binary size", "",
              f"`bench/binary_size.py`, {datetime.date.today()}: `common/orkad` of each build "
-             "tree, stripped with that tree's strip (the simulated switch linked in; the "
-             "switch's own OpEN client library is a shared library and not counted).", "",
-             "| Build tree | Machine | Build type | Stripped (bytes) | .text (bytes) "
+             "tree (-O2), stripped with that tree's strip. The simulated switch is linked in; "
+             "the switch's own build links the vendor's client library in its place.", "",
+             "| Build tree | Architecture | Build type | Stripped (bytes) | .text (bytes) "
              "| Unstripped (bytes) |",
              "|---|---|---|---|---|---|"]
     for r in rows:

@@ -84,6 +84,8 @@ if [ "$run_tests" = 1 ]; then
     #   address family and answers EPFNOSUPPORT;
     # - the failed thread creation: it is provoked with RLIMIT_AS, which qemu
     #   accepts and does not apply (it would starve the emulator itself);
+    # - the live core dump's core file: under qemu the emulator writes the
+    #   guest's core itself, under a name of its own, or none;
     # - the statistics pace tests: they tick through a whole period while
     #   the sender posts the previous one, which under emulation outlasts
     #   them, and a wake-up nobody waits for is dropped by design.

@@ -75,8 +75,8 @@ fi
 
 if [ "$run_tests" = 1 ]; then
     # ctest runs every unit test through the emulator the toolchain file
-    # names. Two at a time is what qemu on two cores bears without the timing
-    # tests going astray.
+    # names. Most of a test's time is spent waiting (on the lab controller,
+    # on its own deadlines), so one more than the cores keeps them busy.
     #
     # Left out, for what qemu-user does rather than what the daemon does:
     # - the client MAC lookups (SIOCGARP): qemu declares that ioctl as
@@ -89,7 +89,7 @@ if [ "$run_tests" = 1 ]; then
     # - the statistics pace tests: they tick through a whole period while
     #   the sender posts the previous one, which under emulation outlasts
     #   them, and a wake-up nobody waits for is dropped by design.
-    (cd "$dir" && ctest --output-on-failure -j2 -L unit --timeout 300 \
+    (cd "$dir" && ctest --output-on-failure -j$((jobs + 1)) -L unit --timeout 300 \
         -E '^(NetTest\.ClientMac|WorkTest\.ThreadLimitIsFortyAndFailedCreation|OrkadTest\.LiveCoredump|StatsTest\.(SamplesEveryFiveTicks|IntervalNotAMultipleOfFive))')
     ORKAD_EMULATOR="$qemu -L /" ORKAD_BIN="$PWD/$dir/common/orkad" ORKAD_SOURCE="$PWD" \
         /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/e2e/test_entry.py

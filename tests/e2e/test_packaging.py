@@ -164,7 +164,9 @@ def test_package_contents_and_owners(package):
 def test_package_metadata(package, tmp_path):
     assert deb_field(package, "Package") == "orkad"
     assert deb_field(package, "Version") == "1.2.0"
-    assert deb_field(package, "Architecture") == os.path.basename(package).split("_")[2][:-4]
+    host = subprocess.run(["dpkg", "--print-architecture"], capture_output=True, text=True,
+                          check=True).stdout.strip()
+    assert deb_field(package, "Architecture") == host
     depends = [d.strip().split()[0] for d in deb_field(package, "Depends").split(",")]
     assert sorted(set(depends)) == sorted(DEPENDS)
     ctrl = tmp_path / "control"

@@ -23,7 +23,8 @@ USAGE = ("Usage: {0} [options]\n"
 
 def run_quick(*args, root):
     env = dict(os.environ, ORKAD_ROOT=root)
-    return subprocess.run([*EMULATOR, BIN, *args], capture_output=True, text=True, env=env, timeout=10)
+    return subprocess.run([*EMULATOR, BIN, *args], capture_output=True, text=True, env=env,
+                          timeout=10)
 
 
 def test_version(device_root):

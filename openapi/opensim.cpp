@@ -15,6 +15,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -36,13 +37,13 @@ const char *const default_serial = "VX0123456789";
 const char *const default_model = "VX-S28";
 const char *const default_mac = "02:00:00:00:00:01";
 const char *const default_prompt = "VX-S28";
-const long default_prompt_max_size = 64;
-const long default_filename_max_length = 128;
-const long default_lldp_str_len = 256;
-const long default_max_logging_hosts = 8;
-const long default_max_sntp_servers = 3;
-const long default_logging_port = 514;
-const long default_logging_severity = OPEN_LOG_SEVERITY_ERROR;
+const int64_t default_prompt_max_size = 64;
+const int64_t default_filename_max_length = 128;
+const int64_t default_lldp_str_len = 256;
+const int64_t default_max_logging_hosts = 8;
+const int64_t default_max_sntp_servers = 3;
+const int64_t default_logging_port = 514;
+const int64_t default_logging_severity = OPEN_LOG_SEVERITY_ERROR;
 
 struct json_deleter {
     void operator()(json_t *j) const { json_decref(j); }
@@ -206,10 +207,10 @@ json_t *member(json_t *obj, const char *key, json_t *(*make)(void))
     return v;
 }
 
-long int_member(json_t *obj, const char *key, long dflt)
+int64_t int_member(json_t *obj, const char *key, int64_t dflt)
 {
     json_t *v = json_object_get(obj, key);
-    return json_is_integer(v) ? (long)json_integer_value(v) : dflt;
+    return json_is_integer(v) ? (int64_t)json_integer_value(v) : dflt;
 }
 
 const char *text_member(json_t *obj, const char *key, const char *dflt)
@@ -220,12 +221,12 @@ const char *text_member(json_t *obj, const char *key, const char *dflt)
 
 // A state that people write as a word, a boolean or the OpEN number: true
 // and the first word give on_value, false and the second word off_value.
-long state_member(json_t *obj, const char *key, long dflt, const char *on_word, long on_value,
-                  const char *off_word, long off_value)
+int64_t state_member(json_t *obj, const char *key, int64_t dflt, const char *on_word,
+                     int64_t on_value, const char *off_word, int64_t off_value)
 {
     json_t *v = json_object_get(obj, key);
     if (json_is_integer(v))
-        return (long)json_integer_value(v);
+        return (int64_t)json_integer_value(v);
     if (json_is_boolean(v))
         return json_is_true(v) ? on_value : off_value;
     if (json_is_string(v)) {
@@ -237,12 +238,12 @@ long state_member(json_t *obj, const char *key, long dflt, const char *on_word, 
     return dflt;
 }
 
-long control_member(json_t *obj, const char *key, long dflt)
+int64_t control_member(json_t *obj, const char *key, int64_t dflt)
 {
     return state_member(obj, key, dflt, "enable", OPEN_ENABLE, "disable", OPEN_DISABLE);
 }
 
-const char *control_word(long v)
+const char *control_word(int64_t v)
 {
     return v == OPEN_ENABLE ? "enable" : "disable";
 }
@@ -265,9 +266,9 @@ json_t *system_of(json_t *model)
     return member(model, "system", json_object);
 }
 
-long ifnum_of(json_t *port, size_t index)
+int64_t ifnum_of(json_t *port, size_t index)
 {
-    return int_member(port, "ifnum", (long)index + 1);
+    return int_member(port, "ifnum", (int64_t)index + 1);
 }
 
 json_t *port_of(json_t *model, uint32_t ifnum)
@@ -276,13 +277,13 @@ json_t *port_of(json_t *model, uint32_t ifnum)
     json_t *port;
     json_array_foreach(json_object_get(model, "ports"), i, port)
     {
-        if (json_is_object(port) && ifnum_of(port, i) == (long)ifnum)
+        if (json_is_object(port) && ifnum_of(port, i) == (int64_t)ifnum)
             return port;
     }
     return nullptr;
 }
 
-long type_of(json_t *port)
+int64_t type_of(json_t *port)
 {
     const char *t = text_member(port, "type", "phy");
     if (strcmp(t, "phy") == 0)
@@ -297,17 +298,17 @@ long type_of(json_t *port)
 }
 
 // The lowest interface number of the type above `after` (-1: the first).
-open_error_t next_port(json_t *model, OPEN_INTF_TYPE_t type, long after, uint32_t *out)
+open_error_t next_port(json_t *model, OPEN_INTF_TYPE_t type, int64_t after, uint32_t *out)
 {
-    long best = -1;
+    int64_t best = -1;
     size_t i;
     json_t *port;
     json_array_foreach(json_object_get(model, "ports"), i, port)
     {
         if (!json_is_object(port) || type_of(port) != type)
             continue;
-        long n = ifnum_of(port, i);
-        if (n > after && n <= (long)UINT32_MAX && (best < 0 || n < best))
+        int64_t n = ifnum_of(port, i);
+        if (n > after && n <= (int64_t)UINT32_MAX && (best < 0 || n < best))
             best = n;
     }
     if (best < 0)
@@ -316,9 +317,9 @@ open_error_t next_port(json_t *model, OPEN_INTF_TYPE_t type, long after, uint32_
     return OPEN_E_NONE;
 }
 
-long remote_index_of(json_t *neighbor, size_t index)
+int64_t remote_index_of(json_t *neighbor, size_t index)
 {
-    return int_member(neighbor, "index", (long)index + 1);
+    return int_member(neighbor, "index", (int64_t)index + 1);
 }
 
 json_t *neighbor_of(json_t *model, uint32_t ifnum, uint32_t rem_index)
@@ -328,7 +329,7 @@ json_t *neighbor_of(json_t *model, uint32_t ifnum, uint32_t rem_index)
     json_t *n;
     json_array_foreach(json_object_get(port, "neighbors"), i, n)
     {
-        if (json_is_object(n) && remote_index_of(n, i) == (long)rem_index)
+        if (json_is_object(n) && remote_index_of(n, i) == (int64_t)rem_index)
             return n;
     }
     return nullptr;
@@ -340,7 +341,7 @@ json_t *vlan_of(json_t *model, uint32_t vid)
     json_t *v;
     json_array_foreach(json_object_get(model, "vlans"), i, v)
     {
-        if (json_is_object(v) && int_member(v, "id", -1) == (long)vid)
+        if (json_is_object(v) && int_member(v, "id", -1) == (int64_t)vid)
             return v;
     }
     return nullptr;
@@ -439,7 +440,8 @@ open_error_t text_out(open_buffdesc *d, const char *s)
 class call
 {
   public:
-    explicit call(const char *name, long port = -1, long vlan = -1) : hold_(sim.lock), name_(name)
+    explicit call(const char *name, int64_t port = -1, int64_t vlan = -1)
+        : hold_(sim.lock), name_(name)
     {
         bool had_file = sim.model_w.present;
         refresh(sim.model_w, sim.model, false);
@@ -478,7 +480,7 @@ class call
     }
 
   private:
-    void match_fault(long port, long vlan)
+    void match_fault(int64_t port, int64_t vlan)
     {
         json_t *faults = sim.faults.get();
         size_t i;
@@ -493,10 +495,10 @@ class call
             json_t *want_vlan = json_object_get(f, "vlan");
             if (want_vlan != nullptr && (vlan < 0 || int_member(f, "vlan", -2) != vlan))
                 continue;
-            long r = int_member(f, "result", OPEN_E_FAIL);
+            int64_t r = int_member(f, "result", OPEN_E_FAIL);
             json_t *count = json_object_get(f, "count");
             if (count != nullptr) {
-                long left = json_is_integer(count) ? (long)json_integer_value(count) : 0;
+                int64_t left = json_is_integer(count) ? (int64_t)json_integer_value(count) : 0;
                 if (left <= 0)
                     continue;
                 if (left == 1)
@@ -535,7 +537,7 @@ json_t *args(std::initializer_list<arg> list)
     return obj;
 }
 
-json_t *num(long v)
+json_t *num(int64_t v)
 {
     return json_integer(v);
 }
@@ -805,13 +807,14 @@ open_error_t rpcclt_openapiLldpIntfRemoteDeviceNextGet(openapiClientHandle_t *, 
     if (control_member(port, "lldp_receive", OPEN_ENABLE) != OPEN_ENABLE)
         return OPEN_E_NOT_FOUND;
     json_t *best = nullptr;
-    long best_index = -1;
+    int64_t best_index = -1;
     size_t i;
     json_t *n;
     json_array_foreach(json_object_get(port, "neighbors"), i, n)
     {
-        long idx = remote_index_of(n, i);
-        if (json_is_object(n) && idx > (long)*remIndex && (best == nullptr || idx < best_index)) {
+        int64_t idx = remote_index_of(n, i);
+        if (json_is_object(n) && idx > (int64_t)*remIndex &&
+            (best == nullptr || idx < best_index)) {
             best = n;
             best_index = idx;
         }
@@ -933,13 +936,13 @@ open_error_t openapiVlanNextGet(openapiClientHandle_t *, uint32_t vlanNum, uint3
         return c.result();
     if (nextVlanNum == nullptr)
         return OPEN_E_PARAM;
-    long best = -1;
+    int64_t best = -1;
     size_t i;
     json_t *v;
     json_array_foreach(json_object_get(c.model(), "vlans"), i, v)
     {
-        long id = int_member(v, "id", -1);
-        if (id > (long)vlanNum && (best < 0 || id < best))
+        int64_t id = int_member(v, "id", -1);
+        if (id > (int64_t)vlanNum && (best < 0 || id < best))
             best = id;
     }
     if (best < 0)
@@ -996,7 +999,7 @@ open_error_t rpcclt_openapiLoggingHostAdd(openapiClientHandle_t *, open_buffdesc
             r = OPEN_E_PARAM;
         else if (named_entry(hosts, "host", h.c_str()) != nullptr)
             r = OPEN_E_EXISTS;
-        else if ((long)json_array_size(hosts) >=
+        else if ((int64_t)json_array_size(hosts) >=
                  int_member(logging, "max_hosts", default_max_logging_hosts))
             r = OPEN_E_FULL;
         else
@@ -1081,7 +1084,7 @@ open_error_t rpcclt_openapiSntpServerAdd(openapiClientHandle_t *, open_buffdesc 
             r = OPEN_E_PARAM;
         else if (known)
             r = OPEN_E_EXISTS;
-        else if ((long)json_array_size(servers) >=
+        else if ((int64_t)json_array_size(servers) >=
                  int_member(sntp, "max_servers", default_max_sntp_servers))
             r = OPEN_E_FULL;
         else
@@ -1161,7 +1164,7 @@ open_error_t rpcclt_openapiSystemPromptSet(openapiClientHandle_t *, open_buffdes
     if (!c.forced()) {
         json_t *sys = system_of(c.model());
         if (text_in(prompt, s) != OPEN_E_NONE ||
-            (long)s.size() > int_member(sys, "prompt_max_size", default_prompt_max_size))
+            (int64_t)s.size() > int_member(sys, "prompt_max_size", default_prompt_max_size))
             r = OPEN_E_PARAM;
         else
             json_object_set_new(sys, "prompt", text_value(s.c_str()));
@@ -1296,7 +1299,7 @@ open_error_t rpcclt_openapiSupportFileGenerate(openapiClientHandle_t *, open_buf
     if (!c.forced()) {
         json_t *sys = system_of(c.model());
         if (text_in(fileName, name) != OPEN_E_NONE || name.empty() ||
-            (long)name.size() >
+            (int64_t)name.size() >
                 int_member(sys, "filename_max_length", default_filename_max_length)) {
             r = OPEN_E_PARAM;
         } else {

@@ -2,6 +2,12 @@
 # Installs, from Debian packages, everything orkad needs to build and test.
 # Idempotent: does nothing when every package is present, and refreshes the
 # package lists only when something is missing.
+#
+#     scripts/bootstrap.sh              what the native build, the tests and the
+#                                       package need
+#     scripts/bootstrap.sh cross ARCH   that, plus the cross compilers, the
+#                                       ARCH (arm64, armhf) multiarch libraries
+#                                       and qemu-user
 set -euo pipefail
 
 packages=(
@@ -11,7 +17,24 @@ packages=(
     googletest libgtest-dev libgmock-dev
     python3 python3-pytest python3-pytest-xdist
     chromium chromium-driver python3-selenium
+    dpkg-dev fakeroot lintian file binutils
 )
+
+cross_arches=()
+if [ "${1:-}" = "cross" ]; then
+    shift
+    cross_arches=("$@")
+    [ ${#cross_arches[@]} -gt 0 ] || cross_arches=(arm64 armhf)
+    for a in "${cross_arches[@]}"; do
+        case "$a" in
+        arm64 | armhf) ;;
+        *) echo "bootstrap: unknown architecture '$a' (arm64 or armhf)" >&2; exit 2 ;;
+        esac
+        packages+=("crossbuild-essential-$a" "libcurl4-openssl-dev:$a" "libjansson-dev:$a"
+            "libsqlite3-dev:$a" "libgtest-dev:$a" "libgmock-dev:$a" "libstdc++6:$a")
+    done
+    packages+=(qemu-user-static)
+fi
 
 missing=()
 for p in "${packages[@]}"; do
@@ -28,6 +51,42 @@ SUDO=""
 if [ "$(id -u)" -ne 0 ]; then
     SUDO="sudo"
 fi
+for a in "${cross_arches[@]}"; do
+    if ! dpkg --print-foreign-architectures | grep -qx "$a"; then
+        $SUDO dpkg --add-architecture "$a"
+    fi
+done
 echo "bootstrap: installing ${missing[*]}"
-$SUDO apt-get update
-DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y --no-install-recommends "${missing[@]}"
+# A mirror in the middle of a sync serves a list that does not match its
+# index; a second try a little later usually gets a consistent one.
+for try in 1 2 3; do
+    if $SUDO apt-get update -o Acquire::Retries=3 -q; then
+        break
+    fi
+    [ "$try" -lt 3 ] || echo "bootstrap: package lists incomplete, trying the install anyway" >&2
+    sleep 5
+done
+# Multiarch libraries must be at one version on every architecture. When the
+# host carries a version the foreign lists lack (a newer security update, a
+# mirror caught mid-sync), align each such library on the foreign candidate.
+align=()
+if [ ${#cross_arches[@]} -gt 0 ]; then
+    for _ in 1 2 3 4 5 6 7 8; do
+        out=$(apt-get install -s --allow-downgrades --no-install-recommends \
+            "${missing[@]}" "${align[@]}" 2>&1) && break
+        names=$(echo "$out" | grep -oE "(Depends|Breaks): [a-z0-9.+-]+(:[a-z0-9]+)?" |
+            awk '{print $2}' | sed 's/:.*//' | sort -u)
+        [ -n "$names" ] || break
+        for n in $names; do
+            v=$(apt-cache policy "$n:${cross_arches[0]}" | awk '/Candidate:/ {print $2}')
+            [ -n "$v" ] && [ "$v" != "(none)" ] || continue
+            align+=("$n=$v")
+            for a in "${cross_arches[@]}"; do
+                align+=("$n:$a=$v")
+            done
+        done
+    done
+    [ ${#align[@]} -eq 0 ] || echo "bootstrap: aligning ${align[*]}"
+fi
+DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y --no-install-recommends \
+    --allow-downgrades -o DPkg::Lock::Timeout=600 "${missing[@]}" "${align[@]}"

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs every test orkad has: installs what is missing, builds the daemon and
 # the tests, runs the unit and end-to-end suites, then the unit tests again
-# under AddressSanitizer and UndefinedBehaviorSanitizer.
+# under AddressSanitizer and UndefinedBehaviorSanitizer, and last the ARM
+# cross builds (scripts/cross.sh ci).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -22,3 +23,6 @@ cmake --build build-asan -j"$jobs"
 # And the daemon's own start-up, supervision and signal handling, end to end.
 ORKAD_SANITIZED=1 ORKAD_BIN="$PWD/build-asan/common/orkad" ORKAD_SOURCE="$PWD" \
     /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/e2e/test_entry.py
+# The ARM boards: arm64 built, its unit and entry tests run under qemu-user;
+# the armhf daemon built.
+bash scripts/cross.sh ci

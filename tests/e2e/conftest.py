@@ -3,6 +3,7 @@ network namespace, and read what it leaves behind."""
 
 import os
 import resource
+import shlex
 import signal
 import subprocess
 import sys
@@ -20,6 +21,8 @@ from netns import Netns  # noqa: E402
 from syslogsocket import SyslogSocket  # noqa: E402
 
 BIN = os.environ.get("ORKAD_BIN") or os.path.join(SOURCE, "build", "common", "orkad")
+# A cross-built daemon runs under qemu-user: ORKAD_EMULATOR="qemu-aarch64-static -L /".
+EMULATOR = shlex.split(os.environ.get("ORKAD_EMULATOR", ""))
 
 
 def wait_until(fn, timeout=10.0, interval=0.02, what="condition"):
@@ -98,7 +101,7 @@ class Daemon:
     def start(self, *args, cores=False):
         env = dict(os.environ)
         env["ORKAD_ROOT"] = self.root
-        argv = [BIN, *args]
+        argv = [*EMULATOR, BIN, *args]
         if self.netns is not None:
             argv = self.netns.prefix() + argv
 

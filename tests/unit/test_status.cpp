@@ -135,11 +135,15 @@ void *size_failing_malloc(size_t n)
 }
 
 // Fails only the nth jansson allocation of one size. jansson's records have
-// sizes of their own on 64-bit: an array 40 bytes, an object 72 (as is the
-// member record of a 15-character key), so the nth array or object the
+// sizes of their own, in words of size_t: every value starts with its type
+// and reference count (two words), an array adds its size, entries and table
+// (three), an object its hash table (size, buckets, order and two lists:
+// seven). On 64-bit that is 40 and 72 bytes (72 is also the member record of
+// a 15-character key), on 32-bit 20 and 36. So the nth array or object the
 // provider makes can be refused.
-constexpr size_t array_record = 40;
-constexpr size_t object_record = 72;
+constexpr size_t json_head = 2 * sizeof(size_t);
+constexpr size_t array_record = json_head + 3 * sizeof(size_t);
+constexpr size_t object_record = json_head + 7 * sizeof(size_t);
 std::atomic<int> allocations_to_pass{0};
 void *nth_failing_malloc(size_t n)
 {

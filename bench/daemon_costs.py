@@ -390,6 +390,11 @@ def report(a, r):
         f"CPU per heartbeat over {a.heartbeats} heartbeats (nothing else on): daemon child"
         f" {hb * 1e3:.2f} ms; `curl` doing the same exchange {a.heartbeats} times"
         f" {curl * 1e3:.2f} ms each; daemon / curl = {hb / curl:.3f}.",
+        *([] if "before_cpu" not in r else [
+            "",
+            f"The same measured on `{a.before}` in this run: {r['before_cpu'] * 1e3:.2f} ms per"
+            f" heartbeat, curl {r['before_curl_cpu'] * 1e3:.2f} ms; this build / that one ="
+            f" {hb / r['before_cpu']:.3f}."]),
         "",
         f"Start to first heartbeat with the controller stored (median of {a.starts}):"
         f" {r['start'] * 1e3:.0f} ms.",
@@ -428,6 +433,8 @@ def main():
     ap.add_argument("--bin", help="use this daemon instead of building one")
     ap.add_argument("--out", help="file to write (default docs/performance.md; with --quick a"
                     " scratch file)")
+    ap.add_argument("--before", metavar="BIN", help="another build of the daemon (say, of an"
+                    " older commit) whose CPU per heartbeat is measured beside this one's")
     ap.add_argument("--jobs", type=int, default=os.cpu_count())
     ap.add_argument("--keep", action="store_true", help="keep the device roots and lab folders")
     a = ap.parse_args()
@@ -451,6 +458,9 @@ def main():
         large = Daemon(binary, work, "s128", big_model())
         hbd = Daemon(binary, work, "heartbeat")
         daemons += [small, large, hbd]
+        if a.before:
+            old = Daemon(a.before, work, "before")
+            daemons.append(old)
         for d in daemons:
             d.start()
         for d in daemons:
@@ -465,6 +475,11 @@ def main():
             t.start()
         r["heartbeat_cpu"] = heartbeat_cpu(hbd, a.heartbeats)
         r["curl_cpu"] = curl_exchange(hbd, a.heartbeats) / a.heartbeats
+        if a.before:
+            r["before_cpu"] = heartbeat_cpu(old, a.heartbeats)
+            r["before_curl_cpu"] = curl_exchange(old, a.heartbeats) / a.heartbeats
+            old.close()
+            daemons.remove(old)
         r["commands_cpu"] = {k: commands_cpu(hbd, k, r["heartbeat_cpu"]) for k in a.counts}
         r["start"] = start_to_heartbeat(hbd, a.starts)
         for t in threads:

@@ -327,6 +327,19 @@ def start_to_heartbeat(d, runs):
     return statistics.median(res)
 
 
+def stopped_controller(d, seconds):
+    """Child CPU per second with the controller answering, then with it
+    gone (every request refused): a stopped controller must not make the
+    daemon spin."""
+    c0 = d.cpu_s()
+    time.sleep(seconds)
+    up = (d.cpu_s() - c0) / seconds
+    d.lab.stop()
+    c0 = d.cpu_s()
+    time.sleep(seconds)
+    return up, (d.cpu_s() - c0) / seconds
+
+
 def build(build_dir, jobs):
     subprocess.run(["cmake", "-S", SOURCE, "-B", build_dir, "-DCMAKE_BUILD_TYPE=Release",
                     "-DORKAD_E2E=OFF"], check=True, stdout=subprocess.DEVNULL)
@@ -412,6 +425,10 @@ def report(a, r):
         f"Start to first heartbeat with the controller stored (median of {a.starts}):"
         f" {r['start'] * 1e3:.0f} ms.",
         "",
+        f"Child CPU per second, heartbeat 1 s, over {a.stopped:g} s: controller answering"
+        f" {r['stopped'][0] * 1e3:.2f} ms; controller stopped (every request refused)"
+        f" {r['stopped'][1] * 1e3:.2f} ms.",
+        "",
         "| job | size | CPU per operation (ms) | per unit of size (ms) |",
         "|---|---|---|---|",
     ]
@@ -460,10 +477,10 @@ def main():
     if os.geteuid() != 0:
         sys.exit("needs root: the daemon runs in network namespaces of its own")
     if a.quick:
-        a.early, a.late, a.heartbeats, a.starts = 5.0, 25.0, 4, 1
+        a.early, a.late, a.heartbeats, a.starts, a.stopped = 5.0, 25.0, 4, 1, 3.0
         a.counts = (1, 10)
     else:
-        a.early, a.late, a.heartbeats, a.starts = 60.0, 600.0, 30, 5
+        a.early, a.late, a.heartbeats, a.starts, a.stopped = 60.0, 600.0, 30, 5, 20.0
         a.counts = (1, 10, 100)
     if a.late_seconds:
         a.late = a.late_seconds
@@ -503,6 +520,7 @@ def main():
             daemons.remove(old)
         r["commands_cpu"] = {k: commands_cpu(hbd, k, r["heartbeat_cpu"]) for k in a.counts}
         r["start"] = start_to_heartbeat(hbd, a.starts)
+        r["stopped"] = stopped_controller(hbd, a.stopped)
         for t in threads:
             t.join()
         if len(fps) != 2:

@@ -201,6 +201,62 @@ class Daemon:
         self.ns.delete()
 
 
+class Allocs:
+    """Counts the child's malloc, calloc and realloc calls per thread over a
+    window, through uprobes on the C library (perf). Without perf, or where
+    the kernel has no uprobes, `available` is false and nothing is counted."""
+
+    EVENTS = ("malloc", "calloc", "realloc")
+    available = False
+
+    @classmethod
+    def setup(cls, binary):
+        libc = None
+        out = subprocess.run(["ldd", binary], capture_output=True, text=True).stdout
+        for line in out.splitlines():
+            if "libc.so.6 =>" in line:
+                libc = line.split("=>")[1].split()[0]
+        if libc is None or shutil.which("perf") is None:
+            return
+        cls.teardown()
+        ok = all(subprocess.run(["perf", "probe", "-q", "-x", libc, "-a", e],
+                                capture_output=True).returncode == 0 for e in cls.EVENTS)
+        cls.available = ok
+
+    @classmethod
+    def teardown(cls):
+        if shutil.which("perf"):
+            subprocess.run(["perf", "probe", "-q", "-d", "probe_libc:*"], capture_output=True)
+        cls.available = False
+
+    def __init__(self, pid):
+        self.proc = None
+        if not Allocs.available:
+            return
+        events = ",".join(f"probe_libc:{e}" for e in self.EVENTS)
+        self.proc = subprocess.Popen(["perf", "stat", "--per-thread", "-x,", "-e", events, "-p",
+                                      str(pid)], stdout=subprocess.DEVNULL,
+                                     stderr=subprocess.PIPE, text=True)
+        time.sleep(0.5)  # attached to every thread
+
+    def stop(self):
+        """{thread name: calls}, with "*" for the whole process; None
+        without perf."""
+        if self.proc is None:
+            return None
+        self.proc.send_signal(signal.SIGINT)
+        _, err = self.proc.communicate(timeout=30)
+        res = {"*": 0}
+        for line in err.splitlines():
+            f = line.split(",")
+            if len(f) < 4 or not f[1].strip().isdigit():
+                continue
+            name = f[0].strip().rsplit("-", 1)[0]
+            res[name] = res.get(name, 0) + int(f[1])
+            res["*"] += int(f[1])
+        return res
+
+
 def all_streams(d):
     d.command("status", {"interval": 10000, "serviceLink": {"href": "/status"}})
     d.command("statistics", {"interval": 15000, "serviceLink": {"href": "/statistics"}})
@@ -213,6 +269,7 @@ class Lines(threading.Thread):
     def __init__(self, d, rate):
         super().__init__(daemon=True)
         self.d, self.rate, self.stopping = d, rate, threading.Event()
+        self.sent = 0
 
     def run(self):
         n = 0
@@ -222,28 +279,41 @@ class Lines(threading.Thread):
                 self.d.lab.call("POST", "/syslog/send",
                                 {"lines": [f"{LINE} ({n}.{i})" for i in range(self.rate)],
                                  "pace": 0.5 / self.rate}, timeout=30)
+                self.sent += self.rate
             except Exception:  # the lab may be stopping
                 return
 
 
-def footprint(d, early, late):
+def footprint(d, early, late, window):
     all_streams(d)
     lines = Lines(d, 10)
     lines.start()
     try:
         tid = wait(lambda: d.tid("status_send"), 30, "the status thread")
+        wait(lambda: d.tid("platform_syslog_reader"), 30, "the syslog receiver")
         time.sleep(early)
         m1 = d.memory()
         s1 = (d.cpu_s(tid), len(d.lab.status_documents()))
         time.sleep(late - early)
         m2 = d.memory()
         s2 = (d.cpu_s(tid), len(d.lab.status_documents()))
+        # Allocations in a window of their own: the probes cost CPU.
+        al = Allocs(d.child)
+        a1 = (len(d.lab.status_documents()), lines.sent)
+        time.sleep(window)
+        a2 = (len(d.lab.status_documents()), lines.sent)
+        calls = al.stop()
     finally:
         lines.stopping.set()
         lines.join()
     # CPU of the status thread per document it sent meanwhile.
     docs = s2[1] - s1[1]
-    return m1, m2, ((s2[0] - s1[0]) / docs if docs else None, docs)
+    adocs, sent = a2[0] - a1[0], a2[1] - a1[1]
+    allocs = None
+    if calls is not None:
+        allocs = (calls.get("status_send", 0) / adocs if adocs else None,
+                  calls.get("platform_syslog_reader", 0) / sent if sent else None, sent)
+    return m1, m2, ((s2[0] - s1[0]) / docs if docs else None, docs), allocs
 
 
 CURL_RUNNER = r"""
@@ -279,12 +349,21 @@ def heartbeat_cpu(d, n):
     k1 = len(d.lab.requests(kind="heartbeat"))
     c0 = d.cpu_s()
     wait(lambda: len(d.lab.requests(kind="heartbeat")) >= k1 + n, 2 * n + 10, "heartbeats")
-    return (d.cpu_s() - c0) / n
+    cpu = (d.cpu_s() - c0) / n
+    # Allocations over the next heartbeats, apart: the probes cost CPU.
+    al = Allocs(d.child)
+    k1 = len(d.lab.requests(kind="heartbeat"))
+    wait(lambda: len(d.lab.requests(kind="heartbeat")) >= k1 + min(n, 5), 30, "heartbeats")
+    calls = al.stop()
+    k2 = len(d.lab.requests(kind="heartbeat"))
+    return cpu, (calls["*"] / (k2 - k1) if calls is not None else None)
 
 
-def commands_cpu(d, count, hb_cpu):
-    """Child CPU per command for one heartbeat reply carrying `count`
-    commands (each refused and answered), less the heartbeats' own share."""
+def commands_cpu(d, count, hb_cpu, allocs=False):
+    """Child CPU (or, with allocs, heap calls) per command for one heartbeat
+    reply carrying `count` commands (each refused and answered), less the
+    heartbeats' own share."""
+    al = Allocs(d.child) if allocs else None
     n0 = len(d.lab.results())
     k0 = len(d.lab.requests(kind="heartbeat"))
     c0 = d.cpu_s()
@@ -303,11 +382,16 @@ def commands_cpu(d, count, hb_cpu):
         last = n
         time.sleep(1.0)
     c1 = d.cpu_s()
+    calls = al.stop() if al else None
     answered = len(d.lab.results()) - n0
     if answered <= 0:
         raise RuntimeError("no command was answered")
     hbs = len(d.lab.requests(kind="heartbeat")) - k0
-    return max(0.0, (c1 - c0) - hbs * hb_cpu) / answered, answered
+    if allocs:
+        if calls is None or hb_cpu[1] is None:
+            return None
+        return max(0.0, calls["*"] - hbs * hb_cpu[1]) / answered
+    return max(0.0, (c1 - c0) - hbs * hb_cpu[0]) / answered, answered
 
 
 def start_to_heartbeat(d, runs):
@@ -387,7 +471,7 @@ def write_section(path, text):
 
 def report(a, r):
     fp_rows = []
-    for name, (m1, m2, _) in r["footprint"].items():
+    for name, (m1, m2, _, _) in r["footprint"].items():
         for proc in ("supervisor", "child"):
             v1, v2 = m1[proc], m2[proc]
             fp_rows.append(
@@ -398,6 +482,10 @@ def report(a, r):
         fp_rows.append(f"| {name} | together | | {mib(both):.2f} | | | |")
     hb, curl = r["heartbeat_cpu"], r["curl_cpu"]
     st = {int(n.split()[0]): v[2] for n, v in r["footprint"].items()}
+    al = {int(n.split()[0]): v[3] for n, v in r["footprint"].items()}
+
+    def calls(v):
+        return "n/a" if v is None else f"{v:.1f}"
     cmd = r["commands_cpu"]
     out = [
         "## Daemon costs",
@@ -429,19 +517,29 @@ def report(a, r):
         f" {r['stopped'][0] * 1e3:.2f} ms; controller stopped (every request refused)"
         f" {r['stopped'][1] * 1e3:.2f} ms.",
         "",
-        "| job | size | CPU per operation (ms) | per unit of size (ms) |",
-        "|---|---|---|---|",
+        "| job | size | CPU per operation (ms) | per unit of size (ms) | allocations per"
+        " operation |",
+        "|---|---|---|---|---|",
+        f"| heartbeat (child) | 1 | {hb * 1e3:.2f} | {hb * 1e3:.2f} |"
+        f" {calls(r['heartbeat_allocs'])} |",
     ]
     for ports, (c, docs) in st.items():
         if c is None:
             out.append(f"| status document (status thread) | {ports} ports | no document"
-                       " in the window | |")
+                       " in the window | | |")
         else:
             out.append(f"| status document (status thread, {docs} documents) | {ports} ports |"
-                       f" {c * 1e3:.2f} | {c * 1e3 / ports:.4f} |")
+                       f" {c * 1e3:.2f} | {c * 1e3 / ports:.4f} |"
+                       f" {calls(al[ports] and al[ports][0])} |")
+    for ports, v in al.items():
+        if v is not None and v[1] is not None:
+            out.append(f"| syslog line received (receiver thread, {v[2]} lines, {ports}-port"
+                       f" daemon) | 1 line | | | {calls(v[1])} |")
     for k, (c, answered) in cmd.items():
+        ca = r["commands_allocs"].get(k, "not measured")
         out.append(f"| heartbeat reply with commands (child, per answered command) | {k}"
-                   f" ({answered} answered) | {c * 1e3:.2f} | {c * 1e3:.2f} |")
+                   f" ({answered} answered) | {c * 1e3:.2f} | {c * 1e3:.2f} |"
+                   f" {ca if isinstance(ca, str) else calls(ca)} |")
     sizes = list(st)
     if len(sizes) == 2 and st[sizes[0]][0] and st[sizes[1]][0]:
         out += ["", f"Status document, {sizes[1]} / {sizes[0]} ports: CPU x"
@@ -478,9 +576,11 @@ def main():
         sys.exit("needs root: the daemon runs in network namespaces of its own")
     if a.quick:
         a.early, a.late, a.heartbeats, a.starts, a.stopped = 5.0, 25.0, 4, 1, 3.0
+        a.window = 12.0
         a.counts = (1, 10)
     else:
         a.early, a.late, a.heartbeats, a.starts, a.stopped = 60.0, 600.0, 30, 5, 20.0
+        a.window = 45.0
         a.counts = (1, 10, 100)
     if a.late_seconds:
         a.late = a.late_seconds
@@ -503,22 +603,24 @@ def main():
             d.start()
         for d in daemons:
             d.ready()
+        Allocs.setup(binary)
         # The footprint runs run in the background while the rest is measured
         # on a daemon of its own.
         fps = {}
         threads = [threading.Thread(daemon=True, target=lambda d=d, n=n: fps.__setitem__(
-            n, footprint(d, a.early, a.late))) for d, n in ((small, "28 ports"),
+            n, footprint(d, a.early, a.late, a.window))) for d, n in ((small, "28 ports"),
                                                              (large, "128 ports"))]
         for t in threads:
             t.start()
-        r["heartbeat_cpu"] = heartbeat_cpu(hbd, a.heartbeats)
+        r["heartbeat_cpu"], r["heartbeat_allocs"] = hb = heartbeat_cpu(hbd, a.heartbeats)
         r["curl_cpu"] = curl_exchange(hbd, a.heartbeats) / a.heartbeats
         if a.before:
-            r["before_cpu"] = heartbeat_cpu(old, a.heartbeats)
+            r["before_cpu"] = heartbeat_cpu(old, a.heartbeats)[0]
             r["before_curl_cpu"] = curl_exchange(old, a.heartbeats) / a.heartbeats
             old.close()
             daemons.remove(old)
-        r["commands_cpu"] = {k: commands_cpu(hbd, k, r["heartbeat_cpu"]) for k in a.counts}
+        r["commands_cpu"] = {k: commands_cpu(hbd, k, hb) for k in a.counts}
+        r["commands_allocs"] = {k: commands_cpu(hbd, k, hb, allocs=True) for k in a.counts[:2]}
         r["start"] = start_to_heartbeat(hbd, a.starts)
         r["stopped"] = stopped_controller(hbd, a.stopped)
         for t in threads:
@@ -527,6 +629,7 @@ def main():
             raise RuntimeError("a footprint run failed")
         r["footprint"] = {"28 ports": fps["28 ports"], "128 ports": fps["128 ports"]}
     finally:
+        Allocs.teardown()
         for d in daemons:
             d.close()
         if not a.keep:

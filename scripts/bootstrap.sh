@@ -10,6 +10,7 @@ packages=(
     openssl openvpn psmisc gzip iproute2 util-linux bsdutils tar
     googletest libgtest-dev libgmock-dev
     python3 python3-pytest python3-pytest-xdist
+    curl linux-perf
 )
 
 missing=()

@@ -284,17 +284,48 @@ class Lines(threading.Thread):
                 return
 
 
+class Churn(threading.Thread):
+    """Changes every port of the simulated switch every `period` seconds
+    (the speed flips between 1000 and 10000), so that each status document
+    carries every port: the status stream sends only ports that changed."""
+
+    def __init__(self, d, period=10.0):
+        super().__init__(daemon=True)
+        self.d, self.period, self.stopping = d, period, threading.Event()
+        self.path = os.path.join(d.root, "var", "switch", "model.json")
+        with open(self.path) as f:
+            self.model = json.load(f)
+
+    def run(self):
+        flip = False
+        while not self.stopping.wait(self.period):
+            flip = not flip
+            for p in self.model.get("ports", []):
+                p["speed"] = 8 if flip else 7
+            tmp = self.path + ".new"
+            with open(tmp, "w") as f:
+                json.dump(self.model, f)
+            os.rename(tmp, self.path)
+
+
 def footprint(d, early, late, window):
     all_streams(d)
     lines = Lines(d, 10)
     lines.start()
+    churn = Churn(d)
+    churn.start()
+    series = []
     try:
         tid = wait(lambda: d.tid("status_send"), 30, "the status thread")
         wait(lambda: d.tid("platform_syslog_reader"), 30, "the syslog receiver")
         time.sleep(early)
         m1 = d.memory()
         s1 = (d.cpu_s(tid), len(d.lab.status_documents()))
-        time.sleep(late - early)
+        # The child's private dirty memory along the way: a plateau or a slope.
+        step = (late - early) / 6
+        for i in range(6):
+            time.sleep(step)
+            series.append((early + (i + 1) * step, d.memory()["child"]["Private_Dirty"]))
         m2 = d.memory()
         s2 = (d.cpu_s(tid), len(d.lab.status_documents()))
         # Allocations in a window of their own: the probes cost CPU.
@@ -305,6 +336,7 @@ def footprint(d, early, late, window):
         calls = al.stop()
     finally:
         lines.stopping.set()
+        churn.stopping.set()
         lines.join()
     # CPU of the status thread per document it sent meanwhile.
     docs = s2[1] - s1[1]
@@ -313,7 +345,7 @@ def footprint(d, early, late, window):
     if calls is not None:
         allocs = (calls.get("status_send", 0) / adocs if adocs else None,
                   calls.get("platform_syslog_reader", 0) / sent if sent else None, sent)
-    return m1, m2, ((s2[0] - s1[0]) / docs if docs else None, docs), allocs
+    return m1, m2, ((s2[0] - s1[0]) / docs if docs else None, docs), allocs, series
 
 
 CURL_RUNNER = r"""
@@ -471,7 +503,7 @@ def write_section(path, text):
 
 def report(a, r):
     fp_rows = []
-    for name, (m1, m2, _, _) in r["footprint"].items():
+    for name, (m1, m2, _, _, _) in r["footprint"].items():
         for proc in ("supervisor", "child"):
             v1, v2 = m1[proc], m2[proc]
             fp_rows.append(
@@ -493,13 +525,17 @@ def report(a, r):
         f"`bench/daemon_costs.py{' --quick' if a.quick else ''}`, {time.strftime('%Y-%m-%d')},"
         f" release build, {machine()}. One run; every ratio compares figures of this run.",
         "",
-        f"Memory with every stream on (heartbeat 1 s, status 10 s, statistics 15 s, syslog"
-        f" forwarding with 10 lines/s), at {a.early:g} s and {a.late:g} s; MiB at"
+        f"Memory with every stream on (heartbeat 1 s, status 10 s with every port changing"
+        f" every 10 s, statistics 15 s, syslog forwarding with 10 lines/s), at {a.early:g} s and {a.late:g} s; MiB at"
         f" {a.late:g} s, growth in KiB from {a.early:g} s to {a.late:g} s:",
         "",
         "| switch | process | RSS | PSS | private dirty | PSS growth KiB | private dirty growth KiB |",
         "|---|---|---|---|---|---|---|",
         *fp_rows,
+        "",
+        f"The child's private dirty memory (KiB) from {a.early:g} s on: "
+        + "; ".join(f"{n}: " + ", ".join(f"{t:.0f} s {v}" for t, v in fp[4])
+                    for n, fp in r["footprint"].items()) + ".",
         "",
         f"CPU per heartbeat over {a.heartbeats} heartbeats (nothing else on): daemon child"
         f" {hb * 1e3:.2f} ms; `curl` doing the same exchange {a.heartbeats} times"

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <curl/curl.h>
 #include <memory>
+#include <mutex>
 #include <resolv.h>
 
 queue_t *free_replies;
@@ -40,6 +41,47 @@ struct slist_deleter {
 };
 using easy_ptr = std::unique_ptr<CURL, easy_deleter>;
 using slist_ptr = std::unique_ptr<curl_slist, slist_deleter>;
+
+// What every request may take over from the ones before it: TLS sessions
+// (a resumed handshake skips the certificate exchange and its verification)
+// and resolved host names. Each request still gets a fresh handle and a
+// connection of its own. Connections are deliberately not shared: curl
+// silently sends a request again when a reused connection closes before
+// anything came back, so the controller would see it twice and a dropped
+// connection would no longer come back to the caller as a failure.
+struct http_share {
+    CURLSH *sh = nullptr;
+    std::mutex locks[CURL_LOCK_DATA_LAST];
+
+    http_share()
+    {
+        sh = curl_share_init();
+        if (sh == nullptr)
+            return;
+        curl_share_setopt(sh, CURLSHOPT_LOCKFUNC, lock);
+        curl_share_setopt(sh, CURLSHOPT_UNLOCKFUNC, unlock);
+        curl_share_setopt(sh, CURLSHOPT_USERDATA, this);
+        curl_share_setopt(sh, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+        curl_share_setopt(sh, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+    }
+
+    static void lock(CURL *, curl_lock_data d, curl_lock_access, void *user)
+    {
+        static_cast<http_share *>(user)->locks[d].lock();
+    }
+    static void unlock(CURL *, curl_lock_data d, void *user)
+    {
+        static_cast<http_share *>(user)->locks[d].unlock();
+    }
+};
+
+// Made on the first request, kept for the life of the process: handles may
+// be in use on any thread until the very end.
+CURLSH *shared(void)
+{
+    static http_share *s = new http_share;
+    return s->sh;
+}
 
 unsigned addr32(const void *p)
 {
@@ -88,6 +130,7 @@ int http_request(method m, const char *url, const char *data, int length,
     char ca[1024];
     curl_easy_setopt(c, CURLOPT_CAINFO, ca_bundle(ca, sizeof(ca)));
     curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(c, CURLOPT_SHARE, shared());
     if (m == method::post)
         curl_easy_setopt(c, CURLOPT_POST, 1L);
     if (m == method::put)

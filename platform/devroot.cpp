@@ -72,14 +72,19 @@ void devroot_init(void)
     }
 }
 
+// Callers may map a path in place (buf == path), so the copy must allow
+// the source and the destination to overlap.
 char *devroot_path(const char *path, char *buf, size_t size)
 {
-    int n;
-    if (root_len == 0 || path[0] != '/' || kernel_path(path) || already_mapped(path))
-        n = snprintf(buf, size, "%s", path);
-    else
-        n = snprintf(buf, size, "%s%s", root, path);
-    return n < 0 || (size_t)n >= size ? nullptr : buf;
+    size_t prefix = 0;
+    if (!(root_len == 0 || path[0] != '/' || kernel_path(path) || already_mapped(path)))
+        prefix = root_len;
+    size_t len = strlen(path);
+    if (prefix + len >= size)
+        return nullptr;
+    memmove(buf + prefix, path, len + 1);
+    memcpy(buf, root, prefix);
+    return buf;
 }
 
 char *devroot_command(const char *cmd, char *buf, size_t size)
@@ -191,7 +196,11 @@ void dev_openlog(const char *ident, int option, int facility)
         return;
     }
     std::lock_guard<std::mutex> g(log_mutex);
-    snprintf(log_ident, sizeof(log_ident), "%s", ident);
+    // The ident may be the one already held (a re-open with the same
+    // name), so the copy must allow overlap.
+    size_t n = strnlen(ident, sizeof(log_ident) - 1);
+    memmove(log_ident, ident, n);
+    log_ident[n] = '\0';
     log_option = option;
     log_facility = facility;
     if (log_fd < 0)

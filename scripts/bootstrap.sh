@@ -18,6 +18,7 @@ packages=(
     python3 python3-pytest python3-pytest-xdist
     chromium chromium-driver python3-selenium
     dpkg-dev fakeroot lintian file binutils
+    curl linux-perf
 )
 
 cross_arches=()

@@ -615,3 +615,22 @@ TEST_F(HttpLabTest, RawUploadPutsTheFile)
     EXPECT_EQ(json_str(rec, "body"), data);
     EXPECT_EQ(json_integer_value(json_object_get(rec, "status")), 200);
 }
+
+// Requests share TLS sessions but never a connection: a connection the
+// controller closes without answering fails that one request, which the
+// controller has seen exactly once.
+TEST_F(HttpLabTest, DroppedConnectionAfterAnAnsweredOneFailsAndIsNotSentAgain)
+{
+    lab->script(R"({"path":"/api/x","status":200,"count":1})");
+    reply *r = alloc_reply();
+    EXPECT_EQ(http_get(url("/api/x").c_str(), nullptr, r), 0);
+    lab->script(R"({"path":"/api/y","drop":"close","count":1})");
+    r->length = 0;
+    EXPECT_EQ(http_post(url("/api/y").c_str(), "{}", 2, nullptr, r), 2);
+    EXPECT_EQ(count_of({{"path", "/api/y"}}), 1u);
+    // And the next request goes through on a fresh connection.
+    lab->script(R"({"path":"/api/y","status":204,"count":1})");
+    EXPECT_EQ(http_post(url("/api/y").c_str(), "{}", 2, nullptr, r), 0);
+    EXPECT_EQ(count_of({{"path", "/api/y"}}), 2u);
+    free_reply(r);
+}

@@ -50,20 +50,14 @@ from labfixture import LabController  # noqa: E402
 from netns import Netns  # noqa: E402
 from syslogsocket import SyslogSocket  # noqa: E402
 
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import benchkit  # noqa: E402
+from benchkit import thread_of, wait, working_child  # noqa: E402
+
 BEGIN = "<!-- daemon-costs:begin -->"
 END = "<!-- daemon-costs:end -->"
 CLK = os.sysconf("SC_CLK_TCK")
 LINE = "<13>Nov 21 10:11:12 sw1 dot1x[412]: port 0/12 authorized, client 02:00:00:00:00:42"
-
-
-def wait(fn, timeout, what, interval=0.02):
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        v = fn()
-        if v:
-            return v
-        time.sleep(interval)
-    raise RuntimeError(f"timed out waiting for {what}")
 
 
 def big_model(ports=128, neighbours=2, vlans=4):
@@ -128,30 +122,10 @@ class Daemon:
         wait(lambda: self.lab.requests(kind="heartbeat"), 20, "the first heartbeat")
 
     def _child(self):
-        try:
-            with open(f"/proc/{self.proc.pid}/task/{self.proc.pid}/children") as f:
-                kids = [int(p) for p in f.read().split()]
-        except FileNotFoundError:
-            return None
-        for k in kids:
-            if self.tid("worker5", k):
-                return k
-        return None
+        return working_child(self.proc.pid)
 
     def tid(self, name, pid=None):
-        pid = pid or self.child
-        try:
-            tids = os.listdir(f"/proc/{pid}/task")
-        except FileNotFoundError:
-            return None
-        for t in tids:
-            try:
-                with open(f"/proc/{pid}/task/{t}/comm") as f:
-                    if f.read().strip() == name[:15]:
-                        return int(t)
-            except FileNotFoundError:
-                pass
-        return None
+        return thread_of(pid or self.child, name)
 
     def cpu_s(self, tid=None):
         """CPU seconds of the child, or of one of its threads."""
@@ -482,23 +456,7 @@ def machine():
 
 
 def write_section(path, text):
-    body = ""
-    if os.path.exists(path):
-        with open(path) as f:
-            body = f.read()
-    else:
-        body = "# Performance\n\nFigures measured by the scripts in bench/; compare only figures " \
-               "taken in one run.\n"
-    section = f"{BEGIN}\n{text.rstrip()}\n{END}\n"
-    if BEGIN in body and END in body:
-        body = body[:body.index(BEGIN)] + section + body[body.index(END) + len(END) + 1:]
-    else:
-        # First in the file, right after its heading paragraph.
-        head, sep, rest = body.partition("\n\n")
-        first, sep2, rest2 = rest.partition("\n\n")
-        body = head + sep + first + sep2 + section + "\n" + rest2
-    with open(path, "w") as f:
-        f.write(body)
+    benchkit.write_section(path, text, BEGIN, END, first=True)
 
 
 def report(a, r):

@@ -38,6 +38,10 @@ from labfixture import LabController  # noqa: E402
 from netns import Netns  # noqa: E402
 from syslogsocket import SyslogSocket  # noqa: E402
 
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import benchkit  # noqa: E402
+from benchkit import thread_of, wait, working_child  # noqa: E402
+
 BEGIN = "<!-- syslog-forwarding:begin -->"
 END = "<!-- syslog-forwarding:end -->"
 TEXT = "sw1 dot1x[412]: port 0/12 authorized, client 02:00:00:00:00:42 vlan 20 ({:06d})"
@@ -70,37 +74,13 @@ class Bench:
                    "the syslog receiver")
         self.seq = 0
 
-    @staticmethod
-    def _wait(fn, timeout, what, interval=0.05):
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
-            v = fn()
-            if v:
-                return v
-            time.sleep(interval)
-        raise RuntimeError(f"timed out waiting for {what}")
+    _wait = staticmethod(wait)
 
     def _child(self):
-        try:
-            with open(f"/proc/{self.proc.pid}/task/{self.proc.pid}/children") as f:
-                kids = [int(p) for p in f.read().split()]
-        except FileNotFoundError:
-            return None
-        for k in kids:
-            if self._tid("worker5", k):
-                return k
-        return None
+        return working_child(self.proc.pid)
 
     def _tid(self, name, pid=None):
-        pid = pid or self.child
-        for tid in os.listdir(f"/proc/{pid}/task"):
-            try:
-                with open(f"/proc/{pid}/task/{tid}/comm") as f:
-                    if f.read().strip() == name[:15]:
-                        return int(tid)
-            except FileNotFoundError:
-                pass
-        return None
+        return thread_of(pid or self.child, name)
 
     def cpu_ns(self, tid=None):
         """CPU time on the clock of the scheduler: one thread, or the process."""
@@ -216,20 +196,7 @@ def cpu_case(b, count, stalled):
 
 
 def write_section(path, text):
-    body = ""
-    if os.path.exists(path):
-        with open(path) as f:
-            body = f.read()
-    else:
-        body = "# Performance\n\nFigures measured by the scripts in bench/; compare only figures " \
-               "taken in one run.\n"
-    section = f"{BEGIN}\n{text.rstrip()}\n{END}\n"
-    if BEGIN in body and END in body:
-        body = body[:body.index(BEGIN)] + section + body[body.index(END) + len(END) + 1:]
-    else:
-        body = body.rstrip("\n") + "\n\n" + section
-    with open(path, "w") as f:
-        f.write(body)
+    benchkit.write_section(path, text, BEGIN, END)
 
 
 def main():

@@ -42,6 +42,20 @@ def text(proc):
         return f.read()
 
 
+def daemons_of(root):
+    """The pids of the processes running with this device root."""
+    found = []
+    for pid in os.listdir("/proc"):
+        if pid.isdigit():
+            try:
+                with open(f"/proc/{pid}/environ", "rb") as f:
+                    if f"ORKAD_ROOT={root}".encode() in f.read().split(b"\0"):
+                        found.append(int(pid))
+            except (FileNotFoundError, ProcessLookupError, PermissionError):
+                pass
+    return found
+
+
 def test_runner_starts_the_lab_and_stops_on_ctrl_c(runner):
     wait_until(lambda: "Ctrl-C stops" in text(runner), timeout=20, what="the runner's notice")
     notice = text(runner)
@@ -50,8 +64,12 @@ def test_runner_starts_the_lab_and_stops_on_ctrl_c(runner):
     assert f"switch journal    {root}/var/switch/journal" in notice
     sock = re.search(r"--unix-socket (\S+) -d '(.*)' http://lab/commands", notice)
     assert sock, notice
-    ns = [n for n in subprocess.run(["ip", "netns", "list"], capture_output=True,
-                                    text=True).stdout.split() if n.startswith("orkad-lab-")]
+    # The runner's own namespace is the one its daemon lives in (other labs may
+    # run beside this test).
+    wait_until(lambda: daemons_of(root), timeout=10, what="the lab's daemon")
+    ns = subprocess.run(["ip", "netns", "identify", str(daemons_of(root)[0])],
+                        capture_output=True, text=True).stdout.split()
+    assert len(ns) == 1 and ns[0].startswith("orkad-lab-"), ns
 
     # The one-line example works as printed.
     r = subprocess.run(["curl", "-s", "--unix-socket", sock.group(1), "-d", sock.group(2),
@@ -78,10 +96,4 @@ def test_runner_starts_the_lab_and_stops_on_ctrl_c(runner):
     left = subprocess.run(["ip", "netns", "list"], capture_output=True, text=True).stdout
     for n in ns:
         assert n not in left
-    for pid in os.listdir("/proc"):
-        if pid.isdigit():
-            try:
-                with open(f"/proc/{pid}/environ", "rb") as f:
-                    assert f"ORKAD_ROOT={root}".encode() not in f.read().split(b"\0")
-            except (FileNotFoundError, ProcessLookupError, PermissionError):
-                pass
+    assert daemons_of(root) == []

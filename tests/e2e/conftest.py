@@ -49,6 +49,20 @@ def log_messages(path):
     return out
 
 
+def processes_with_root(root):
+    """The pids of the processes running with this device root."""
+    found = []
+    for pid in os.listdir("/proc"):
+        if pid.isdigit():
+            try:
+                with open(f"/proc/{pid}/environ", "rb") as f:
+                    if f"ORKAD_ROOT={root}".encode() in f.read().split(b"\0"):
+                        found.append(int(pid))
+            except (FileNotFoundError, ProcessLookupError, PermissionError):
+                pass
+    return found
+
+
 class SyslogSink:
     """Stands in for the system logger on <root>/dev/log."""
 

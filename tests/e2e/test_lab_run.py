@@ -11,7 +11,7 @@ import sys
 
 import pytest
 
-from conftest import BIN, SOURCE, wait_until
+from conftest import BIN, SOURCE, processes_with_root, wait_until
 from netns import Netns
 
 RUNNER = os.path.join(SOURCE, "lab", "run.py")
@@ -42,20 +42,6 @@ def text(proc):
         return f.read()
 
 
-def daemons_of(root):
-    """The pids of the processes running with this device root."""
-    found = []
-    for pid in os.listdir("/proc"):
-        if pid.isdigit():
-            try:
-                with open(f"/proc/{pid}/environ", "rb") as f:
-                    if f"ORKAD_ROOT={root}".encode() in f.read().split(b"\0"):
-                        found.append(int(pid))
-            except (FileNotFoundError, ProcessLookupError, PermissionError):
-                pass
-    return found
-
-
 def test_runner_starts_the_lab_and_stops_on_ctrl_c(runner):
     wait_until(lambda: "Ctrl-C stops" in text(runner), timeout=20, what="the runner's notice")
     notice = text(runner)
@@ -66,8 +52,8 @@ def test_runner_starts_the_lab_and_stops_on_ctrl_c(runner):
     assert sock, notice
     # The runner's own namespace is the one its daemon lives in (other labs may
     # run beside this test).
-    wait_until(lambda: daemons_of(root), timeout=10, what="the lab's daemon")
-    ns = subprocess.run(["ip", "netns", "identify", str(daemons_of(root)[0])],
+    wait_until(lambda: processes_with_root(root), timeout=10, what="the lab's daemon")
+    ns = subprocess.run(["ip", "netns", "identify", str(processes_with_root(root)[0])],
                         capture_output=True, text=True).stdout.split()
     assert len(ns) == 1 and ns[0].startswith("orkad-lab-"), ns
 
@@ -96,4 +82,4 @@ def test_runner_starts_the_lab_and_stops_on_ctrl_c(runner):
     left = subprocess.run(["ip", "netns", "list"], capture_output=True, text=True).stdout
     for n in ns:
         assert n not in left
-    assert daemons_of(root) == []
+    assert processes_with_root(root) == []

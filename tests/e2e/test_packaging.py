@@ -4,13 +4,14 @@ scratch root against the lab up to its first heartbeat."""
 
 import os
 import shutil
+import signal
 import stat
 import subprocess
 
 import pytest
 
 import devroot
-from conftest import BIN, EMULATOR, Daemon, wait_until
+from conftest import BIN, EMULATOR, Daemon, processes_with_root, wait_until
 from lab_fixtures import LabController
 
 BUILD = os.path.dirname(os.path.dirname(BIN))
@@ -285,9 +286,17 @@ sh "$root/etc/init.d/orkad" status || echo "status=$?"
 
 def test_init_script_starts_once_and_stop_ends_both_processes(package, tmp_path, netns):
     root = board_root(package, tmp_path)
-    r = subprocess.run(netns.prefix() + ["unshare", "-m", "--propagation", "private", "sh",
-                                         "-c", STOP_SCRIPT, "sh", root],
-                       capture_output=True, text=True, timeout=60)
+    try:
+        r = subprocess.run(netns.prefix() + ["unshare", "-m", "--propagation", "private", "sh",
+                                             "-c", STOP_SCRIPT, "sh", root],
+                           capture_output=True, text=True, timeout=60)
+    finally:
+        # A script that failed half-way leaves the daemon it started behind.
+        for pid in processes_with_root(root):
+            try:
+                os.kill(pid, signal.SIGKILL)
+            except ProcessLookupError:
+                pass
     assert r.returncode == 0, r.stdout + r.stderr
     lines = r.stdout.splitlines()
     assert lines[0] == "Starting orkad"

@@ -92,6 +92,14 @@ def read_bootenv(root):
     return env
 
 
+def update_bootenv(root, **env):
+    """Sets the given boot-environment variables, keeping the others."""
+    merged = dict(DEFAULT_ENV)
+    merged.update(read_bootenv(root))
+    merged.update(env)
+    write_bootenv(root, merged)
+
+
 def make_device_root(root, env=None, version="1.0.0.1"):
     """Creates (or refreshes) a device root at `root` and returns its path."""
     root = os.path.abspath(root)

@@ -1,6 +1,7 @@
 """Fixtures that run the real orkad in a fresh device root and its own
 network namespace, and read what it leaves behind."""
 
+import json
 import os
 import resource
 import shlex
@@ -163,6 +164,17 @@ class Daemon:
                 return "sigtimedwait" in f.read()
         except (FileNotFoundError, ProcessLookupError):
             return False
+
+    def journal(self):
+        """Every call the simulated switch served, in order."""
+        path = self.path("/var/switch/journal")
+        if not os.path.exists(path):
+            return []
+        with open(path) as f:
+            return [json.loads(line) for line in f if line.strip()]
+
+    def calls(self, name):
+        return [j for j in self.journal() if j["call"] == name]
 
     def log(self, name="/rw/orkad.log"):
         return log_messages(self.path(name))

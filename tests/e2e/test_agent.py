@@ -6,7 +6,6 @@ The daemon runs without CAP_SYS_TIME throughout, so no test can move the
 clock of the machine even when a phone-home answer carries the time."""
 
 import io
-import json
 import os
 import resource
 import signal
@@ -59,13 +58,6 @@ class Agent(Daemon):
             con.close()
         return row[0] if row else None
 
-    def journal(self):
-        path = self.path("/var/switch/journal")
-        if not os.path.exists(path):
-            return []
-        with open(path) as f:
-            return [json.loads(line) for line in f if line.strip()]
-
     def statuses(self):
         """The connection words the agent gave the switch, in order."""
         return [j["status"].split()[-1] for j in self.journal()
@@ -80,18 +72,11 @@ class Agent(Daemon):
         return self.wait_child(not_pid=child, timeout=15)
 
 
-def set_bootenv(root, **env):
-    merged = dict(devroot.DEFAULT_ENV)
-    merged.update(devroot.read_bootenv(root))
-    merged.update(env)
-    devroot.write_bootenv(root, merged)
-
-
 @pytest.fixture
 def agent(device_root, tmp_path, netns, netns_lab):
     """Device root with 1-s heartbeats, the lab controller, and the daemon
     (not started yet) pointed at the lab as its phone-home site."""
-    set_bootenv(device_root, heartbeat="1")
+    devroot.update_bootenv(device_root, heartbeat="1")
     a = Agent(device_root, str(tmp_path), netns)
     a.lab = netns_lab
     a.site = netns_lab.base_url
@@ -281,7 +266,7 @@ def test_set_heartbeat_limits(agent):
 
 
 def test_boot_environment_interval_out_of_range(agent):
-    set_bootenv(agent.root, heartbeat="61")
+    devroot.update_bootenv(agent.root, heartbeat="61")
     agent.start("-s", agent.site)
     agent.wait_log("heartbeat: interval value (61) is out of range")
     assert not any("heartbeat: new interval" in m for m in agent.log())
@@ -373,7 +358,7 @@ def test_set_firmware_answers_first(agent):
 def test_boot_bank_1_reports_the_secondary_version(agent):
     with open(agent.path("/mnt/fastpath/image2"), "w") as f:
         f.write("version=1.0.0.2\n")
-    set_bootenv(agent.root, active="image2")
+    devroot.update_bootenv(agent.root, active="image2")
     agent.start("-s", agent.site)
     fw = agent.lab.wait_request(kind="current_firmware")
     assert fw["query"] == "serial_number=VX0123456789&firmware_version=1.0.0.2"
@@ -398,7 +383,7 @@ def test_developer_build_never_updates(agent):
 
 
 def test_phone_home_no_in_boot_environment(agent):
-    set_bootenv(agent.root, phone_home="NO")
+    devroot.update_bootenv(agent.root, phone_home="NO")
     agent.start("-s", agent.site)
     agent.wait_log("phone_home: found 'phone_home=NO' in boot env, exiting!")
     agent.wait_log("cloud_controller not set, skipping heartbeats!")
@@ -410,14 +395,14 @@ def test_phone_home_no_in_boot_environment(agent):
 
 
 def test_phone_home_no_is_ignored_when_debugging(agent):
-    set_bootenv(agent.root, phone_home="no")
+    devroot.update_bootenv(agent.root, phone_home="no")
     agent.start("-d", "-s", agent.site)
     agent.lab.wait_request(kind="phone_home")
     assert not any("in boot env, exiting" in m for m in agent.log())
 
 
 def test_controller_from_boot_environment_skips_the_query(agent):
-    set_bootenv(agent.root, controller=agent.lab.base_url)
+    devroot.update_bootenv(agent.root, controller=agent.lab.base_url)
     agent.start("-s", "https://192.0.2.99:1")
     agent.wait_log(f"phone_home: using controller from bootenv <{agent.lab.base_url}>")
     agent.lab.wait_request(kind="heartbeat", status=200)

@@ -9,8 +9,6 @@ bytes per frame on the sending interface (transmit) and on its veth peer
 (receive). IPv6 is off in the namespace so the kernel adds nothing of its own.
 """
 
-import os
-import signal
 import subprocess
 import time
 
@@ -63,13 +61,6 @@ while True:
 """
 
 
-def set_bootenv(root, **env):
-    merged = dict(devroot.DEFAULT_ENV)
-    merged.update(devroot.read_bootenv(root))
-    merged.update(env)
-    devroot.write_bootenv(root, merged)
-
-
 @pytest.fixture
 def agent(device_root, tmp_path, netns, netns_lab):
     """Veth pairs in the daemon's namespace, 1-s heartbeats, the lab; the
@@ -80,7 +71,7 @@ def agent(device_root, tmp_path, netns, netns_lab):
         netns.run(["ip", "link", "add", a, "type", "veth", "peer", "name", b])
         netns.run(["ip", "link", "set", a, "up"])
         netns.run(["ip", "link", "set", b, "up"])
-    set_bootenv(device_root, heartbeat="1")
+    devroot.update_bootenv(device_root, heartbeat="1")
     d = Daemon(device_root, str(tmp_path), netns)
     d.lab = netns_lab
     d.generator = None

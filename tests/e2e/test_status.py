@@ -96,10 +96,7 @@ class Switch:
 
 @pytest.fixture
 def agent(device_root, tmp_path, netns, netns_lab):
-    merged = dict(devroot.DEFAULT_ENV)
-    merged.update(devroot.read_bootenv(device_root))
-    merged["heartbeat"] = "1"
-    devroot.write_bootenv(device_root, merged)
+    devroot.update_bootenv(device_root, heartbeat="1")
     d = Daemon(device_root, str(tmp_path), netns)
     d.lab = netns_lab
     d.switch = Switch(device_root)
@@ -215,8 +212,7 @@ def test_failed_post_refused_token_and_a_second_set_status(agent):
     # once reception was switched on).
     assert failed["json"]["port"][8]["neighbor"] == []
     assert {"call": "rpcclt_openapiLldpIntfReceiveModeSet", "ifNum": 9, "mode": 1,
-            "result": 0} in [json.loads(line) for line in
-                             open(agent.path("/var/switch/journal")) if line.strip()]
+            "result": 0} in agent.journal()
     assert ok["json"] == {"port": expected_ports(model)}
     agent.wait_log("status_send: post successful")
 

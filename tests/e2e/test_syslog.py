@@ -24,16 +24,6 @@ PORT_HEX = f":{46180:04X} "  # the receiver's port as /proc/net/udp shows it
 class Switch(Daemon):
     """The daemon plus what it leaves on the simulated switch."""
 
-    def journal(self):
-        path = self.path("/var/switch/journal")
-        if not os.path.exists(path):
-            return []
-        with open(path) as f:
-            return [json.loads(line) for line in f if line.strip()]
-
-    def calls(self, name):
-        return [j for j in self.journal() if j["call"] == name]
-
     def _dump_lines(self):
         """(line index, text) of the logging dump lines in the debug log."""
         out = []
@@ -68,10 +58,7 @@ class Switch(Daemon):
 
 @pytest.fixture
 def switch(device_root, tmp_path, netns, netns_lab):
-    env = dict(devroot.DEFAULT_ENV)
-    env.update(devroot.read_bootenv(device_root))
-    env["heartbeat"] = "1"
-    devroot.write_bootenv(device_root, env)
+    devroot.update_bootenv(device_root, heartbeat="1")
     d = Switch(device_root, str(tmp_path), netns)
     d.lab = netns_lab
     d.start("-s", netns_lab.base_url)

@@ -67,6 +67,54 @@ class AgentTest : public ::testing::Test
 
     void use_lab() { config_set("system", nullptr, "cloud-controller", lab->base_url.c_str()); }
 
+    // One answer the agent posted for a command: code and message.
+    using Answer = std::pair<int, std::string>;
+
+    // Hands a command text to its handler, as the command runner does.
+    static void run_handler(cmd_fn fn, const char *name, const std::string &command,
+                            const char *link = "/response/t")
+    {
+        json_t *js = json_loads(command.c_str(), 0, nullptr);
+        EXPECT_NE(js, nullptr) << command;
+        fn(strdup(name), js, strdup(link));
+    }
+
+    // The answers posted for this command id ("" for any id), once `count`
+    // of them came or the wait ended.
+    std::vector<Answer> answers_for(const std::string &id, int count = 1)
+    {
+        Json res = id.empty() ? lab->wait_results({}, count)
+                              : lab->wait_results({{"command_id", id}}, count);
+        std::vector<Answer> out;
+        for (size_t i = 0; i < json_array_size(res.get()); i++)
+            out.push_back(
+                {(int)json_integer_value(json_object_get(json_array_get(res.get(), i), "code")),
+                 json_str(json_array_get(res.get(), i), "message")});
+        return out;
+    }
+
+    // The one answer posted for this id; a command is answered exactly once.
+    Answer answer_for(const std::string &id)
+    {
+        auto all = answers_for(id);
+        EXPECT_EQ(all.size(), 1u) << "answers for '" << id << "'";
+        return all.empty() ? Answer{99, "<no result>"} : all.back();
+    }
+
+    // Runs "action.context" with this id and params (JSON text) against the
+    // lab; its answer.
+    Answer run_command(cmd_fn fn, const char *action, const char *context, const std::string &id,
+                       const std::string &params, const char *link = "/response/t")
+    {
+        use_lab();
+        std::string name = std::string(action) + "." + context;
+        run_handler(fn, name.c_str(),
+                    std::string(R"({"action":")") + action + R"(","context":")" + context +
+                        R"(","id":")" + id + R"(","params":)" + params + "}",
+                    link);
+        return answer_for(id);
+    }
+
     std::string setting(const char *property)
     {
         char value[256] = "";

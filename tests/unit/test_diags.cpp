@@ -31,27 +31,15 @@ class DiagsTest : public AgentTest
 
     void run(const std::string &command)
     {
-        json_t *js = json_loads(command.c_str(), 0, nullptr);
-        ASSERT_NE(js, nullptr);
-        cmd_get_diagnostics(strdup("get.diagnostics"), js, strdup("/response/d"));
+        run_handler(cmd_get_diagnostics, "get.diagnostics", command, "/response/d");
     }
     void get_diags(const std::string &id, const std::string &href = "/diags/upload")
     {
         run(R"({"action":"get","context":"diagnostics","id":")" + id +
             R"(","params":{"serviceLink":{"href":")" + href + "\"}}}");
     }
-    std::pair<long long, std::string> result_of(const std::string &id)
-    {
-        Json res = lab->wait_results({{"command_id", id}});
-        EXPECT_EQ(json_array_size(res.get()), 1u);
-        return {json_integer_value(json_object_get(item(res, 0), "code")), at(res, 0, "message")};
-    }
-    std::pair<long long, std::string> only_result()
-    {
-        Json res = lab->wait_results({});
-        EXPECT_EQ(json_array_size(res.get()), 1u);
-        return {json_integer_value(json_object_get(item(res, 0), "code")), at(res, 0, "message")};
-    }
+    Answer result_of(const std::string &id) { return answer_for(id); }
+    Answer only_result() { return answer_for(""); }
 
     std::vector<std::string> journal_calls(const std::string &call)
     {

@@ -29,18 +29,9 @@ class HeartbeatTest : public AgentTest
     }
 
     // Runs set.heartbeat with these params; returns (code, message) as posted.
-    std::pair<int, std::string> set_heartbeat(const std::string &params, const char *id = "hb-1")
+    Answer set_heartbeat(const std::string &params, const char *id = "hb-1")
     {
-        use_lab();
-        std::string command = std::string(R"({"action":"set","context":"heartbeat","id":")") + id +
-                              R"(","params":)" + params + "}";
-        cmd_set_heartbeat(strdup("set.heartbeat"), json_loads(command.c_str(), 0, nullptr),
-                          strdup("/response/t"));
-        Json res = lab->wait_results({{"command_id", id}});
-        json_t *r = item(res, 0);
-        if (r == nullptr)
-            return {99, "<no result>"};
-        return {(int)json_integer_value(json_object_get(r, "code")), json_str(r, "message")};
+        return run_command(cmd_set_heartbeat, "set", "heartbeat", id, params);
     }
 
     Json heartbeats() { return lab->requests({{"kind", "heartbeat"}}); }

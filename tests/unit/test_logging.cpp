@@ -89,18 +89,9 @@ class LoggingTest : public AgentTest
     int ready() { return counts(2); }
     int filling() { return counts(3); }
 
-    std::pair<int, std::string> set_logging(const std::string &params, const char *id = "lg-1")
+    Answer set_logging(const std::string &params, const char *id = "lg-1")
     {
-        use_lab();
-        std::string command = std::string(R"({"action":"set","context":"logging","id":")") + id +
-                              R"(","params":)" + params + "}";
-        cmd_set_logging(strdup("set.logging"), json_loads(command.c_str(), 0, nullptr),
-                        strdup("/response/t"));
-        Json res = lab->wait_results({{"command_id", id}});
-        json_t *r = item(res, 0);
-        if (r == nullptr)
-            return {99, "<no result>"};
-        return {(int)json_integer_value(json_object_get(r, "code")), json_str(r, "message")};
+        return run_command(cmd_set_logging, "set", "logging", id, params);
     }
 
     // The syslog handle's lines without its start banner.

@@ -70,30 +70,17 @@ class VpnTest : public AgentTest
         return it == m.end() ? -1 : (long)(it - m.begin());
     }
 
-    void run(void (*fn)(char *, json_t *, char *), const std::string &command)
+    void run(cmd_fn fn, const std::string &command)
     {
-        json_t *js = json_loads(command.c_str(), 0, nullptr);
-        ASSERT_NE(js, nullptr);
-        fn(strdup("set.sslVpn"), js, strdup("/response/v"));
+        run_handler(fn, "set.sslVpn", command, "/response/v");
     }
     void set_vpn(const std::string &id, const std::string &ovpn_b64)
     {
         run(cmd_set_sslvpn, R"({"action":"set","context":"sslVpn","id":")" + id +
                                 R"(","params":{"clientOvpn":")" + ovpn_b64 + "\"}}");
     }
-    // The one result of a command: code and message.
-    std::pair<long long, std::string> result_of(const std::string &id)
-    {
-        Json res = lab->wait_results({{"command_id", id}});
-        EXPECT_EQ(json_array_size(res.get()), 1u);
-        return {json_integer_value(json_object_get(item(res, 0), "code")), at(res, 0, "message")};
-    }
-    std::pair<long long, std::string> only_result()
-    {
-        Json res = lab->wait_results({});
-        EXPECT_EQ(json_array_size(res.get()), 1u);
-        return {json_integer_value(json_object_get(item(res, 0), "code")), at(res, 0, "message")};
-    }
+    Answer result_of(const std::string &id) { return answer_for(id); }
+    Answer only_result() { return answer_for(""); }
 };
 
 const char sample[] = "client\ndev tun\nproto udp\nremote 198.51.100.1 1194\n";

@@ -54,18 +54,9 @@ class StatsTest : public AgentTest
     }
 
     // Runs set.statistics; returns (code, message) as posted.
-    std::pair<int, std::string> set_stats(const std::string &params, const char *id)
+    Answer set_stats(const std::string &params, const char *id)
     {
-        use_lab();
-        std::string command = std::string(R"({"action":"set","context":"statistics","id":")") + id +
-                              R"(","params":)" + params + "}";
-        cmd_set_stats(strdup("set.statistics"), json_loads(command.c_str(), 0, nullptr),
-                      strdup("/response/s"));
-        Json res = lab->wait_results({{"command_id", id}});
-        json_t *r = item(res, 0);
-        if (r == nullptr)
-            return {99, "<no result>"};
-        return {(int)json_integer_value(json_object_get(r, "code")), json_str(r, "message")};
+        return run_command(cmd_set_stats, "set", "statistics", id, params, "/response/s");
     }
 
     // After the n-th period: the sender posted it and waits for the next

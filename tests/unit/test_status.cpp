@@ -207,18 +207,9 @@ class StatusTest : public AgentTest
     }
 
     // Runs set.status with these params; (code, message) as posted.
-    std::pair<int, std::string> set_status(const std::string &params, const char *id)
+    Answer set_status(const std::string &params, const char *id)
     {
-        use_lab();
-        std::string command = std::string(R"({"action":"set","context":"status","id":")") + id +
-                              R"(","params":)" + params + "}";
-        cmd_set_status(strdup("set.status"), json_loads(command.c_str(), 0, nullptr),
-                       strdup("/response/t"));
-        Json res = lab->wait_results({{"command_id", id}});
-        json_t *r = item(res, 0);
-        if (r == nullptr)
-            return {99, "<no result>"};
-        return {(int)json_integer_value(json_object_get(r, "code")), json_str(r, "message")};
+        return run_command(cmd_set_status, "set", "status", id, params);
     }
 
     static std::string params(long long ms, const std::string &href = "/status")

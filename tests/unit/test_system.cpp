@@ -47,17 +47,13 @@ class SystemTest : public AgentTest
     };
 
     // Runs the handler with this command text; the answers posted for its id.
-    std::vector<Result> run(void (*fn)(char *, json_t *, char *), const char *name,
-                            const std::string &command, const char *id, size_t answers = 1)
+    std::vector<Result> run(cmd_fn fn, const char *name, const std::string &command, const char *id,
+                            size_t answers = 1)
     {
-        json_t *js = json_loads(command.c_str(), 0, nullptr);
-        EXPECT_NE(js, nullptr) << command;
-        fn(strdup(name), js, strdup("/response/t"));
-        Json res = lab->wait_results({{"command_id", id}}, (int)answers);
+        run_handler(fn, name, command);
         std::vector<Result> out;
-        for (size_t i = 0; i < json_array_size(res.get()); i++)
-            out.push_back({(int)json_integer_value(json_object_get(item(res, i), "code")),
-                           at(res, i, "message")});
+        for (auto &a : answers_for(id, (int)answers))
+            out.push_back({a.first, a.second});
         return out;
     }
 

@@ -206,7 +206,13 @@ int listener_register(const char *event, listener_fn fn, const char *socket_name
             first = first->next;
         first->next = l;
     } else {
-        table_insert(sock->table, l, event, keylen);
+        int rc = table_insert(sock->table, l, event, keylen);
+        if (rc != 0) {
+            log_fprint(orkad_log, "%s: cannot insert '%s' listener on '%s' (%d)\n",
+                       "listener_register", event, name, rc);
+            free(l);
+            return -2;
+        }
     }
     log_fprint(orkad_log, "registered '%s' listener on '%s'\n", event, name);
     return 0;

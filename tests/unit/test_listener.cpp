@@ -1,5 +1,6 @@
 #include "listener.h"
 #include "log.h"
+#include "table.h"
 #include "testkit.h"
 #include "work.h"
 
@@ -9,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -414,4 +416,28 @@ TEST_F(ListenerTest, ResponseToABusyReceiverIsTriedFourTimes)
         logged("listener_response: sendto fail errno 11: Resource temporarily unavailable"));
     close(f);
     close(r);
+}
+
+namespace
+{
+void *refuse_alloc(size_t)
+{
+    return nullptr;
+}
+} // namespace
+
+TEST_F(ListenerTest, RefusedInsertionIsReportedNotRegistered)
+{
+    ASSERT_EQ(listener_register("kept", first_cb, nullptr), 0);
+    table_alloc = refuse_alloc;
+    int rc = listener_register("lost", second_cb, nullptr);
+    table_alloc = malloc;
+    EXPECT_EQ(rc, -2);
+    EXPECT_EQ(messages().back(),
+              "listener_register: cannot insert 'lost' listener on 'unix:/tmp/orkad_socket' (-2)");
+    EXPECT_EQ(count("registered 'lost' listener on 'unix:/tmp/orkad_socket'"), 0);
+    EXPECT_EQ(listener_lookup(nullptr, "lost"), nullptr);
+    const char msg[] = R"({"event":"lost"})";
+    ASSERT_EQ(listener_internal_send(nullptr, msg, sizeof(msg) - 1), 0);
+    EXPECT_TRUE(logged("listener: no listener registered for event 'lost'"));
 }

@@ -15,6 +15,7 @@
 #include <mutex>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -89,6 +90,9 @@ void unix_receiver(void *p1, void *, void *)
         log_fprint(orkad_log, "cannot open socket for '%s'\n", sock->name);
         return;
     }
+    // Only root may send events, whatever umask the agent was started with:
+    // the mode set here is the one bind gives the socket file.
+    fchmod(s.get(), 0755);
     struct sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
 #pragma GCC diagnostic push

@@ -6,6 +6,7 @@
 #include "signals.h"
 #include "testkit.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -700,4 +701,82 @@ TEST_F(HttpLabTest, DroppedConnectionAfterAnAnsweredOneFailsAndIsNotSentAgain)
     EXPECT_EQ(http_post(url("/api/y").c_str(), "{}", 2, nullptr, r), 0);
     EXPECT_EQ(count_of({{"path", "/api/y"}}), 2u);
     free_reply(r);
+}
+
+// ---- what the daemon trusts ------------------------------------------------------
+
+namespace
+{
+
+// Puts in the device's CA bundle a CA of its own that signed nothing the lab
+// serves: the lab's certificate is then one the device has no reason to trust.
+void distrust_the_lab(const DeviceRoot &root)
+{
+    std::string dir = root.at("/../other-ca");
+    std::string cmd = "mkdir -p '" + dir + "' && openssl req -x509 -newkey ec -pkeyopt " +
+                      "ec_paramgen_curve:prime256v1 -nodes -keyout '" + dir + "/key.pem' -out '" +
+                      dir + "/ca.pem' -days 1 -subj /CN=other-ca > /dev/null 2>&1";
+    ASSERT_EQ(system(cmd.c_str()), 0);
+    std::string ca = read_file(dir + "/ca.pem");
+    ASSERT_NE(ca.find("BEGIN CERTIFICATE"), std::string::npos);
+    write_file(root.at("/etc/ca-bundle.pem"), ca);
+}
+
+bool any_line_has(const std::vector<std::string> &lines, const std::string &part)
+{
+    return std::any_of(lines.begin(), lines.end(),
+                       [&](const std::string &l) { return l.find(part) != std::string::npos; });
+}
+
+} // namespace
+
+TEST_F(HttpLabTest, ControllerWithAnUntrustedCertificateIsRefused)
+{
+    distrust_the_lab(root);
+    if (HasFatalFailure())
+        return;
+    reply *r = alloc_reply();
+    std::string url = lab->base_url + "/api/refresh-config";
+    EXPECT_EQ(http_post(url.c_str(), "{}", 2, nullptr, r), 2);
+    free_reply(r);
+    EXPECT_TRUE(any_line_has(http_lines(), "curl_easy_perform() failed: (CURLcode = 60)"));
+
+    // No token is asked for, no status is delivered: nothing reaches it.
+    char token[ACCESS_TOKEN_SIZE];
+    EXPECT_EQ(get_access_token(token), 0);
+    EXPECT_STREQ(token, "");
+    EXPECT_EQ(send_command_status("/response/t", "lab-9", 0, "", nullptr), 2);
+    EXPECT_EQ(json_array_size(lab->requests().get()), 0u);
+    EXPECT_EQ(json_array_size(lab->tokens().get()), 0u);
+    EXPECT_EQ(json_array_size(lab->results().get()), 0u);
+    // The lab saw the handshakes fail.
+    Json errors = lab->call("GET", "/connection-errors");
+    EXPECT_GE(json_array_size(json_object_get(errors.get(), "errors")), 1u);
+}
+
+TEST_F(HttpLabTest, FirmwareDownloadDoesNotCheckThePeer)
+{
+    // Images may come from any server the controller names; the installer
+    // checks them, the transport does not.
+    std::string image = "version=2.0.0.0\n" + std::string(100, 'i');
+    lab->set_firmware(R"({"version":"2.0.0.0","image_base64":")" + base64_of(image) + "\"}");
+    std::string u = json_str(lab->call("GET", "/firmware").get(), "url");
+    distrust_the_lab(root);
+    if (HasFatalFailure())
+        return;
+    EXPECT_EQ(http_download_file(u.c_str(), "/tmp/updates.tar"), 0);
+    EXPECT_EQ(read_file(root.at("/tmp/updates.tar")), image);
+}
+
+TEST_F(HttpLabTest, FileUploadsDoNotCheckThePeer)
+{
+    distrust_the_lab(root);
+    if (HasFatalFailure())
+        return;
+    write_file(root.at("/tmp/diagnostics.tar.gz"), "archive");
+    std::string u = lab->base_url + "/api/diagnostics";
+    http_upload_file_multipart(u.c_str(), "/tmp/diagnostics.tar.gz", nullptr);
+    http_upload_file(u.c_str(), "/tmp/diagnostics.tar.gz", nullptr);
+    // Both reached the lab over TLS although its certificate is not trusted.
+    EXPECT_EQ(json_array_size(lab->requests({{"path", "/api/diagnostics"}}).get()), 2u);
 }

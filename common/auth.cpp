@@ -61,6 +61,10 @@ void take_token(const reply *r)
                     log_fprint(orkad_log, "%s: expires_in (%d) is out of range, using %d\n",
                                "get_access_token", (int)expires_in, FALLBACK_EXPIRES_IN);
                     expires_in = FALLBACK_EXPIRES_IN;
+                } else {
+                    // Keep the lifetime that passed the check, not the wider
+                    // number it came from: 4294967297 is one second, not ever.
+                    expires_in = (uint32_t)expires_in;
                 }
             } else {
                 log_fprint(orkad_log, "expected integer type for 'expires_in' element\n");

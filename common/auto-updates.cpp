@@ -48,8 +48,12 @@ int install(const char *href)
         return status;
     }
     log_fprint(orkad_log, "%s: update successfully completed, restarting system.", fn);
-    platform_reboot();
-    return 0;
+    int rc_reboot = platform_reboot();
+    // Still here: the new image is not running yet. That is no "up to date",
+    // so whoever asked (the retries above all) must try again.
+    log_fprint(orkad_log, "%s: system did not restart after the update (result = %d)\n", fn,
+               rc_reboot);
+    return -1;
 }
 
 int handle_reply(const reply *r)

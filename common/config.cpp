@@ -131,7 +131,9 @@ void config_init(void)
     log_fprint(orkad_log, "homesite='%s'\n", env_homesite);
     log_fprint(orkad_log, "heartbeat='%s'\n", env_heartbeat);
     log_fprint(orkad_log, "ethaddr='%s'\n", env_ethaddr);
-    log_fprint(orkad_log, "model='%s'\n", platform_get_model_number());
+    // The switch may not tell its model; an unknown one shows empty.
+    const char *model = platform_get_model_number();
+    log_fprint(orkad_log, "model='%s'\n", model != nullptr ? model : "");
 
     command_register("del.config", cmd_del_config);
     command_register("set.config", cmd_set_config);

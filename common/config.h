@@ -22,7 +22,7 @@ extern bool developer_build;
 typedef struct lan_status {
     char reason[64];
     bool changed;
-    char ip_proto[8];
+    char ip_proto[9]; // up to 8 characters and the terminator
     char ip_address[16];
     char subnet_mask[16];
     char default_gateway[16];

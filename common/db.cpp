@@ -4,11 +4,13 @@
 #include "log.h"
 #include "utils.h"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <sys/stat.h>
 
 // One connection for every thread. We take no lock of our own: the SQLite
 // library is built serialised, so it does the locking for us.
@@ -38,7 +40,15 @@ int open_startup(sqlite3 **db)
     if (rc != SQLITE_OK) {
         sqlite3_close(*db);
         *db = nullptr;
+        return rc;
     }
+    // The settings hold secrets (the administrator password among them): a
+    // file left readable by an older agent is closed to group and others. The
+    // engine gives its journal the same mode as the file.
+    struct stat st;
+    if (stat(path, &st) == 0 && (st.st_mode & 077) != 0 && chmod(path, st.st_mode & 0700) != 0)
+        log_fprint(orkad_log, "db_init: cannot restrict access to '%s' (%s)\n", db_startup,
+                   strerror(errno));
     return rc;
 }
 
@@ -119,7 +129,11 @@ int db_run_sql(const char *sqlfile, const char *logmsg)
 {
     char cmd[256];
     snprintf(cmd, sizeof(cmd), "/bin/sqlite3 %s < %s > %s.out", db_startup, sqlfile, sqlfile);
+    // Whatever the shell creates (the database above all) is for the agent
+    // alone. Only start-up runs scripts, before anything else creates files.
+    mode_t mask = umask(077);
     int rc = dev_system(cmd);
+    umask(mask);
     if (rc != 0)
         log_fprint(orkad_log, "%s: %s (error = %d)\n", "db_run_sql", logmsg, rc);
     return rc;

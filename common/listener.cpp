@@ -15,6 +15,7 @@
 #include <mutex>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -89,6 +90,9 @@ void unix_receiver(void *p1, void *, void *)
         log_fprint(orkad_log, "cannot open socket for '%s'\n", sock->name);
         return;
     }
+    // Only root may send events, whatever umask the agent was started with:
+    // the mode set here is the one bind gives the socket file.
+    fchmod(s.get(), 0755);
     struct sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
 #pragma GCC diagnostic push
@@ -206,7 +210,13 @@ int listener_register(const char *event, listener_fn fn, const char *socket_name
             first = first->next;
         first->next = l;
     } else {
-        table_insert(sock->table, l, event, keylen);
+        int rc = table_insert(sock->table, l, event, keylen);
+        if (rc != 0) {
+            log_fprint(orkad_log, "%s: cannot insert '%s' listener on '%s' (%d)\n",
+                       "listener_register", event, name, rc);
+            free(l);
+            return -2;
+        }
     }
     log_fprint(orkad_log, "registered '%s' listener on '%s'\n", event, name);
     return 0;

@@ -2,7 +2,10 @@
 
 #include "devroot.h"
 
+#include <cerrno>
 #include <cstdarg>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <cstring>
 #include <ctime>
 #include <sys/sysinfo.h>
@@ -15,6 +18,24 @@ namespace
 constexpr int LOG_MAXSIZE = 262144;
 constexpr int LOG_CUTSIZE = 270336;
 constexpr int LOG_MAXFILE = 4;
+
+// The logs carry what the agent is told and sends (settings with the
+// administrator password, bearer tokens, command documents): for the agent
+// alone, including a file an older agent left open to others.
+FILE *open_log_file(const char *path)
+{
+    int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (fd < 0)
+        return nullptr;
+    fchmod(fd, 0600);
+    FILE *f = fdopen(fd, "a");
+    if (f == nullptr) {
+        int err = errno;
+        close(fd);
+        errno = err;
+    }
+    return f;
+}
 
 #define LOG_HANDLE(var, path)                                                                      \
     log_t var = {nullptr, path, LOG_MAXSIZE, LOG_CUTSIZE, LOG_MAXFILE, 0, PTHREAD_MUTEX_INITIALIZER}
@@ -71,7 +92,7 @@ void log_init(void)
             continue;
         char path[1024];
         generation_path(log, 0, path, sizeof(path));
-        log->file = fopen(path, "a");
+        log->file = open_log_file(path);
         if (log->file == nullptr) {
             printf("Failed to open log file '%s'\n", log->name);
             continue;
@@ -98,7 +119,7 @@ void log_rotate(log_t *log)
         rename(from, to);
     }
     generation_path(log, 0, to, sizeof(to));
-    log->file = fopen(to, "a");
+    log->file = open_log_file(to);
 }
 
 void log_fprint(log_t *log, const char *fmt, ...)

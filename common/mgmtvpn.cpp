@@ -14,6 +14,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 char mgmtvpn_ifname[MGMTVPN_IFNAME_SIZE] = "tun0";
 char mgmtvpn_ipaddr[MGMTVPN_IPADDR_SIZE];
@@ -44,9 +47,18 @@ void stop_vpn(void)
 // never brings up half a configuration. Returns 0 or the errno.
 int save_config(const char *text)
 {
-    FILE *f = dev_fopen(MGMTVPN_CONFIG, "w");
-    if (f == nullptr)
+    // The configuration carries the tunnel's keys: for the agent (and the
+    // VPN client it starts) alone, whatever the umask.
+    int fd = dev_open(MGMTVPN_CONFIG, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0)
         return errno;
+    FILE *f = nullptr;
+    if (fchmod(fd, 0600) != 0 || (f = fdopen(fd, "w")) == nullptr) {
+        int err = errno;
+        close(fd);
+        dev_remove(MGMTVPN_CONFIG);
+        return err;
+    }
     int err = 0;
     if (fputs(text, f) == EOF)
         err = errno;

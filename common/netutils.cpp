@@ -191,7 +191,9 @@ int get_ipv4_gateways(const char *iface, char *gw, char *mask, int array_len, in
 {
     gw[0] = '\0';
     int found = 0;
-    char line[128];
+    // A route record is 127 characters and its newline: room for both and
+    // the terminator, so each record is read whole, in one piece.
+    char line[256];
 
     if (!is_mgmt_ifname(iface)) {
         char path[64];
@@ -224,6 +226,14 @@ int get_ipv4_gateways(const char *iface, char *gw, char *mask, int array_len, in
     if (fgets(line, sizeof(line), fp.get()) == nullptr)
         return -1;
     while (fgets(line, sizeof(line), fp.get()) != nullptr) {
+        if (strchr(line, '\n') == nullptr && !feof(fp.get())) {
+            // Longer than any record: skip the rest rather than read a piece
+            // of it as a route of its own.
+            int ch;
+            while ((ch = fgetc(fp.get())) != EOF && ch != '\n')
+                ;
+            continue;
+        }
         // Every default route counts, whichever interface it leaves by.
         const char *p = line;
         while (*p != '\0' && *p != ' ' && *p != '\t')

@@ -109,15 +109,14 @@ void decommissioned(json_t *root)
                        "%s: in 'decommissioned' state, performing soft factory-reset and "
                        "reboot...\n",
                        fn);
+            // A soft reset that comes back has failed: the full one follows.
             platform_factory_reset_soft();
-        } else {
-            if (mode != nullptr && !json_is_string(mode))
-                log_fprint(orkad_log, "%s: invalid 'reset-mode' element\n", fn);
-            log_fprint(orkad_log,
-                       "%s: in 'decommissioned' state, performing factory-reset and reboot...\n",
-                       fn);
-            platform_factory_reset();
+        } else if (mode != nullptr && !json_is_string(mode)) {
+            log_fprint(orkad_log, "%s: invalid 'reset-mode' element\n", fn);
         }
+        log_fprint(orkad_log,
+                   "%s: in 'decommissioned' state, performing factory-reset and reboot...\n", fn);
+        platform_factory_reset();
         log_fprint(orkad_log, "%s: unable to perform factory-reset!\n", fn);
     }
     if (phone_home_interval == DECOMMISSIONED_SLOW)

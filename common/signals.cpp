@@ -51,8 +51,17 @@ int signals_register(int sig, void (*fn)(int), const char *name)
         if (!sigismember(const_cast<sigset_t *>(&blocked_signals), sig))
             log_fprint(orkad_log,
                        "******* registering callback for signal %d that is not blocked!\n", sig);
-        if (signals_table != nullptr)
-            table_insert(signals_table, h, &h->signal, sizeof(h->signal));
+        int rc = signals_table != nullptr
+                     ? table_insert(signals_table, h, &h->signal, sizeof(h->signal))
+                     : -1;
+        if (rc != 0) {
+            // Not in the table, the handler would never run: say so, not
+            // "registered".
+            log_fprint(orkad_log, "%s: cannot insert handler '%s' for signal %d (%d)\n",
+                       "signals_register", name, sig, rc);
+            free(h);
+            return -2;
+        }
     }
     log_fprint(orkad_log, "registered new handler '%s' for signal %d\n", name, sig);
     return 0;

@@ -28,6 +28,8 @@ uint32_t hash_key(const void *key, size_t len)
 
 } // namespace
 
+void *(*table_alloc)(size_t size) = malloc;
+
 struct table {
     unsigned size;
     struct entry **buckets;
@@ -71,7 +73,7 @@ int table_insert(table_t *t, void *data, const void *key, size_t keylen)
     struct entry **pp = find(t, key, keylen);
     if (*pp != nullptr)
         return -1; // the first value stays
-    struct entry *e = static_cast<struct entry *>(malloc(sizeof(struct entry) + keylen));
+    struct entry *e = static_cast<struct entry *>(table_alloc(sizeof(struct entry) + keylen));
     if (e == nullptr)
         return -2;
     e->next = nullptr;

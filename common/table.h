@@ -7,6 +7,9 @@
 typedef struct table table_t;
 typedef struct table_iterator table_iterator_t;
 
+// Allocates the entries; tests replace it to see a refused insertion.
+extern void *(*table_alloc)(size_t size);
+
 void table_init(void);
 table_t *table_create(const char *name, unsigned size);
 int table_insert(table_t *t, void *data, const void *key, size_t keylen);

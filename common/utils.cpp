@@ -375,7 +375,8 @@ int get_timezone(char *zone, int *offset)
     int hm = 0;
     int n = 0;
     if (fp != nullptr) {
-        n = fscanf(fp.get(), "%d %s", &hm, zone);
+        // The zone name goes into the caller's 32 bytes, however long it is.
+        n = fscanf(fp.get(), "%d %31s", &hm, zone);
         if (n == EOF)
             n = 0;
     }

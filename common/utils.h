@@ -45,6 +45,7 @@ void bitmap_to_hex(const unsigned char *bitmap, char *hex, int len);
 void bitmap_from_hex(unsigned char *bitmap, const char *hex, int len);
 
 void hexlog_ascii(log_t *log, const char *title, const void *buf, size_t len);
+// zone: 32 bytes; a longer zone name is cut to 31 characters.
 int get_timezone(char *zone, int *offset);
 void tvdiff(struct timespec *t, const struct timespec *t1, const struct timespec *t2);
 

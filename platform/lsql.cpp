@@ -53,7 +53,9 @@ int platform_set_system(const char *property, const char *value)
     // only how the settings store fared.
     if (strcmp(property, "password") == 0)
         platform_set_password("admin", value);
-    return db_command("REPLACE INTO system (key, value) VALUES ('%s.%s', '%q')", "system", property,
+    // The name comes from the controller and may hold anything: quoted like
+    // the value, it is stored as it came and never read as SQL.
+    return db_command("REPLACE INTO system (key, value) VALUES ('%s.%q', '%q')", "system", property,
                       value);
 }
 

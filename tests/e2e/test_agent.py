@@ -444,14 +444,27 @@ def test_decommissioned_soft_reset_of_an_initialised_device(agent):
     lab.wait_request(kind="heartbeat", status=200)
     assert agent.setting("system.varnex-initialized") == "yes"
     lab.set_phone_home(code="decommissioned", reset_mode="soft")
-    agent.kill_child()
+    # The new child resets during its start-up (phone-home runs before the
+    # main loop), so do not wait for it to be ready.
+    os.kill(agent.wait_child(), signal.SIGKILL)
     agent.wait_log("phone_home_call: in 'decommissioned' state, performing soft factory-reset "
                    "and reboot...", timeout=15)
     wait_until(lambda: os.path.exists(agent.path("/rw/factory-reset.log")),
                what="the factory reset")
-    assert not any("performing factory-reset and reboot" in m for m in agent.log())
     # The reset tool cleared the binding in the boot environment too.
     assert "heartbeat" not in devroot.read_bootenv(agent.root)
+    # The recorded reset returns (the device stays up), so the soft reset has
+    # failed and the full one follows it.
+    agent.wait_log("phone_home_call: in 'decommissioned' state, performing factory-reset and "
+                   "reboot...", timeout=30)
+    log = agent.log()
+    soft = log.index("phone_home_call: in 'decommissioned' state, performing soft "
+                     "factory-reset and reboot...")
+    full = log.index("phone_home_call: in 'decommissioned' state, performing factory-reset "
+                     "and reboot...")
+    assert soft < full
+    wait_until(lambda: len(open(agent.path("/rw/factory-reset.log")).read().splitlines()) == 2,
+               what="the second, full reset")
 
 
 @pytest.mark.parametrize("sntp", [False, True])

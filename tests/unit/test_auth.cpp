@@ -15,6 +15,8 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <thread>
+#include <ctime>
+#include <unistd.h>
 
 using namespace testkit;
 
@@ -150,6 +152,42 @@ TEST_F(AuthTest, LifetimeOfZeroIsStoredButExpiredAtOnce)
     EXPECT_EQ(valid, 1);
     EXPECT_NE(second, first);
     EXPECT_EQ(token_requests(), 2u);
+}
+
+TEST_F(AuthTest, LifetimeIsTheThirtyTwoBitsThatWereChecked)
+{
+    use_lab();
+    // 2^32 passes the check as 0: stored, but already expired.
+    lab->set_token(R"({"expires_in":4294967296})");
+    int valid;
+    std::string first = fetch(&valid);
+    EXPECT_EQ(valid, 1);
+    EXPECT_FALSE(first.empty());
+    std::string second = fetch(&valid);
+    EXPECT_EQ(valid, 1);
+    EXPECT_NE(second, first);
+    EXPECT_EQ(token_requests(), 2u);
+    EXPECT_EQ(main_log_text().find("out of range"), std::string::npos);
+}
+
+TEST_F(AuthTest, LifetimeJustAboveThirtyTwoBitsLastsOneSecond)
+{
+    use_lab();
+    // 2^32 + 1 passes the check as 1: the token must run out within a
+    // second or two, not live for ever.
+    lab->set_token(R"({"expires_in":4294967297})");
+    int valid;
+    std::string first = fetch(&valid);
+    EXPECT_EQ(valid, 1);
+    ASSERT_FALSE(first.empty());
+    time_t deadline = time(nullptr) + 5;
+    std::string now = first;
+    while (now == first && time(nullptr) < deadline) {
+        usleep(100 * 1000);
+        now = fetch(&valid);
+    }
+    EXPECT_NE(now, first);
+    EXPECT_GE(token_requests(), 2u);
 }
 
 TEST_F(AuthTest, TextLifetimeLeavesTheTokenUnstored)

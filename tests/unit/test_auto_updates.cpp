@@ -3,6 +3,7 @@
 // and set.firmware.
 #include "agent_fixture.h"
 #include "auto-updates.h"
+#include "icos-openapi.h"
 
 #include <atomic>
 #include <mutex>
@@ -30,6 +31,11 @@ unsigned int record_wait(unsigned int seconds)
     return 0;
 }
 
+unsigned int no_switch_wait(unsigned int)
+{
+    return 0;
+}
+
 class UpdatesTest : public AgentTest
 {
   protected:
@@ -37,6 +43,8 @@ class UpdatesTest : public AgentTest
     {
         AgentTest::SetUp();
         updates_sleep = record_wait;
+        // The simulated switch does not go down on a reload: no minute's wait.
+        icos_openapi_sleep = no_switch_wait;
         lab->add_link("/response/t", "response");
     }
 
@@ -149,7 +157,13 @@ TEST_F(UpdatesTest, OfferedImageIsInstalledAndTheSwitchReloaded)
     use_lab();
     std::string image = make_image();
     offer(image);
-    EXPECT_EQ(check_updates(), 0);
+    // The reload returns here (the simulated switch stays up), so the update
+    // has not taken effect: a failure, never "up to date".
+    EXPECT_EQ(check_updates(), -1);
+    // The line before has no newline of its own, so this one follows it.
+    EXPECT_NE(read_file(root.at("/rw/orkad.log"))
+                  .find("check_updates: system did not restart after the update (result = 0)\n"),
+              std::string::npos);
     std::string url = json_str(lab->call("GET", "/firmware").get(), "url");
     EXPECT_TRUE(logged("check_updates: downloading new firmware, url = '" + url + "'"));
     EXPECT_TRUE(logged("check_updates: running /usr/sbin/varnex-updates /tmp/updates.tar"));
@@ -207,6 +221,23 @@ TEST_F(UpdatesTest, RetryDelaysGrowByFiveMinutesUpToAnHour)
         EXPECT_EQ(s % 60, 0u);
     EXPECT_FALSE(deferred_running);
     EXPECT_EQ(count({{"kind", "current_firmware"}}), 1u);
+}
+
+TEST_F(UpdatesTest, RetriesGoOnWhenTheRestartAfterAnInstallReturns)
+{
+    use_lab();
+    offer(make_image());
+    // The first retry finds the device current at last.
+    at_wait = [this](size_t n) {
+        if (n == 1)
+            lab->set_firmware(R"({"version":"2.0.0.0","offer":"never"})");
+    };
+    deferred_updates(const_cast<bool *>(&deferred_running), nullptr, nullptr);
+    EXPECT_EQ(waits, (std::vector<unsigned int>{300}));
+    EXPECT_EQ(count({{"kind", "current_firmware"}}), 2u);
+    EXPECT_EQ(installs().size(), 1u);
+    EXPECT_TRUE(switch_reloaded());
+    EXPECT_FALSE(deferred_running);
 }
 
 TEST_F(UpdatesTest, SecondStartOnlyLogs)

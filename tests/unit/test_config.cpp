@@ -264,6 +264,16 @@ TEST_F(ConfigTest, PortValidationMessages)
     EXPECT_TRUE(admin_writes().empty());
 }
 
+TEST_F(ConfigTest, IpProtoIsKeptToEightCharacters)
+{
+    // Eight characters fit whole; the ninth is cut off.
+    EXPECT_EQ(lan_message(R"({"ip_proto":"DHCPDHCP"})"),
+              "invalid 'ip_proto' element value 'DHCPDHCP'");
+    EXPECT_EQ(lan_message(R"({"ip_proto":"staticXYZ"})"),
+              "invalid 'ip_proto' element value 'staticXY'");
+    EXPECT_EQ(main_log().back(), "set_lan_config: invalid 'ip_proto' element value 'staticXY'");
+}
+
 TEST_F(ConfigTest, LanValidationMessages)
 {
     EXPECT_EQ(lan_message(R"({})"), "missing or invalid 'ip_proto' element in LAN configuration");
@@ -495,6 +505,24 @@ TEST_F(ConfigTest, DefaultUuidFromTheMacAddress)
     // Both commands are registered.
     EXPECT_EQ(command_register("set.config", no_command), -1);
     EXPECT_EQ(command_register("del.config", no_command), -1);
+}
+
+TEST_F(ConfigTest, ModelThatCannotBeReadShowsEmpty)
+{
+    devroot({"--env", "active=image1"});
+    write_file(root.at("/var/switch/faults.json"),
+               R"([{"call":"rpcclt_openapiSystemRegMachineModelGet","result":-26}])");
+    command_init();
+    config_init();
+    auto m = main_log();
+    auto shown = std::find(m.begin(), m.end(), "ethaddr='" + std::string(env_ethaddr) + "'");
+    ASSERT_NE(shown, m.end());
+    // The failed read says why, then the model line shows nothing.
+    std::vector<std::string> after(shown + 1, std::min(shown + 3, m.end()));
+    EXPECT_EQ(after, (std::vector<std::string>{
+                         "platform_get_model_number: cannot get model number (result = -26)",
+                         "model=''",
+                     }));
 }
 
 TEST_F(ConfigTest, KnownUuidIsKept)

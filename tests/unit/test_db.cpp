@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <map>
 #include <string>
 #include <vector>
@@ -170,6 +171,45 @@ TEST_F(DbTest, MissingFileIsCreatedFromTheCreateScript)
     EXPECT_EQ(value_of(file(), "db.version"), "9");
     // The shell's output for a script lands beside the script.
     EXPECT_TRUE(file_exists(script("db-create-tables.sql.out")));
+}
+
+namespace
+{
+mode_t mode_of(const std::string &path)
+{
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0)
+        return (mode_t)-1;
+    return st.st_mode & 0777;
+}
+} // namespace
+
+TEST_F(DbTest, CreatedDatabaseAndItsJournalAreForTheAgentAlone)
+{
+    mode_t old = umask(022);
+    db_init();
+    // The process mask is as it was.
+    EXPECT_EQ(umask(old), 022);
+    ASSERT_EQ(db_version, 9);
+    EXPECT_EQ(mode_of(file()), 0600);
+    // The journal of a write in progress gets the same mode.
+    umask(022);
+    char *err = nullptr;
+    ASSERT_TRUE(db_begin(&err));
+    ASSERT_EQ(db_command("REPLACE INTO system (key, value) VALUES ('system.password', 's')"), 0);
+    EXPECT_EQ(mode_of(file() + "-journal"), 0600);
+    EXPECT_TRUE(db_commit(&err));
+    umask(old);
+}
+
+TEST_F(DbTest, DatabaseLeftReadableByOthersIsClosedToThem)
+{
+    query(file(), "CREATE TABLE system (key TEXT UNIQUE, value TEXT);"
+                  "INSERT INTO system VALUES ('db.version', '9'), ('system.password', 'p');");
+    ASSERT_EQ(chmod(file().c_str(), 0644), 0);
+    db_init();
+    EXPECT_EQ(messages(), std::vector<std::string>{"db_init: db version 9"});
+    EXPECT_EQ(mode_of(file()), 0600);
 }
 
 TEST_F(DbTest, CreateScriptWithoutVersionRowRunsTwice)
@@ -428,6 +468,24 @@ TEST_F(DbOpenTest, FailingCommandLogsTheFirstTwentyCharactersOfTheFormat)
                             "db_command: 'INSERT INTO nosuchtable (key) VALUES ('x')'",
                             "db_command: 'INSERT INTO nosuchta...' failed with errmsg = 'no "
                             "such table: nosuchtable'",
+                        }));
+}
+
+TEST_F(DbOpenTest, FailingCommandLogsTheFormatNotTheFinishedStatement)
+{
+    size_t n = messages().size();
+    // A conversion inside the first 20 characters: the format and the
+    // statement differ there, and the failure line must show the format.
+    EXPECT_EQ(db_command("DELETE FROM %s WHERE key='a'", "nosuchtbl"), -2);
+    // A short format whose finished statement is far longer than 20.
+    EXPECT_EQ(db_command("DROP TABLE %s", "a_table_that_is_not_there"), -2);
+    EXPECT_EQ(since(n), (std::vector<std::string>{
+                            "db_command: 'DELETE FROM nosuchtbl WHERE key='a''",
+                            "db_command: 'DELETE FROM %s WHERE...' failed with errmsg = 'no "
+                            "such table: nosuchtbl'",
+                            "db_command: 'DROP TABLE a_table_that_is_not_there'",
+                            "db_command: 'DROP TABLE %s' failed with errmsg = 'no such table: "
+                            "a_table_that_is_not_there'",
                         }));
 }
 

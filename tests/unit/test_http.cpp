@@ -6,11 +6,18 @@
 #include "signals.h"
 #include "testkit.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <thread>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace testkit;
 using namespace std::chrono_literals;
@@ -202,6 +209,57 @@ TEST_F(HttpTest, DownloadFailingThreeTimes)
               3);
     // Every attempt truncated the file.
     EXPECT_EQ(file_size(root.at("/tmp/updates.tar")), 0);
+}
+
+// Each download attempt must start from an empty file: a server that sees, at
+// every connection, how long the file is, then sends a short part of a
+// longer body and hangs up, so that every attempt leaves bytes behind.
+TEST_F(HttpTest, EachOfTheThreeDownloadAttemptsTruncatesTheFile)
+{
+    const std::string path = root.at("/tmp/updates.tar");
+    write_file(path, "old contents");
+    int s = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_GE(s, 0);
+    struct sockaddr_in a = {};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(s, (struct sockaddr *)&a, sizeof(a)), 0);
+    socklen_t len = sizeof(a);
+    ASSERT_EQ(getsockname(s, (struct sockaddr *)&a, &len), 0);
+    ASSERT_EQ(listen(s, 4), 0);
+    std::vector<long> seen;
+    std::thread server([&] {
+        for (int n = 1; n <= 3; n++) {
+            int c = accept(s, nullptr, nullptr);
+            if (c < 0)
+                return;
+            std::string req;
+            char buf[1024];
+            while (req.find("\r\n\r\n") == std::string::npos) {
+                ssize_t got = recv(c, buf, sizeof(buf), 0);
+                if (got <= 0)
+                    break;
+                req.append(buf, (size_t)got);
+            }
+            struct stat st;
+            seen.push_back(stat(path.c_str(), &st) == 0 ? (long)st.st_size : -1);
+            std::string part = "part-" + std::to_string(n) + std::string(n * 10, 'x');
+            std::string answer =
+                "HTTP/1.1 200 OK\r\nContent-Length: 1000\r\nConnection: close\r\n\r\n" + part;
+            (void)!send(c, answer.data(), answer.size(), MSG_NOSIGNAL);
+            close(c);
+        }
+    });
+    std::string url = "http://127.0.0.1:" + std::to_string(ntohs(a.sin_port)) + "/img";
+    EXPECT_EQ(http_download_file(url.c_str(), "/tmp/updates.tar"), -1);
+    server.join();
+    close(s);
+    // Attempt 1 found the old contents gone, attempts 2 and 3 the part the
+    // attempt before had written.
+    EXPECT_EQ(seen, (std::vector<long>{0, 0, 0}));
+    EXPECT_EQ(read_file(path), "part-3" + std::string(30, 'x'));
+    auto m = main_log();
+    EXPECT_EQ(std::count(m.begin(), m.end(), "http_download_file: done!  err = 18"), 3);
 }
 
 TEST_F(HttpTest, UploadOfMissingFileFails)
@@ -516,17 +574,27 @@ TEST_F(HttpLabTest, CommandStatusHeadersInOrder)
 
 TEST_F(HttpLabTest, FourFailingPostsInvalidateTheTokenFourTimes)
 {
-    lab->script(R"({"path":"/api/response/t","status":500,"body":{"error":"boom"},"count":4})");
-    EXPECT_EQ(send_command_status("/response/t", "lab-2", 0, "", nullptr), 500);
+    // Four different failures: the result is the fourth one's, not the first.
+    lab->script(R"({"path":"/api/response/t","replies":[
+        {"status":500,"body":{"error":"boom"}},
+        {"status":502,"body":{"error":"boom"}},
+        {"status":503,"body":{"error":"boom"}},
+        {"status":504,"body":{"error":"boom"}}]})");
+    EXPECT_EQ(send_command_status("/response/t", "lab-2", 0, "", nullptr), 504);
     EXPECT_EQ(count_of({{"kind", "token"}}), 4u);
     EXPECT_EQ(count_of({{"path", "/api/response/t"}}), 4u);
     EXPECT_EQ(json_array_size(lab->results().get()), 0u);
     const std::string body = R"({"response":[{"commandId":"lab-2","code":0,"message":""}]})";
     auto m = main_log();
-    EXPECT_EQ(
-        std::count(m.begin(), m.end(),
-                   "http_post err = 500, post = '" + body + "', reply = '{\"error\":\"boom\"}'"),
-        4);
+    std::vector<std::string> errs;
+    for (const auto &l : m)
+        if (l.rfind("http_post err = ", 0) == 0)
+            errs.push_back(l);
+    std::vector<std::string> expected;
+    for (int st : {500, 502, 503, 504})
+        expected.push_back("http_post err = " + std::to_string(st) + ", post = '" + body +
+                           "', reply = '{\"error\":\"boom\"}'");
+    EXPECT_EQ(errs, expected);
     EXPECT_EQ(queue_count(free_replies), 32);
 }
 
@@ -633,4 +701,82 @@ TEST_F(HttpLabTest, DroppedConnectionAfterAnAnsweredOneFailsAndIsNotSentAgain)
     EXPECT_EQ(http_post(url("/api/y").c_str(), "{}", 2, nullptr, r), 0);
     EXPECT_EQ(count_of({{"path", "/api/y"}}), 2u);
     free_reply(r);
+}
+
+// ---- what the daemon trusts ------------------------------------------------------
+
+namespace
+{
+
+// Puts in the device's CA bundle a CA of its own that signed nothing the lab
+// serves: the lab's certificate is then one the device has no reason to trust.
+void distrust_the_lab(const DeviceRoot &root)
+{
+    std::string dir = root.at("/../other-ca");
+    std::string cmd = "mkdir -p '" + dir + "' && openssl req -x509 -newkey ec -pkeyopt " +
+                      "ec_paramgen_curve:prime256v1 -nodes -keyout '" + dir + "/key.pem' -out '" +
+                      dir + "/ca.pem' -days 1 -subj /CN=other-ca > /dev/null 2>&1";
+    ASSERT_EQ(system(cmd.c_str()), 0);
+    std::string ca = read_file(dir + "/ca.pem");
+    ASSERT_NE(ca.find("BEGIN CERTIFICATE"), std::string::npos);
+    write_file(root.at("/etc/ca-bundle.pem"), ca);
+}
+
+bool any_line_has(const std::vector<std::string> &lines, const std::string &part)
+{
+    return std::any_of(lines.begin(), lines.end(),
+                       [&](const std::string &l) { return l.find(part) != std::string::npos; });
+}
+
+} // namespace
+
+TEST_F(HttpLabTest, ControllerWithAnUntrustedCertificateIsRefused)
+{
+    distrust_the_lab(root);
+    if (HasFatalFailure())
+        return;
+    reply *r = alloc_reply();
+    std::string url = lab->base_url + "/api/refresh-config";
+    EXPECT_EQ(http_post(url.c_str(), "{}", 2, nullptr, r), 2);
+    free_reply(r);
+    EXPECT_TRUE(any_line_has(http_lines(), "curl_easy_perform() failed: (CURLcode = 60)"));
+
+    // No token is asked for, no status is delivered: nothing reaches it.
+    char token[ACCESS_TOKEN_SIZE];
+    EXPECT_EQ(get_access_token(token), 0);
+    EXPECT_STREQ(token, "");
+    EXPECT_EQ(send_command_status("/response/t", "lab-9", 0, "", nullptr), 2);
+    EXPECT_EQ(json_array_size(lab->requests().get()), 0u);
+    EXPECT_EQ(json_array_size(lab->tokens().get()), 0u);
+    EXPECT_EQ(json_array_size(lab->results().get()), 0u);
+    // The lab saw the handshakes fail.
+    Json errors = lab->call("GET", "/connection-errors");
+    EXPECT_GE(json_array_size(json_object_get(errors.get(), "errors")), 1u);
+}
+
+TEST_F(HttpLabTest, FirmwareDownloadDoesNotCheckThePeer)
+{
+    // Images may come from any server the controller names; the installer
+    // checks them, the transport does not.
+    std::string image = "version=2.0.0.0\n" + std::string(100, 'i');
+    lab->set_firmware(R"({"version":"2.0.0.0","image_base64":")" + base64_of(image) + "\"}");
+    std::string u = json_str(lab->call("GET", "/firmware").get(), "url");
+    distrust_the_lab(root);
+    if (HasFatalFailure())
+        return;
+    EXPECT_EQ(http_download_file(u.c_str(), "/tmp/updates.tar"), 0);
+    EXPECT_EQ(read_file(root.at("/tmp/updates.tar")), image);
+}
+
+TEST_F(HttpLabTest, FileUploadsDoNotCheckThePeer)
+{
+    distrust_the_lab(root);
+    if (HasFatalFailure())
+        return;
+    write_file(root.at("/tmp/diagnostics.tar.gz"), "archive");
+    std::string u = lab->base_url + "/api/diagnostics";
+    http_upload_file_multipart(u.c_str(), "/tmp/diagnostics.tar.gz", nullptr);
+    http_upload_file(u.c_str(), "/tmp/diagnostics.tar.gz", nullptr);
+    // Both reached the lab over TLS although its certificate is not trusted.
+    EXPECT_EQ(json_array_size(lab->requests({{"path", "/api/diagnostics"}}).get()), 2u);
 }

@@ -1,5 +1,6 @@
 #include "listener.h"
 #include "log.h"
+#include "table.h"
 #include "testkit.h"
 #include "work.h"
 
@@ -9,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -18,6 +20,9 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <grp.h>
 #include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -414,4 +419,70 @@ TEST_F(ListenerTest, ResponseToABusyReceiverIsTriedFourTimes)
         logged("listener_response: sendto fail errno 11: Resource temporarily unavailable"));
     close(f);
     close(r);
+}
+
+namespace
+{
+void *refuse_alloc(size_t)
+{
+    return nullptr;
+}
+} // namespace
+
+TEST_F(ListenerTest, RefusedInsertionIsReportedNotRegistered)
+{
+    ASSERT_EQ(listener_register("kept", first_cb, nullptr), 0);
+    table_alloc = refuse_alloc;
+    int rc = listener_register("lost", second_cb, nullptr);
+    table_alloc = malloc;
+    EXPECT_EQ(rc, -2);
+    EXPECT_EQ(messages().back(),
+              "listener_register: cannot insert 'lost' listener on 'unix:/tmp/orkad_socket' (-2)");
+    EXPECT_EQ(count("registered 'lost' listener on 'unix:/tmp/orkad_socket'"), 0);
+    EXPECT_EQ(listener_lookup(nullptr, "lost"), nullptr);
+    const char msg[] = R"({"event":"lost"})";
+    ASSERT_EQ(listener_internal_send(nullptr, msg, sizeof(msg) - 1), 0);
+    EXPECT_TRUE(logged("listener: no listener registered for event 'lost'"));
+}
+
+// A local user who is not root cannot hand the agent an event, whatever the
+// umask the agent started with; root can.
+TEST_F(ListenerTest, OnlyRootCanSendToTheUnixSockets)
+{
+    mode_t old = umask(0);
+    // Let everybody reach the socket's directory: only the socket's own
+    // mode may stand in the way.
+    ASSERT_EQ(chmod(root.path().c_str(), 0755), 0);
+    ASSERT_EQ(chmod(root.at("/tmp").c_str(), 01777), 0);
+    ASSERT_EQ(listener_register("knock", first_cb, nullptr), 0);
+    std::string path = root.at("/tmp/orkad_socket");
+    ASSERT_TRUE(wait_until([&] { return file_exists(path); })) << path;
+    umask(old);
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0755u);
+
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0)
+            _exit(2);
+        int s = socket(AF_UNIX, SOCK_DGRAM, 0);
+        struct sockaddr_un to = {};
+        to.sun_family = AF_UNIX;
+        snprintf(to.sun_path, sizeof(to.sun_path), "%s", path.c_str());
+        const char msg[] = R"({"event":"knock","params":{"who":"nobody"}})";
+        ssize_t n = sendto(s, msg, sizeof(msg) - 1, 0, reinterpret_cast<struct sockaddr *>(&to),
+                           sizeof(to));
+        _exit(n < 0 && errno == EACCES ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "a user who is not root reached the socket";
+
+    unix_send("/tmp/orkad_socket", R"({"event":"knock","params":{"who":"root"}})");
+    auto got = wait_calls(1);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].params, R"({"who":"root"})");
 }

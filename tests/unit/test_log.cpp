@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <regex>
+#include <sys/stat.h>
 #include <string>
 
 using namespace testkit;
@@ -206,4 +207,26 @@ TEST_F(LogTest, LogDebugDumpsUptimeAndSizes)
 
     log_debug(0);
     EXPECT_EQ(log_messages(main_log()).size(), 12u);
+}
+
+TEST(LogOpen, LogFilesAreForTheAgentAlone)
+{
+    DeviceRoot root;
+    // A file an older agent left readable by everybody is closed to them.
+    write_file(root.at("/rw/http.log"), "old\n");
+    ASSERT_EQ(chmod(root.at("/rw/http.log").c_str(), 0644), 0);
+    mode_t old = umask(0);
+    log_init();
+    auto mode = [&](const std::string &p) {
+        struct stat st;
+        return stat(root.at(p).c_str(), &st) == 0 ? (int)(st.st_mode & 0777) : -1;
+    };
+    for (const char *p :
+         {"/rw/orkad.log", "/rw/http.log", "/rw/command.log", "/rw/syslog.log", "/tmp/debug.log"})
+        EXPECT_EQ(mode(p), 0600) << p;
+    // So is the new file a rotation opens.
+    log_rotate(http_log);
+    umask(old);
+    EXPECT_EQ(mode("/rw/http.log"), 0600);
+    EXPECT_EQ(mode("/rw/http1.log"), 0600);
 }

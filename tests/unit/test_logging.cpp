@@ -715,6 +715,32 @@ TEST_F(LoggingTest, ReceiverNumbersDatagramsAndSurvivesBadOnes)
     EXPECT_EQ(oversize() + overflow(), 0);
 }
 
+// The receiver listens on every local address, not only where the switch
+// sends from: anything that reaches the port can add lines to the batches.
+TEST_F(LoggingTest, ReceiverTakesDatagramsOnAnyLocalAddress)
+{
+    int port = test_port() + 2;
+    platform_syslog_port = port;
+    thread_start("platform_syslog_reader", platform_syslog_reader, nullptr, nullptr, nullptr);
+    auto send_to = [port](const char *addr, const std::string &data) {
+        int s = socket(AF_INET, SOCK_DGRAM, 0);
+        struct sockaddr_in to = {};
+        to.sin_family = AF_INET;
+        to.sin_port = htons((uint16_t)port);
+        inet_pton(AF_INET, addr, &to.sin_addr);
+        sendto(s, data.data(), data.size(), 0, reinterpret_cast<struct sockaddr *>(&to),
+               sizeof(to));
+        close(s);
+    };
+    // 127.0.0.2 is not the address the switch is told to send to.
+    ASSERT_TRUE(wait_for(
+        [&] {
+            send_to("127.0.0.2", "<13>from elsewhere");
+            return filling() > 0;
+        },
+        5000));
+}
+
 TEST_F(LoggingTest, ReceiverThatCannotBindSaysSo)
 {
     int port = test_port() + 1;

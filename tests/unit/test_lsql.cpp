@@ -219,6 +219,25 @@ TEST_F(LsqlTest, OtherSystemPropertiesStayOffTheSwitch)
     EXPECT_TRUE(journal_calls().empty());
 }
 
+TEST_F(LsqlTest, SystemPropertyNameCannotInjectSql)
+{
+    ASSERT_EQ(config_set("system", nullptr, "keep", "1"), 0);
+    // Were the name put into the statement as it stands, the first statement
+    // would store "system.x" and the second empty the table.
+    const char *name = "x', 'y'); DELETE FROM system; --";
+    EXPECT_EQ(platform_set_system(name, "v"), 0);
+    EXPECT_EQ(rows(), (std::map<std::string, std::string>{
+                          {"system.keep", "1"},
+                          {std::string("system.") + name, "v"},
+                      }));
+    // A name with a quote is an ordinary name: stored and overwritten.
+    EXPECT_EQ(platform_set_system("it's", "a"), 0);
+    EXPECT_EQ(platform_set_system("it's", "b"), 0);
+    EXPECT_EQ(rows()["system.it's"], "b");
+    EXPECT_EQ(rows().size(), 3u);
+    EXPECT_TRUE(journal_calls().empty());
+}
+
 TEST_F(LsqlTest, SetPasswordResults)
 {
     EXPECT_EQ(platform_set_password("admin", "a"), 0);

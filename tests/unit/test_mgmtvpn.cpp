@@ -149,6 +149,21 @@ TEST_F(VpnTest, SetStoresTheConfigurationAndStartsTheClient)
     EXPECT_EQ(json_object_get(item(res, 0), "data"), nullptr);
 }
 
+TEST_F(VpnTest, ConfigurationIsWrittenForTheAgentAlone)
+{
+    // An older file open to everybody is replaced by one that is not.
+    write_file(root.at("/etc/openvpn/client.ovpn"), sample);
+    ASSERT_EQ(chmod(root.at("/etc/openvpn/client.ovpn").c_str(), 0644), 0);
+    mode_t old = umask(0);
+    set_vpn("vpn-1", b64(sample));
+    umask(old);
+    EXPECT_EQ(result_of("vpn-1").first, 0);
+    EXPECT_EQ(config(), sample);
+    struct stat st;
+    ASSERT_EQ(stat(root.at("/etc/openvpn/client.ovpn").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+}
+
 TEST_F(VpnTest, ASecondSetReplacesTheConfigurationAndRestarts)
 {
     set_vpn("vpn-1", b64(sample));

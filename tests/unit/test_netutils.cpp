@@ -203,6 +203,31 @@ TEST_F(NetTest, GatewaysOfTheMgmtInterfaceFromTheRouteTable)
     EXPECT_EQ(std::string(one_mask[0]), "255.255.255.0");
 }
 
+TEST_F(NetTest, GatewaysOfManyRecordsWithLongInterfaceNames)
+{
+    netns();
+    // Interface names of the full 15 characters; every record of the table
+    // is read whole, and each default route is found once.
+    ASSERT_EQ(sh("ip route add default via 192.0.2.1"), 0);
+    for (int i = 1; i <= 3; i++) {
+        std::string n = "longinterface0" + std::to_string(i);
+        std::string net = "198.51.10" + std::to_string(i);
+        ASSERT_EQ(sh("ip link add " + n + " type veth peer name p" + n.substr(5) +
+                     " && ip addr add " + net + ".2/24 dev " + n + " && ip link set " + n +
+                     " up && ip route add default via " + net + ".1 metric " +
+                     std::to_string(10 * i)),
+                  0);
+    }
+    char gw[8][16], mask[8][16];
+    EXPECT_EQ(get_ipv4_gateways("eth0", gw[0], mask[0], 8, 16), 0);
+    std::vector<std::string> got;
+    for (int i = 0; i < 4; i++)
+        got.push_back(gw[i]);
+    std::sort(got.begin(), got.end());
+    EXPECT_EQ(got, (std::vector<std::string>{"192.0.2.1", "198.51.101.1", "198.51.102.1",
+                                             "198.51.103.1"}));
+}
+
 TEST_F(NetTest, GatewaysWithoutAMaskStillCount)
 {
     netns();

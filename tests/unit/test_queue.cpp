@@ -195,8 +195,11 @@ TEST_F(QueueTest, RemovingTheOnlyItemLeavesEndsAndNextAddResetsThem)
     queue_add_tail(q, &a.link);
     EXPECT_EQ(queue_get(q), &a.link);
     EXPECT_EQ(queue_count(q), 0);
-    // The ends are not cleared when the queue empties.
+    // The ends are not cleared when the queue empties: the tail still points
+    // at the item taken, and the head is whatever that item's next was.
     EXPECT_EQ(q->tail, &a.link);
+    EXPECT_EQ(q->head, a.link.next);
+    EXPECT_EQ(q->head, nullptr);
     queue_add_tail(q, &b.link);
     EXPECT_EQ(q->head, &b.link);
     EXPECT_EQ(q->tail, &b.link);

@@ -1,7 +1,10 @@
 #include "log.h"
 #include "signals.h"
+#include "table.h"
 #include "testkit.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -107,4 +110,29 @@ TEST_F(SignalsTest, SecondSignalHasItsOwnChain)
     EXPECT_EQ(calls, (std::vector<int>{20}));
     EXPECT_EQ(signals_lookup(SIGUSR1)->hits, 0u);
     EXPECT_EQ(signals_lookup(SIGUSR2)->hits, 1u);
+}
+
+namespace
+{
+void *refuse_alloc(size_t)
+{
+    return nullptr;
+}
+} // namespace
+
+TEST_F(SignalsTest, RefusedInsertionIsReportedNotRegistered)
+{
+    table_alloc = refuse_alloc;
+    int rc = signals_register(SIGUSR2, handler_n<1>, "refused");
+    table_alloc = malloc;
+    EXPECT_EQ(rc, -2);
+    auto m = main_log();
+    EXPECT_EQ(m.back(), "signals_register: cannot insert handler 'refused' for signal 12 (-2)");
+    EXPECT_EQ(std::count(m.begin(), m.end(), "registered new handler 'refused' for signal 12"), 0);
+    // Nothing half-registered: the signal still has no handler, and the next
+    // registration takes the first place.
+    signals_handler(SIGUSR2);
+    EXPECT_EQ(main_log().back(), "signals_handler: signal 12 has no registered handler");
+    EXPECT_EQ(signals_register(SIGUSR2, handler_n<2>, "second"), 0);
+    EXPECT_EQ(main_log().back(), "registered new handler 'second' for signal 12");
 }

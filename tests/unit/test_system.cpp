@@ -2,6 +2,7 @@
 // switch: stored properties, the failure list and its cut, the password on
 // the switch, the reboot's order of events and its failure reports.
 #include "agent_fixture.h"
+#include "db.h"
 #include "icos-openapi.h"
 #include "logging.h"
 #include "system.h"
@@ -116,6 +117,28 @@ TEST_F(SystemTest, StoresTextMembersAndCountsTheOthers)
     EXPECT_TRUE(logged("set.system: failed to set properties: b"));
 }
 
+TEST_F(SystemTest, PropertyNamesFromTheControllerAreStoredNotRun)
+{
+    ASSERT_EQ(config_set("system", nullptr, "cloud-controller", lab->base_url.c_str()), 0);
+    Result r = set_system(R"({"x', 'y'); DELETE FROM system; --":"v","rack's":"4"})");
+    EXPECT_EQ(r.code, 0);
+    EXPECT_EQ(r.message, "");
+    // Read back with the name quoted, as it was stored.
+    auto stored = [](const char *name) {
+        char *where = sqlite3_mprintf("key='system.%q'", name);
+        char *v = db_get("system", "value", where);
+        sqlite3_free(where);
+        std::string out = v != nullptr ? v : "<none>";
+        free(v);
+        return out;
+    };
+    EXPECT_EQ(stored("x', 'y'); DELETE FROM system; --"), "v");
+    EXPECT_EQ(stored("rack's"), "4");
+    // Nothing else was touched.
+    EXPECT_EQ(setting("x"), "<none>");
+    EXPECT_EQ(setting("cloud-controller"), lab->base_url);
+}
+
 TEST_F(SystemTest, EmptyParamsIsSuccessWithAnEmptyMessage)
 {
     Result r = set_system("{}");
@@ -188,11 +211,14 @@ TEST_F(SystemTest, PasswordTheSwitchRefusesIsStillStored)
 
 TEST_F(SystemTest, StoreFailureIsLoggedWithNameAndValue)
 {
-    // A quote in the name breaks the statement: the store refuses it.
-    Result r = set_system(R"({"it's":"x","ok":"y"})");
+    // The store refuses this one name.
+    ASSERT_EQ(db_command("CREATE TRIGGER refuse BEFORE INSERT ON system WHEN "
+                         "NEW.key = 'system.refused' BEGIN SELECT RAISE(ABORT, 'refused'); END"),
+              0);
+    Result r = set_system(R"({"refused":"x","ok":"y"})");
     EXPECT_EQ(r.code, 1);
-    EXPECT_EQ(r.message, "failed to set properties: it's");
-    EXPECT_TRUE(logged("set.system: error (-2) setting 'it's' to 'x'"));
+    EXPECT_EQ(r.message, "failed to set properties: refused");
+    EXPECT_TRUE(logged("set.system: error (-2) setting 'refused' to 'x'"));
     EXPECT_EQ(setting("ok"), "y");
 }
 

@@ -382,6 +382,25 @@ TEST_F(UtilsTest, TimezoneReadsTheTzFileThroughTheShell)
     EXPECT_STREQ(zone, "Pacific/Zone");
 }
 
+TEST_F(UtilsTest, TimezoneNameLongerThanTheBufferIsCut)
+{
+    write_file(root.at("/tmp/TZ"), "X\n");
+    std::string name(100, 'Z');
+    tool("date", "echo '+0200 " + name + "'\n");
+    struct {
+        char zone[32];
+        char after[32];
+    } b;
+    memset(&b, 0, sizeof(b));
+    memset(b.after, 'g', sizeof(b.after) - 1);
+    int offset = 0;
+    EXPECT_EQ(get_timezone(b.zone, &offset), 0);
+    EXPECT_EQ(offset, 120);
+    EXPECT_EQ(std::string(b.zone), std::string(31, 'Z'));
+    // Nothing written past the 32 bytes.
+    EXPECT_EQ(std::string(b.after), std::string(31, 'g'));
+}
+
 TEST_F(UtilsTest, TimezoneNeedsBothFields)
 {
     write_file(root.at("/tmp/TZ"), "X\n");

@@ -68,7 +68,9 @@ class DiagsTest : public AgentTest
         int n = (int)b64.size(), len = 0;
         char *raw = base64_decode(b64.c_str(), &n, &len);
         EXPECT_NE(raw, nullptr);
-        std::string dir = root.at("/../" + name);
+        // Inside this test's own root: tests running side by side unpack
+        // archives of the same name.
+        std::string dir = root.at("/unpacked-" + name);
         write_file(dir + ".tar.gz", std::string(raw, (size_t)len));
         free(raw);
         std::string cmd =

@@ -500,7 +500,7 @@ def report(a, r):
         f" {curl * 1e3:.2f} ms each; daemon / curl = {hb / curl:.3f}.",
         *([] if "before_cpu" not in r else [
             "",
-            f"The same measured on `{a.before}` in this run: {r['before_cpu'] * 1e3:.2f} ms per"
+            f"The same measured on {a.before_name or '`' + a.before + '`'} in this run: {r['before_cpu'] * 1e3:.2f} ms per"
             f" heartbeat, curl {r['before_curl_cpu'] * 1e3:.2f} ms; this build / that one ="
             f" {hb / r['before_cpu']:.3f}."]),
         "",
@@ -559,6 +559,7 @@ def main():
                     " scratch file)")
     ap.add_argument("--before", metavar="BIN", help="another build of the daemon (say, of an"
                     " older commit) whose CPU per heartbeat is measured beside this one's")
+    ap.add_argument("--before-name", help="how the report names the --before build")
     ap.add_argument("--late-seconds", type=float, help="when to take the late memory figures"
                     " (default 600)")
     ap.add_argument("--skip-others", action="store_true", help="do not run stats_tick.py and"

@@ -93,9 +93,11 @@ def write_section(path, text):
             old = f.read()
     if not old:
         old = "# Performance\n\n"
-    pattern = re.compile(r"^## Interface statistics\n.*?(?=^## |\Z)", re.S | re.M)
+    # The section ends at the next heading or at the next section's marker.
+    pattern = re.compile(r"^## Interface statistics\n.*?(?=^## |^<!-- |\Z)", re.S | re.M)
     if pattern.search(old):
-        new = pattern.sub(lambda m: text + "\n", old)
+        new = pattern.sub(
+            lambda m: text.rstrip("\n") + ("\n\n" if m.end() < len(old) else "\n"), old)
     else:
         new = old.rstrip("\n") + "\n\n" + text + "\n"
     with open(path, "w") as f:

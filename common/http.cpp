@@ -17,6 +17,7 @@
 #include <memory>
 #include <mutex>
 #include <resolv.h>
+#include <sys/stat.h>
 
 queue_t *free_replies;
 
@@ -44,8 +45,8 @@ using slist_ptr = std::unique_ptr<curl_slist, slist_deleter>;
 
 // What every request may take over from the ones before it: TLS sessions
 // (a resumed handshake skips the certificate exchange and its verification)
-// and resolved host names. Each request still gets a fresh handle and a
-// connection of its own. Connections are deliberately not shared: curl
+// and resolved host names. Each request still gets a connection of its own.
+// Connections are deliberately not shared: curl
 // silently sends a request again when a reused connection closes before
 // anything came back, so the controller would see it twice and a dropped
 // connection would no longer come back to the caller as a failure.
@@ -115,22 +116,68 @@ slist_ptr set_headers(CURL *c, const char *const *headers)
 
 enum class method { get, post, put };
 
+// One curl handle per calling thread, kept between requests and reset after
+// each: the handle keeps the CA bundle it parsed (curl caches the store with
+// the handle) and nothing else, since every request asks for a fresh
+// connection that is closed when the request ends. The handle is made anew
+// when the bundle file changes, so a new bundle counts from the next request.
+struct thread_handle {
+    easy_ptr curl;
+    struct stat ca {
+    };
+
+    CURL *get(const char *ca_path)
+    {
+        struct stat now {
+        };
+        if (stat(ca_path, &now) != 0)
+            now = {};
+        if (curl &&
+            (now.st_ino != ca.st_ino || now.st_dev != ca.st_dev || now.st_size != ca.st_size ||
+             now.st_mtim.tv_sec != ca.st_mtim.tv_sec || now.st_mtim.tv_nsec != ca.st_mtim.tv_nsec))
+            curl.reset();
+        if (!curl) {
+            curl.reset(curl_easy_init());
+            ca = now;
+        }
+        return curl.get();
+    }
+};
+
+// Forgets every option of the request, whatever way it ends, so nothing
+// the handle points at outlives the request.
+struct reset_after {
+    CURL *c;
+    ~reset_after() { curl_easy_reset(c); }
+};
+
 // GET, POST and PUT share everything but their log wording.
 int http_request(method m, const char *url, const char *data, int length,
                  const char *const *headers, reply *r)
 {
     const char *fn = m == method::get ? "http_get" : m == method::post ? "http_post" : "http_put";
-    easy_ptr curl(curl_easy_init());
-    if (!curl) {
+    thread_local thread_handle handle;
+    char ca[1024];
+    const char *ca_path = ca_bundle(ca, sizeof(ca));
+    CURL *c = handle.get(ca_path);
+    if (c == nullptr) {
         log_fprint(orkad_log, "curl_easy_init() failed!\n");
         return 1;
     }
-    CURL *c = curl.get();
+    reset_after reset{c};
     char errbuf[CURL_ERROR_SIZE] = "";
-    char ca[1024];
-    curl_easy_setopt(c, CURLOPT_CAINFO, ca_bundle(ca, sizeof(ca)));
+    curl_easy_setopt(c, CURLOPT_CAINFO, ca_path);
+    // The bundle alone, without the certificate directory libcurl may have
+    // been built to look in as well: curl keeps a parsed bundle between the
+    // requests of a handle only when no directory is set.
+    curl_easy_setopt(c, CURLOPT_CAPATH, nullptr);
     curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(c, CURLOPT_SHARE, shared());
+    // A connection serves one request: curl would silently send a request
+    // again over a new connection when a reused one closes before anything
+    // came back.
+    curl_easy_setopt(c, CURLOPT_FRESH_CONNECT, 1L);
+    curl_easy_setopt(c, CURLOPT_FORBID_REUSE, 1L);
     if (m == method::post)
         curl_easy_setopt(c, CURLOPT_POST, 1L);
     if (m == method::put)

@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <malloc.h>
 #include <unistd.h>
 
 std::atomic<int> status_id{-1};
@@ -299,7 +300,13 @@ void status_send(void *interval_ptr, void *slink_ptr, void *)
     while (status_enabled) {
         if (*interval < timer) {
             int result = 0;
-            switch (send_document(slink, last_failed, &result)) {
+            sent what = send_document(slink, last_failed, &result);
+            // The document's tree and text were the biggest things this
+            // process ever holds; hand the pages they left free back to the
+            // kernel instead of keeping them dirty until the next one.
+            if (what != sent::nothing)
+                malloc_trim(0);
+            switch (what) {
             case sent::nothing:
                 timer += STATUS_STEP;
                 break;

@@ -48,10 +48,11 @@ class UpdatesTest : public AgentTest
         lab->add_link("/response/t", "response");
     }
 
-    // A tar archive made by the system's tar; its bytes.
+    // A tar archive made by the system's tar, inside this test's own root
+    // (tests run side by side); its bytes.
     std::string make_image()
     {
-        std::string dir = root.at("/../image-src");
+        std::string dir = root.at("/image-src");
         std::string cmd = "mkdir -p '" + dir + "' && echo firmware > '" + dir +
                           "/fw.bin' && tar -C '" + dir + "' -cf '" + dir + "/image.tar' fw.bin";
         EXPECT_EQ(system(cmd.c_str()), 0);
@@ -59,9 +60,9 @@ class UpdatesTest : public AgentTest
     }
     void offer(const std::string &image)
     {
-        std::string path = root.at("/../image.b64");
-        write_file(root.at("/../image.bin"), image);
-        std::string cmd = "base64 -w0 '" + root.at("/../image.bin") + "' > '" + path + "'";
+        std::string path = root.at("/image.b64");
+        write_file(root.at("/image.bin"), image);
+        std::string cmd = "base64 -w0 '" + root.at("/image.bin") + "' > '" + path + "'";
         ASSERT_EQ(system(cmd.c_str()), 0);
         lab->set_firmware(R"({"version":"2.0.0.0","image_base64":")" + read_file(path) + "\"}");
     }

@@ -712,7 +712,7 @@ namespace
 // serves: the lab's certificate is then one the device has no reason to trust.
 void distrust_the_lab(const DeviceRoot &root)
 {
-    std::string dir = root.at("/../other-ca");
+    std::string dir = root.at("/other-ca");
     std::string cmd = "mkdir -p '" + dir + "' && openssl req -x509 -newkey ec -pkeyopt " +
                       "ec_paramgen_curve:prime256v1 -nodes -keyout '" + dir + "/key.pem' -out '" +
                       dir + "/ca.pem' -days 1 -subj /CN=other-ca > /dev/null 2>&1";
@@ -779,4 +779,44 @@ TEST_F(HttpLabTest, FileUploadsDoNotCheckThePeer)
     http_upload_file(u.c_str(), "/tmp/diagnostics.tar.gz", nullptr);
     // Both reached the lab over TLS although its certificate is not trusted.
     EXPECT_EQ(json_array_size(lab->requests({{"path", "/api/diagnostics"}}).get()), 2u);
+}
+
+// The calling thread keeps its curl handle between requests: nothing of one
+// request may come along with the next.
+TEST_F(HttpLabTest, NothingOfOneRequestCarriesOverToTheNext)
+{
+    lab->script(R"({"path":"/api/a","status":204,"count":1})");
+    lab->script(R"({"path":"/api/b","status":204,"count":1})");
+    const char *hdrs[] = {"X-Probe: 7", nullptr};
+    reply *r = alloc_reply();
+    EXPECT_EQ(http_put(url("/api/a").c_str(), "{\"a\":1}", 7, hdrs, r), 0);
+    r->length = 0;
+    EXPECT_EQ(http_get(url("/api/b").c_str(), nullptr, r), 0);
+    Json recs = lab->requests({{"path", "/api/b"}});
+    json_t *rec = only(recs);
+    EXPECT_EQ(json_str(rec, "method"), "GET");
+    EXPECT_EQ(json_str(rec, "body"), "");
+    EXPECT_EQ(raw_header(rec, "X-Probe").first, -1);
+    EXPECT_EQ(raw_header(rec, "Content-Type").first, -1);
+    free_reply(r);
+}
+
+// The handle keeps the CA bundle it read; a bundle replaced on the device
+// counts from the next request on.
+TEST_F(HttpLabTest, AReplacedCaBundleCountsFromTheNextRequest)
+{
+    lab->script(R"({"path":"/api/x","status":204,"count":3})");
+    reply *r = alloc_reply();
+    EXPECT_EQ(http_get(url("/api/x").c_str(), nullptr, r), 0);
+    std::string bundle = root.at("/etc/ca-bundle.pem");
+    std::string good = read_file(bundle);
+    write_file(bundle, "");
+    r->length = 0;
+    EXPECT_EQ(http_get(url("/api/x").c_str(), nullptr, r), 2);
+    EXPECT_EQ(count_of({{"path", "/api/x"}}), 1u);
+    write_file(bundle, good);
+    r->length = 0;
+    EXPECT_EQ(http_get(url("/api/x").c_str(), nullptr, r), 0);
+    EXPECT_EQ(count_of({{"path", "/api/x"}}), 2u);
+    free_reply(r);
 }

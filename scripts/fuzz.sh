@@ -48,7 +48,9 @@ fuzz() {
     mkdir -p "$corpus" "$artifacts"
     cp -n "$SRC/tests/fuzz/corpus/$t/"* "$corpus/" 2> /dev/null || true
     local dict=()
-    [ -f "$SRC/tests/fuzz/$t.dict" ] && dict=(-dict="$SRC/tests/fuzz/$t.dict")
+    case "$t" in
+    heartbeat | commands | replies | listener) dict=(-dict="$SRC/tests/fuzz/json.dict") ;;
+    esac
     local log=$BUILD/fuzz-$t.log
     local start=$SECONDS rc=0
     ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:allocator_may_return_null=1} \

@@ -36,7 +36,7 @@ void clear_token(void)
 void take_token(const reply *r)
 {
     json_error_t err;
-    json_ptr root(json_loadb(r->data, r->length, 0, &err));
+    json_ptr root(json_loadb_bounded(r->data, r->length, 0, &err));
     if (!root) {
         log_fprint(orkad_log, "reply = '%.*s'\nerror decoding oauth/token data: %s\n", r->length,
                    r->data, err.text);
@@ -93,7 +93,7 @@ void take_token(const reply *r)
 void check_refusal(const reply *r)
 {
     json_error_t err;
-    json_ptr root(json_loadb(r->data, r->length, 0, &err));
+    json_ptr root(json_loadb_bounded(r->data, r->length, 0, &err));
     if (!root) {
         log_fprint(orkad_log, "reply = '%.*s'\nerror decoding oauth/token response data: %s\n",
                    r->length, r->data, err.text);

@@ -7,6 +7,7 @@
 #include "http.h"
 #include "log.h"
 #include "platform_utils.h"
+#include "utils.h"
 #include "work.h"
 
 #include <cstdio>
@@ -60,7 +61,7 @@ int handle_reply(const reply *r)
 {
     const char *fn = "check_updates";
     json_error_t err;
-    json_ptr root(json_loadb(r->data, r->length, 0, &err));
+    json_ptr root(json_loadb_bounded(r->data, r->length, 0, &err));
     if (!root) {
         log_fprint(orkad_log, "%s: error decoding auto-updates data: %s\n", fn, err.text);
         return -1;

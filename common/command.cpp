@@ -148,8 +148,12 @@ void command_runner(void *, void *, void *)
         if (l == nullptr)
             continue;
         work_t *w = reinterpret_cast<work_t *>(l);
+        // Every item here holds a command handler (process_command put it in
+        // the work record's fn): it is called with its own argument types.
         for (work_t *p = w; p != nullptr; p = p->next)
-            p->fn(p->p1, p->p2, p->p3);
+            reinterpret_cast<cmd_fn>(p->fn)(static_cast<char *>(p->p1),
+                                            static_cast<json_t *>(p->p2),
+                                            static_cast<char *>(p->p3));
         work_free(w);
     }
 }

@@ -11,6 +11,7 @@
 #include "lsql.h"
 #include "netutils.h"
 #include "signals.h"
+#include "utils.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -88,7 +89,7 @@ void pulse_succeeded(void)
 void run_commands(const reply *r)
 {
     json_error_t err;
-    json_ptr root(json_loadb(r->data, r->length, 0, &err));
+    json_ptr root(json_loadb_bounded(r->data, r->length, 0, &err));
     if (!root) {
         log_fprint(orkad_log, "error decoding heartbeat data: %s\n", err.text);
         return;

@@ -35,5 +35,9 @@ int send_command_status(const char *path, const char *commandId, int code, const
                         const char *data);
 void http_debug(int sig);
 
+// When set, takes the place of the transfer in http_get, http_post and
+// http_put: it fills r and returns what the request would have. The fuzz
+// targets hand replies to the daemon in-process this way.
+extern int (*http_exchange)(const char *url, const char *data, int length, reply *r);
 // The receive callback, shared with tests.
 size_t ReceiveFn(void *ptr, size_t size, size_t nmemb, void *userp);

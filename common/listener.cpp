@@ -3,6 +3,7 @@
 
 #include "devroot.h"
 #include "log.h"
+#include "utils.h"
 #include "work.h"
 
 #include <atomic>
@@ -45,7 +46,7 @@ listener_socket_t *find_socket(const char *name)
 void process_message(listener_socket_t *sock, const char *buf, int len)
 {
     json_error_t error;
-    json_ptr msg(json_loadb(buf, len, 0, &error));
+    json_ptr msg(json_loadb_bounded(buf, len, 0, &error));
     if (msg == nullptr) {
         log_fprint(orkad_log, "listener: error decoding message: %s\n", error.text);
         log_fprint(orkad_log, "len = %d, message = '%.*s'\n", len, len, buf);

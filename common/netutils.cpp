@@ -187,6 +187,8 @@ int hostname_to_ip(const char *hostname, char *ip)
     return 0;
 }
 
+const char *netutils_proc_net_route = "/proc/net/route";
+
 int get_ipv4_gateways(const char *iface, char *gw, char *mask, int array_len, int element_size)
 {
     gw[0] = '\0';
@@ -220,7 +222,7 @@ int get_ipv4_gateways(const char *iface, char *gw, char *mask, int array_len, in
     char ifmask[16];
     if (get_ipv4_subnetmask(iface, ifmask) < 0)
         log_fprint(orkad_log, "get_ipv4_gateways: can't get subnet mask for %s\n", iface);
-    file_ptr fp(fopen("/proc/net/route", "r"));
+    file_ptr fp(fopen(netutils_proc_net_route, "r"));
     if (fp == nullptr)
         return -1;
     if (fgets(line, sizeof(line), fp.get()) == nullptr)

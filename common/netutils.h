@@ -17,6 +17,8 @@ bool is_valid_ip_addr(const char *ip);
 int hostname_to_ip(const char *hostname, char *ip);
 
 // gw and mask are arrays of array_len strings, element_size bytes apart.
+// The kernel's routing table, which tests and fuzzing point elsewhere.
+extern const char *netutils_proc_net_route;
 int get_ipv4_gateways(const char *iface, char *gw, char *mask, int array_len, int element_size);
 int get_client_mac_address(const char *iface, const char *clientIp, char *addr, int invoke_arp);
 

@@ -181,7 +181,7 @@ void help(const char *progname)
 }
 
 // The sanitizer build must not turn the deliberate store into its own report.
-__attribute__((no_sanitize_undefined)) void exit_handler(int status, void *)
+__attribute__((no_sanitize("undefined"))) void exit_handler(int status, void *)
 {
     dev_syslog(LOG_CRIT, "unexpected program termination with exit status %d, forcing a crash\n",
                status);

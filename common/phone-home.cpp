@@ -165,7 +165,7 @@ void take_controller(const char *controller)
 void handle_reply(const reply *r)
 {
     json_error_t err;
-    json_ptr root(json_loadb(r->data, r->length, 0, &err));
+    json_ptr root(json_loadb_bounded(r->data, r->length, 0, &err));
     if (!root) {
         log_fprint(orkad_log, "error decoding phone-home data: %s\n", err.text);
         return;

@@ -429,3 +429,48 @@ int stk_crc_check(const char *stk_file_name)
                file_crc);
     return crc_net == file_crc ? 1 : 0;
 }
+
+int json_depth(const char *buf, size_t len, int max)
+{
+    int depth = 0;
+    int deepest = 0;
+    bool in_string = false;
+    for (size_t i = 0; i < len; i++) {
+        char c = buf[i];
+        if (in_string) {
+            if (c == '\\')
+                i++; // the escaped byte cannot end the string
+            else if (c == '"')
+                in_string = false;
+            continue;
+        }
+        if (c == '"') {
+            in_string = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > deepest) {
+                deepest = depth;
+                if (deepest > max)
+                    return max + 1;
+            }
+        } else if ((c == ']' || c == '}') && depth > 0) {
+            depth--;
+        }
+    }
+    return deepest;
+}
+
+json_t *json_loadb_bounded(const char *buf, size_t len, size_t flags, json_error_t *err)
+{
+    if (json_depth(buf, len, JSON_MAX_DEPTH) > JSON_MAX_DEPTH) {
+        if (err != nullptr) {
+            // The same wording jansson uses for its own, much deeper, limit.
+            memset(err, 0, sizeof(*err));
+            err->line = -1;
+            err->column = -1;
+            snprintf(err->source, sizeof(err->source), "%s", "<buffer>");
+            snprintf(err->text, sizeof(err->text), "%s", "maximum parsing depth reached");
+        }
+        return nullptr;
+    }
+    return json_loadb(buf, len, flags, err);
+}

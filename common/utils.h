@@ -50,3 +50,18 @@ int get_timezone(char *zone, int *offset);
 void tvdiff(struct timespec *t, const struct timespec *t1, const struct timespec *t2);
 
 int stk_crc_check(const char *stk_file_name);
+
+// jansson parses by recursion, about 80 bytes of stack per level of nesting,
+// and every thread of ours has 128 KiB: a reply nested a few thousand levels
+// deep would run the parsing thread off its stack. No document the daemon
+// takes comes near this depth.
+#define JSON_MAX_DEPTH 64
+
+// The nesting depth of the arrays and objects in a JSON text, counted
+// without recursion and without parsing (brackets inside strings do not
+// count); stops counting once max is passed and returns max + 1.
+int json_depth(const char *buf, size_t len, int max);
+// json_loadb for everything that arrives from outside: a text nested deeper
+// than JSON_MAX_DEPTH never reaches the parser and fails like any other
+// unparsable text, with "maximum parsing depth reached" in err->text.
+json_t *json_loadb_bounded(const char *buf, size_t len, size_t flags, json_error_t *err);

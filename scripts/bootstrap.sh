@@ -19,6 +19,7 @@ packages=(
     chromium chromium-driver python3-selenium
     dpkg-dev fakeroot lintian file binutils
     curl linux-perf
+    clang libclang-rt-14-dev
 )
 
 cross_arches=()

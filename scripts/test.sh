@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs every test orkad has: installs what is missing, builds the daemon and
 # the tests, runs the unit and end-to-end suites, then the unit tests again
-# under AddressSanitizer and UndefinedBehaviorSanitizer, and last the ARM
+# under AddressSanitizer and UndefinedBehaviorSanitizer (after the fuzz
+# targets, scripts/fuzz.sh ci), and last the ARM
 # cross builds (scripts/cross.sh ci).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -17,6 +18,10 @@ cmake --build build -j"$jobs"
 # must compile too (at -O3 the compiler sees more). The quick bench builds it
 # and keeps the measuring harness working; its figures are not checked.
 /usr/bin/python3 bench/daemon_costs.py --quick --build build-release --jobs "$jobs"
+
+# Every input the daemon parses, fuzzed: the seed corpora replayed and each
+# libFuzzer target run briefly (clang, build-fuzz/; tests/fuzz).
+bash scripts/fuzz.sh ci
 
 # The deliberate crash on exit is a real SIGSEGV: the sanitizer must not take
 # it over.

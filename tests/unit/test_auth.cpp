@@ -458,3 +458,29 @@ TEST_F(AuthTest, WrongCaFailsEveryRequest)
         json_array_size(json_object_get(lab->call("GET", "/connection-errors").get(), "errors")),
         0u);
 }
+
+TEST_F(AuthTest, DeeplyNestedBodiesAreRefusedBeforeParsing)
+{
+    use_lab();
+    const std::string body = std::string(3000, '[') + std::string(3000, ']');
+    lab->script(R"({"path":"/api/oauth/token","status":200,"text":")" + body + "\"}");
+    int valid;
+    EXPECT_EQ(fetch(&valid), "");
+    EXPECT_EQ(valid, 0);
+    EXPECT_NE(main_log_text().find(" reply = '" + body +
+                                   "'\nerror decoding oauth/token data: maximum parsing depth "
+                                   "reached\n"),
+              std::string::npos);
+
+    lab->script(R"({"path":"/api/oauth/token","status":400,"text":")" + body + "\"}");
+    fetch(&valid);
+    EXPECT_EQ(valid, 0);
+    EXPECT_NE(main_log_text().find(" reply = '" + body +
+                                   "'\nerror decoding oauth/token response data: maximum parsing "
+                                   "depth reached\n"),
+              std::string::npos);
+    EXPECT_FALSE(file_exists(root.at("/rw/factory-reset.log")));
+    // The next ordinary reply is taken.
+    EXPECT_FALSE(fetch(&valid).empty());
+    EXPECT_EQ(valid, 1);
+}

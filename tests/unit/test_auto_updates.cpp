@@ -331,3 +331,13 @@ TEST_F(UpdatesTest, DeveloperBuildNeverUpdates)
     usleep(200000);
     EXPECT_EQ(count({{"kind", "current_firmware"}}), 0u);
 }
+
+TEST_F(UpdatesTest, DeeplyNestedReplyIsADecodingError)
+{
+    use_lab();
+    const std::string deep = std::string(3000, '{') + std::string(3000, '}');
+    lab->script(R"({"path":"/api/current-firmware","text":")" + deep + "\"}");
+    EXPECT_EQ(check_updates(), -1);
+    EXPECT_TRUE(logged("check_updates: error decoding auto-updates data: maximum parsing depth "
+                       "reached"));
+}

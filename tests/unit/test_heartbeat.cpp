@@ -4,9 +4,11 @@
 #include "auth.h"
 #include "heartbeat.h"
 #include "netutils.h"
+#include "utils.h"
 
 #include <condition_variable>
 #include <mutex>
+#include <atomic>
 #include <unistd.h>
 #include <syslog.h>
 
@@ -460,4 +462,40 @@ TEST_F(HeartbeatTest, TheThreadSleepsTheCurrentIntervalAfterEachPulse)
     // One pulse before each sleep; the new link from the third on.
     EXPECT_EQ(count({{"path", "/api/heartbeat"}}), 2u);
     EXPECT_EQ(count({{"path", "/api/seven"}}), 2u);
+}
+
+// A reply nested a few thousand levels deep used to run the heartbeat
+// thread off its stack; now it is a decoding error like any other, the
+// pulse still counts as contact, and the next reply is read as usual.
+TEST_F(HeartbeatTest, DeeplyNestedReplyOnTheThreadStackIsADecodingError)
+{
+    use_lab();
+    const std::string deep = std::string(3000, '[') + std::string(3000, ']');
+    lab->script(R"({"path":"/api/heartbeat","text":")" + deep + "\"}");
+    struct pulse_job {
+        int result = 99;
+        std::atomic<bool> done{false};
+    } job;
+    // The pulse runs where it runs in the daemon: on a thread of ours.
+    ASSERT_GE(thread_start(
+                  "heartbeat",
+                  [](void *p, void *, void *) {
+                      pulse_job *j = static_cast<pulse_job *>(p);
+                      j->result = heartbeat_pulse();
+                      j->done = true;
+                  },
+                  &job, nullptr, nullptr),
+              0);
+    for (int i = 0; i < 3000 && !job.done; i++)
+        usleep(10000);
+    ASSERT_TRUE(job.done);
+    EXPECT_EQ(job.result, 0);
+    EXPECT_TRUE(logged("error decoding heartbeat data: maximum parsing depth reached"));
+    EXPECT_EQ(heartbeat_cloud_missed(), 0);
+
+    const std::string ok =
+        std::string(JSON_MAX_DEPTH - 1, '[') + std::string(JSON_MAX_DEPTH - 1, ']');
+    lab->script(R"({"path":"/api/heartbeat","text":"{\"totalCount\":0,\"x\":)" + ok + "}\"}");
+    EXPECT_EQ(heartbeat_pulse(), 0);
+    EXPECT_EQ(count_logged("error decoding heartbeat data: maximum parsing depth reached"), 1u);
 }

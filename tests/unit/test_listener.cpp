@@ -2,6 +2,7 @@
 #include "log.h"
 #include "table.h"
 #include "testkit.h"
+#include "utils.h"
 #include "work.h"
 
 #include <gtest/gtest.h>
@@ -485,4 +486,23 @@ TEST_F(ListenerTest, OnlyRootCanSendToTheUnixSockets)
     auto got = wait_calls(1);
     ASSERT_EQ(got.size(), 1u);
     EXPECT_EQ(got[0].params, R"({"who":"root"})");
+}
+
+TEST_F(ListenerTest, DeeplyNestedDatagramIsDroppedAndTheNextOneProcessed)
+{
+    ASSERT_EQ(listener_register("ping", first_cb, nullptr), 0);
+    // Well-formed, and a few levels deeper than any event may be.
+    std::string deep = R"({"event":"ping","params":)" + std::string(JSON_MAX_DEPTH, '[') +
+                       std::string(JSON_MAX_DEPTH, ']') + "}";
+    json_error_t err;
+    json_t *parsed = json_loadb(deep.data(), deep.size(), 0, &err);
+    ASSERT_NE(parsed, nullptr); // jansson alone would take it
+    json_decref(parsed);
+    unix_send("/tmp/orkad_socket", deep);
+    unix_send("/tmp/orkad_socket", R"({"event":"ping","params":"after"})");
+    auto got = wait_calls(1);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].params, R"("after")");
+    EXPECT_TRUE(logged("listener: error decoding message: maximum parsing depth reached"));
+    EXPECT_TRUE(logged("len = " + std::to_string(deep.size()) + ", message = '" + deep + "'"));
 }

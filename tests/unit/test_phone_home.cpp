@@ -440,3 +440,11 @@ TEST_F(PhoneHomeTest, TimeOfDayThatIsNoNumber)
     EXPECT_TRUE(clock_calls.empty());
     EXPECT_TRUE(phone_home_done);
 }
+
+TEST_F(PhoneHomeTest, DeeplyNestedReplyIsADecodingError)
+{
+    const std::string deep = std::string(3000, '[') + std::string(3000, ']');
+    lab->script(R"({"path":"/api/phone_home","text":")" + deep + "\"}");
+    phone_home_call();
+    EXPECT_TRUE(logged("error decoding phone-home data: maximum parsing depth reached"));
+}

@@ -2,10 +2,12 @@
 #include "log.h"
 #include "testkit.h"
 #include "utils.h"
+#include "work.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <pthread.h>
 #include <cstring>
 #include <string>
 #include <sys/stat.h>
@@ -470,4 +472,93 @@ TEST_F(UtilsTest, StkCrcFileProblems)
     write_file(root.at("/tmp/short.stk"), "x");
     EXPECT_EQ(stk_crc_check("/tmp/short.stk"), 0);
     EXPECT_TRUE(logged("stk_crc_check: can't read file crc (rc = 1)."));
+}
+
+// ---- nesting depth of JSON texts -----------------------------------------
+
+namespace
+{
+
+std::string nested(int levels, char open = '[', char close = ']')
+{
+    return std::string(levels, open) + std::string(levels, close);
+}
+
+} // namespace
+
+TEST_F(UtilsTest, JsonDepthCountsArraysAndObjectsOutsideStrings)
+{
+    auto depth = [](const std::string &s, int max = 100) {
+        return json_depth(s.data(), s.size(), max);
+    };
+    EXPECT_EQ(depth(""), 0);
+    EXPECT_EQ(depth("42"), 0);
+    EXPECT_EQ(depth("{}"), 1);
+    EXPECT_EQ(depth(R"({"a":[1,{"b":[]}],"c":{}})"), 4);
+    // Brackets inside strings, escaped quotes included, are text.
+    EXPECT_EQ(depth(R"({"a":"[[[{{{"})"), 1);
+    EXPECT_EQ(depth(R"({"a":"\"[[[","b":[]})"), 2);
+    EXPECT_EQ(depth(R"(["\\",[]])"), 2);
+    // Siblings do not add up; unbalanced closers never go below zero.
+    EXPECT_EQ(depth("[[],[],[]]"), 2);
+    EXPECT_EQ(depth("]]]][[]"), 2);
+    // Counting stops once the limit is passed.
+    EXPECT_EQ(depth(nested(5000), 64), 65);
+    EXPECT_EQ(depth(nested(64), 64), 64);
+}
+
+TEST_F(UtilsTest, BoundedLoadRefusesOnlyTextsDeeperThanTheLimit)
+{
+    json_error_t err;
+    std::string ok = nested(JSON_MAX_DEPTH);
+    json_t *j = json_loadb_bounded(ok.data(), ok.size(), 0, &err);
+    ASSERT_NE(j, nullptr);
+    json_decref(j);
+
+    for (std::string deep : {nested(JSON_MAX_DEPTH + 1), nested(JSON_MAX_DEPTH + 1, '{', '}'),
+                             nested(5000), std::string(100000, '[')}) {
+        memset(&err, 'x', sizeof(err));
+        EXPECT_EQ(json_loadb_bounded(deep.data(), deep.size(), 0, &err), nullptr);
+        EXPECT_STREQ(err.text, "maximum parsing depth reached");
+        EXPECT_STREQ(err.source, "<buffer>");
+    }
+    // Not JSON at all still gets the parser's own words.
+    json_error_t plain;
+    EXPECT_EQ(json_loadb_bounded("{\"a\":", 5, 0, &err), nullptr);
+    EXPECT_EQ(json_loadb("{\"a\":", 5, 0, &plain), nullptr);
+    EXPECT_STREQ(err.text, plain.text);
+    // A null error record is allowed, as with jansson.
+    std::string deep = nested(1000);
+    EXPECT_EQ(json_loadb_bounded(deep.data(), deep.size(), 0, nullptr), nullptr);
+}
+
+// What the bound is for: the deepest text it lets through parses on a
+// thread with the daemon's stack, with most of that stack left over.
+TEST_F(UtilsTest, DeepestAcceptedTextParsesOnADaemonSizedStack)
+{
+    struct job {
+        std::string text;
+        bool parsed = false;
+    } jb;
+    jb.text = "{\"a\":" + nested(JSON_MAX_DEPTH - 1) + "}";
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    // A quarter of the daemon's stack: the bound leaves that much margin.
+    pthread_attr_setstacksize(&attr, THREAD_STACK_SIZE / 4);
+    pthread_t t;
+    ASSERT_EQ(pthread_create(
+                  &t, &attr,
+                  [](void *p) -> void * {
+                      job *jp = static_cast<job *>(p);
+                      json_error_t e;
+                      json_t *v = json_loadb_bounded(jp->text.data(), jp->text.size(), 0, &e);
+                      jp->parsed = v != nullptr;
+                      json_decref(v);
+                      return nullptr;
+                  },
+                  &jb),
+              0);
+    pthread_join(t, nullptr);
+    pthread_attr_destroy(&attr);
+    EXPECT_TRUE(jb.parsed);
 }

@@ -29,8 +29,14 @@ def runner(tmp_path):
     proc.root = str(tmp_path / "root")
     yield proc
     if proc.poll() is None:
-        proc.kill()
-        proc.wait(timeout=10)
+        # A test that failed half-way: Ctrl-C lets the runner take down its
+        # namespace, controller and daemon; killing it would leave them.
+        proc.send_signal(signal.SIGINT)
+        try:
+            proc.wait(timeout=20)
+        except subprocess.TimeoutExpired:
+            proc.kill()
+            proc.wait(timeout=10)
     # The runner keeps its own folder (controller state, syslog) for a look.
     m = re.search(r"daemon syslog +(\S+)/syslog.txt", text(proc))
     if m and os.path.basename(m.group(1)).startswith("orkad-lab-run-"):

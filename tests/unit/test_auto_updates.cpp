@@ -197,7 +197,7 @@ TEST_F(UpdatesTest, RetryDelaysGrowByFiveMinutesUpToAnHour)
         if (n == 14)
             use_lab();
     };
-    deferred_updates(const_cast<bool *>(&deferred_running), nullptr, nullptr);
+    deferred_updates(&deferred_running, nullptr, nullptr);
     std::vector<unsigned int> minutes;
     for (unsigned int s : waits)
         minutes.push_back(s / 60);
@@ -238,6 +238,37 @@ TEST_F(UpdatesTest, SecondStartOnlyLogs)
     // Let it finish before the test's controller goes away.
     EXPECT_TRUE(wait_for(
         [this] { return count_logged("thread_run: thread 'deferred_updates' terminated!") == 2; }));
+}
+
+// set.firmware on the command runner and a phone-home on the heartbeat thread
+// may both find the controller behind and start the retry at the same moment.
+TEST_F(UpdatesTest, StartsAtTheSameMomentMakeOneRetryThread)
+{
+    std::atomic<bool> release{false};
+    at_wait = [&](size_t) {
+        while (!release)
+            usleep(10000);
+    };
+    std::atomic<bool> go{false};
+    std::vector<std::thread> starters;
+    for (int i = 0; i < 4; i++)
+        starters.emplace_back([&go] {
+            while (!go)
+                std::this_thread::yield();
+            start_deferred_updates();
+        });
+    go = true;
+    for (auto &t : starters)
+        t.join();
+    EXPECT_EQ(count_logged("starting deferred_updates"), 1u);
+    EXPECT_EQ(count_logged("deferred_updates already running"), 3u);
+    EXPECT_EQ(next_thread, 8); // command_runner, six workers, one retry thread
+    EXPECT_TRUE(deferred_running);
+
+    use_lab();
+    release = true;
+    EXPECT_TRUE(wait_for([] { return !deferred_running; }));
+    EXPECT_TRUE(wait_logged("thread_run: thread 'deferred_updates' terminated!"));
 }
 
 TEST_F(UpdatesTest, SetFirmwareAnswersFirstThenChecks)

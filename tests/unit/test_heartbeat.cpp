@@ -470,3 +470,44 @@ TEST_F(HeartbeatTest, TheThreadSleepsTheCurrentIntervalAfterEachPulse)
     EXPECT_EQ(count({{"path", "/api/heartbeat"}}), 2u);
     EXPECT_EQ(count({{"path", "/api/seven"}}), 2u);
 }
+
+namespace
+{
+
+unsigned int short_pace(unsigned int)
+{
+    usleep(5000);
+    return 0;
+}
+
+} // namespace
+
+// set.heartbeat rewrites the link on the command thread while the heartbeat
+// thread builds every URL from it: each post goes to a whole link, old or new.
+TEST_F(HeartbeatTest, LinkRewrittenWhileTheThreadPulses)
+{
+    env_heartbeat[0] = '\0';
+    use_lab();
+    lab->add_link("/left-side-of-the-link", "heartbeat");
+    lab->add_link("/r", "heartbeat");
+    heartbeat_sleep = short_pace;
+    std::thread t(heartbeat, nullptr, nullptr, nullptr);
+    t.detach();
+    lab->wait_requests({{"kind", "heartbeat"}}, 1, 20);
+    for (int k = 0; k < 6; k++) {
+        const char *href = k % 2 == 0 ? "/left-side-of-the-link" : "/r";
+        std::string id = "flip-" + std::to_string(k);
+        EXPECT_EQ(set_heartbeat(params(1000, href), id.c_str()).first, 0);
+        Json seen = lab->wait_requests({{"path", std::string("/api") + href}}, k / 2 + 1, 20);
+        ASSERT_GE(json_array_size(seen.get()), (size_t)(k / 2 + 1)) << href;
+    }
+    Json all = heartbeats();
+    ASSERT_GE(json_array_size(all.get()), 7u);
+    for (size_t i = 0; i < json_array_size(all.get()); i++) {
+        std::string path = at(all, i, "path");
+        EXPECT_TRUE(path == "/api/heartbeat" || path == "/api/left-side-of-the-link" ||
+                    path == "/api/r")
+            << path;
+    }
+    EXPECT_EQ(heartbeat_interval, 1);
+}

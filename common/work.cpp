@@ -125,6 +125,9 @@ int thread_start(const char *name, work_fn fn, void *p1, void *p2, void *)
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setstacksize(&attr, THREAD_STACK_SIZE);
+    // Nobody joins a thread of the agent: a short-lived one gives its stack
+    // back as soon as its body returns.
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
 
     // The slot is used up even if the thread cannot be created. It is filled
     // in before it is counted, so the dump never reads a half-made slot.

@@ -217,7 +217,7 @@ TEST_F(UpdatesTest, SecondStartOnlyLogs)
             usleep(10000);
     };
     start_deferred_updates();
-    ASSERT_TRUE(wait_for([] { return deferred_running; }));
+    ASSERT_TRUE(wait_for([] { return deferred_running.load(); }));
     ASSERT_TRUE(wait_for([] {
         std::lock_guard<std::mutex> hold(waits_lock);
         return !waits.empty();
@@ -229,7 +229,7 @@ TEST_F(UpdatesTest, SecondStartOnlyLogs)
 
     use_lab();
     release = true;
-    EXPECT_TRUE(wait_for([] { return !deferred_running; }));
+    EXPECT_TRUE(wait_for([] { return !deferred_running.load(); }));
     EXPECT_TRUE(wait_logged("thread_run: thread 'deferred_updates' terminated!"));
     // Ended: a new start makes a new thread.
     at_wait = nullptr;
@@ -267,7 +267,7 @@ TEST_F(UpdatesTest, StartsAtTheSameMomentMakeOneRetryThread)
 
     use_lab();
     release = true;
-    EXPECT_TRUE(wait_for([] { return !deferred_running; }));
+    EXPECT_TRUE(wait_for([] { return !deferred_running.load(); }));
     EXPECT_TRUE(wait_logged("thread_run: thread 'deferred_updates' terminated!"));
 }
 
@@ -317,7 +317,7 @@ TEST_F(UpdatesTest, SetFirmwareStartsTheRetriesWhenTheCheckFails)
                 }) ||
                 !deferred_running);
     release = true;
-    EXPECT_TRUE(wait_for([] { return !deferred_running; }));
+    EXPECT_TRUE(wait_for([] { return !deferred_running.load(); }));
 }
 
 TEST_F(UpdatesTest, DeveloperBuildNeverUpdates)

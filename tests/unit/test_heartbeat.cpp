@@ -5,6 +5,7 @@
 #include "heartbeat.h"
 #include "netutils.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <unistd.h>
@@ -474,9 +475,18 @@ TEST_F(HeartbeatTest, TheThreadSleepsTheCurrentIntervalAfterEachPulse)
 namespace
 {
 
+std::atomic<bool> parked{false};
+std::atomic<bool> resting{false};
+
+// A quick pace; once parked, the thread waits out the rest of the test
+// process there.
 unsigned int short_pace(unsigned int)
 {
     usleep(5000);
+    while (parked) {
+        resting = true;
+        usleep(100000);
+    }
     return 0;
 }
 
@@ -510,4 +520,9 @@ TEST_F(HeartbeatTest, LinkRewrittenWhileTheThreadPulses)
             << path;
     }
     EXPECT_EQ(heartbeat_interval, 1);
+    // No pulse may run into the test's end.
+    parked = true;
+    for (int i = 0; i < 400 && !resting; i++)
+        usleep(50000);
+    EXPECT_TRUE(resting);
 }

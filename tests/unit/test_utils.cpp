@@ -15,8 +15,12 @@
 using namespace testkit;
 
 // The failure path of calloc_with_error needs an allocation that fails
-// instead of aborting under the address sanitizer.
+// instead of aborting under the address or the thread sanitizer.
 extern "C" const char *__asan_default_options()
+{
+    return "allocator_may_return_null=1";
+}
+extern "C" const char *__tsan_default_options()
 {
     return "allocator_may_return_null=1";
 }

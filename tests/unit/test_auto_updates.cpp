@@ -3,6 +3,7 @@
 // and set.firmware.
 #include "agent_fixture.h"
 #include "auto-updates.h"
+#include "icos-openapi.h"
 
 #include <atomic>
 #include <mutex>
@@ -37,6 +38,8 @@ class UpdatesTest : public AgentTest
     {
         AgentTest::SetUp();
         updates_sleep = record_wait;
+        // The reload's wait for the switch to take the agent down.
+        icos_openapi_sleep = no_sleep;
         lab->add_link("/response/t", "response");
     }
 

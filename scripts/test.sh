@@ -38,7 +38,9 @@ ORKAD_SANITIZED=1 ORKAD_BIN="$PWD/build-asan/common/orkad" ORKAD_SOURCE="$PWD" \
 export TSAN_OPTIONS="handle_segv=0:halt_on_error=0:exitcode=66:second_deadlock_stack=1:suppressions=$PWD/tests/tsan.supp"
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DORKAD_TSAN=ON -DORKAD_E2E=OFF
 cmake --build build-tsan -j"$jobs" --target orkad unit_tests
-(cd build-tsan && ctest --output-on-failure -j"$jobs" -L unit)
+# Most unit tests spend their time waiting for the lab controller, so they
+# run two per core here.
+(cd build-tsan && ctest --output-on-failure -j$((jobs * 2)) -L unit)
 ORKAD_SANITIZED=1 ORKAD_BIN="$PWD/build-tsan/common/orkad" ORKAD_SOURCE="$PWD" \
     /usr/bin/python3 -m pytest -q -n "$jobs" -p no:cacheprovider tests/e2e \
     --ignore=tests/e2e/test_lab_controller.py --ignore=tests/e2e/test_lab_ctl.py \

@@ -34,7 +34,8 @@ ORKAD_SANITIZED=1 ORKAD_BIN="$PWD/build-asan/common/orkad" ORKAD_SOURCE="$PWD" \
 # under test built with it. A report fails the unit test (exit status 66) or,
 # for a daemon, the end-to-end test whose temporary folder it lands in
 # (tests/e2e/conftest.py). The lab's own tests, which never start a daemon,
-# ran above already and are left out here.
+# ran above already and are left out here, and so are the 20-daemon fleet and
+# the packaging test (time; docs/hardening.md).
 export TSAN_OPTIONS="handle_segv=0:halt_on_error=0:exitcode=66:second_deadlock_stack=1:suppressions=$PWD/tests/tsan.supp"
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DORKAD_TSAN=ON -DORKAD_E2E=OFF
 cmake --build build-tsan -j"$jobs" --target orkad unit_tests

@@ -18,7 +18,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-volatile bool deferred_running;
+std::atomic<bool> deferred_running{false};
 unsigned int (*updates_sleep)(unsigned int seconds) = sleep;
 
 namespace
@@ -113,18 +113,18 @@ int check_updates(void)
 
 void start_deferred_updates(void)
 {
-    if (deferred_running) {
+    if (deferred_running.exchange(true)) {
         log_fprint(orkad_log, "deferred_updates already running\n");
         return;
     }
     log_fprint(orkad_log, "starting deferred_updates\n");
-    thread_start("deferred_updates", deferred_updates, const_cast<bool *>(&deferred_running),
-                 nullptr, nullptr);
+    if (thread_start("deferred_updates", deferred_updates, &deferred_running, nullptr, nullptr) < 0)
+        deferred_running = false;
 }
 
 void deferred_updates(void *running, void *, void *)
 {
-    volatile bool *flag = static_cast<volatile bool *>(running);
+    auto *flag = static_cast<std::atomic<bool> *>(running);
     *flag = true;
     int delay = 0;
     // Back off by five minutes a time, up to an hour, so a controller that is

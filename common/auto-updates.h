@@ -2,12 +2,14 @@
 // install an offered image, and retry failed checks in the background.
 #pragma once
 
+#include <atomic>
 #include <jansson.h>
 
 #define UPDATES_IMAGE "/tmp/updates.tar"
 
-// Set by the retry thread while it runs.
-extern volatile bool deferred_running;
+// Set while a retry thread runs (claimed by the starter, so two starts in a
+// row cannot both start one).
+extern std::atomic<bool> deferred_running;
 
 // Every wait of the retry thread goes through here; tests point it elsewhere.
 extern unsigned int (*updates_sleep)(unsigned int seconds);

@@ -13,10 +13,12 @@
 #include "signals.h"
 #include "utils.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <sys/sysinfo.h>
 #include <syslog.h>
@@ -34,6 +36,22 @@ namespace
 constexpr int MAX_MISSED = 6;
 constexpr int MIN_INTERVAL = 1;
 constexpr int MAX_INTERVAL = 60;
+
+// The link is rewritten by "set.heartbeat" on the command thread while the
+// heartbeat thread builds its URL from it.
+pthread_mutex_t heartbeat_link_lock = PTHREAD_MUTEX_INITIALIZER;
+
+// The interval and the count are single words written by one thread and read
+// by others; nothing else depends on their order.
+int interval_now(void)
+{
+    return std::atomic_ref<int>(heartbeat_interval).load(std::memory_order_relaxed);
+}
+
+void set_interval(int seconds)
+{
+    std::atomic_ref<int>(heartbeat_interval).store(seconds, std::memory_order_relaxed);
+}
 
 bool last_failed = true;
 int cloud_connected = -1;
@@ -204,8 +222,10 @@ int heartbeat_pulse(void)
 
     reply *r = alloc_reply();
     char url[512];
+    pthread_mutex_lock(&heartbeat_link_lock);
     snprintf(url, sizeof(url), "%s/api%s", base, heartbeat_link);
-    heartbeat_count++;
+    pthread_mutex_unlock(&heartbeat_link_lock);
+    std::atomic_ref<uint64_t>(heartbeat_count).fetch_add(1, std::memory_order_relaxed);
 
     int result = post(url, payload, length, r);
     if (result != 0) {
@@ -233,9 +253,9 @@ void heartbeat_setup(void)
     if (env_heartbeat[0] != '\0') {
         int interval = (int)strtol(env_heartbeat, nullptr, 10);
         if (interval >= MIN_INTERVAL && interval <= MAX_INTERVAL) {
-            if (interval != heartbeat_interval)
+            if (interval != interval_now())
                 log_fprint(orkad_log, "%s: new interval = %d seconds\n", "heartbeat", interval);
-            heartbeat_interval = interval;
+            set_interval(interval);
         } else {
             log_fprint(orkad_log, "%s: interval value (%d) is out of range\n", "heartbeat",
                        interval);
@@ -250,7 +270,7 @@ void heartbeat(void *, void *, void *)
     // The period runs from the end of one pulse to the start of the next.
     for (;;) {
         heartbeat_pulse();
-        heartbeat_sleep((unsigned int)heartbeat_interval);
+        heartbeat_sleep((unsigned int)interval_now());
     }
 }
 
@@ -276,17 +296,20 @@ void cmd_set_heartbeat(char *command, json_t *js_command, char *resp_href)
         return;
     }
     // Not stored: a restarted agent starts from the defaults again.
-    heartbeat_interval = (int)seconds;
+    set_interval((int)seconds);
+    pthread_mutex_lock(&heartbeat_link_lock);
     snprintf(heartbeat_link, sizeof(heartbeat_link), "%s", href);
-    dev_syslog(LOG_INFO, "Heartbeat interval=%d seconds, link='%s'", heartbeat_interval,
-               heartbeat_link);
+    pthread_mutex_unlock(&heartbeat_link_lock);
+    dev_syslog(LOG_INFO, "Heartbeat interval=%d seconds, link='%s'", (int)seconds, href);
     cmd.answer(0);
 }
 
 void heartbeat_debug(int)
 {
     log_fprint(dbg_log, "%s: heartbeat_interval = %d, heartbeat_count = %llu\n", "heartbeat_debug",
-               heartbeat_interval, (unsigned long long)heartbeat_count);
+               interval_now(),
+               (unsigned long long)std::atomic_ref<uint64_t>(heartbeat_count)
+                   .load(std::memory_order_relaxed));
 }
 
 int heartbeat_cloud_connected(void)

@@ -32,7 +32,10 @@ constexpr int BEARER_SIZE = 512;
 constexpr int STATUS_ATTEMPTS = 4;
 constexpr int PUT_LOG_LIMIT = 400;
 
-char cloud_controller[256];
+// Every caller keeps the returned URL across blocking requests while other
+// threads look it up again: each thread reads into a buffer of its own, so a
+// lookup on one thread never rewrites the text another is still using.
+thread_local char cloud_controller[256];
 
 struct easy_deleter {
     void operator()(CURL *c) const { curl_easy_cleanup(c); }

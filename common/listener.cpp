@@ -68,7 +68,8 @@ void process_message(listener_socket_t *sock, const char *buf, int len)
     }
     for (; l != nullptr; l = l->next) {
         l->fn(name, params);
-        l->hits++;
+        // Counted on the receiver's thread, read by whoever looks.
+        std::atomic_ref<unsigned int>(l->hits).fetch_add(1, std::memory_order_relaxed);
     }
 }
 

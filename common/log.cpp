@@ -2,6 +2,7 @@
 
 #include "devroot.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <fcntl.h>
@@ -54,6 +55,18 @@ LOG_HANDLE(of_handle, "/rw/of");
 uint64_t line_index = 1;
 pthread_mutex_t line_index_lock = PTHREAD_MUTEX_INITIALIZER;
 
+// Writers look at the stream before they take the handle's lock (a silent
+// handle costs nothing), while a rotation under the lock replaces it.
+FILE *stream_of(log_t *log)
+{
+    return std::atomic_ref<FILE *>(log->file).load(std::memory_order_relaxed);
+}
+
+void set_stream(log_t *log, FILE *file)
+{
+    std::atomic_ref<FILE *>(log->file).store(file, std::memory_order_relaxed);
+}
+
 // Generation 0 is the current file, generation k >= 1 the k-th rotated one.
 void generation_path(const log_t *log, int k, char *buf, size_t size)
 {
@@ -92,7 +105,7 @@ void log_init(void)
             continue;
         char path[1024];
         generation_path(log, 0, path, sizeof(path));
-        log->file = open_log_file(path);
+        set_stream(log, open_log_file(path));
         if (log->file == nullptr) {
             printf("Failed to open log file '%s'\n", log->name);
             continue;
@@ -108,7 +121,7 @@ void log_rotate(log_t *log)
         return;
     if (log->file != nullptr)
         fclose(log->file);
-    log->file = nullptr;
+    set_stream(log, nullptr);
 
     char from[1024], to[1024];
     generation_path(log, log->maxfile, to, sizeof(to));
@@ -119,12 +132,12 @@ void log_rotate(log_t *log)
         rename(from, to);
     }
     generation_path(log, 0, to, sizeof(to));
-    log->file = open_log_file(to);
+    set_stream(log, open_log_file(to));
 }
 
 void log_fprint(log_t *log, const char *fmt, ...)
 {
-    if (log->name == nullptr || nolog || log->file == nullptr)
+    if (log->name == nullptr || nolog || stream_of(log) == nullptr)
         return;
 
     pthread_mutex_lock(&log->lock);
@@ -177,7 +190,7 @@ void debug_print_with_time(int force, const char *fmt, ...)
 {
     (void)force; // the trace is written whether or not anyone asked for it
     log_t *log = dbg_log;
-    if (log->name == nullptr || nolog || log->file == nullptr)
+    if (log->name == nullptr || nolog || stream_of(log) == nullptr)
         return;
 
     pthread_mutex_lock(&log->lock);
@@ -202,9 +215,28 @@ void log_debug(int sig)
     struct sysinfo si;
     long uptime = sysinfo(&si) == 0 ? si.uptime : 0;
     log_fprint(out, "%s: uptime %d seconds\n", "log_debug", (int)uptime);
+    for (log_t *log : logs) {
+        // Each handle counts under its own lock.
+        pthread_mutex_lock(&log->lock);
+        unsigned long long total = log->total;
+        pthread_mutex_unlock(&log->lock);
+        log_fprint(out, "%s: %s %llu bytes\n", "log_debug", log->name, total);
+    }
+}
+
+void log_lock_all(void)
+{
+    // The order every writer takes them in: a handle, then the line index.
     for (log_t *log : logs)
-        log_fprint(out, "%s: %s %llu bytes\n", "log_debug", log->name,
-                   (unsigned long long)log->total);
+        pthread_mutex_lock(&log->lock);
+    pthread_mutex_lock(&line_index_lock);
+}
+
+void log_unlock_all(void)
+{
+    pthread_mutex_unlock(&line_index_lock);
+    for (int i = LOG_HANDLES - 1; i >= 0; i--)
+        pthread_mutex_unlock(&logs[i]->lock);
 }
 
 uint64_t log_line_index(void)

@@ -37,5 +37,10 @@ void log_rotate(log_t *log);
 void log_debug(int sig);
 void debug_print_with_time(int force, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 
+// Every log lock, taken around a fork so that the copy finds none of them
+// held by a thread it does not have.
+void log_lock_all(void);
+void log_unlock_all(void);
+
 // The next line index, without taking it (for tests and dumps).
 uint64_t log_line_index(void);

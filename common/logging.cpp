@@ -17,10 +17,10 @@
 #include <mutex>
 #include <unistd.h>
 
-bool logging_enabled;
-int logging_interval;
+std::atomic<bool> logging_enabled{false};
+std::atomic<int> logging_interval{0};
 int logging_priority = 3;
-int logging_id = -1;
+std::atomic<int> logging_id{-1};
 unsigned int (*logging_sleep)(unsigned int seconds) = sleep;
 
 namespace
@@ -33,8 +33,8 @@ constexpr int POST_ATTEMPTS = 4;
 std::mutex logbuf_lock;
 struct _logbuf *logbuf;
 int overflow;
-// Counted outside the lock: a lost count costs nothing.
-int oversize;
+// Counted outside the lock, and read by the sender without it.
+std::atomic<int> oversize{0};
 queue_t *ready_logs_queue;
 
 int ready_count(void)
@@ -97,7 +97,7 @@ void logging_listener(const char *, json_t *params)
     if (!platform_logging_filter(text, len))
         return;
     if (len > LOGGING_MAX_LINE) {
-        oversize++;
+        oversize.fetch_add(1, std::memory_order_relaxed);
         return;
     }
     {
@@ -164,9 +164,10 @@ void cmd_set_logging(char *command, json_t *js_command, char *resp_href)
     } else {
         // The new interval reaches the running thread through the shared
         // variable; it keeps the link it was started with.
-        log_fprint(
-            orkad_log, "%s: logging thread %d already running, new interval = %d, enable = %s\n",
-            "logging_start", logging_id, logging_interval, logging_enabled ? "true" : "false");
+        log_fprint(orkad_log,
+                   "%s: logging thread %d already running, new interval = %d, enable = %s\n",
+                   "logging_start", logging_id.load(), logging_interval.load(),
+                   logging_enabled ? "true" : "false");
     }
     cmd.answer(result);
 }
@@ -176,10 +177,11 @@ void logging_send(void *interval_ptr, void *href_ptr, void *)
     // Read on every pass: set.logging and logging_flush change them while we
     // run. The third argument is our thread number (thread_start), so the
     // switch is read from the module itself.
-    volatile int *interval = static_cast<volatile int *>(interval_ptr);
-    volatile bool *enabled = &logging_enabled;
+    auto *interval = static_cast<std::atomic<int> *>(interval_ptr);
+    std::atomic<bool> *enabled = &logging_enabled;
     char *href = static_cast<char *>(href_ptr);
-    log_fprint(orkad_log, "logging_send: Started '%d','%s','%d'\n", *interval, href, (int)*enabled);
+    log_fprint(orkad_log, "logging_send: Started '%d','%s','%d'\n", interval->load(), href,
+               (int)enabled->load());
     if (*enabled) {
         char body[LOGBUF_SIZE + 16];
         int idle = 0;
@@ -194,9 +196,14 @@ void logging_send(void *interval_ptr, void *href_ptr, void *)
                 idle++;
             } else {
                 struct _logbuf *b = reinterpret_cast<struct _logbuf *>(l);
+                int lost;
+                {
+                    std::lock_guard<std::mutex> hold(logbuf_lock);
+                    lost = overflow;
+                }
                 log_fprint(orkad_log,
                            "logging_send: overflow = %d, oversize = %d, ready-logs-count = %d\n",
-                           overflow, oversize, ready_count());
+                           lost, oversize.load(std::memory_order_relaxed), ready_count());
                 int length = build_body(b, body);
                 int err = logging_post(href, body, length);
                 if (err == 0) {
@@ -268,11 +275,11 @@ void logging_debug(int)
 {
     std::lock_guard<std::mutex> hold(logbuf_lock);
     log_fprint(dbg_log, "%s: logging_enabled = %d, logging_interval = %d\n", "logging_debug",
-               (int)logging_enabled, logging_interval);
+               (int)logging_enabled, logging_interval.load());
     log_fprint(dbg_log,
                "%s: logbuf = %p (%d), overflow = %d, oversize = %d, ready-logs-count = %d\n",
                "logging_debug", static_cast<void *>(logbuf), logbuf != nullptr ? logbuf->length : 0,
-               overflow, oversize, ready_count());
+               overflow, oversize.load(std::memory_order_relaxed), ready_count());
 }
 
 void logging_counts(int *overflow_out, int *oversize_out, int *ready, int *filling)
@@ -281,7 +288,7 @@ void logging_counts(int *overflow_out, int *oversize_out, int *ready, int *filli
     if (overflow_out != nullptr)
         *overflow_out = overflow;
     if (oversize_out != nullptr)
-        *oversize_out = oversize;
+        *oversize_out = oversize.load(std::memory_order_relaxed);
     if (ready != nullptr)
         *ready = ready_count();
     if (filling != nullptr)

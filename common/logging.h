@@ -3,6 +3,8 @@
 // the controller by the "logging_send" thread that "set.logging" starts.
 #pragma once
 
+#include <atomic>
+
 #include "queue.h"
 
 #include <jansson.h>
@@ -29,13 +31,13 @@ struct _logbuf {
     char buffer[LOGBUF_SIZE];
 };
 
-// Read by the sender through pointers, without the lock.
-extern bool logging_enabled;
-extern int logging_interval;
+// Read by the sender through pointers, without the lock, on every pass.
+extern std::atomic<bool> logging_enabled;
+extern std::atomic<int> logging_interval;
 // The forwarding priority; nothing changes it (see cmd_set_logging).
 extern int logging_priority;
 // Id of the sender thread, -1 when none runs.
-extern int logging_id;
+extern std::atomic<int> logging_id;
 
 // Every sleep of this module (the sender's pace, the flush before a reboot)
 // goes through here; tests point it elsewhere.

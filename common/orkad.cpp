@@ -193,7 +193,12 @@ __attribute__((no_sanitize("undefined"))) void exit_handler(int status, void *)
 
 void live_coredump(int)
 {
+    // The copy writes to the logs before it crashes: a lock another thread
+    // held at the fork would stay held in the copy for ever, and this thread
+    // would wait for the copy for ever.
+    log_lock_all();
     pid_t pid = fork();
+    log_unlock_all();
     if (pid < 0) {
         log_fprint(orkad_log, "Failed to take a live coredump (%s)", strerror(errno));
         return;

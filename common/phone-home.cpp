@@ -26,8 +26,8 @@
 #include <unistd.h>
 
 int phone_home_interval = 30;
-volatile bool phone_home_done;
-volatile int phone_home_count;
+std::atomic<bool> phone_home_done{false};
+std::atomic<int> phone_home_count{0};
 char ip_addr[16];
 unsigned int (*phone_home_sleep)(unsigned int seconds) = sleep;
 int (*phone_home_settimeofday)(const struct timeval *tv, const struct timezone *tz) = settimeofday;

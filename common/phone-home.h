@@ -2,11 +2,13 @@
 // vendor's phone-home site (or from the boot environment).
 #pragma once
 
+#include <atomic>
 #include <sys/time.h>
 
 extern int phone_home_interval;
-extern volatile bool phone_home_done;
-extern volatile int phone_home_count;
+// Written by the background loop on a worker, watched from other threads.
+extern std::atomic<bool> phone_home_done;
+extern std::atomic<int> phone_home_count;
 extern char ip_addr[16];
 
 // Every wait of this module goes through here, and so does the clock;

@@ -16,6 +16,13 @@ queue_t *queue_create(const char *name)
     return q;
 }
 
+// The count changes under the queue's lock and is read without it by
+// queue_count (a gauge for the dumps and the pacing of callers).
+static void set_count(queue_t *q, int count)
+{
+    __atomic_store_n(&q->count, count, __ATOMIC_RELAXED);
+}
+
 void queue_add_tail(queue_t *q, link_t *l)
 {
     pthread_mutex_lock(&q->lock);
@@ -27,7 +34,7 @@ void queue_add_tail(queue_t *q, link_t *l)
         q->tail->next = l;
         q->tail = l;
     }
-    q->count++;
+    set_count(q, q->count + 1);
     debug_print_with_time(0, "%s (id=%d, '%s', count=%d): added @%p\n", "queue_add_tail",
                           thread_get_id(), q->name, q->count, (void *)l);
     pthread_mutex_unlock(&q->lock);
@@ -44,7 +51,7 @@ void queue_add_head(queue_t *q, link_t *l)
         q->head->prev = l;
         q->head = l;
     }
-    q->count++;
+    set_count(q, q->count + 1);
     debug_print_with_time(0, "%s (id=%d, '%s', count=%d): added @%p\n", "queue_add_head",
                           thread_get_id(), q->name, q->count, (void *)l);
     pthread_mutex_unlock(&q->lock);
@@ -55,7 +62,7 @@ static link_t *remove_head(queue_t *q, const char *who)
 {
     link_t *l = q->head;
     q->head = l->next;
-    q->count--;
+    set_count(q, q->count - 1);
     debug_print_with_time(0, "%s (id=%d, '%s', count=%d): removed @%p\n", who, thread_get_id(),
                           q->name, q->count, (void *)l);
     return l;
@@ -106,7 +113,7 @@ link_t *queue_get_item(queue_t *q, link_t *l)
             found->prev->next = found->next;
         else
             q->head = found->next;
-        q->count--;
+        set_count(q, q->count - 1);
     }
     debug_print_with_time(0, "%s (id=%d, '%s', count=%d): removed @%p\n", "queue_get_item",
                           thread_get_id(), q->name, q->count, (void *)l);

@@ -22,8 +22,8 @@ pthread_mutex_t stats_lock = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t collector_lock = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t collector_ready = PTHREAD_COND_INITIALIZER;
 pthread_cond_t stats_ready = PTHREAD_COND_INITIALIZER;
-volatile bool stats_enabled = false;
-volatile int stats_interval = 0;
+std::atomic<bool> stats_enabled{false};
+std::atomic<int> stats_interval{0};
 timer_t stats_timer;
 int (*stats_clock_gettime)(clockid_t clock, struct timespec *ts) = clock_gettime;
 
@@ -37,8 +37,8 @@ namespace
 
 struct itimerspec itimer;
 bool timer_created = false;
-// Only the tick handler writes it, on the signal thread.
-volatile unsigned int ticks = 0;
+// Only the tick handler writes it, on the signal thread; others read it.
+std::atomic<unsigned int> ticks{0};
 bool no_clock = false;
 int collector = -1;
 int sender = -1;
@@ -173,8 +173,8 @@ void cmd_set_stats(char *command, json_t *js_command, char *resp_href)
 
 void do_stats(int)
 {
-    unsigned int tick = ticks + 1;
-    ticks = tick;
+    unsigned int tick = ticks.load(std::memory_order_relaxed) + 1;
+    ticks.store(tick, std::memory_order_relaxed);
     if (!stats_enabled)
         return;
     if (tick % STATS_SAMPLE_TICKS == 0)
@@ -199,7 +199,7 @@ void stats_send(void *p1, void *, void *)
 {
     const char *fn = "stats_send";
     char *slink = static_cast<char *>(p1);
-    log_fprint(orkad_log, "%s: Started '%s','%d'\n", fn, slink, stats_interval);
+    log_fprint(orkad_log, "%s: Started '%s','%d'\n", fn, slink, stats_interval.load());
     log_fprint(orkad_log, "%s: my TID: %d\n", fn, (int)syscall(SYS_gettid));
     while (stats_enabled) {
         pthread_mutex_lock(&stats_lock);
@@ -360,6 +360,6 @@ void stats_debug(int)
     log_fprint(dbg_log,
                "%s: enabled = %d, interval = %d, ticks = %u, collector = %d, sender = %d, "
                "rows = %d, documents = %lu\n",
-               "stats_debug", stats_enabled ? 1 : 0, stats_interval, ticks, collector, sender, rows,
-               documents.load());
+               "stats_debug", stats_enabled ? 1 : 0, stats_interval.load(), ticks.load(), collector,
+               sender, rows, documents.load());
 }

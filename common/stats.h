@@ -3,6 +3,8 @@
 // changes, the agent's millisecond clock and two small key/value parsers.
 #pragma once
 
+#include <atomic>
+
 #include <ctime>
 #include <jansson.h>
 #include <pthread.h>
@@ -29,8 +31,10 @@ extern pthread_mutex_t stats_lock;
 extern pthread_mutex_t collector_lock;
 extern pthread_cond_t collector_ready;
 extern pthread_cond_t stats_ready;
-extern volatile bool stats_enabled;
-extern volatile int stats_interval;
+// Set by "set.statistics" on the command thread, read by the tick handler
+// and the statistics threads on every pass.
+extern std::atomic<bool> stats_enabled;
+extern std::atomic<int> stats_interval;
 extern timer_t stats_timer;
 
 void stats_init(void);

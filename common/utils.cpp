@@ -40,25 +40,27 @@ struct decode_table {
 };
 constexpr decode_table base64_decode_table;
 
-uint16_t CrcTable[256];
-bool crc_table_built;
-
-void build_crc_table(void)
-{
-    for (unsigned int b = 0; b < 256; b++) {
-        unsigned int c = 0;
-        unsigned int v = b;
-        for (int k = 0; k < 8; k++) {
-            bool differ = ((c & 0x8000) != 0) != ((v & 0x80) != 0);
-            c = (c << 1) & 0xFFFF;
-            v = (v << 1) & 0xFF;
-            if (differ)
-                c ^= 0xA097;
+// Built by the compiler: two threads checking images at once never see a
+// half-built table.
+struct crc_table {
+    uint16_t v[256] = {};
+    constexpr crc_table()
+    {
+        for (unsigned int b = 0; b < 256; b++) {
+            unsigned int c = 0;
+            unsigned int x = b;
+            for (int k = 0; k < 8; k++) {
+                bool differ = ((c & 0x8000) != 0) != ((x & 0x80) != 0);
+                c = (c << 1) & 0xFFFF;
+                x = (x << 1) & 0xFF;
+                if (differ)
+                    c ^= 0xA097;
+            }
+            v[b] = static_cast<uint16_t>(c);
         }
-        CrcTable[b] = static_cast<uint16_t>(c);
     }
-    crc_table_built = true;
-}
+};
+constexpr crc_table CrcTable;
 
 } // namespace
 
@@ -403,8 +405,6 @@ void tvdiff(struct timespec *t, const struct timespec *t1, const struct timespec
 
 int stk_crc_check(const char *stk_file_name)
 {
-    if (!crc_table_built)
-        build_crc_table();
     file_ptr fp(dev_fopen(stk_file_name, "rb"));
     if (fp == nullptr) {
         log_fprint(orkad_log, "%s: can't open file: %s\n", "stk_crc_check", stk_file_name);
@@ -422,7 +422,7 @@ int stk_crc_check(const char *stk_file_name)
     size_t got;
     while ((got = fread(block, 1, sizeof(block), fp.get())) > 0)
         for (size_t i = 0; i < got; i++)
-            crc = ((crc << 8) ^ CrcTable[crc >> 8] ^ block[i]) & 0xFFFF;
+            crc = ((crc << 8) ^ CrcTable.v[crc >> 8] ^ block[i]) & 0xFFFF;
     unsigned int crc_net = ((crc & 0xFF) << 8) | (crc >> 8);
     unsigned int file_crc = stored[0] | (stored[1] << 8);
     log_fprint(orkad_log, "%s: crc_net = %04X, file_crc = %04X\n", "stk_crc_check", crc_net,

@@ -4,6 +4,7 @@
 #include "log.h"
 #include "signals.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,11 +19,28 @@ namespace
 {
 
 pthread_key_t thread_id_key;
-bool thread_id_key_ready;
+// Set once the key exists; threads started earlier may look at any time.
+std::atomic<bool> thread_id_key_ready{false};
+
+// Claims slots in thread_start, which any thread may call.
+pthread_mutex_t slot_lock = PTHREAD_MUTEX_INITIALIZER;
+
+// Slots below this are filled in and may be read by any thread; the dump
+// reads it while thread_start raises it.
+int slots_in_use(void)
+{
+    return std::atomic_ref<int>(next_thread).load(std::memory_order_acquire);
+}
+
+// A thread clears its own tid when its body returns, while the dump reads it.
+unsigned long tid_of(thread_t *t)
+{
+    return (unsigned long)std::atomic_ref<pthread_t>(t->tid).load(std::memory_order_relaxed);
+}
 
 thread_t *own_slot(void)
 {
-    if (!thread_id_key_ready)
+    if (!thread_id_key_ready.load(std::memory_order_acquire))
         return nullptr;
     int *id = static_cast<int *>(pthread_getspecific(thread_id_key));
     return id == nullptr ? nullptr : &threads[*id];
@@ -32,9 +50,8 @@ void *thread_run(void *arg)
 {
     thread_t *t = static_cast<thread_t *>(arg);
     // Threads started before thread_init have no key yet and so no number.
-    if (thread_id_key_ready)
+    if (thread_id_key_ready.load(std::memory_order_acquire))
         pthread_setspecific(thread_id_key, &t->id);
-    pthread_mutex_init(&t->trace.lock, nullptr);
     // Named from inside: a short body may be gone before thread_start could
     // name it from outside. The system keeps the first 15 characters.
     char comm[16];
@@ -42,7 +59,7 @@ void *thread_run(void *arg)
     pthread_setname_np(pthread_self(), comm);
     t->fn(t->p1, t->p2, t->p3);
     log_fprint(orkad_log, "thread_run: thread '%s' terminated!\n", t->name);
-    t->tid = 0;
+    std::atomic_ref<pthread_t>(t->tid).store(0, std::memory_order_relaxed);
     return nullptr;
 }
 
@@ -50,14 +67,14 @@ void worker_run(void *, void *, void *)
 {
     thread_t *self = own_slot();
     if (self != nullptr)
-        self->runs = 0;
+        std::atomic_ref<int>(self->runs).store(0, std::memory_order_relaxed);
     for (;;) {
         work_t *w = work_get();
         if (w == nullptr)
             continue;
         for (work_t *p = w; p != nullptr; p = p->next) {
             if (self != nullptr)
-                self->runs++;
+                std::atomic_ref<int>(self->runs).fetch_add(1, std::memory_order_relaxed);
             p->fn(p->p1, p->p2, p->p3);
         }
         work_free(w);
@@ -84,7 +101,7 @@ void thread_init(void)
         work_free(w);
     }
     if (pthread_key_create(&thread_id_key, nullptr) == 0)
-        thread_id_key_ready = true;
+        thread_id_key_ready.store(true, std::memory_order_release);
     for (int n = 0; n < WORKER_THREADS; n++) {
         char name[32];
         snprintf(name, sizeof(name), "worker%d", n);
@@ -95,7 +112,9 @@ void thread_init(void)
 
 int thread_start(const char *name, work_fn fn, void *p1, void *p2, void *)
 {
+    pthread_mutex_lock(&slot_lock);
     if (next_thread > THREAD_SLOTS - 1) {
+        pthread_mutex_unlock(&slot_lock);
         dev_syslog(LOG_ERR, "%s: thread limit exceeded while attempting to start '%s'",
                    "thread_start", name);
         log_fprint(orkad_log, "%s: thread limit exceeded while attempting to start '%s'\n",
@@ -106,9 +125,13 @@ int thread_start(const char *name, work_fn fn, void *p1, void *p2, void *)
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setstacksize(&attr, THREAD_STACK_SIZE);
+    // Nobody joins a thread of the agent: a short-lived one gives its stack
+    // back as soon as its body returns.
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
 
-    // The slot is used up even if the thread cannot be created.
-    int n = next_thread++;
+    // The slot is used up even if the thread cannot be created. It is filled
+    // in before it is counted, so the dump never reads a half-made slot.
+    int n = next_thread;
     thread_t *t = &threads[n];
     t->id = n;
     t->fn = fn;
@@ -117,6 +140,9 @@ int thread_start(const char *name, work_fn fn, void *p1, void *p2, void *)
     t->name = name;
     // Every body gets its own thread number as third argument.
     t->p3 = reinterpret_cast<void *>(static_cast<intptr_t>(n));
+    pthread_mutex_init(&t->trace.lock, nullptr);
+    std::atomic_ref<int>(next_thread).store(n + 1, std::memory_order_release);
+    pthread_mutex_unlock(&slot_lock);
 
     int err = pthread_create(&t->tid, &attr, thread_run, t);
     pthread_attr_destroy(&attr);
@@ -128,7 +154,7 @@ int thread_start(const char *name, work_fn fn, void *p1, void *p2, void *)
         return -2;
     }
 
-    debug_print_with_time(0, "started thread '%s' with tid = %08X\n", name, (unsigned)t->tid);
+    debug_print_with_time(0, "started thread '%s' with tid = %08X\n", name, (unsigned)tid_of(t));
     return n;
 }
 
@@ -206,10 +232,12 @@ void worker_debug(int)
     queue_stats(work_pending_queue, &count, &adds, &full);
     log_fprint(dbg_log, "work_pending_queue: count=%d, adds=%u, full=%u\n", count, adds, full);
 
-    for (int i = 0; i < next_thread; i++) {
+    int slots = slots_in_use();
+    for (int i = 0; i < slots; i++) {
         thread_t *t = &threads[i];
         log_fprint(dbg_log, "thread %d, tid = 0x%08x, name = '%s', runs = %d\n", i,
-                   (unsigned)t->tid, t->name, t->runs);
+                   (unsigned)tid_of(t), t->name,
+                   std::atomic_ref<int>(t->runs).load(std::memory_order_relaxed));
         pthread_mutex_lock(&t->trace.lock);
         for (int k = 0; k < TRACE_MARKERS; k++) {
             const marker_t *m = &t->trace.marker[(t->trace.index + k) % TRACE_MARKERS];

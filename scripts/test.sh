@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Runs every test orkad has: installs what is missing, builds the daemon and
-# the tests, runs the unit and end-to-end suites, then the unit tests again
-# under AddressSanitizer and UndefinedBehaviorSanitizer (after the fuzz
-# targets, scripts/fuzz.sh ci), and last the ARM
-# cross builds (scripts/cross.sh ci).
+# the tests, runs the unit and end-to-end suites, the quick bench on the
+# release build, the fuzz targets (scripts/fuzz.sh ci), the unit tests again
+# under AddressSanitizer and UndefinedBehaviorSanitizer, the unit and
+# end-to-end suites under ThreadSanitizer, and last the ARM cross builds
+# (scripts/cross.sh ci).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -33,6 +34,26 @@ cmake --build build-asan -j"$jobs"
 # And the daemon's own start-up, supervision and signal handling, end to end.
 ORKAD_SANITIZED=1 ORKAD_BIN="$PWD/build-asan/common/orkad" ORKAD_SOURCE="$PWD" \
     /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/e2e/test_entry.py
+
+# ThreadSanitizer: the unit tests and the end-to-end suite with the daemon
+# under test built with it. A report fails the unit test (exit status 66) or,
+# for a daemon, the end-to-end test whose temporary folder it lands in
+# (tests/e2e/conftest.py). The lab's own tests, which never start a daemon,
+# ran above already and are left out here, and so are the 20-daemon fleet and
+# the packaging test (time; docs/hardening.md).
+export TSAN_OPTIONS="handle_segv=0:halt_on_error=0:exitcode=66:second_deadlock_stack=1:suppressions=$PWD/tests/tsan.supp"
+cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DORKAD_TSAN=ON -DORKAD_E2E=OFF
+cmake --build build-tsan -j"$jobs" --target orkad unit_tests
+# Most unit tests spend their time waiting for the lab controller, so they
+# run two per core here.
+(cd build-tsan && ctest --output-on-failure -j$((jobs * 2)) -L unit)
+ORKAD_SANITIZED=1 ORKAD_BIN="$PWD/build-tsan/common/orkad" ORKAD_SOURCE="$PWD" \
+    /usr/bin/python3 -m pytest -q -n "$jobs" -p no:cacheprovider tests/e2e \
+    --ignore=tests/e2e/test_lab_controller.py --ignore=tests/e2e/test_lab_ctl.py \
+    --ignore=tests/e2e/test_lab_dashboard.py --ignore=tests/e2e/test_lab_views.py \
+    --ignore=tests/e2e/test_lab_statistics.py --ignore=tests/e2e/test_lab_syslog.py \
+    --ignore=tests/e2e/test_lab_fleet.py --ignore=tests/e2e/test_packaging.py
+unset TSAN_OPTIONS
 # The ARM boards: arm64 built, its unit and entry tests run under qemu-user;
 # the armhf daemon built.
 bash scripts/cross.sh ci

@@ -193,6 +193,43 @@ class Daemon:
         self.syslog.close()
 
 
+# A daemon built with ThreadSanitizer writes each report to a file of its own
+# (<log_path>.<pid>) and runs on. Every test points log_path into its own
+# temporary directory; a report file found there once the test and its
+# daemons are gone fails the test, so a race in the daemon fails the run.
+# Each pytest (or xdist worker) process runs one test at a time, so the
+# environment every daemon, lab runner and tool inherits is the test's own.
+TSAN_REPORT = "tsan-report"
+
+
+def sanitizer_reports(directory):
+    """The ThreadSanitizer reports left in directory: [(file name, text)]."""
+    found = []
+    for name in sorted(os.listdir(directory)):
+        if name.startswith(TSAN_REPORT + "."):
+            with open(os.path.join(directory, name), errors="replace") as f:
+                found.append((name, f.read()))
+    return found
+
+
+@pytest.fixture(autouse=True)
+def thread_sanitizer_reports(tmp_path_factory):
+    reports = tmp_path_factory.mktemp("tsan")
+    saved = os.environ.get("TSAN_OPTIONS")
+    options = [o for o in (saved or "").split(":") if o and not o.startswith("log_path=")]
+    os.environ["TSAN_OPTIONS"] = ":".join(options + [f"log_path={reports}/{TSAN_REPORT}"])
+    yield reports
+    if saved is None:
+        del os.environ["TSAN_OPTIONS"]
+    else:
+        os.environ["TSAN_OPTIONS"] = saved
+    found = sanitizer_reports(str(reports))
+    if found:
+        text = "\n".join(f"--- {name}\n{body}" for name, body in found)
+        pytest.fail(f"ThreadSanitizer reported {len(found)} time(s):\n{text[:20000]}",
+                    pytrace=False)
+
+
 @pytest.fixture
 def device_root(tmp_path):
     return devroot.make_device_root(str(tmp_path / "root"))

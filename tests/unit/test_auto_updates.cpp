@@ -212,7 +212,7 @@ TEST_F(UpdatesTest, RetryDelaysGrowByFiveMinutesUpToAnHour)
         if (n == 14)
             use_lab();
     };
-    deferred_updates(const_cast<bool *>(&deferred_running), nullptr, nullptr);
+    deferred_updates(&deferred_running, nullptr, nullptr);
     std::vector<unsigned int> minutes;
     for (unsigned int s : waits)
         minutes.push_back(s / 60);
@@ -233,7 +233,7 @@ TEST_F(UpdatesTest, RetriesGoOnWhenTheRestartAfterAnInstallReturns)
         if (n == 1)
             lab->set_firmware(R"({"version":"2.0.0.0","offer":"never"})");
     };
-    deferred_updates(const_cast<bool *>(&deferred_running), nullptr, nullptr);
+    deferred_updates(&deferred_running, nullptr, nullptr);
     EXPECT_EQ(waits, (std::vector<unsigned int>{300}));
     EXPECT_EQ(count({{"kind", "current_firmware"}}), 2u);
     EXPECT_EQ(installs().size(), 1u);
@@ -249,7 +249,7 @@ TEST_F(UpdatesTest, SecondStartOnlyLogs)
             usleep(10000);
     };
     start_deferred_updates();
-    ASSERT_TRUE(wait_for([] { return deferred_running; }));
+    ASSERT_TRUE(wait_for([] { return deferred_running.load(); }));
     ASSERT_TRUE(wait_for([] {
         std::lock_guard<std::mutex> hold(waits_lock);
         return !waits.empty();
@@ -261,7 +261,7 @@ TEST_F(UpdatesTest, SecondStartOnlyLogs)
 
     use_lab();
     release = true;
-    EXPECT_TRUE(wait_for([] { return !deferred_running; }));
+    EXPECT_TRUE(wait_for([] { return !deferred_running.load(); }));
     EXPECT_TRUE(wait_logged("thread_run: thread 'deferred_updates' terminated!"));
     // Ended: a new start makes a new thread.
     at_wait = nullptr;
@@ -270,6 +270,37 @@ TEST_F(UpdatesTest, SecondStartOnlyLogs)
     // Let it finish before the test's controller goes away.
     EXPECT_TRUE(wait_for(
         [this] { return count_logged("thread_run: thread 'deferred_updates' terminated!") == 2; }));
+}
+
+// set.firmware on the command runner and a phone-home on the heartbeat thread
+// may both find the controller behind and start the retry at the same moment.
+TEST_F(UpdatesTest, StartsAtTheSameMomentMakeOneRetryThread)
+{
+    std::atomic<bool> release{false};
+    at_wait = [&](size_t) {
+        while (!release)
+            usleep(10000);
+    };
+    std::atomic<bool> go{false};
+    std::vector<std::thread> starters;
+    for (int i = 0; i < 4; i++)
+        starters.emplace_back([&go] {
+            while (!go)
+                std::this_thread::yield();
+            start_deferred_updates();
+        });
+    go = true;
+    for (auto &t : starters)
+        t.join();
+    EXPECT_EQ(count_logged("starting deferred_updates"), 1u);
+    EXPECT_EQ(count_logged("deferred_updates already running"), 3u);
+    EXPECT_EQ(next_thread, 8); // command_runner, six workers, one retry thread
+    EXPECT_TRUE(deferred_running);
+
+    use_lab();
+    release = true;
+    EXPECT_TRUE(wait_for([] { return !deferred_running.load(); }));
+    EXPECT_TRUE(wait_logged("thread_run: thread 'deferred_updates' terminated!"));
 }
 
 TEST_F(UpdatesTest, SetFirmwareAnswersFirstThenChecks)
@@ -318,7 +349,7 @@ TEST_F(UpdatesTest, SetFirmwareStartsTheRetriesWhenTheCheckFails)
                 }) ||
                 !deferred_running);
     release = true;
-    EXPECT_TRUE(wait_for([] { return !deferred_running; }));
+    EXPECT_TRUE(wait_for([] { return !deferred_running.load(); }));
 }
 
 TEST_F(UpdatesTest, DeveloperBuildNeverUpdates)

@@ -6,6 +6,7 @@
 #include "netutils.h"
 #include "utils.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <atomic>
@@ -498,4 +499,59 @@ TEST_F(HeartbeatTest, DeeplyNestedReplyOnTheThreadStackIsADecodingError)
     lab->script(R"({"path":"/api/heartbeat","text":"{\"totalCount\":0,\"x\":)" + ok + "}\"}");
     EXPECT_EQ(heartbeat_pulse(), 0);
     EXPECT_EQ(count_logged("error decoding heartbeat data: maximum parsing depth reached"), 1u);
+}
+
+namespace
+{
+
+std::atomic<bool> parked{false};
+std::atomic<bool> resting{false};
+
+// A quick pace; once parked, the thread waits out the rest of the test
+// process there.
+unsigned int short_pace(unsigned int)
+{
+    usleep(5000);
+    while (parked) {
+        resting = true;
+        usleep(100000);
+    }
+    return 0;
+}
+
+} // namespace
+
+// set.heartbeat rewrites the link on the command thread while the heartbeat
+// thread builds every URL from it: each post goes to a whole link, old or new.
+TEST_F(HeartbeatTest, LinkRewrittenWhileTheThreadPulses)
+{
+    env_heartbeat[0] = '\0';
+    use_lab();
+    lab->add_link("/left-side-of-the-link", "heartbeat");
+    lab->add_link("/r", "heartbeat");
+    heartbeat_sleep = short_pace;
+    std::thread t(heartbeat, nullptr, nullptr, nullptr);
+    t.detach();
+    lab->wait_requests({{"kind", "heartbeat"}}, 1, 20);
+    for (int k = 0; k < 6; k++) {
+        const char *href = k % 2 == 0 ? "/left-side-of-the-link" : "/r";
+        std::string id = "flip-" + std::to_string(k);
+        EXPECT_EQ(set_heartbeat(params(1000, href), id.c_str()).first, 0);
+        Json seen = lab->wait_requests({{"path", std::string("/api") + href}}, k / 2 + 1, 20);
+        ASSERT_GE(json_array_size(seen.get()), (size_t)(k / 2 + 1)) << href;
+    }
+    Json all = heartbeats();
+    ASSERT_GE(json_array_size(all.get()), 7u);
+    for (size_t i = 0; i < json_array_size(all.get()); i++) {
+        std::string path = at(all, i, "path");
+        EXPECT_TRUE(path == "/api/heartbeat" || path == "/api/left-side-of-the-link" ||
+                    path == "/api/r")
+            << path;
+    }
+    EXPECT_EQ(heartbeat_interval, 1);
+    // No pulse may run into the test's end.
+    parked = true;
+    for (int i = 0; i < 400 && !resting; i++)
+        usleep(50000);
+    EXPECT_TRUE(resting);
 }

@@ -173,6 +173,32 @@ TEST_F(HttpTest, NoControllerMeansNoStatusAndNoReplyTaken)
     EXPECT_STREQ(get_cloud_controller(), "https://c.example");
 }
 
+// Callers keep the returned URL across blocking requests while other threads
+// look the controller up again, after phone-home may have changed it.
+TEST_F(HttpTest, ControllerUrlStaysPutWhileAnotherThreadLooksItUp)
+{
+    config_set("system", nullptr, "cloud-controller", "https://first.example");
+    char *mine = get_cloud_controller();
+    ASSERT_NE(mine, nullptr);
+    std::atomic<int> lookups{0};
+    std::thread other([&lookups] {
+        config_set("system", nullptr, "cloud-controller", "https://second.example:8443");
+        for (int i = 0; i < 50; i++) {
+            char *theirs = get_cloud_controller();
+            if (theirs != nullptr && strcmp(theirs, "https://second.example:8443") == 0)
+                lookups++;
+        }
+    });
+    // What this thread was handed is still what it was handed.
+    for (int i = 0; i < 50; i++)
+        ASSERT_STREQ(mine, "https://first.example");
+    other.join();
+    EXPECT_EQ(lookups, 50);
+    EXPECT_STREQ(mine, "https://first.example");
+    // Its next look-up sees the change.
+    EXPECT_STREQ(get_cloud_controller(), "https://second.example:8443");
+}
+
 TEST_F(HttpTest, OversizeStatusIsRefusedAndKeepsItsReply)
 {
     config_set("system", nullptr, "cloud-controller", "http://127.0.0.1:9");

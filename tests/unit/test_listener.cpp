@@ -5,6 +5,7 @@
 #include "utils.h"
 #include "work.h"
 
+#include <atomic>
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -220,7 +221,10 @@ TEST_F(ListenerTest, TwoCallbacksRunInRegistrationOrder)
     ASSERT_NE(l->next, nullptr);
     EXPECT_EQ(l->fn, first_cb);
     EXPECT_EQ(l->next->fn, second_cb);
-    EXPECT_TRUE(wait_until([l] { return l->hits == 1 && l->next->hits == 1; }));
+    EXPECT_TRUE(wait_until([l] {
+        return std::atomic_ref<unsigned int>(l->hits).load() == 1 &&
+               std::atomic_ref<unsigned int>(l->next->hits).load() == 1;
+    }));
     EXPECT_EQ(threads_named("Unix listener"), 1);
 }
 

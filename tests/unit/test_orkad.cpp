@@ -3,12 +3,14 @@
 #include "orkad.h"
 #include "testkit.h"
 
+#include <atomic>
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <syslog.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace testkit;
@@ -152,6 +154,41 @@ TEST_F(OrkadTest, LiveCoredumpLeavesTheCallerRunning)
         EXPECT_EQ(cores, 1);
     }
     EXPECT_EQ(chdir(cwd), 0);
+}
+
+TEST_F(OrkadTest, LiveCoredumpWhileAnotherThreadWritesTheLog)
+{
+    SyslogSink sink(root);
+    struct rlimit old;
+    getrlimit(RLIMIT_CORE, &old);
+    no_core();
+    // A writer is inside the main log when the dump is asked for. A copy made
+    // at that moment would find the lock held by a thread it does not have,
+    // never get to its crash, and leave the caller waiting for it for ever.
+    std::atomic<bool> held{false};
+    std::thread writer([&held] {
+        pthread_mutex_lock(&orkad_log->lock);
+        held = true;
+        usleep(200000);
+        pthread_mutex_unlock(&orkad_log->lock);
+    });
+    while (!held)
+        usleep(1000);
+    alarm(20); // a hang ends the test instead of the run
+    live_coredump(SIGUSR2);
+    alarm(0);
+    writer.join();
+    setrlimit(RLIMIT_CORE, &old);
+
+    std::string d = sink.wait_for("forcing a crash");
+    EXPECT_EQ(message_of(d),
+              "unexpected program termination with exit status 0, forcing a crash\n");
+    std::vector<std::string> log = log_messages(root.at("/rw/orkad.log"));
+    ASSERT_FALSE(log.empty());
+    EXPECT_EQ(log.back(), "unexpected program termination with exit status 0, forcing a crash");
+    // Every lock came back: the caller writes on.
+    log_fprint(orkad_log, "after the dump\n");
+    EXPECT_EQ(log_messages(root.at("/rw/orkad.log")).back(), "after the dump");
 }
 
 TEST_F(OrkadTest, RadioMonitorReturnsAtOnce)

@@ -268,7 +268,7 @@ TEST_F(PhoneHomeTest, BackgroundLoopRunsUntilAControllerIsKnown)
     };
     phone_home();
     EXPECT_TRUE(logged("starting background 'phone_home' thread"));
-    ASSERT_TRUE(wait_for([] { return phone_home_done; }));
+    ASSERT_TRUE(wait_for([] { return phone_home_done.load(); }));
     ASSERT_TRUE(wait_for([] {
         std::lock_guard<std::mutex> hold(waits_lock);
         return waits.size() == 2;

@@ -816,7 +816,7 @@ TEST_F(StatsIfsTest, ManyInterfacesComingAndGoingLeakNoSlots)
 
 // ---- a tick allocates nothing --------------------------------------------
 
-#if !defined(__SANITIZE_ADDRESS__)
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 extern "C" void *__libc_malloc(size_t);
 extern "C" void *__libc_calloc(size_t, size_t);
 extern "C" void *__libc_realloc(void *, size_t);

@@ -11,13 +11,18 @@
 #include <cstring>
 #include <string>
 #include <sys/stat.h>
+#include <thread>
 #include <vector>
 
 using namespace testkit;
 
 // The failure path of calloc_with_error needs an allocation that fails
-// instead of aborting under the address sanitizer.
+// instead of aborting under the address or the thread sanitizer.
 extern "C" const char *__asan_default_options()
+{
+    return "allocator_may_return_null=1";
+}
+extern "C" const char *__tsan_default_options()
 {
     return "allocator_may_return_null=1";
 }
@@ -449,6 +454,33 @@ TEST_F(UtilsTest, StkCrcByHand)
     write_file(root.at("/tmp/swapped.stk"), std::string("\x97\xA0\x01\x00\x00", 5));
     EXPECT_EQ(stk_crc_check("/tmp/swapped.stk"), 0);
     EXPECT_TRUE(logged("stk_crc_check: crc_net = 97A0, file_crc = A097"));
+}
+
+// The first checks of an agent's life may run on two threads at once (an
+// update from the command runner, one from the retry thread).
+TEST_F(UtilsTest, StkCrcFromSeveralThreadsAtOnce)
+{
+    std::string payload;
+    for (int i = 0; i < 3000; i++)
+        payload += static_cast<char>((i * 13 + 5) & 0xFF);
+    write_file(root.at("/tmp/good.stk"), with_crc_high_first(reference_crc(payload), payload));
+    write_file(root.at("/tmp/bad.stk"),
+               with_crc_high_first(static_cast<uint16_t>(reference_crc(payload) ^ 1), payload));
+    std::vector<std::thread> checkers;
+    int good[4] = {}, bad[4] = {};
+    for (int t = 0; t < 4; t++)
+        checkers.emplace_back([t, &good, &bad] {
+            for (int k = 0; k < 5; k++) {
+                good[t] += stk_crc_check("/tmp/good.stk");
+                bad[t] += stk_crc_check("/tmp/bad.stk");
+            }
+        });
+    for (auto &c : checkers)
+        c.join();
+    for (int t = 0; t < 4; t++) {
+        EXPECT_EQ(good[t], 5) << t;
+        EXPECT_EQ(bad[t], 0) << t;
+    }
 }
 
 TEST_F(UtilsTest, StkCrcOverSeveralBlocks)

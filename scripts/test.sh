@@ -13,6 +13,11 @@ cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build -j"$jobs"
 (cd build && ctest --output-on-failure -j"$jobs")
 
+# The fault soak, two minutes of faults at random against the lab while
+# commands and syslog lines keep coming, and twenty kill -9 of the working
+# child (tests/soak; --minutes N for a longer soak).
+ORKAD_SOURCE="$PWD" /usr/bin/python3 -m pytest -q -s -p no:cacheprovider tests/soak --minutes 2
+
 # The release build of the daemon is what the bench and the packages use: it
 # must compile too (at -O3 the compiler sees more). The quick bench builds it
 # and keeps the measuring harness working; its figures are not checked.

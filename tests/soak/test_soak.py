@@ -109,8 +109,8 @@ def child_resources(pid):
 
 
 def restarts(daemon):
-    """The supervisor's lines for a child that ended."""
-    return [m for m in daemon.syslog.messages() if " ****  " in m]
+    """The supervisor's line for each child it started again."""
+    return [m for m in daemon.syslog.messages() if " ****  Attempting to restart!" in m]
 
 
 class Faults:
@@ -124,6 +124,7 @@ class Faults:
         self.log = log
         self.counts = {}
         self.db_windows = []  # (start, end) wall-clock times the database was locked
+        self.gone_windows = []  # (start, end) of the controller's outages
         self.round = []
         self.active = None  # (kind, end time, undo)
         self.next_at = 0.0
@@ -196,8 +197,23 @@ class Faults:
         return 12.0, lambda: self.lab.set_token(expires_in=3600), "tokens that expire in 1 s"
 
     def _controller_gone(self):
-        self.lab.drop("*", count=None, how="reset")
-        return 30.0, self._clear("*"), "every connection reset"
+        start = time.time()
+        if self.counts["controller_gone"] % 2 == 0:
+            self.lab.drop("*", count=None, how="reset")
+
+            def undo():
+                self.lab.clear_scripts("*")
+                self.gone_windows.append((start, time.time()))
+            return 30.0, undo, "every connection reset"
+        # Unreachable: the controller's address leaves the namespace, so
+        # connections go unanswered instead of being refused.
+        ns = self.daemon.netns
+        ns.run(["ip", "addr", "del", f"{ns.gateway}/24", "dev", "uplink"])
+
+        def back():
+            ns.run(["ip", "addr", "add", f"{ns.gateway}/24", "dev", "uplink"])
+            self.gone_windows.append((start, time.time()))
+        return 30.0, back, "the controller's address gone"
 
     def _switch(self):
         picks = self.rnd.sample(SWITCH_FAULTS, 3)
@@ -250,8 +266,9 @@ def syslog_arrivals(lab):
     for r in lab.requests(path="/api/syslog"):
         if r["status"] is None or not 200 <= r["status"] < 300 or r["json"] is None:
             continue
-        for text in r["json"].get("log", []):
-            m = LINE_RE.search(text)
+        for item in r["json"].get("log", []):
+            text = item.get("message") if isinstance(item, dict) else item
+            m = LINE_RE.search(text if isinstance(text, str) else "")
             if m:
                 n = int(m[1])
                 seen[n] = seen.get(n, 0) + 1
@@ -323,6 +340,7 @@ def test_fault_soak(agent, soak_options):
 
     log(f"seed {seed}, {soak_options['minutes']} minutes")
     child = d.wait_child()
+    sent_cmds = {}  # id -> (kind, expected, queued time)
 
     # The streams the faults will disturb: syslog forwarding, status, statistics.
     for context, params in [("logging", {"interval": 1000, "serviceLink": {"href": "/syslog"}}),
@@ -331,11 +349,11 @@ def test_fault_soak(agent, soak_options):
                                             "serviceLink": {"href": "/statistics"}})]:
         res = run_command(lab, context, params)
         assert [(r["code"], r["message"]) for r in res] == [(0, "")], context
+        sent_cmds[res[0]["commandId"]] = (f"set.{context}", (0, ""), time.time())
     wait_until(lambda: PORT_HEX in d.netns.run(["cat", "/proc/net/udp"], text=True).stdout,
                what="the syslog receiver on UDP 46180")
 
     faults = Faults(rnd, lab, d, log)
-    sent_cmds = {}  # id -> (kind, expected, queued time)
     sent_lines = {}  # n -> time sent
     samples = []  # (elapsed, fds, private dirty kB)
     duration = soak_options["minutes"] * 60.0
@@ -398,7 +416,8 @@ def test_fault_soak(agent, soak_options):
     problems = []
     for cid, (kind, expected, queued) in sent_cmds.items():
         k = per_kind.setdefault(kind, {"sent": 0, "answered": 0, "lost_after_4_posts": 0,
-                                       "lost_db_locked": 0, "failed_posts": 0})
+                                       "lost_db_locked": 0, "lost_in_flight": 0,
+                                       "failed_posts": 0})
         k["sent"] += 1
         p = posts.get(cid, [])
         ok = [(r, item) for r, item in p if r["status"] is not None and 200 <= r["status"] < 300]
@@ -429,14 +448,25 @@ def test_fault_soak(agent, soak_options):
                                   entry["delivered"] + 10):
             k["lost_db_locked"] += 1
             continue
+        # A command list the controller was sending as it went away never
+        # reached the daemon: the controller's loss, not the daemon's.
+        if not p and near_db_lock([(s, s + 1.0) for s, _ in faults.gone_windows],
+                                  entry["delivered"] - 2, entry["delivered"]):
+            k["lost_in_flight"] += 1
+            continue
         problems.append(f"{cid} ({kind}) has {len(failed)} failed posts and no answer")
     strays = [cid for cid in posts if cid not in sent_cmds]
 
     # ---- syslog: every line taken into a batch reaches the lab -----------
+    # A batch posted while the settings database is locked finds no
+    # controller address and is dropped as sent. A line is at risk from the
+    # moment it is sent until the lock ends, if its batch goes out then: with
+    # a 1-s logging interval and no backlog (episodes are apart) that is
+    # within a few seconds, 8 s allowing for a slow pass.
     def arrived_all():
         seen = syslog_arrivals(lab)
         missing = [n for n in sent_lines if n not in seen
-                   and not near_db_lock(faults.db_windows, sent_lines[n] - 8, sent_lines[n])]
+                   and not near_db_lock(faults.db_windows, sent_lines[n], sent_lines[n] + 8)]
         return seen if not missing else None
     try:
         seen = wait_until(arrived_all, timeout=60, interval=1.0, what="every syslog line")
@@ -444,7 +474,7 @@ def test_fault_soak(agent, soak_options):
         seen = syslog_arrivals(lab)
     missing = sorted(n for n in sent_lines if n not in seen)
     unexplained = [n for n in missing
-                   if not near_db_lock(faults.db_windows, sent_lines[n] - 8, sent_lines[n])]
+                   if not near_db_lock(faults.db_windows, sent_lines[n], sent_lines[n] + 8)]
     accepted = accepted_lines(d)
     accepted_lost = [n for n in accepted if n not in seen and n in unexplained]
     twice = sorted(n for n, c in seen.items() if c > 1)
@@ -455,10 +485,15 @@ def test_fault_soak(agent, soak_options):
     warm = [s for s in samples if s[0] >= samples[0][0] + min(60.0, duration * 0.2)]
     q = max(1, len(warm) // 4)
     first, last_q = warm[:q], warm[-q:]
-    fds_first = max(s[1] for s in first)
-    fds_last = max(s[1] for s in last_q)
-    mem_first = statistics.median(s[2] for s in first)
-    mem_last = statistics.median(s[2] for s in last_q)
+    # Levels at rest: an episode holds sockets and queued batches while it
+    # lasts (nine connections can hang at once while the controller is
+    # unreachable), so each quarter is judged by its lowest sample; a leak
+    # lifts that floor.
+    fds_first = min(s[1] for s in first)
+    fds_last = min(s[1] for s in last_q)
+    mem_first = min(s[2] for s in first)
+    mem_last = min(s[2] for s in last_q)
+    rest = child_resources(child)  # after the recovery, faults long over
 
     report = {
         "seed": seed, "minutes": soak_options["minutes"],
@@ -468,16 +503,25 @@ def test_fault_soak(agent, soak_options):
         "faults": faults.counts,
         "db_lock_windows": len(faults.db_windows),
         "restarts": len(restart_lines),
-        "fds": {"start": samples[0][1], "first_quarter_max": fds_first,
-                "last_quarter_max": fds_last, "end": samples[-1][1]},
-        "private_dirty_kb": {"start": samples[0][2], "first_quarter_median": mem_first,
-                             "last_quarter_median": mem_last, "end": samples[-1][2]},
+        "samples": len(samples),
+        "fds": {"start": samples[0][1], "first_quarter_min": fds_first,
+                "last_quarter_min": fds_last, "max": max(s[1] for s in samples),
+                "after_recovery": rest and rest[0]},
+        "private_dirty_kb": {"start": samples[0][2], "first_quarter_min": mem_first,
+                             "last_quarter_min": mem_last, "max": max(s[2] for s in samples),
+                             "after_recovery": rest and rest[1]},
         "syslog": {"sent": len(sent_lines), "arrived": len(seen), "missing": len(missing),
                    "missing_db_locked": len(missing) - len(unexplained),
                    "accepted_in_logs_on_disk": len(accepted), "twice": len(twice)},
         "problems": problems[:20], "strays": strays[:20],
     }
     log("report " + json.dumps(report, indent=2, sort_keys=True))
+    for n in unexplained[:20]:
+        log(f"syslog line {n} sent at {sent_lines[n] - t_start:.1f} s never arrived")
+    log("database locked: " + ", ".join(f"{a - t_start:.1f}-{b - t_start:.1f} s"
+                                        for a, b in faults.db_windows))
+    log("controller gone: " + ", ".join(f"{a - t_start:.1f}-{b - t_start:.1f} s"
+                                        for a, b in faults.gone_windows))
     save_report(soak_options, "fault_soak", report)
 
     assert problems == []
@@ -487,12 +531,13 @@ def test_fault_soak(agent, soak_options):
     assert unexplained == [], f"syslog lines that never arrived: {unexplained[:20]}"
     assert accepted_lost == []
     assert twice == [], f"syslog lines that arrived twice: {twice[:20]}"
-    # Descriptors: curl's sockets come and go and a sample may catch one or
-    # two in flight (heartbeat, status, statistics, syslog and a command can
-    # all be talking at once); a leak grows past that.
-    assert fds_last <= fds_first + 4, (fds_first, fds_last)
+    # Descriptors: the floor may catch one or two of curl's sockets in flight
+    # (heartbeat, status, statistics, syslog and a command answer all talk
+    # on their own threads); a descriptor kept per request grows past that.
+    assert fds_last <= fds_first + 2, (fds_first, fds_last)
+    assert rest is not None and rest[0] <= fds_first + 4, (fds_first, rest)
     # Private memory: malloc keeps freed blocks and the TLS layer its session
-    # cache, so the level moves by some hundred kB with the traffic mix; one
+    # cache, so the floor moves by some hundred kB with the traffic mix; one
     # reply record kept per command, or a batch per post, would be more than
     # 10 % over a soak's thousands of commands and posts.
     assert mem_last <= mem_first + max(512, 0.10 * mem_first), (mem_first, mem_last)
@@ -517,7 +562,7 @@ def test_crash_recovery(agent, soak_options):
     dist = spread(delays)
     print(f"crash recovery over {kills} kills: {dist}; all: {delays}", flush=True)
     save_report(soak_options, "crash_recovery", {"kills": kills, "seconds": delays, **dist})
-    killed = [m for m in restarts(d) if "killed by signal '9'" in m]
+    killed = [m for m in d.syslog.messages() if " ****  Program killed by signal '9'" in m]
     assert len(killed) == kills
     assert len(restarts(d)) == kills
     assert max(delays) <= 2.0, delays

@@ -242,9 +242,28 @@ class Faults:
         return seconds, undo, "settings database held by BEGIN EXCLUSIVE"
 
 
-def near_db_lock(windows, t0, t1):
-    """Whether [t0, t1] touches a window in which the database was locked."""
+def near(windows, t0, t1):
+    """Whether [t0, t1] touches one of the (start, end) windows."""
     return any(t0 <= end and t1 >= start for start, end in windows)
+
+
+def lost_to_lock(windows, came_in, later_out):
+    """Whether something that reached the daemon at `came_in` and never came
+    out can have been due to go out while the database was locked. Lines and
+    answers leave in the order they came in (batches in order, commands one
+    at a time), so if something that came in later reached the lab (at
+    `later_out`, the earliest such time) before a lock began, this one had
+    its turn before the lock too."""
+    return any(came_in < end and later_out >= start for start, end in windows)
+
+
+def suffix_min(keys, times):
+    """For each key in order, the earliest of the times of the keys after it."""
+    out, low = {}, float("inf")
+    for k in reversed(keys):
+        out[k] = low
+        low = min(low, times.get(k, float("inf")))
+    return out
 
 
 def response_posts(lab):
@@ -260,8 +279,9 @@ def response_posts(lab):
 
 
 def syslog_arrivals(lab):
-    """Line number -> how many posts that the controller answered 2xx carried
-    it. Scripted 2xx answers count: the daemon's post reached the lab."""
+    """Line number -> [posts that carried it, time of the first], over the
+    posts the controller answered 2xx. Scripted 2xx answers count: the
+    daemon's post reached the lab."""
     seen = {}
     for r in lab.requests(path="/api/syslog"):
         if r["status"] is None or not 200 <= r["status"] < 300 or r["json"] is None:
@@ -270,8 +290,8 @@ def syslog_arrivals(lab):
             text = item.get("message") if isinstance(item, dict) else item
             m = LINE_RE.search(text if isinstance(text, str) else "")
             if m:
-                n = int(m[1])
-                seen[n] = seen.get(n, 0) + 1
+                got = seen.setdefault(int(m[1]), [0, r["time"]])
+                got[0] += 1
     return seen
 
 
@@ -412,6 +432,9 @@ def test_fault_soak(agent, soak_options):
 
     # ---- commands: answered once, as the handler answers -----------------
     posts = response_posts(lab)
+    order = sorted(delivered, key=lambda c: delivered[c]["seq"])
+    first_post = {c: min(r["time"] for r, _ in posts[c]) for c in order if posts.get(c)}
+    later_answer = suffix_min(order, first_post)
     per_kind = {}
     problems = []
     for cid, (kind, expected, queued) in sent_cmds.items():
@@ -444,14 +467,13 @@ def test_fault_soak(agent, soak_options):
         if entry is None:
             problems.append(f"{cid} ({kind}) never delivered")
             continue
-        if not p and near_db_lock(faults.db_windows, entry["delivered"] - 1,
-                                  entry["delivered"] + 10):
+        if not p and lost_to_lock(faults.db_windows, entry["delivered"], later_answer[cid]):
             k["lost_db_locked"] += 1
             continue
         # A command list the controller was sending as it went away never
         # reached the daemon: the controller's loss, not the daemon's.
-        if not p and near_db_lock([(s, s + 1.0) for s, _ in faults.gone_windows],
-                                  entry["delivered"] - 2, entry["delivered"]):
+        if not p and near([(s, s + 1.0) for s, _ in faults.gone_windows],
+                          entry["delivered"] - 2, entry["delivered"]):
             k["lost_in_flight"] += 1
             continue
         problems.append(f"{cid} ({kind}) has {len(failed)} failed posts and no answer")
@@ -459,25 +481,27 @@ def test_fault_soak(agent, soak_options):
 
     # ---- syslog: every line taken into a batch reaches the lab -----------
     # A batch posted while the settings database is locked finds no
-    # controller address and is dropped as sent. A line is at risk from the
-    # moment it is sent until the lock ends, if its batch goes out then: with
-    # a 1-s logging interval and no backlog (episodes are apart) that is
-    # within a few seconds, 8 s allowing for a slow pass.
+    # controller address and is dropped as sent: a line that never arrived is
+    # excused only if its batch can have been the one posted then.
+    def explained(seen):
+        later = suffix_min(sorted(sent_lines), {n: v[1] for n, v in seen.items()})
+        return {n for n in sent_lines if n not in seen
+                and lost_to_lock(faults.db_windows, sent_lines[n], later[n])}
+
     def arrived_all():
         seen = syslog_arrivals(lab)
-        missing = [n for n in sent_lines if n not in seen
-                   and not near_db_lock(faults.db_windows, sent_lines[n], sent_lines[n] + 8)]
-        return seen if not missing else None
+        ok = explained(seen)
+        return seen if all(n in seen or n in ok for n in sent_lines) else None
     try:
         seen = wait_until(arrived_all, timeout=60, interval=1.0, what="every syslog line")
     except BaseException:
         seen = syslog_arrivals(lab)
     missing = sorted(n for n in sent_lines if n not in seen)
-    unexplained = [n for n in missing
-                   if not near_db_lock(faults.db_windows, sent_lines[n], sent_lines[n] + 8)]
+    lost_locked = explained(seen)
+    unexplained = [n for n in missing if n not in lost_locked]
     accepted = accepted_lines(d)
     accepted_lost = [n for n in accepted if n not in seen and n in unexplained]
-    twice = sorted(n for n, c in seen.items() if c > 1)
+    twice = sorted(n for n, c in seen.items() if c[0] > 1)
 
     # ---- the child: never restarted, flat --------------------------------
     restart_lines = restarts(d)

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs every test orkad has: installs what is missing, builds the daemon and
-# the tests, runs the unit and end-to-end suites, the quick bench on the
-# release build, the fuzz targets (scripts/fuzz.sh ci), the unit tests again
+# the tests, runs the unit and end-to-end suites, a two-minute fault soak
+# and the crash-recovery test, the quick bench on the release build, the fuzz targets (scripts/fuzz.sh ci), the unit tests again
 # under AddressSanitizer and UndefinedBehaviorSanitizer, the unit and
 # end-to-end suites under ThreadSanitizer, and last the ARM cross builds
 # (scripts/cross.sh ci).
@@ -14,6 +14,11 @@ jobs=$(nproc)
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build -j"$jobs"
 (cd build && ctest --output-on-failure -j"$jobs")
+
+# The fault soak, two minutes of faults at random against the lab while
+# commands and syslog lines keep coming, and twenty kill -9 of the working
+# child (tests/soak; --minutes N for a longer soak).
+ORKAD_SOURCE="$PWD" /usr/bin/python3 -m pytest -q -s -p no:cacheprovider tests/soak --minutes 2
 
 # The release build of the daemon is what the bench and the packages use: it
 # must compile too (at -O3 the compiler sees more). The quick bench builds it

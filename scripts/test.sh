@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Runs every test orkad has: installs what is missing, builds the daemon and
-# the tests, runs the unit and end-to-end suites, a two-minute fault soak
-# and the crash-recovery test, the quick bench on the release build, the fuzz targets (scripts/fuzz.sh ci), the unit tests again
-# under AddressSanitizer and UndefinedBehaviorSanitizer, the unit and
-# end-to-end suites under ThreadSanitizer, and last the ARM cross builds
-# (scripts/cross.sh ci).
+# the tests, runs the unit and end-to-end suites, a two-minute fault soak and
+# the crash-recovery test, the quick bench on the release build, the fuzz
+# targets (scripts/fuzz.sh ci), the unit tests again under AddressSanitizer
+# and UndefinedBehaviorSanitizer, the unit and end-to-end suites under
+# ThreadSanitizer, and last the ARM cross builds (scripts/cross.sh ci).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -92,10 +92,7 @@ class Daemon:
         self.workdir = os.path.join(workdir, name)
         os.makedirs(self.workdir)
         self.root = devroot.make_device_root(os.path.join(self.workdir, "root"))
-        env = dict(devroot.DEFAULT_ENV)
-        env.update(devroot.read_bootenv(self.root))
-        env["heartbeat"] = "1"
-        devroot.write_bootenv(self.root, env)
+        devroot.update_bootenv(self.root, heartbeat="1")
         if model is not None:
             with open(os.path.join(self.root, "var", "switch", "model.json"), "w") as f:
                 json.dump(model, f)

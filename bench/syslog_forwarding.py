@@ -51,10 +51,7 @@ class Bench:
     def __init__(self, binary, workdir):
         self.workdir = workdir
         self.root = devroot.make_device_root(os.path.join(workdir, "root"))
-        env = dict(devroot.DEFAULT_ENV)
-        env.update(devroot.read_bootenv(self.root))
-        env["heartbeat"] = "1"
-        devroot.write_bootenv(self.root, env)
+        devroot.update_bootenv(self.root, heartbeat="1")
         self.ns = Netns(prefix="orkad-bench").create()
         self.lab = LabController(root=self.root, host=self.ns.gateway, prefix=self.ns.prefix(),
                                  state_dir=os.path.join(workdir, "lab"))

@@ -11,9 +11,10 @@ import signal
 
 import pytest
 
+import devroot
 from conftest import wait_until
 from lab_fixtures import netns_lab  # noqa: F401
-from test_agent import Agent, set_bootenv
+from test_agent import Agent
 
 # A point-to-point tunnel without TLS: OpenVPN accepts it and brings tun0 up
 # at once, with nobody at the other end.
@@ -37,7 +38,7 @@ TWELVE = [
 
 @pytest.fixture
 def agent(device_root, tmp_path, netns, netns_lab):
-    set_bootenv(device_root, heartbeat="1")
+    devroot.update_bootenv(device_root, heartbeat="1")
     a = Agent(device_root, str(tmp_path), netns)
     a.lab = netns_lab
     yield a

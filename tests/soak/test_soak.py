@@ -88,13 +88,6 @@ SWITCH_FAULTS = [
 ]
 
 
-def set_bootenv(root, **env):
-    merged = dict(devroot.DEFAULT_ENV)
-    merged.update(devroot.read_bootenv(root))
-    merged.update(env)
-    devroot.write_bootenv(root, merged)
-
-
 def child_resources(pid):
     """(open descriptors, private dirty kB) of a process, or None once gone."""
     try:
@@ -378,7 +371,7 @@ def keep_lists_short(root):
 
 @pytest.fixture
 def agent(device_root, tmp_path, netns, netns_lab):
-    set_bootenv(device_root, heartbeat="1")
+    devroot.update_bootenv(device_root, heartbeat="1")
     keep_lists_short(device_root)
     d = Daemon(device_root, str(tmp_path), netns)
     d.lab = netns_lab

@@ -659,9 +659,31 @@ void send_udp(int port, const std::string &data)
     close(s);
 }
 
+// A UDP socket bound to a port the kernel picked on every address; its
+// number goes to *port. Tests run side by side, so no port is fixed.
+int bound_udp_socket(int *port)
+{
+    int s = socket(AF_INET, SOCK_DGRAM, 0);
+    struct sockaddr_in a = {};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_ANY);
+    socklen_t len = sizeof(a);
+    if (s < 0 || bind(s, reinterpret_cast<struct sockaddr *>(&a), sizeof(a)) != 0 ||
+        getsockname(s, reinterpret_cast<struct sockaddr *>(&a), &len) != 0) {
+        *port = -1;
+        return s;
+    }
+    *port = ntohs(a.sin_port);
+    return s;
+}
+
+// A port free a moment ago, for the receiver to bind.
 int test_port()
 {
-    return 20000 + getpid() % 20000;
+    int port;
+    int s = bound_udp_socket(&port);
+    close(s);
+    return port;
 }
 
 } // namespace
@@ -719,7 +741,7 @@ TEST_F(LoggingTest, ReceiverNumbersDatagramsAndSurvivesBadOnes)
 // sends from: anything that reaches the port can add lines to the batches.
 TEST_F(LoggingTest, ReceiverTakesDatagramsOnAnyLocalAddress)
 {
-    int port = test_port() + 2;
+    int port = test_port();
     platform_syslog_port = port;
     thread_start("platform_syslog_reader", platform_syslog_reader, nullptr, nullptr, nullptr);
     auto send_to = [port](const char *addr, const std::string &data) {
@@ -743,13 +765,9 @@ TEST_F(LoggingTest, ReceiverTakesDatagramsOnAnyLocalAddress)
 
 TEST_F(LoggingTest, ReceiverThatCannotBindSaysSo)
 {
-    int port = test_port() + 1;
-    int s = socket(AF_INET, SOCK_DGRAM, 0);
-    struct sockaddr_in a = {};
-    a.sin_family = AF_INET;
-    a.sin_port = htons((uint16_t)port);
-    a.sin_addr.s_addr = htonl(INADDR_ANY);
-    ASSERT_EQ(bind(s, reinterpret_cast<struct sockaddr *>(&a), sizeof(a)), 0);
+    int port;
+    int s = bound_udp_socket(&port);
+    ASSERT_GT(port, 0);
     platform_syslog_port = port;
     EXPECT_EQ(platform_syslog_pump(), -1);
     EXPECT_TRUE(logged("platform_syslog_pump: failed bind, port " + std::to_string(port) +

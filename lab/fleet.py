@@ -12,8 +12,9 @@ switch. Nothing in these namespaces reaches outside them. Needs root.
 import copy
 import json
 import os
-import subprocess
 import uuid
+
+from netns import Netns, _ip
 
 SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 GATEWAY = "192.0.2.1"
@@ -21,10 +22,6 @@ MAX_DEVICES = 200
 
 # Port counts of the switch models the fleet cycles through.
 PORT_COUNTS = (28, 10, 52, 18)
-
-
-def _ip(*args, check=True):
-    return subprocess.run(["ip", *args], check=check, capture_output=True, text=True)
 
 
 def serial_of(n):
@@ -114,10 +111,8 @@ class Hub:
         self.switches = {}  # n -> namespace name
         self.created = False
 
-    @staticmethod
-    def available():
-        return os.geteuid() == 0 and subprocess.run(
-            ["ip", "netns", "list"], capture_output=True).returncode == 0
+    # Namespaces need what a single switch's namespace needs.
+    available = staticmethod(Netns.available)
 
     def create(self):
         _ip("netns", "add", self.name)

@@ -94,17 +94,19 @@ void free_vlan(vlan_info_t **vlan)
 
 // Appends by walking the list head itself to the end, so the head ends up on
 // the record that was last before the append: from the third record on only
-// the last two stay reachable from the head (the earlier ones are not
-// freed). The status documents have always carried at most two neighbours
-// and two VLANs per port this way, and the controller expects that.
-template <typename T> void append_advancing_head(T **list, T *record)
+// the last two stay in the list, which is what the status documents carry
+// for a port. The records the head walks past are released here.
+template <typename T> void append_advancing_head(T **list, T *record, void (*release)(T **))
 {
     if (*list == nullptr) {
         *list = record;
         return;
     }
-    while ((*list)->next != nullptr)
-        *list = (*list)->next;
+    while ((*list)->next != nullptr) {
+        T *passed = *list;
+        *list = passed->next;
+        release(&passed);
+    }
     (*list)->next = record;
 }
 
@@ -272,7 +274,7 @@ lldp_neighbor_t *icos_collect_neighbors(uint32_t port)
             free_neighbor(&n);
             continue;
         }
-        append_advancing_head(&list, n);
+        append_advancing_head(&list, n, free_neighbor);
     }
     return list;
 }
@@ -305,7 +307,7 @@ vlan_info_t *icos_collect_vlans(uint32_t port)
         }
         name[sizeof(name) - 1] = '\0';
         v->name = copy_text(name, __func__);
-        append_advancing_head(&list, v);
+        append_advancing_head(&list, v, free_vlan);
     }
     return list;
 }

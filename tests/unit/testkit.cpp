@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <malloc.h>
 #include <fstream>
 #include <poll.h>
 #include <sstream>
@@ -20,6 +21,10 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#include <sanitizer/allocator_interface.h>
+#endif
 
 namespace testkit
 {
@@ -44,6 +49,15 @@ DeviceRoot::~DeviceRoot()
         if (system(cmd.c_str()) != 0) {
         }
     }
+}
+
+size_t heap_in_use()
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return __sanitizer_get_current_allocated_bytes();
+#else
+    return mallinfo2().uordblks;
+#endif
 }
 
 std::string read_file(const std::string &path)

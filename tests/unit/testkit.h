@@ -69,6 +69,10 @@ std::string json_text(const json_t *value);
 // A string member of an object, or "" when it is missing or not a string.
 std::string json_str(const json_t *object, const char *key);
 
+// Bytes the process has allocated and not yet released, from the C
+// library's heap or, in a sanitizer build, from the sanitizer's allocator.
+size_t heap_in_use();
+
 // The lab controller (lab/controller.py) as a subprocess serving HTTPS on
 // 127.0.0.1 with its CA written into the device root's /etc/ca-bundle.pem,
 // its control API on a loopback TCP port. Stopped by the destructor.

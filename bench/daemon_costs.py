@@ -60,28 +60,8 @@ CLK = os.sysconf("SC_CLK_TCK")
 LINE = "<13>Nov 21 10:11:12 sw1 dot1x[412]: port 0/12 authorized, client 02:00:00:00:00:42"
 
 
-def big_model(ports=128, neighbours=2, vlans=4):
-    """A switch with `ports` ports, each up with `neighbours` LLDP
-    neighbours and a member of `vlans` VLANs."""
-    pl = []
-    for p in range(1, ports + 1):
-        nb = []
-        for n in range(neighbours):
-            mac = "00:1b:4f:%02x:%02x:%02x" % (p >> 8, p & 0xff, n)
-            nb.append({"chassis_id": mac, "chassis_id_subtype": 4, "port_id": mac,
-                       "port_id_subtype": 3, "system_name": f"host-{p}-{n}",
-                       "system_description": "VoIP desk phone, firmware 4.2.1",
-                       "system_caps_supported": "Bridge, Telephone",
-                       "system_caps_enabled": "Telephone",
-                       "mgmt_address": f"10.{p >> 8}.{p & 0xff}.{n + 1}"})
-        pl.append({"ifnum": p, "name": f"0/{p}", "mac": "02:00:00:00:%02x:%02x" % (p >> 8, p & 0xff),
-                   "link": "up", "admin": "enable", "speed": 7, "duplex": "full",
-                   "autoneg": True, "lldp_receive": "enable", "neighbors": nb})
-    vl = [{"id": 1, "name": "default", "ports": list(range(1, ports + 1))}]
-    vl += [{"id": 10 * (v + 1), "name": f"vlan{10 * (v + 1)}", "ports": list(range(1, ports + 1))}
-           for v in range(vlans - 1)]
-    return {"system": {"machine_model": "VX-S128", "prompt": "VX-S128"}, "ports": pl,
-            "vlans": vl}
+# The 128-port switch of the measurements (lab/devroot.py builds it).
+big_model = devroot.switch_model
 
 
 class Daemon:

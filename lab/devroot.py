@@ -131,6 +131,33 @@ def make_device_root(root, env=None, version="1.0.0.1"):
     return root
 
 
+def switch_model(ports=128, neighbours=2, vlans=4, generation=0):
+    """A switch model with `ports` ports, each up with `neighbours` LLDP
+    neighbours and a member of `vlans` VLANs. Another `generation` gives
+    every neighbour another system name, as when the devices behind the
+    ports are replaced."""
+    pl = []
+    for p in range(1, ports + 1):
+        nb = []
+        for n in range(neighbours):
+            mac = "00:1b:4f:%02x:%02x:%02x" % (p >> 8, p & 0xff, n)
+            name = f"host-{p}-{n}" if generation == 0 else f"host-{p}-{n}-g{generation}"
+            nb.append({"chassis_id": mac, "chassis_id_subtype": 4, "port_id": mac,
+                       "port_id_subtype": 3, "system_name": name,
+                       "system_description": "VoIP desk phone, firmware 4.2.1",
+                       "system_caps_supported": "Bridge, Telephone",
+                       "system_caps_enabled": "Telephone",
+                       "mgmt_address": f"10.{p >> 8}.{p & 0xff}.{n + 1}"})
+        pl.append({"ifnum": p, "name": f"0/{p}", "mac": "02:00:00:00:%02x:%02x" % (p >> 8, p & 0xff),
+                   "link": "up", "admin": "enable", "speed": 7, "duplex": "full",
+                   "autoneg": True, "lldp_receive": "enable", "neighbors": nb})
+    vl = [{"id": 1, "name": "default", "ports": list(range(1, ports + 1))}]
+    vl += [{"id": 10 * (v + 1), "name": f"vlan{10 * (v + 1)}", "ports": list(range(1, ports + 1))}
+           for v in range(vlans - 1)]
+    return {"system": {"machine_model": "VX-S128", "prompt": "VX-S128"}, "ports": pl,
+            "vlans": vl}
+
+
 def main():
     ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     ap.add_argument("root")

@@ -32,6 +32,8 @@ def pytest_addoption(parser):
                      help="seed of the fault and command mix (default: from the clock)")
     parser.addoption("--soak-report", default=None,
                      help="write the figures of the run to this JSON file")
+    parser.addoption("--heap", action="store_true",
+                     help="sample the child's C library heap every minute (through gdb)")
     parser.addoption("--kills", type=int, default=20,
                      help="how many times the crash-recovery test kills the working child")
 
@@ -39,4 +41,4 @@ def pytest_addoption(parser):
 @pytest.fixture
 def soak_options(request):
     return {k: request.config.getoption(k)
-            for k in ("minutes", "seed", "soak_report", "kills")}
+            for k in ("minutes", "seed", "soak_report", "kills", "heap")}

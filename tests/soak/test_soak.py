@@ -24,6 +24,7 @@ import re
 import signal
 import sqlite3
 import statistics
+import subprocess
 import time
 
 import devroot
@@ -347,32 +348,66 @@ def save_report(opts, key, data):
         json.dump(report, f, indent=2, sort_keys=True)
 
 
-def keep_lists_short(root):
-    """Leaves every port in at most two VLANs and with at most two LLDP
-    neighbours. The status collection keeps only the last two records of
-    each list and lets the earlier ones go without freeing them (the
-    controller is used to two; that is how the daemon is built), so a port
-    with three costs a few hundred bytes at every status pass. The soak looks
-    for growth that is not meant to be there."""
+# The switch of the soak: 128 ports, each with four LLDP neighbours and in
+# four VLANs (a trunk port's usual lot; the status documents carry the last
+# two of each), and the devices behind every port replaced every minute.
+PORTS, NEIGHBOURS, VLANS = 128, 4, 4
+NEIGHBOUR_CHURN_S = 60.0
+
+
+def write_model(root, generation):
     path = os.path.join(root, "var/switch/model.json")
-    with open(path) as f:
-        model = json.load(f)
-    for port in model.get("ports", []):
-        port["neighbors"] = port.get("neighbors", [])[:2]
-    member = {}
-    for vlan in model.get("vlans", []):
-        vlan["ports"] = [p for p in vlan.get("ports", []) if member.get(p, 0) < 2]
-        for p in vlan["ports"]:
-            member[p] = member.get(p, 0) + 1
     with open(path + ".new", "w") as f:
-        json.dump(model, f)
+        json.dump(devroot.switch_model(PORTS, NEIGHBOURS, VLANS, generation), f)
     os.replace(path + ".new", path)
+
+
+def heap_in_use(pid, stdout_path):
+    """Bytes the child's C library heap has handed out and not taken back
+    (malloc_stats(), called through gdb, writes them to the daemon's
+    output), or None when gdb could not tell."""
+    with open(stdout_path, errors="replace") as f:
+        f.seek(0, 2)
+        start = f.tell()
+    subprocess.run(["gdb", "-p", str(pid), "-batch", "-nx", "-ex", "call (int)fflush(0)",
+                    "-ex", "call (void)malloc_stats()", "-ex", "call (int)fflush(0)"],
+                   capture_output=True, text=True, timeout=120)
+    with open(stdout_path, errors="replace") as f:
+        f.seek(start)
+        text = f.read()
+    inuse = re.findall(r"^in use bytes\s*=\s*(\d+)", text, re.M)
+    # The last figure is the total over every arena.
+    return int(inuse[-1]) if inuse else None
+
+
+def threads_of(pid):
+    try:
+        with open(f"/proc/{pid}/status") as f:
+            for line in f:
+                if line.startswith("Threads:"):
+                    return int(line.split()[1])
+    except (FileNotFoundError, ProcessLookupError):
+        return None
+    return None
+
+
+def floor_growth(minutes, key, start_min, end_min, span=5):
+    """Growth of a per-minute figure between the first and the last `span`
+    minutes of [start_min, end_min], each judged by its lowest sample (an
+    episode in flight holds memory while it lasts)."""
+    first = [m[key] for m in minutes if start_min <= m["minute"] < start_min + span
+             and m[key] is not None]
+    last = [m[key] for m in minutes if end_min - span <= m["minute"] < end_min
+            and m[key] is not None]
+    if not first or not last:
+        return None
+    return min(last) - min(first)
 
 
 @pytest.fixture
 def agent(device_root, tmp_path, netns, netns_lab):
     devroot.update_bootenv(device_root, heartbeat="1")
-    keep_lists_short(device_root)
+    write_model(device_root, 0)
     d = Daemon(device_root, str(tmp_path), netns)
     d.lab = netns_lab
     d.start("-s", netns_lab.base_url)
@@ -416,9 +451,13 @@ def test_fault_soak(agent, soak_options):
     faults = Faults(rnd, lab, d, log)
     sent_lines = {}  # n -> time sent
     samples = []  # (elapsed, fds, private dirty kB)
+    minutes = []  # one record a minute: private dirty, heap in use, fds, threads
     duration = soak_options["minutes"] * 60.0
     end = time.monotonic() + duration
     next_cmd = next_line = next_sample = time.monotonic()
+    next_minute = time.monotonic() + 60.0
+    next_churn = time.monotonic() + NEIGHBOUR_CHURN_S
+    generation = 0
     weights = [c[4] for c in COMMANDS]
     n_line = 0
     try:
@@ -437,13 +476,26 @@ def test_fault_soak(agent, soak_options):
                 n_line += 1
                 lab.call("POST", "/syslog/send", {"text": LINE.format(n_line)})
                 sent_lines[n_line] = time.time()
-                next_line = now + 0.5
+                next_line += 0.1
+            if now >= next_churn:
+                generation += 1
+                write_model(d.root, generation)
+                next_churn = now + NEIGHBOUR_CHURN_S
             if now >= next_sample:
                 got = child_resources(child)
                 assert got is not None, "the working child is gone"
                 samples.append((time.time() - t_start, *got))
                 next_sample = now + 5.0
-            time.sleep(0.1)
+            if now >= next_minute:
+                got = child_resources(child)
+                heap = (heap_in_use(child, d.stdout.name)
+                        if soak_options["heap"] and got is not None else None)
+                minutes.append({"minute": len(minutes) + 1, "fds": got and got[0],
+                                "private_dirty_kb": got and got[1], "heap_in_use": heap,
+                                "threads": threads_of(child)})
+                log(f"minute {len(minutes)}: {minutes[-1]}")
+                next_minute += 60.0
+            time.sleep(0.05)
     finally:
         faults.stop()
         lab.clear_scripts()
@@ -591,7 +643,15 @@ def test_fault_soak(agent, soak_options):
                    "twice_at_outage": len(twice_all) - len(twice)},
         "problems": problems[:20], "strays": strays[:20],
         "resource_samples": [[round(t, 1), f, m] for t, f, m in samples],
+        "minutes_sampled": minutes,
     }
+    # The long runs (bench/long_soak.py): after ten minutes of warm-up, how
+    # much the floor of each figure moved over the last hour.
+    if len(minutes) >= 70:
+        last = len(minutes) + 1
+        report["last_hour_growth"] = {
+            key: floor_growth(minutes, key, last - 60, last)
+            for key in ("private_dirty_kb", "heap_in_use", "fds", "threads")}
     log("report " + json.dumps(report, indent=2, sort_keys=True))
     for n in unexplained[:20]:
         log(f"syslog line {n} sent at {sent_lines[n] - t_start:.1f} s never arrived")

@@ -108,6 +108,30 @@ void factory_restore(void)
     }
 }
 
+#if defined(__SANITIZE_ADDRESS__)
+extern "C" int __lsan_do_recoverable_leak_check(void);
+
+// AddressSanitizer builds only. The child never exits (every end is a
+// crash), so the leak checker would never look at it: SIGURG asks it to look
+// now, with the agent running, and the report goes to standard error.
+void leak_check(int)
+{
+    int found = __lsan_do_recoverable_leak_check();
+    log_fprint(orkad_log, "%s: %s\n", __func__, found ? "leaks found" : "no leaks");
+}
+
+void leak_check_init(void)
+{
+    // Still before any thread exists: every thread inherits the mask.
+    sigset_t *set = const_cast<sigset_t *>(&blocked_signals);
+    sigaddset(set, SIGURG);
+    pthread_sigmask(SIG_BLOCK, set, nullptr);
+    signals_register(SIGURG, leak_check, "leak_check");
+}
+#else
+void leak_check_init(void) {}
+#endif
+
 void signals_monitor(void)
 {
     log_fprint(orkad_log, "signals_monitor: started\n");
@@ -142,6 +166,7 @@ void signals_monitor(void)
     // inherits the mask and only the loop below receives them.
     signals_init();
     signals_register(SIGUSR1, log_debug, "log_debug");
+    leak_check_init();
 
     utils_init();
     command_init();

@@ -3,7 +3,8 @@
 # the tests, runs the unit and end-to-end suites, a two-minute fault soak and
 # the crash-recovery test, the quick bench on the release build, the fuzz
 # targets (scripts/fuzz.sh ci), the unit tests again under AddressSanitizer
-# and UndefinedBehaviorSanitizer, the unit and end-to-end suites under
+# (leak detection on) and UndefinedBehaviorSanitizer with the full road end to
+# end and a leak check of the running daemon, the unit and end-to-end suites under
 # ThreadSanitizer, and last the ARM cross builds (scripts/cross.sh ci).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -30,15 +31,19 @@ ORKAD_SOURCE="$PWD" /usr/bin/python3 -m pytest -q -s -p no:cacheprovider tests/s
 bash scripts/fuzz.sh ci
 
 # The deliberate crash on exit is a real SIGSEGV: the sanitizer must not take
-# it over.
-export ASAN_OPTIONS=handle_segv=0:detect_leaks=0
+# it over. Leak detection is on: a unit test that leaves memory behind fails.
+export ASAN_OPTIONS=handle_segv=0:detect_leaks=1
 export UBSAN_OPTIONS=print_stacktrace=1
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DORKAD_SANITIZE=ON -DORKAD_E2E=OFF
 cmake --build build-asan -j"$jobs"
 (cd build-asan && ctest --output-on-failure -j"$jobs" -L unit)
-# And the daemon's own start-up, supervision and signal handling, end to end.
-ORKAD_SANITIZED=1 ORKAD_BIN="$PWD/build-asan/common/orkad" ORKAD_SOURCE="$PWD" \
-    /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/e2e/test_entry.py
+# And the daemon end to end: its own start-up, supervision and signal
+# handling, then every command in one reply, after which the running child
+# is asked to look for leaks (SIGURG, in this build only) and must find none.
+ORKAD_SANITIZED=1 ORKAD_LEAK_CHECK=1 ORKAD_BIN="$PWD/build-asan/common/orkad" ORKAD_SOURCE="$PWD" \
+    /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/e2e/test_entry.py \
+    tests/e2e/test_full_road.py
+unset ASAN_OPTIONS UBSAN_OPTIONS
 
 # ThreadSanitizer: the unit tests and the end-to-end suite with the daemon
 # under test built with it. A report fails the unit test (exit status 66) or,

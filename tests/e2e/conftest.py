@@ -165,6 +165,21 @@ class Daemon:
         except (FileNotFoundError, ProcessLookupError):
             return False
 
+    def leak_check(self, child, timeout=60.0):
+        """Has the child, built with AddressSanitizer, look for leaks now
+        (SIGURG); the leak reports it wrote, or "" when there were none."""
+        with open(self.stdout.name, errors="replace") as f:
+            f.seek(0, 2)
+            start = f.tell()
+        before = sum(m.startswith("leak_check: ") for m in self.log())
+        os.kill(child, signal.SIGURG)
+        wait_until(lambda: sum(m.startswith("leak_check: ") for m in self.log()) > before,
+                   timeout, what="the leak check")
+        with open(self.stdout.name, errors="replace") as f:
+            f.seek(start)
+            text = f.read()
+        return text if "LeakSanitizer" in text else ""
+
     def journal(self):
         """Every call the simulated switch served, in order."""
         path = self.path("/var/switch/journal")

@@ -16,6 +16,9 @@ from conftest import wait_until
 from lab_fixtures import netns_lab  # noqa: F401
 from test_agent import Agent
 
+# Set for a daemon built with AddressSanitizer (scripts/test.sh).
+LEAK_CHECK = os.environ.get("ORKAD_LEAK_CHECK") == "1"
+
 # A point-to-point tunnel without TLS: OpenVPN accepts it and brings tun0 up
 # at once, with nobody at the other end.
 CLIENT_OVPN = "dev tun\nremote 127.0.0.1 1194\nifconfig 10.9.0.2 10.9.0.1\nverb 1\n"
@@ -107,6 +110,13 @@ def test_every_command_in_one_reply(agent):
     lab.wait_request(kind="status", path="/api/status", since=mark, timeout=30)
     agent.syslog.wait_for("reboot initiated: 'the whole road'")
     agent.wait_log("registered 'set.status' command handler")
+
+    # A daemon built with AddressSanitizer looks for leaks once the road is
+    # travelled: nothing any command or stream allocated may be left behind.
+    if LEAK_CHECK:
+        report = agent.leak_check(agent.wait_child())
+        assert report == "", report[:20000]
+        assert agent.log()[-1] == "leak_check: no leaks"
 
 
 def test_one_sigusr1_dumps_every_module_in_handler_order(agent):

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -29,6 +30,8 @@ class QueueTest : public ::testing::Test
         q = queue_create("test_q");
         ASSERT_NE(q, nullptr);
     }
+    // Queues live as long as the agent does; the test's own goes with it.
+    void TearDown() override { free(q); }
     std::vector<std::string> traces() { return log_messages(root.at("/tmp/debug.log")); }
 };
 

@@ -223,6 +223,8 @@ TEST_F(WorkTest, ExhaustedPoolTryAllocNullAndAllocBlocks)
     ASSERT_EQ(got.load(), taken.back());
     EXPECT_EQ(got.load()->fn, nullptr);
     EXPECT_EQ(got.load()->p1, nullptr);
+    for (work_t *w : taken)
+        work_free(w);
 }
 
 TEST_F(WorkTest, UrgentWorkIsTakenFirst)

@@ -49,10 +49,11 @@ def test_commands_answers_heartbeats_and_syslog_wait_out_a_held_database(switch)
     # The next heartbeat is answered late: once the daemon has posted it
     # (with the controller's address already read), the file is taken, and
     # the five commands queued then go out in that heartbeat's answer.
-    lab.delay("/api/heartbeat", 1.0)
     mark = lab.mark()
-    wait_until(lambda: lab.requests(kind="heartbeat", since=mark), timeout=10,
-               what="a heartbeat on its way")
+    script = lab.delay("/api/heartbeat", 1.5)[0]
+    wait_until(lambda: [r for r in lab.requests(kind="heartbeat", since=mark)
+                        if r["scripted"] == script], timeout=10,
+               what="the heartbeat that is answered late")
     held = sqlite3.connect(sw.path("/etc/varnex/config/startup.db"), timeout=10,
                            isolation_level=None)
     held.execute("BEGIN EXCLUSIVE")

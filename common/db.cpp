@@ -10,10 +10,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <sys/stat.h>
 
 // One connection for every thread. We take no lock of our own: the SQLite
-// library is built serialised, so it does the locking for us.
+// library is built serialised, so it does the locking for us. Other programs
+// on the switch use the file too; while one of them holds it, a statement
+// waits for it (DB_BUSY_TIMEOUT_MS) instead of failing.
 sqlite3 *db_main;
 const char *db_startup = "/etc/varnex/config/startup.db";
 int db_version = -1;
@@ -42,6 +45,7 @@ int open_startup(sqlite3 **db)
         *db = nullptr;
         return rc;
     }
+    sqlite3_busy_timeout(*db, DB_BUSY_TIMEOUT_MS);
     // The settings hold secrets (the administrator password among them): a
     // file left readable by an older agent is closed to group and others. The
     // engine gives its journal the same mode as the file.
@@ -160,6 +164,61 @@ void db_init(void)
     db_migrate();
 }
 
+namespace
+{
+
+// Runs a finished statement; `shown` is what the log gets of it.
+int run_command(const char *fmt, const char *sql, const char *shown)
+{
+    log_fprint(orkad_log, "%s: '%s'\n", "db_command", shown);
+
+    char *errmsg = nullptr;
+    sqlite3_exec(db_main, sql, nullptr, nullptr, &errmsg);
+    if (errmsg != nullptr) {
+        // Only the start of the format: the statement itself was logged above.
+        log_fprint(orkad_log, "%s: '%.20s%s' failed with errmsg = '%s'\n", "db_command", fmt,
+                   strlen(fmt) > 20 ? "..." : "", errmsg);
+        sqlite3_free(errmsg);
+        return -2;
+    }
+    return 0;
+}
+
+// The statement with the body of every string literal that holds exactly
+// `secret` (as %q quotes it) replaced by the log's marker. Literals are
+// found by their quotes, so the secret is hidden wherever it stands as a
+// value and nothing else is touched.
+std::string hide_secret(const char *sql, const char *secret)
+{
+    sqlite_text quoted(sqlite3_mprintf("%q", secret));
+    std::string shown;
+    const char *p = sql;
+    while (*p != '\0') {
+        if (*p != '\'') {
+            shown += *p++;
+            continue;
+        }
+        // A literal ends at a quote that is not doubled.
+        const char *body = p + 1;
+        const char *end = body;
+        while (*end != '\0' && (*end != '\'' || end[1] == '\''))
+            end += *end == '\'' ? 2 : 1;
+        size_t n = (size_t)(end - body);
+        shown += '\'';
+        if (quoted && strlen(quoted.get()) == n && memcmp(body, quoted.get(), n) == 0)
+            shown += LOG_SECRET_MARKER;
+        else
+            shown.append(body, n);
+        if (*end == '\0')
+            break;
+        shown += '\'';
+        p = end + 1;
+    }
+    return shown;
+}
+
+} // namespace
+
 int db_command(const char *fmt, ...)
 {
     va_list ap;
@@ -170,18 +229,20 @@ int db_command(const char *fmt, ...)
         log_fprint(orkad_log, "%s: Out of memory\n", "db_command");
         return -1;
     }
-    log_fprint(orkad_log, "%s: '%s'\n", "db_command", sql.get());
+    return run_command(fmt, sql.get(), sql.get());
+}
 
-    char *errmsg = nullptr;
-    sqlite3_exec(db_main, sql.get(), nullptr, nullptr, &errmsg);
-    if (errmsg != nullptr) {
-        // Only the start of the format: the statement itself was logged above.
-        log_fprint(orkad_log, "%s: '%.20s%s' failed with errmsg = '%s'\n", "db_command", fmt,
-                   strlen(fmt) > 20 ? "..." : "", errmsg);
-        sqlite3_free(errmsg);
-        return -2;
+int db_command_secret(const char *secret, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    sqlite_text sql(sqlite3_vmprintf(fmt, ap));
+    va_end(ap);
+    if (!sql) {
+        log_fprint(orkad_log, "%s: Out of memory\n", "db_command");
+        return -1;
     }
-    return 0;
+    return run_command(fmt, sql.get(), hide_secret(sql.get(), secret).c_str());
 }
 
 int db_get_multiple(const char *cls, const char *properties, const char *qualifiers,
@@ -268,6 +329,8 @@ static int backup_copy(sqlite3 *db, const char *filename, bool to_file)
         sqlite3_close(file);
         return rc;
     }
+    // The copy takes its lock on the file through this connection.
+    sqlite3_busy_timeout(file, DB_BUSY_TIMEOUT_MS);
     sqlite3 *dst = to_file ? file : db;
     sqlite3 *src = to_file ? db : file;
     sqlite3_backup *backup = sqlite3_backup_init(dst, "main", src, "main");

@@ -7,6 +7,14 @@
 
 #define DB_VERSION 9
 
+// How long a statement waits for a lock that another program holds on the
+// settings file before it fails (every connection the agent opens waits so).
+// The switch's own configuration tools and the diagnostics dump hold it for
+// well under this; the heartbeat, whose every pulse reads the controller's
+// address, is held up by at most this per statement, far less than the time
+// after which a stalled heartbeat counts as stuck. docs/hardening.md.
+#define DB_BUSY_TIMEOUT_MS 10000
+
 // Result record of a multi-value read. The caller provides `values` with
 // `size` slots; each filled slot is a heap copy (or null for an SQL NULL) that
 // the caller frees.
@@ -30,6 +38,10 @@ void db_init(void);
 // engine refused it. Not marked as printf-like: the compiler does not know
 // SQLite's conversions.
 int db_command(const char *fmt, ...);
+// db_command for a statement that carries a secret: the log shows every
+// string literal that holds exactly `secret` as LOG_SECRET_MARKER; the engine
+// gets the statement as formatted.
+int db_command_secret(const char *secret, const char *fmt, ...);
 
 // First column of the first row, as a heap copy the caller frees; null when
 // there is no row, the value is NULL or the read fails.

@@ -32,6 +32,10 @@ int collect_and_upload(const char *url)
     _sys("%s", dump_command);
     if (_sys("%s", gzip_command) != 0) {
         log_fprint(orkad_log, "cannot gzip diags tar file\n");
+        // Whatever gzip left (the tar, or half an archive) holds the logs
+        // and settings all the same.
+        dev_remove(DIAGS_TAR);
+        dev_remove(DIAGS_ARCHIVE);
         pthread_mutex_unlock(&diags_lock);
         return -1;
     }
@@ -41,6 +45,10 @@ int collect_and_upload(const char *url)
     snprintf(bearer, sizeof(bearer), "Authorization: Bearer %s", token);
     const char *headers[] = {bearer, nullptr};
     int rc = http_upload_file_multipart(url, DIAGS_ARCHIVE, headers);
+    // The archive carries the device's logs and settings: once it has been
+    // offered to the controller it has no reason to stay, and a failed
+    // upload is asked for again with a new collection.
+    dev_remove(DIAGS_ARCHIVE);
     pthread_mutex_unlock(&diags_lock);
     return rc;
 }

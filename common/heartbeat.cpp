@@ -120,8 +120,11 @@ void run_commands(const reply *r)
     int count = (int)json_integer_value(total);
     if (count == 0)
         return;
-    log_fprint(orkad_log, "reply = '%.*s'\n", r->length, r->data);
-    log_fprint(cmd_log, "commands = '%.*s'\n", r->length, r->data);
+    // A set.system command may carry the administrator password: the logs
+    // show a marker in its place.
+    loggable_json shown(r->data, (size_t)r->length);
+    log_fprint(orkad_log, "reply = '%.*s'\n", shown.length(), shown.data());
+    log_fprint(cmd_log, "commands = '%.*s'\n", shown.length(), shown.data());
 
     json_t *link = json_object_get(root.get(), "responseLink");
     if (!json_is_object(link)) {
@@ -231,8 +234,10 @@ int heartbeat_pulse(void)
     if (result != 0) {
         pulse_failed();
     } else {
-        if (debug)
-            log_fprint(orkad_log, "reply = '%.*s'\n", r->length, r->data);
+        if (debug) {
+            loggable_json shown(r->data, (size_t)r->length);
+            log_fprint(orkad_log, "reply = '%.*s'\n", shown.length(), shown.data());
+        }
         // A reply we cannot read still proves the controller is there.
         run_commands(r);
         pulse_succeeded();

@@ -7,6 +7,7 @@
 #include "lsql.h"
 #include "raii.h"
 #include "signals.h"
+#include "utils.h"
 
 #include <cerrno>
 #include <cstdint>
@@ -236,14 +237,17 @@ int http_request(method m, const char *url, const char *data, int length,
     long code = 0;
     curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &code);
     bool ok = code >= 200 && code <= 299;
+    // A heartbeat reply may carry the administrator password.
+    loggable_json shown(r->data, (size_t)r->length);
     if (m == method::put) {
-        log_fprint(http_log, "reply = '%.*s'\n", r->length, r->data);
+        log_fprint(http_log, "reply = '%.*s'\n", shown.length(), shown.data());
         if (!ok) {
             log_fprint(orkad_log, "POST '%s'\nreceived unexpected response code %ld\n", url, code);
-            log_fprint(orkad_log, "reply = '%.*s'\n", r->length, r->data);
+            log_fprint(orkad_log, "reply = '%.*s'\n", shown.length(), shown.data());
         }
     } else {
-        log_fprint(http_log, "%s: %08x reply = '%.*s'\n", fn, addr32(r), r->length, r->data);
+        log_fprint(http_log, "%s: %08x reply = '%.*s'\n", fn, addr32(r), shown.length(),
+                   shown.data());
         log_fprint(http_log, "%s: %08x response code = %ld\n", fn, addr32(r), code);
     }
     return ok ? 0 : (int)code;

@@ -31,6 +31,11 @@ extern log_t *logs[LOG_HANDLES];
 
 extern int nolog;
 
+// What a log line shows in place of a secret (the switch's administrator
+// password): the log files go into every diagnostics archive and may be read
+// by anyone who looks after the switch.
+#define LOG_SECRET_MARKER "********"
+
 void log_init(void);
 void log_fprint(log_t *log, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 void log_rotate(log_t *log);

@@ -86,7 +86,9 @@ void cmd_set_system(char *command, json_t *js_command, char *resp_href)
             int err = platform_set_system(name, text);
             if (err == 0)
                 continue;
-            log_fprint(orkad_log, "set.system: error (%d) setting '%s' to '%s'\n", err, name, text);
+            // The password itself never goes into a log.
+            log_fprint(orkad_log, "set.system: error (%d) setting '%s' to '%s'\n", err, name,
+                       strcmp(name, "password") == 0 ? LOG_SECRET_MARKER : text);
         }
         failures++;
         failed.add(name);

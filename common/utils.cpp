@@ -459,6 +459,101 @@ int json_depth(const char *buf, size_t len, int max)
     return deepest;
 }
 
+namespace
+{
+
+// Where the JSON string that opens at text[start] (a quote) ends: the index
+// of its closing quote, or len when the text ends first.
+size_t json_string_end(const char *text, size_t len, size_t start)
+{
+    for (size_t i = start + 1; i < len; i++) {
+        if (text[i] == '\\')
+            i++;
+        else if (text[i] == '"')
+            return i;
+    }
+    return len;
+}
+
+// Whether the body of a JSON string (between its quotes, escapes as sent)
+// decodes to word. Only escapes that can spell a printable ASCII letter
+// need decoding: any other escape makes the text differ from word.
+bool json_string_is(const char *s, size_t n, const char *word)
+{
+    size_t i = 0;
+    for (; *word != '\0'; word++) {
+        if (i >= n)
+            return false;
+        char c = s[i++];
+        if (c == '\\') {
+            if (i + 5 > n || s[i] != 'u')
+                return false;
+            char hex[5] = {s[i + 1], s[i + 2], s[i + 3], s[i + 4], '\0'};
+            char *end = nullptr;
+            long code = strtol(hex, &end, 16);
+            if (end != hex + 4)
+                return false;
+            c = (char)code;
+            if (code < 0x20 || code > 0x7e)
+                return false;
+            i += 5;
+        }
+        if (c != *word)
+            return false;
+    }
+    return i == n;
+}
+
+bool json_space(char c)
+{
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
+} // namespace
+
+loggable_json::loggable_json(const char *text, size_t len) : data_(text), len_(len)
+{
+    size_t copied = 0; // text before this index is already in masked_
+    size_t i = 0;
+    while (i < len) {
+        if (text[i] != '"') {
+            i++;
+            continue;
+        }
+        size_t end = json_string_end(text, len, i);
+        if (end >= len)
+            break;
+        bool secret = json_string_is(text + i + 1, end - i - 1, "password");
+        i = end + 1;
+        if (!secret)
+            continue;
+        // A member name is followed by its colon; the same word as a value
+        // is not.
+        size_t j = i;
+        while (j < len && json_space(text[j]))
+            j++;
+        if (j >= len || text[j] != ':')
+            continue;
+        j++;
+        while (j < len && json_space(text[j]))
+            j++;
+        if (j >= len || text[j] != '"')
+            continue;
+        size_t value_end = json_string_end(text, len, j);
+        masked_.append(text + copied, j + 1 - copied);
+        masked_.append(LOG_SECRET_MARKER);
+        // A value cut off by the end of the text is hidden all the same.
+        copied = value_end;
+        i = value_end + 1;
+    }
+    if (copied == 0)
+        return;
+    if (copied < len)
+        masked_.append(text + copied, len - copied);
+    data_ = masked_.data();
+    len_ = masked_.size();
+}
+
 json_t *json_loadb_bounded(const char *buf, size_t len, size_t flags, json_error_t *err)
 {
     if (json_depth(buf, len, JSON_MAX_DEPTH) > JSON_MAX_DEPTH) {

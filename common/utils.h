@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <ctime>
 #include <jansson.h>
+#include <string>
 
 void utils_init(void);
 
@@ -65,3 +66,26 @@ int json_depth(const char *buf, size_t len, int max);
 // than JSON_MAX_DEPTH never reaches the parser and fails like any other
 // unparsable text, with "maximum parsing depth reached" in err->text.
 json_t *json_loadb_bounded(const char *buf, size_t len, size_t flags, json_error_t *err);
+
+// A JSON text as the logs may show it: the text value of every "password"
+// member, wherever it sits, replaced by LOG_SECRET_MARKER (a set.system
+// command in a heartbeat reply carries the switch's administrator password).
+// It reads the bytes without parsing them, so a text cut short, or no JSON
+// at all, is shown as it came less the secrets found in it. Refers to the
+// text itself when there is nothing to hide: the text must outlive it.
+class loggable_json
+{
+  public:
+    loggable_json(const char *text, size_t len);
+    loggable_json(const loggable_json &) = delete;
+    loggable_json &operator=(const loggable_json &) = delete;
+
+    const char *data() const { return data_; }
+    // For "%.*s".
+    int length() const { return (int)len_; }
+
+  private:
+    std::string masked_;
+    const char *data_;
+    size_t len_;
+};

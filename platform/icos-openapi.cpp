@@ -606,7 +606,7 @@ int icos_set_password(const char *user, const char *pass)
     open_error_t r = rpcclt_openapiUserSet(&icos_openapi_client, &u, &p);
     if (r != OPEN_E_NONE) {
         log_fprint(orkad_log, "%s: failed to set user/password for '%s'/'%s' (result = %d)\n",
-                   __func__, user_buf, pass_buf, r);
+                   __func__, user_buf, LOG_SECRET_MARKER, r);
         return -1;
     }
     return 0;

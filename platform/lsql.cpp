@@ -51,12 +51,15 @@ int platform_set_system(const char *property, const char *value)
 {
     // A password the switch refuses is still recorded: the controller is told
     // only how the settings store fared.
-    if (strcmp(property, "password") == 0)
-        platform_set_password("admin", value);
     // The name comes from the controller and may hold anything: quoted like
     // the value, it is stored as it came and never read as SQL.
-    return db_command("REPLACE INTO system (key, value) VALUES ('%s.%q', '%q')", "system", property,
-                      value);
+    const char sql[] = "REPLACE INTO system (key, value) VALUES ('%s.%q', '%q')";
+    if (strcmp(property, "password") == 0) {
+        platform_set_password("admin", value);
+        // Stored as it came, logged as the marker.
+        return db_command_secret(value, sql, "system", property, value);
+    }
+    return db_command(sql, "system", property, value);
 }
 
 int platform_set_password(const char *user, const char *pass)

@@ -3,11 +3,13 @@
 #include "testkit.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 using namespace testkit;
@@ -633,4 +635,134 @@ TEST_F(DbOpenTest, SaveAndLoadCopyTheWholeDatabase)
     EXPECT_EQ(db_load(mem, "/tmp/missing.db"), SQLITE_CANTOPEN);
     EXPECT_FALSE(file_exists(root.at("/tmp/missing.db")));
     sqlite3_close(mem);
+}
+
+namespace
+{
+
+// Another program holding the settings file: BEGIN EXCLUSIVE on a connection
+// of its own, let go after `hold`.
+class exclusive_holder
+{
+  public:
+    exclusive_holder(const std::string &file, std::chrono::milliseconds hold)
+    {
+        if (sqlite3_open_v2(file.c_str(), &db_, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK ||
+            sqlite3_exec(db_, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) {
+            ADD_FAILURE() << "cannot lock " << file;
+            return;
+        }
+        thread_ = std::thread([this, hold] {
+            std::this_thread::sleep_for(hold);
+            released_ = std::chrono::steady_clock::now();
+            sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+        });
+    }
+    ~exclusive_holder()
+    {
+        if (thread_.joinable())
+            thread_.join();
+        sqlite3_close(db_);
+    }
+    // When the lock was let go; waits for it.
+    std::chrono::steady_clock::time_point released()
+    {
+        if (thread_.joinable())
+            thread_.join();
+        return released_;
+    }
+
+  private:
+    sqlite3 *db_ = nullptr;
+    std::thread thread_;
+    std::chrono::steady_clock::time_point released_;
+};
+
+} // namespace
+
+TEST_F(DbOpenTest, ReadWaitsForAnotherProgramsLock)
+{
+    ASSERT_EQ(db_command("REPLACE INTO system (key, value) VALUES ('system.cloud-controller', "
+                         "'https://c.example')"),
+              0);
+    size_t n = messages().size();
+    exclusive_holder other(file(), std::chrono::milliseconds(1500));
+    char *v = db_get("system", "value", "key='system.cloud-controller'");
+    auto done = std::chrono::steady_clock::now();
+    ASSERT_NE(v, nullptr);
+    EXPECT_STREQ(v, "https://c.example");
+    free(v);
+    // It got its answer only once the other program let go.
+    EXPECT_GE(done, other.released());
+    EXPECT_EQ(since(n), std::vector<std::string>{});
+}
+
+TEST_F(DbOpenTest, WriteWaitsForAnotherProgramsLock)
+{
+    size_t n = messages().size();
+    exclusive_holder other(file(), std::chrono::milliseconds(1500));
+    EXPECT_EQ(
+        db_command("REPLACE INTO system (key, value) VALUES ('system.%s', '%q')", "note", "after"),
+        0);
+    auto done = std::chrono::steady_clock::now();
+    EXPECT_GE(done, other.released());
+    EXPECT_EQ(since(n),
+              std::vector<std::string>{"db_command: 'REPLACE INTO system (key, value) VALUES "
+                                       "('system.note', 'after')'"});
+    EXPECT_EQ(value_of(file(), "system.note"), "after");
+}
+
+TEST_F(DbOpenTest, CopiesWaitForAnotherProgramsLockOnTheFile)
+{
+    query(root.at("/tmp/other.db"), "CREATE TABLE system (key TEXT UNIQUE, value TEXT);"
+                                    "INSERT INTO system VALUES ('system.loaded', 'from file')");
+    sqlite3 *mem = nullptr;
+    ASSERT_EQ(sqlite3_open(":memory:", &mem), SQLITE_OK);
+    {
+        exclusive_holder other(root.at("/tmp/other.db"), std::chrono::milliseconds(1000));
+        EXPECT_EQ(db_load(mem, "/tmp/other.db"), SQLITE_OK);
+        EXPECT_GE(std::chrono::steady_clock::now(), other.released());
+    }
+    {
+        exclusive_holder other(root.at("/tmp/other.db"), std::chrono::milliseconds(1000));
+        EXPECT_EQ(db_save(db_main, "/tmp/other.db"), SQLITE_OK);
+        EXPECT_GE(std::chrono::steady_clock::now(), other.released());
+    }
+    EXPECT_EQ(value_of(root.at("/tmp/other.db"), "system.loaded"), "<none>");
+    EXPECT_EQ(value_of(root.at("/tmp/other.db"), "db.version"), "9");
+    sqlite3_close(mem);
+}
+
+TEST_F(DbOpenTest, SecretCommandLogsTheMarkerAndStoresTheSecret)
+{
+    size_t n = messages().size();
+    const char *fmt = "REPLACE INTO system (key, value) VALUES ('%s.%q', '%q')";
+    EXPECT_EQ(db_command_secret("it's s3cret", fmt, "system", "password", "it's s3cret"), 0);
+    // The secret may stand twice; a literal that only holds part of it is
+    // shown as it is.
+    EXPECT_EQ(db_command_secret("pw",
+                                "REPLACE INTO system (key, value) VALUES ('%q', '%q'), "
+                                "('%q', '%q')",
+                                "system.a", "pw", "system.b", "pw and more"),
+              0);
+    EXPECT_EQ(db_command_secret("", fmt, "system", "empty", ""), 0);
+    EXPECT_EQ(db_command_secret("x", "INSERT INTO nosuchtable (key) VALUES ('%q')", "x"), -2);
+    EXPECT_EQ(since(n),
+              (std::vector<std::string>{
+                  "db_command: 'REPLACE INTO system (key, value) VALUES ('system.password', "
+                  "'********')'",
+                  "db_command: 'REPLACE INTO system (key, value) VALUES ('system.a', "
+                  "'********'), ('system.b', 'pw and more')'",
+                  "db_command: 'REPLACE INTO system (key, value) VALUES ('system.empty', "
+                  "'********')'",
+                  "db_command: 'INSERT INTO nosuchtable (key) VALUES ('********')'",
+                  "db_command: 'INSERT INTO nosuchta...' failed with errmsg = 'no such table: "
+                  "nosuchtable'",
+              }));
+    EXPECT_EQ(value_of(file(), "system.password"), "it's s3cret");
+    EXPECT_EQ(value_of(file(), "system.a"), "pw");
+    EXPECT_EQ(value_of(file(), "system.b"), "pw and more");
+    EXPECT_EQ(value_of(file(), "system.empty"), "");
+    for (auto &line : log())
+        EXPECT_EQ(line.find("s3cret"), std::string::npos) << line;
 }

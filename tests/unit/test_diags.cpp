@@ -4,8 +4,11 @@
 #include "agent_fixture.h"
 #include "auth.h"
 #include "diags.h"
+#include "lsql.h"
 #include "utils.h"
 
+#include <algorithm>
+#include <filesystem>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -106,6 +109,7 @@ TEST_F(DiagsTest, InitRegistersTheCommand)
 
 TEST_F(DiagsTest, CollectsCompressesAndUploadsTheArchive)
 {
+    ASSERT_EQ(platform_set_system("password", "it's-s3cret"), 0);
     get_diags("dg-1");
     auto r = result_of("dg-1");
     EXPECT_EQ(r.first, 0);
@@ -119,7 +123,8 @@ TEST_F(DiagsTest, CollectsCompressesAndUploadsTheArchive)
     EXPECT_NE(gen[0].find("/tmp/platform-tech-support.txt"), std::string::npos);
     EXPECT_TRUE(logged(dump_line));
     EXPECT_TRUE(logged(gzip_line));
-    EXPECT_TRUE(file_exists(root.at("/tmp/diagnostics.tar.gz")));
+    // Nothing of it stays behind once it went up.
+    EXPECT_FALSE(file_exists(root.at("/tmp/diagnostics.tar.gz")));
     EXPECT_FALSE(file_exists(root.at("/tmp/diagnostics.tar")));
 
     // One POST to the base URL, "/api" and the href, as a form part "file".
@@ -160,17 +165,71 @@ TEST_F(DiagsTest, CollectsCompressesAndUploadsTheArchive)
     Json kept = archives();
     ASSERT_EQ(json_array_size(kept.get()), 1u);
     EXPECT_EQ(json_str(json_array_get(kept.get(), 0), "path"), "/api/diags/upload");
-    EXPECT_EQ(json_integer_value(json_object_get(json_array_get(kept.get(), 0), "size")),
-              file_size(root.at("/tmp/diagnostics.tar.gz")));
     std::string dir = unpack(archive(1), "dg-1");
+    EXPECT_EQ(json_integer_value(json_object_get(json_array_get(kept.get(), 0), "size")),
+              file_size(dir + ".tar.gz"));
     EXPECT_EQ(read_file(dir + "/platform-tech-support.txt").rfind("Switch support data\n", 0), 0u);
     std::string log = read_file(dir + "/logs/rw/orkad.log");
     EXPECT_NE(log.find("log_debug: uptime "), std::string::npos);
     EXPECT_NE(log.find("log_debug: /rw/orkad "), std::string::npos);
     std::string sql = read_file(dir + "/settings.sql");
     EXPECT_NE(sql.find("CREATE TABLE"), std::string::npos);
-    EXPECT_NE(sql.find("cloud-controller"), std::string::npos);
+    EXPECT_NE(
+        sql.find("INSERT INTO system VALUES('system.cloud-controller','" + lab->base_url + "');"),
+        std::string::npos);
+    // The password is the one setting the dump does not carry; the device
+    // keeps it, and the logs in the archive never had it.
+    EXPECT_NE(sql.find("INSERT INTO system VALUES('system.password','********');"),
+              std::string::npos);
+    EXPECT_EQ(sql.find("s3cret"), std::string::npos);
+    EXPECT_EQ(log.find("s3cret"), std::string::npos);
+    EXPECT_EQ(setting("password"), "it's-s3cret");
+    EXPECT_FALSE(file_exists(dir + "/settings.db"));
+    EXPECT_FALSE(file_exists(dir + "/settings.err"));
     EXPECT_EQ(read_file(dir + "/version"), read_file(root.at("/etc/version")));
+}
+
+TEST_F(DiagsTest, TheDumpWorksInAPrivateFolderAndLeavesOnlyItsTar)
+{
+    // mktemp is watched on its way through; a folder at the name the dump
+    // once used (its own pid) belongs to somebody else.
+    std::string bin = root.at("/watch");
+    std::filesystem::create_directories(bin);
+    write_file(bin + "/mktemp", "#!/bin/sh\necho \"$@\" >> \"$ORKAD_ROOT/mktemp.args\"\n"
+                                "PATH=\"${PATH#*:}\" exec mktemp \"$@\"\n");
+    chmod((bin + "/mktemp").c_str(), 0755);
+    std::string tmp = root.at("/tmp");
+    auto listing = [&] {
+        std::vector<std::string> names;
+        for (auto &e : std::filesystem::directory_iterator(tmp))
+            names.push_back(e.path().filename().string());
+        std::sort(names.begin(), names.end());
+        return names;
+    };
+    auto before = listing();
+    std::string cmd = "PATH='" + bin + "':\"$PATH\" sh -c 'mkdir -p \"" + tmp +
+                      "/diagnostics.$$/theirs\" && exec \"" +
+                      root.at("/usr/sbin/varnex-diagnostic-dump") + "\"'";
+    ASSERT_EQ(system(cmd.c_str()), 0);
+
+    EXPECT_EQ(read_file(root.at("/mktemp.args")), "-d " + tmp + "/diagnostics.XXXXXX\n");
+    auto after = listing();
+    std::vector<std::string> added;
+    for (auto &name : after)
+        if (std::find(before.begin(), before.end(), name) == before.end())
+            added.push_back(name);
+    // The pre-made folder is still there, untouched, and the dump's own
+    // folder is gone.
+    ASSERT_EQ(added.size(), 2u);
+    std::sort(added.begin(), added.end(), [](const std::string &a, const std::string &b) {
+        return (a == "diagnostics.tar") > (b == "diagnostics.tar");
+    });
+    EXPECT_EQ(added[0], "diagnostics.tar");
+    EXPECT_EQ(added[1].rfind("diagnostics.", 0), 0u);
+    EXPECT_TRUE(file_exists(tmp + "/" + added[1] + "/theirs"));
+    struct stat st;
+    ASSERT_EQ(stat((tmp + "/diagnostics.tar").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 
 TEST_F(DiagsTest, AnOldArchiveIsRemovedFirst)
@@ -237,6 +296,10 @@ TEST_F(DiagsTest, AGzipFailureIsReportedWithoutAnUpload)
     EXPECT_FALSE(logged("http_upload_file_multipart: uploading '/tmp/diagnostics.tar.gz' to '" +
                         lab->base_url + "/api/diags/upload'"));
     EXPECT_EQ(count({{"path", "/api/diags/upload"}}), 0u);
+    // The tar gzip could not take is not left lying about.
+    EXPECT_TRUE(logged(dump_line));
+    EXPECT_FALSE(file_exists(root.at("/tmp/diagnostics.tar")));
+    EXPECT_FALSE(file_exists(root.at("/tmp/diagnostics.tar.gz")));
 }
 
 TEST_F(DiagsTest, ADumpScriptThatFailsOrLeavesNoTar)
@@ -277,6 +340,17 @@ TEST_F(DiagsTest, AFailedUploadIsReported)
     // Once: no retry and the token stays.
     EXPECT_EQ(count({{"path", "/api/diags/upload"}}), 1u);
     EXPECT_EQ(count({{"kind", "token"}}), 1u);
+    EXPECT_FALSE(file_exists(root.at("/tmp/diagnostics.tar.gz")));
+}
+
+TEST_F(DiagsTest, AnArchiveTheControllerRefusesIsRemovedToo)
+{
+    lab->script(R"({"path":"/api/diags/upload","status":500})");
+    get_diags("dg-1");
+    // A refusal is still a finished upload: the archive went up.
+    EXPECT_EQ(result_of("dg-1").first, 0);
+    EXPECT_EQ(count({{"path", "/api/diags/upload"}}), 1u);
+    EXPECT_FALSE(file_exists(root.at("/tmp/diagnostics.tar.gz")));
 }
 
 TEST_F(DiagsTest, TwoAtOnceRunOneAfterTheOther)

@@ -369,6 +369,31 @@ TEST_F(HeartbeatTest, MatchingCountRunsTheCommandsInOrder)
     EXPECT_EQ(count({{"path", "/api/y2"}}), 1u);
 }
 
+TEST_F(HeartbeatTest, LogsShowAMarkerForThePassword)
+{
+    use_lab();
+    heartbeat_setup();
+    lab->queue_command(
+        R"({"action":"set","context":"system","id":"p1","params":{"location":"bench",)"
+        R"("password":"n0t-2-b-seen"}})");
+    ASSERT_EQ(heartbeat_pulse(), 0);
+    std::string reply = at(lab->requests({{"kind", "heartbeat"}}), 0, "reply");
+    auto secret = reply.find("n0t-2-b-seen");
+    ASSERT_NE(secret, std::string::npos);
+    std::string masked = reply.replace(secret, strlen("n0t-2-b-seen"), "********");
+    EXPECT_TRUE(logged("reply = '" + masked + "'"));
+    auto cmds = log_messages(root.at("/rw/command.log"));
+    EXPECT_NE(std::find(cmds.begin(), cmds.end(), "commands = '" + masked + "'"), cmds.end());
+    auto http = log_messages(root.at("/rw/http.log"));
+    EXPECT_TRUE(std::any_of(http.begin(), http.end(), [&](const std::string &l) {
+        return l.size() > masked.size() &&
+               l.compare(l.size() - masked.size() - 11, std::string::npos,
+                         " reply = '" + masked + "'") == 0;
+    }));
+    for (const char *name : {"/rw/orkad.log", "/rw/command.log", "/rw/http.log"})
+        EXPECT_EQ(read_file(root.at(name)).find("n0t-2-b-seen"), std::string::npos) << name;
+}
+
 TEST_F(HeartbeatTest, ReplyChecks)
 {
     use_lab();

@@ -789,8 +789,9 @@ TEST_F(IcosTest, PasswordTakesAtMost64Characters)
                      R"(","password":")" + std::string(64, 'p') + R"(","result":0})"}));
     faults(R"([{"call":"rpcclt_openapiUserSet","result":-26,"count":1}])");
     EXPECT_EQ(icos_set_password("admin", "secret"), -1);
+    // The password stays out of the log.
     EXPECT_TRUE(logged(
-        "icos_set_password: failed to set user/password for 'admin'/'secret' (result = -26)"));
+        "icos_set_password: failed to set user/password for 'admin'/'********' (result = -26)"));
 }
 
 TEST_F(IcosTest, FibreAutonegotiationGoesOnAfterAFailure)

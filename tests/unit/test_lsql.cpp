@@ -198,6 +198,11 @@ TEST_F(LsqlTest, PasswordGoesToTheSwitchAndIsSaved)
     EXPECT_EQ(journal_text(0, "userName"), "admin");
     EXPECT_EQ(journal_text(0, "password"), "n3w-secret");
     EXPECT_EQ(rows(), (std::map<std::string, std::string>{{"system.password", "n3w-secret"}}));
+    // The statement is logged with a marker in place of the password.
+    EXPECT_EQ(log().back(), "db_command: 'REPLACE INTO system (key, value) VALUES "
+                            "('system.password', '********')'");
+    for (auto &line : log())
+        EXPECT_EQ(line.find("n3w-secret"), std::string::npos) << line;
 }
 
 TEST_F(LsqlTest, RefusedPasswordIsStillRecorded)
@@ -207,6 +212,15 @@ TEST_F(LsqlTest, RefusedPasswordIsStillRecorded)
     // No save after a refused change.
     EXPECT_EQ(journal_calls(), std::vector<std::string>{"rpcclt_openapiUserSet"});
     EXPECT_EQ(rows()["system.password"], "refused");
+    auto lines = log();
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(std::vector<std::string>(lines.end() - 2, lines.end()),
+              (std::vector<std::string>{
+                  "icos_set_password: failed to set user/password for 'admin'/'********' "
+                  "(result = -1)",
+                  "db_command: 'REPLACE INTO system (key, value) VALUES ('system.password', "
+                  "'********')'",
+              }));
 }
 
 TEST_F(LsqlTest, OtherSystemPropertiesStayOffTheSwitch)

@@ -222,6 +222,23 @@ TEST_F(SystemTest, StoreFailureIsLoggedWithNameAndValue)
     EXPECT_EQ(setting("ok"), "y");
 }
 
+TEST_F(SystemTest, StoreFailureOfThePasswordLogsTheMarker)
+{
+    ASSERT_EQ(db_command("CREATE TRIGGER refuse BEFORE INSERT ON system WHEN "
+                         "NEW.key = 'system.password' BEGIN SELECT RAISE(ABORT, 'no'); END"),
+              0);
+    write_file(root.at("/var/switch/faults.json"),
+               R"([{"call":"rpcclt_openapiUserSet","result":-26}])");
+    Result r = set_system(R"({"password":"n0t-2-b-seen"})");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.message, "failed to set properties: password");
+    EXPECT_TRUE(logged("set.system: error (-2) setting 'password' to '********'"));
+    EXPECT_TRUE(logged("icos_set_password: failed to set user/password for 'admin'/'********' "
+                       "(result = -26)"));
+    for (const char *name : {"/rw/orkad.log", "/rw/command.log", "/rw/http.log"})
+        EXPECT_EQ(read_file(root.at(name)).find("n0t-2-b-seen"), std::string::npos) << name;
+}
+
 TEST_F(SystemTest, EnvelopeErrors)
 {
     auto r = run(cmd_set_system, "set.system", R"({"id":"e1","params":"x"})", "e1");

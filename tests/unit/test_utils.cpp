@@ -594,3 +594,54 @@ TEST_F(UtilsTest, DeepestAcceptedTextParsesOnADaemonSizedStack)
     pthread_attr_destroy(&attr);
     EXPECT_TRUE(jb.parsed);
 }
+
+namespace
+{
+
+std::string shown(const std::string &text)
+{
+    loggable_json j(text.data(), text.size());
+    return std::string(j.data(), (size_t)j.length());
+}
+
+} // namespace
+
+TEST(LoggableJson, HidesEveryPasswordValueWhereverItSits)
+{
+    EXPECT_EQ(
+        shown(
+            R"({"totalCount":1,"responseLink":{"href":"/r"},"commandList":[{"action":"set",)"
+            R"("context":"system","id":"s1","params":{"location":"lab","password":"s3cr\"et"}}]})"),
+        R"({"totalCount":1,"responseLink":{"href":"/r"},"commandList":[{"action":"set",)"
+        R"("context":"system","id":"s1","params":{"location":"lab","password":"********"}}]})");
+    // Spaces around the colon, two of them, an escaped name, an empty one.
+    EXPECT_EQ(shown("[{\"password\" :\n \"a\"}, {\"pass\\u0077ord\": \"b\\\\\"}, "
+                    "{\"password\":\"\"}]"),
+              "[{\"password\" :\n \"********\"}, {\"pass\\u0077ord\": \"********\"}, "
+              "{\"password\":\"********\"}]");
+}
+
+TEST(LoggableJson, LeavesEverythingElseAsItCame)
+{
+    const std::string texts[] = {
+        // The word as a value, inside another text, or as part of a name.
+        R"({"name":"password","note":"\"password\":\"x\"","password2":"y","Password":"z"})",
+        // Not a text: nothing the switch would take.
+        R"({"password":5})",
+        "",
+        "not json at all",
+    };
+    for (const auto &t : texts) {
+        loggable_json j(t.data(), t.size());
+        EXPECT_EQ(j.data(), t.data()) << t;
+        EXPECT_EQ(j.length(), (int)t.size()) << t;
+    }
+}
+
+TEST(LoggableJson, AValueCutOffIsHiddenToo)
+{
+    EXPECT_EQ(shown(R"({"a":"b","password":"s3cr)"), R"({"a":"b","password":"********)");
+    // A name cut off before its value shows what there is.
+    EXPECT_EQ(shown(R"({"password")"), R"({"password")");
+    EXPECT_EQ(shown(R"({"password":)"), R"({"password":)");
+}

@@ -7,14 +7,12 @@ faults injected at random while commands and syslog lines keep coming.
 What must hold however the faults fall:
 - every command is answered exactly once with the answer its handler gives;
   an answer is lost only where the daemon is built to give up on it: after
-  four failed posts, or when the controller's address could not be read from
-  the settings database (locked by another process) at the moment of answering;
+  four failed posts (a settings database held by another process only
+  delays answers);
 - the working child is never restarted except by the crash-recovery test;
 - open descriptors and private memory of the working child stay flat;
 - every syslog line the daemon took into a batch reaches the controller once
-  the faults are over, except batches it discards by design while the
-  settings database is locked (no controller address: the batch counts as
-  sent).
+  the faults are over.
 """
 
 import json
@@ -239,25 +237,6 @@ class Faults:
 def near(windows, t0, t1):
     """Whether [t0, t1] touches one of the (start, end) windows."""
     return any(t0 <= end and t1 >= start for start, end in windows)
-
-
-def lost_to_lock(windows, came_in, later_out):
-    """Whether something that reached the daemon at `came_in` and never came
-    out can have been due to go out while the database was locked. Lines and
-    answers leave in the order they came in (batches in order, commands one
-    at a time), so if something that came in later reached the lab (at
-    `later_out`, the earliest such time) before a lock began, this one had
-    its turn before the lock too."""
-    return any(came_in < end and later_out >= start for start, end in windows)
-
-
-def suffix_min(keys, times):
-    """For each key in order, the earliest of the times of the keys after it."""
-    out, low = {}, float("inf")
-    for k in reversed(keys):
-        out[k] = low
-        low = min(low, times.get(k, float("inf")))
-    return out
 
 
 def response_posts(lab):
@@ -526,15 +505,11 @@ def test_fault_soak(agent, soak_options):
 
     # ---- commands: answered once, as the handler answers -----------------
     posts = response_posts(lab)
-    order = sorted(delivered, key=lambda c: delivered[c]["seq"])
-    first_post = {c: min(r["time"] for r, _ in posts[c]) for c in order if posts.get(c)}
-    later_answer = suffix_min(order, first_post)
     per_kind = {}
     problems = []
     for cid, (kind, expected, queued) in sent_cmds.items():
         k = per_kind.setdefault(kind, {"sent": 0, "answered": 0, "lost_after_4_posts": 0,
-                                       "lost_db_locked": 0, "lost_in_flight": 0,
-                                       "failed_posts": 0})
+                                       "lost_in_flight": 0, "failed_posts": 0})
         k["sent"] += 1
         p = posts.get(cid, [])
         ok = [(r, item) for r, item in p if r["status"] is not None and 200 <= r["status"] < 300]
@@ -561,9 +536,6 @@ def test_fault_soak(agent, soak_options):
         if entry is None:
             problems.append(f"{cid} ({kind}) never delivered")
             continue
-        if not p and lost_to_lock(faults.db_windows, entry["delivered"], later_answer[cid]):
-            k["lost_db_locked"] += 1
-            continue
         # A command list the controller was sending as it went away never
         # reached the daemon: the controller's loss, not the daemon's.
         if not p and near([(s, s + 1.0) for s, _ in faults.gone_windows],
@@ -574,26 +546,16 @@ def test_fault_soak(agent, soak_options):
     strays = [cid for cid in posts if cid not in sent_cmds]
 
     # ---- syslog: every line taken into a batch reaches the lab -----------
-    # A batch posted while the settings database is locked finds no
-    # controller address and is dropped as sent: a line that never arrived is
-    # excused only if its batch can have been the one posted then.
-    def explained(seen):
-        later = suffix_min(sorted(sent_lines), {n: v[1] for n, v in seen.items()})
-        return {n for n in sent_lines if n not in seen
-                and lost_to_lock(faults.db_windows, sent_lines[n], later[n])}
-
     def arrived_all():
         seen = syslog_arrivals(lab)
-        ok = explained(seen)
-        return seen if all(n in seen or n in ok for n in sent_lines) else None
+        return seen if all(n in seen for n in sent_lines) else None
     try:
         seen = wait_until(arrived_all, timeout=60, interval=1.0, what="every syslog line")
     except BaseException:
         seen = syslog_arrivals(lab)
     missing = sorted(n for n in sent_lines if n not in seen)
-    lost_locked = explained(seen)
     not_received = never_received(sent_lines, seen)
-    unexplained = [n for n in missing if n not in lost_locked and n not in not_received]
+    unexplained = [n for n in missing if n not in not_received]
     accepted = accepted_lines(d)
     accepted_lost = [n for n in accepted if n not in seen and n in unexplained]
     # A post the controller took and answered while it went away reaches
@@ -639,8 +601,7 @@ def test_fault_soak(agent, soak_options):
                              "last_quarter_min": mem_last, "max": max(s[2] for s in samples),
                              "after_recovery": rest and rest[1]},
         "syslog": {"sent": len(sent_lines), "arrived": len(seen), "missing": len(missing),
-                   "missing_db_locked": len(lost_locked),
-                   "missing_never_received": len(not_received - lost_locked),
+                   "missing_never_received": len(not_received),
                    "accepted_in_logs_on_disk": len(accepted), "twice": len(twice_all),
                    "twice_at_outage": len(twice_all) - len(twice)},
         "problems": problems[:20], "strays": strays[:20],

@@ -9,6 +9,7 @@ import time
 import devroot
 from conftest import EMULATOR, wait_until
 from lab_fixtures import netns_lab  # noqa: F401
+from labfixture import command
 
 # One heartbeat a second, and the longest pulse cut to 2 s: a loop that
 # stands still is hung after max(3 x 1 s, 2 s) = 3 s.
@@ -92,6 +93,24 @@ def test_a_blocked_heartbeat_loop_is_replaced_and_leaves_a_core(daemon, netns_la
     elif pattern.startswith("core") and "/" not in pattern and not sanitized:
         cores = [f for f in os.listdir(daemon.workdir) if f.startswith("core")]
         assert cores
+
+
+def test_a_command_that_never_ends_is_replaced(daemon, netns_lab):
+    lab = netns_lab
+    child = start(daemon, lab, env={"ORKAD_TEST_HANG_COMMAND": "1",
+                                    "ORKAD_TEST_LONGEST_COMMAND": "2"})
+    lab.queue_command(command("set", "heartbeat", {"interval": 2000,
+                                                   "serviceLink": {"href": "/heartbeat"}}))
+    daemon.syslog.wait_for("agent restart 1: ", timeout=15)
+    assert supervisor_lines(daemon)[:3] == [
+        " ****  Program hung: command running for 2 seconds, aborting it",
+        " ****  Program killed by signal '6'",
+        " ****  Attempting to restart!",
+    ]
+    # The heartbeat went on meanwhile; only the runner stood still.
+    assert not any("no heartbeat" in m for m in supervisor_lines(daemon))
+    assert lab.results() == []
+    daemon.wait_child(not_pid=child, timeout=START_UP)
 
 
 def test_a_slow_controller_never_trips_it(daemon, netns_lab, pytestconfig):

@@ -5,6 +5,7 @@
 #include "queue.h"
 #include "table.h"
 #include "utils.h"
+#include "watchdog.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -148,12 +149,15 @@ void command_runner(void *, void *, void *)
         if (l == nullptr)
             continue;
         work_t *w = reinterpret_cast<work_t *>(l);
+        // A command may run long, but not for ever: the supervisor watches.
+        watchdog_command_started();
         // Every item here holds a command handler (process_command put it in
         // the work record's fn): it is called with its own argument types.
         for (work_t *p = w; p != nullptr; p = p->next)
             reinterpret_cast<cmd_fn>(p->fn)(static_cast<char *>(p->p1),
                                             static_cast<json_t *>(p->p2),
                                             static_cast<char *>(p->p3));
+        watchdog_command_finished();
         work_free(w);
     }
 }

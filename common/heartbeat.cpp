@@ -12,6 +12,7 @@
 #include "netutils.h"
 #include "signals.h"
 #include "utils.h"
+#include "watchdog.h"
 
 #include <atomic>
 #include <cstdio>
@@ -273,9 +274,14 @@ void heartbeat(void *, void *, void *)
 {
     heartbeat_setup();
     // The period runs from the end of one pulse to the start of the next.
+    // Each turn tells the supervisor the loop still moves (and how long it
+    // will sleep), so a loop stuck for good gets the agent restarted.
     for (;;) {
+        watchdog_heartbeat(interval_now());
         heartbeat_pulse();
-        heartbeat_sleep((unsigned int)interval_now());
+        int seconds = interval_now();
+        watchdog_heartbeat(seconds);
+        heartbeat_sleep((unsigned int)seconds);
     }
 }
 

@@ -25,7 +25,7 @@ queue_t *free_replies;
 namespace
 {
 
-constexpr long HTTP_TIMEOUT = 30;
+constexpr long HTTP_TIMEOUT = HTTP_TIMEOUT_SECONDS;
 constexpr int DOWNLOAD_ATTEMPTS = 3;
 constexpr int STATUS_BODY_SIZE = 512;
 constexpr int STATUS_URL_SIZE = 256;

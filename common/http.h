@@ -6,6 +6,8 @@
 
 #define REPLY_POOL_SIZE 32
 #define REPLY_BUFFER_SIZE 1500
+// The ceiling of one GET, POST or PUT, connecting included.
+#define HTTP_TIMEOUT_SECONDS 30
 
 typedef struct reply {
     link_t link;

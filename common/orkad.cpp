@@ -21,6 +21,7 @@
 #include "stats.h"
 #include "system.h"
 #include "utils.h"
+#include "watchdog.h"
 #include "work.h"
 
 #include <cerrno>
@@ -29,6 +30,7 @@
 #include <cstring>
 #include <curl/curl.h>
 #include <getopt.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -237,17 +239,28 @@ void radio_monitor(void *, void *, void *) {}
 
 int supervise(void)
 {
+    watchdog_init();
+    // SIGCHLD is taken by the watchdog's timed wait, never delivered.
+    sigset_t chld, before;
+    sigemptyset(&chld);
+    sigaddset(&chld, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &chld, &before);
     for (;;) {
+        watchdog_reset();
         pid_t pid = fork();
         if (pid < 0) {
             dev_syslog(LOG_CRIT, "Failed to create child process (%s)", strerror(errno));
             exit(51);
         }
-        if (pid == 0)
+        if (pid == 0) {
+            sigprocmask(SIG_SETMASK, &before, nullptr);
+            watchdog_child();
             return 0;
+        }
+        watchdog_ready();
 
         int status;
-        if (wait(&status) < 0) {
+        if (watchdog_wait(pid, &status) < 0) {
             dev_syslog(LOG_CRIT, "Cannot get child process status (%s)", strerror(errno));
             exit(52);
         }

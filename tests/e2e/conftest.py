@@ -113,8 +113,8 @@ class Daemon:
     def path(self, device_path):
         return os.path.join(self.root, device_path.lstrip("/"))
 
-    def start(self, *args, cores=False):
-        env = dict(os.environ)
+    def start(self, *args, cores=False, env=None):
+        env = dict(os.environ, **(env or {}))
         env["ORKAD_ROOT"] = self.root
         argv = [*EMULATOR, BIN, *args]
         if self.netns is not None:
@@ -264,6 +264,12 @@ def daemon(device_root, tmp_path, netns):
     d = Daemon(device_root, str(tmp_path), netns)
     yield d
     d.stop()
+
+
+def pytest_addoption(parser):
+    parser.addoption("--slow-minutes", type=float, default=0,
+                     help="run the slow-controller watchdog test for this many minutes "
+                     "(default: a few pulses at the worst delay)")
 
 
 def pytest_configure(config):

@@ -110,7 +110,13 @@ def test_install_boot_component(tmp_path):
     unit = (tmp_path / "rootfs/lib/systemd/system/orkad.service").read_text().splitlines()
     # Started once; the supervisor does the restarting.
     assert "ExecStart=/usr/sbin/orkad $ORKAD_OPTS" in unit
-    assert "Restart=no" in unit
+    # The supervisor tells systemd it is up and feeds its watchdog; systemd
+    # restarts the unit only when that watchdog fired.
+    assert "Type=notify" in unit
+    assert "NotifyAccess=main" in unit
+    assert "WatchdogSec=60" in unit
+    assert "Restart=on-watchdog" in unit
+    assert not any(line.startswith("Type=simple") or line == "Restart=no" for line in unit)
     assert "KillMode=control-group" in unit
     assert "EnvironmentFile=-/etc/default/orkad" in unit
     init = (tmp_path / "rootfs/etc/init.d/orkad").read_text()

@@ -2,8 +2,10 @@
 #include "log.h"
 #include "orkad.h"
 #include "testkit.h"
+#include "watchdog.h"
 
 #include <atomic>
+#include <chrono>
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -121,6 +123,160 @@ TEST_F(OrkadTest, SupervisorRestartsWhateverTheChildDid)
         "child restarts=3",
     };
     EXPECT_EQ(got, want);
+}
+
+// A supervisor in a process group of its own; each child it starts runs
+// child(restarts) after logging "child restarts=N".
+pid_t start_supervisor(void (*child)(int),
+                       const std::vector<std::pair<const char *, std::string>> &env)
+{
+    pid_t supervisor = fork();
+    if (supervisor != 0)
+        return supervisor;
+    setpgid(0, 0);
+    no_core();
+    for (const auto &[name, value] : env)
+        setenv(name, value.c_str(), 1);
+    supervise();
+    dev_syslog(LOG_INFO, "child restarts=%d", restarts);
+    child(restarts);
+    for (;;)
+        pause();
+}
+
+void stop_supervisor(pid_t supervisor)
+{
+    kill(-supervisor, SIGKILL);
+    waitpid(supervisor, nullptr, 0);
+}
+
+// The next n syslog messages.
+std::vector<std::string> messages(SyslogSink &sink, size_t n, int timeout_ms = 10000)
+{
+    std::vector<std::string> got;
+    while (got.size() < n) {
+        std::string d = sink.next(timeout_ms);
+        if (d.empty())
+            break;
+        got.push_back(message_of(d));
+    }
+    return got;
+}
+
+TEST_F(OrkadTest, AHeartbeatLoopThatStandsStillIsAbortedAndReplaced)
+{
+    SyslogSink sink(root);
+    pid_t supervisor = start_supervisor(
+        [](int n) {
+            // The first child's loop shows one sign of life and no other.
+            if (n == 0)
+                watchdog_heartbeat(1);
+        },
+        {{"ORKAD_TEST_LONGEST_PULSE", "2"}});
+    auto got = messages(sink, 5);
+    stop_supervisor(supervisor);
+    std::vector<std::string> want = {
+        "child restarts=0",
+        " ****  Program hung: no heartbeat for 3 seconds, aborting it",
+        " ****  Program killed by signal '6'",
+        " ****  Attempting to restart!",
+        "child restarts=1",
+    };
+    EXPECT_EQ(got, want);
+}
+
+TEST_F(OrkadTest, AStoppedChildIsKilledWhenTheAbortCannotEndIt)
+{
+    SyslogSink sink(root);
+    pid_t supervisor = start_supervisor(
+        [](int n) {
+            if (n == 0) {
+                watchdog_heartbeat(1);
+                raise(SIGSTOP);
+            }
+        },
+        {{"ORKAD_TEST_LONGEST_PULSE", "1"}});
+    auto got = messages(sink, 5);
+    stop_supervisor(supervisor);
+    // Three intervals of 1 s outlast the 1-s pulse; the abort stays pending in
+    // the stopped child until SIGKILL, five seconds later.
+    std::vector<std::string> want = {
+        "child restarts=0",
+        " ****  Program hung: no heartbeat for 3 seconds, aborting it",
+        " ****  Program killed by signal '9'",
+        " ****  Attempting to restart!",
+        "child restarts=1",
+    };
+    EXPECT_EQ(got, want);
+}
+
+TEST_F(OrkadTest, ACommandThatNeverEndsIsAbortedAndReplaced)
+{
+    SyslogSink sink(root);
+    pid_t supervisor = start_supervisor(
+        [](int n) {
+            if (n == 0) {
+                // One command runs and ends, the next never does.
+                watchdog_command_started();
+                watchdog_command_finished();
+                watchdog_command_started();
+            }
+        },
+        {{"ORKAD_TEST_LONGEST_COMMAND", "2"}});
+    auto got = messages(sink, 5);
+    stop_supervisor(supervisor);
+    std::vector<std::string> want = {
+        "child restarts=0",
+        " ****  Program hung: command running for 2 seconds, aborting it",
+        " ****  Program killed by signal '6'",
+        " ****  Attempting to restart!",
+        "child restarts=1",
+    };
+    EXPECT_EQ(got, want);
+}
+
+TEST_F(OrkadTest, AChildStillStartingUpOrIdleIsLeftAlone)
+{
+    SyslogSink sink(root);
+    pid_t supervisor = start_supervisor(
+        [](int) {}, {{"ORKAD_TEST_LONGEST_PULSE", "1"}, {"ORKAD_TEST_LONGEST_COMMAND", "1"}});
+    auto got = messages(sink, 2, 4000);
+    stop_supervisor(supervisor);
+    EXPECT_EQ(got, std::vector<std::string>{"child restarts=0"});
+}
+
+TEST_F(OrkadTest, SystemdHearsReadyOnceAndTheWatchdogFedByTheSupervisor)
+{
+    SyslogSink sink(root);
+    std::string name = "@orkad-supervisor-notify-" + std::to_string(getpid());
+    NotifySocket systemd(name);
+    ASSERT_TRUE(systemd.bound());
+    pid_t supervisor = start_supervisor(
+        [](int) {
+            // Only the supervisor speaks to systemd.
+            dev_syslog(LOG_INFO, "child sees NOTIFY_SOCKET=%s WATCHDOG_USEC=%s",
+                       getenv("NOTIFY_SOCKET") ? getenv("NOTIFY_SOCKET") : "(none)",
+                       getenv("WATCHDOG_USEC") ? getenv("WATCHDOG_USEC") : "(none)");
+        },
+        {{"NOTIFY_SOCKET", name}, {"WATCHDOG_USEC", "400000"}});
+    std::string first = sink.wait_for("child restarts=0");
+    ASSERT_FALSE(first.empty());
+    EXPECT_EQ(message_of(sink.next()), "child sees NOTIFY_SOCKET=(none) WATCHDOG_USEC=(none)");
+
+    EXPECT_EQ(systemd.next(), "READY=1");
+    // Every half of the 400-ms watchdog: five feeds in about a second.
+    auto t0 = std::chrono::steady_clock::now();
+    for (int i = 0; i < 5; i++)
+        EXPECT_EQ(systemd.next(), "WATCHDOG=1");
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(1800));
+
+    // A restarted child makes the service no readier: feeds only.
+    pid_t child = std::stoi(first.substr(first.find('[') + 1));
+    kill(child, SIGKILL);
+    EXPECT_FALSE(sink.wait_for("child restarts=1").empty());
+    for (int i = 0; i < 5; i++)
+        EXPECT_EQ(systemd.next(), "WATCHDOG=1");
+    stop_supervisor(supervisor);
 }
 
 TEST_F(OrkadTest, LiveCoredumpLeavesTheCallerRunning)

@@ -3,6 +3,7 @@
 #include "devroot.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <chrono>
 #include <csignal>
 #include <curl/curl.h>
@@ -108,6 +109,38 @@ std::vector<std::string> log_messages(const std::string &path)
         out.push_back(c == std::string::npos ? line : line.substr(c + 1));
     }
     return out;
+}
+
+NotifySocket::NotifySocket(const std::string &address)
+{
+    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_un sa = {};
+    sa.sun_family = AF_UNIX;
+    if (address.empty() || address.size() >= sizeof(sa.sun_path))
+        return;
+    memcpy(sa.sun_path, address.data(), address.size());
+    socklen_t len = (socklen_t)(offsetof(struct sockaddr_un, sun_path) + address.size());
+    if (address[0] == '@')
+        sa.sun_path[0] = '\0';
+    else
+        unlink(address.c_str());
+    bound_ = bind(fd_, (struct sockaddr *)&sa, len) == 0;
+}
+
+NotifySocket::~NotifySocket()
+{
+    if (fd_ >= 0)
+        close(fd_);
+}
+
+std::string NotifySocket::next(int timeout_ms)
+{
+    struct pollfd p = {fd_, POLLIN, 0};
+    if (poll(&p, 1, timeout_ms) != 1)
+        return "";
+    char buf[256];
+    ssize_t n = recv(fd_, buf, sizeof(buf), 0);
+    return n > 0 ? std::string(buf, (size_t)n) : "";
 }
 
 SyslogSink::SyslogSink(const DeviceRoot &root)

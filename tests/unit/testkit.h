@@ -44,6 +44,22 @@ class SyslogSink
     int fd_ = -1;
 };
 
+// A datagram socket bound where systemd listens for a service's notices:
+// a path, or an abstract name written with a leading '@'.
+class NotifySocket
+{
+  public:
+    explicit NotifySocket(const std::string &address);
+    ~NotifySocket();
+    bool bound() const { return bound_; }
+    // The next notice, or "" when none comes within the timeout.
+    std::string next(int timeout_ms = 2000);
+
+  private:
+    int fd_ = -1;
+    bool bound_ = false;
+};
+
 } // namespace testkit
 
 // ---- the lab controller -------------------------------------------------

@@ -78,6 +78,7 @@ int build_body(const struct _logbuf *b, char *body)
     return n;
 }
 
+// The lines a batch holds, for the count of those dropped with it.
 int batch_lines(const struct _logbuf *b)
 {
     int lines = 0;

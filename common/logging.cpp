@@ -35,6 +35,8 @@ struct _logbuf *logbuf;
 int overflow;
 // Counted outside the lock, and read by the sender without it.
 std::atomic<int> oversize{0};
+// Lines of batches the controller refused for good; counted by the sender.
+std::atomic<int> refused{0};
 queue_t *ready_logs_queue;
 
 int ready_count(void)
@@ -74,6 +76,29 @@ int build_body(const struct _logbuf *b, char *body)
     body[n++] = '}';
     body[n] = '\0';
     return n;
+}
+
+// The lines a batch holds, for the count of those dropped with it.
+int batch_lines(const struct _logbuf *b)
+{
+    int lines = 0;
+    for (int pos = 0; pos + 4 <= b->length; lines++) {
+        int len;
+        memcpy(&len, b->buffer + pos, sizeof(len));
+        if (len < 0)
+            break;
+        pos += 4 + len;
+    }
+    return lines;
+}
+
+// A 4xx other than 401 says the controller will never take this batch:
+// sending it again would stop every later line behind it. A refused token
+// (401, already retried by logging_post) and everything else (transport
+// errors, 5xx) may pass, so those batches are kept.
+bool refused_for_good(int err)
+{
+    return err >= 400 && err <= 499 && err != 401;
 }
 
 } // namespace
@@ -209,6 +234,14 @@ void logging_send(void *interval_ptr, void *href_ptr, void *)
                 if (err == 0) {
                     free(b);
                     idle = 1;
+                } else if (refused_for_good(err)) {
+                    int lines = batch_lines(b);
+                    refused.fetch_add(lines, std::memory_order_relaxed);
+                    log_fprint(orkad_log,
+                               "logging_send: batch refused (err = %d), dropped %d lines\n", err,
+                               lines);
+                    free(b);
+                    idle++;
                 } else {
                     log_fprint(orkad_log, "logging_send: post errors (err = %d)\n", err);
                     // Retried first, so the controller still gets them in order.
@@ -280,6 +313,8 @@ void logging_debug(int)
                "%s: logbuf = %p (%d), overflow = %d, oversize = %d, ready-logs-count = %d\n",
                "logging_debug", static_cast<void *>(logbuf), logbuf != nullptr ? logbuf->length : 0,
                overflow, oversize.load(std::memory_order_relaxed), ready_count());
+    log_fprint(dbg_log, "%s: refused = %d\n", "logging_debug",
+               refused.load(std::memory_order_relaxed));
 }
 
 void logging_counts(int *overflow_out, int *oversize_out, int *ready, int *filling)
@@ -293,4 +328,9 @@ void logging_counts(int *overflow_out, int *oversize_out, int *ready, int *filli
         *ready = ready_count();
     if (filling != nullptr)
         *filling = logbuf != nullptr ? logbuf->length : 0;
+}
+
+int logging_refused(void)
+{
+    return refused.load(std::memory_order_relaxed);
 }

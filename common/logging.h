@@ -56,3 +56,5 @@ void logging_debug(int sig);
 // The counters and queue lengths as logging_debug shows them, for tests and
 // measurements. Any pointer may be null.
 void logging_counts(int *overflow, int *oversize, int *ready, int *filling);
+// Lines dropped with the batches the controller refused for good.
+int logging_refused(void);

@@ -210,23 +210,24 @@ def do_syslog(lab, a, out):
 
 
 def do_say(lab, a, out):
+    # The receiver takes datagrams on 127.0.0.1 only: in a fleet the line is
+    # sent from inside the switch's own namespace.
     serial = a.serial
-    host = None
+    note = None
+    devices = lab.call("GET", "/devices")["devices"]
     if serial:
-        for d in lab.call("GET", "/devices")["devices"]:
-            if d["serial"] == serial:
-                host = d["note"].get("syslog_host")
-        if host is None:
+        note = next((d["note"] for d in devices if d["serial"] == serial), None)
+        if note is None:
             raise CtlError(f"the lab does not know where {serial} listens for syslog")
-    elif len(lab.call("GET", "/devices")["devices"]) > 1:
-        d = lab.call("GET", "/devices")["devices"][0]
-        serial, host = d["serial"], d["note"].get("syslog_host")
+    elif len(devices) > 1:
+        serial, note = devices[0]["serial"], devices[0]["note"]
     body = {"lines": [f"<{a.priority}>{' '.join(a.text)}"]}
-    if host:
-        body["host"] = host
+    where = "127.0.0.1"
+    if note and note.get("syslog_netns"):
+        body["netns"] = note["syslog_netns"]
+        where += f" in {note['syslog_netns']}"
     v = lab.call("POST", "/syslog/send", body)
-    print(f"sent a line to {serial or 'the switch'}"
-          f" ({body.get('host', '127.0.0.1')}); {json.dumps(v)}", file=out)
+    print(f"sent a line to {serial or 'the switch'} ({where}); {json.dumps(v)}", file=out)
 
 
 def do_ports(lab, a, out):

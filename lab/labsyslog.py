@@ -5,13 +5,22 @@ the text of an object with "sequence", "logTime" and "message") is split into
 its lines, which are kept in arrival order; the control API serves them, so
 a person or a test can follow the switch's log from the lab. The control API
 can also send syslog datagrams to the daemon's receiver (UDP 46180 on the
-loopback of the namespace the controller runs in), to make the switch "say"
-something.
+loopback of the namespace the controller runs in, or of a switch's own
+namespace in a fleet: the receiver takes datagrams on 127.0.0.1 only), to
+make the switch "say" something.
+
+Run as a program, this module sends the datagrams described by the JSON
+document on its standard input; the controller runs it inside a switch's
+namespace.
 """
 
 import base64
 import json
+import os
+import re
 import socket
+import subprocess
+import sys
 import time
 
 SYSLOG_PORT = 46180
@@ -21,8 +30,9 @@ _DECODER = json.JSONDecoder(strict=False)
 def split_batch(text):
     """The raw texts of the lines of one batch body, or None when the body is
     not a batch. Lines are cut out of the body as they were sent, so what the
-    daemon wrote is kept byte for byte (the daemon does not re-escape what the
-    switch sent, so a line may hold control characters)."""
+    daemon wrote is kept byte for byte. The decoding is lenient (control
+    characters inside strings are taken), so a line from an older daemon
+    that copied them raw is still shown."""
     head = '{"log":['
     if not text.startswith(head) or not text.endswith("]}"):
         return None
@@ -105,24 +115,8 @@ def c_clear_syslog(lab, doc, q):
         return 200, {"cleared": n}
 
 
-def c_send_syslog(lab, doc, q):
-    """Sends datagrams: "lines" (texts), "text" (one text) or "base64" (one
-    datagram of raw bytes), "repeat" times, "pace" seconds apart, to "host"
-    (default 127.0.0.1) and "port" (default 46180)."""
-    if "lines" in doc:
-        if not isinstance(doc["lines"], list) or not all(isinstance(x, str)
-                                                         for x in doc["lines"]):
-            raise ValueError("'lines' is a list of texts")
-        grams = [x.encode() for x in doc["lines"]]
-    elif isinstance(doc.get("text"), str):
-        grams = [doc["text"].encode()]
-    elif isinstance(doc.get("base64"), str):
-        grams = [base64.b64decode(doc["base64"])]
-    else:
-        raise ValueError("give 'lines', 'text' or 'base64'")
-    repeat = int(doc.get("repeat", 1))
-    pace = float(doc.get("pace") or 0)
-    to = (doc.get("host") or "127.0.0.1", int(doc.get("port") or SYSLOG_PORT))
+def _send(grams, to, repeat, pace):
+    """Sends the datagrams; (datagrams sent, bytes sent)."""
     sent = size = 0
     s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     try:
@@ -138,6 +132,54 @@ def c_send_syslog(lab, doc, q):
                     time.sleep(pace)
     finally:
         s.close()
+    return sent, size
+
+
+def _send_in(netns, grams, to, repeat, pace):
+    """_send run inside the network namespace `netns`."""
+    job = {"grams": [base64.b64encode(g).decode() for g in grams], "host": to[0],
+           "port": to[1], "repeat": repeat, "pace": pace}
+    r = subprocess.run(["ip", "netns", "exec", netns, sys.executable, os.path.abspath(__file__)],
+                       input=json.dumps(job), capture_output=True, text=True)
+    if r.returncode != 0:
+        raise ValueError(f"sending in namespace {netns}: {r.stderr.strip()}")
+    return tuple(json.loads(r.stdout))
+
+
+def c_send_syslog(lab, doc, q):
+    """Sends datagrams: "lines" (texts), "text" (one text) or "base64" (one
+    datagram of raw bytes), "repeat" times, "pace" seconds apart, to "host"
+    (default 127.0.0.1) and "port" (default 46180), from the network
+    namespace "netns" when given (default: the controller's own)."""
+    if "lines" in doc:
+        if not isinstance(doc["lines"], list) or not all(isinstance(x, str)
+                                                         for x in doc["lines"]):
+            raise ValueError("'lines' is a list of texts")
+        grams = [x.encode() for x in doc["lines"]]
+    elif isinstance(doc.get("text"), str):
+        grams = [doc["text"].encode()]
+    elif isinstance(doc.get("base64"), str):
+        grams = [base64.b64decode(doc["base64"])]
+    else:
+        raise ValueError("give 'lines', 'text' or 'base64'")
+    repeat = int(doc.get("repeat", 1))
+    pace = float(doc.get("pace") or 0)
+    to = (doc.get("host") or "127.0.0.1", int(doc.get("port") or SYSLOG_PORT))
+    netns = doc.get("netns")
+    if netns is None:
+        sent, size = _send(grams, to, repeat, pace)
+    elif isinstance(netns, str) and re.fullmatch(r"[A-Za-z0-9_.-]+", netns):
+        sent, size = _send_in(netns, grams, to, repeat, pace)
+    else:
+        raise ValueError("'netns' is the name of a network namespace")
     return 200, {"sent": sent, "bytes": size}
 
 
+if __name__ == "__main__":
+    job = json.load(sys.stdin)
+    try:
+        print(json.dumps(_send([base64.b64decode(g) for g in job["grams"]],
+                               (job["host"], job["port"]), job["repeat"], job["pace"])))
+    except ValueError as e:
+        print(e, file=sys.stderr)
+        sys.exit(1)

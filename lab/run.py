@@ -128,14 +128,17 @@ class ControlRelay:
 class Device:
     """One switch of the lab: its device root, namespace and daemon."""
 
-    def __init__(self, n, root, workdir, ns_prefix, address, syslog_host):
+    def __init__(self, n, root, workdir, ns_prefix, address, syslog_netns):
         self.n = n
         self.name = f"sw{n}"
         self.root = root
         self.workdir = workdir
         self.ns_prefix = ns_prefix
         self.address = address
-        self.syslog_host = syslog_host
+        # Where the lab sends the switch's syslog from (its receiver takes
+        # 127.0.0.1 only): the switch's own namespace in a fleet, None when
+        # the controller shares the daemon's.
+        self.syslog_netns = syslog_netns
         self.syslog_path = os.path.join(workdir, "syslog.txt")
         self.syslog = None
         self.daemon = None
@@ -145,7 +148,7 @@ class Device:
     def note(self):
         ports = self.model["ports"] if self.model else []
         return {"name": self.name, "root": self.root, "address": self.address,
-                "syslog_host": self.syslog_host,
+                "syslog_netns": self.syslog_netns,
                 "model": self.model["system"]["machine_model"] if self.model else None,
                 "ports": len(ports), "mac": self.model["system"]["mac_address"]
                 if self.model else None,
@@ -295,7 +298,7 @@ def main(argv=None):
                   "daemon waits up to two minutes for an address on eth0 if this machine has "
                   "none", file=sys.stderr)
         d = Device(1, root, workdir, ns.prefix() if ns else [],
-                   ns.address.split("/")[0] if ns else "127.0.0.1", "127.0.0.1")
+                   ns.address.split("/")[0] if ns else "127.0.0.1", None)
         d.serial = devroot.read_bootenv(root).get("serial#")
         with open(os.path.join(root, "var", "switch", "model.json")) as f:
             d.model = json.load(f)
@@ -316,7 +319,7 @@ def main(argv=None):
             fleet.write_model(root, model)
             nsname = hub.add_switch(n)
             d = Device(n, root, os.path.join(workdir, f"sw{n}"), hub.prefix(n),
-                       fleet.address_of(n), fleet.address_of(n))
+                       fleet.address_of(n), nsname)
             d.model, d.serial = model, env["serial#"]
             assert nsname == d.ns_prefix[-1]
             devices.append(d)

@@ -261,6 +261,92 @@ bool platform_logging_filter(const char *, int)
     return true;
 }
 
+namespace
+{
+
+// Bytes of a well-formed UTF-8 sequence at p (at most n bytes there), or 0
+// when the byte at p starts none: a stray continuation byte, an overlong
+// form, a surrogate, a code point above U+10FFFF or a sequence cut short.
+int utf8_sequence(const unsigned char *p, int n)
+{
+    unsigned char c = p[0];
+    if (c < 0x80)
+        return 1;
+    int len;
+    unsigned char lo = 0x80;
+    unsigned char hi = 0xbf;
+    if (c >= 0xc2 && c <= 0xdf) {
+        len = 2;
+    } else if (c >= 0xe0 && c <= 0xef) {
+        len = 3;
+        if (c == 0xe0)
+            lo = 0xa0; // overlong below U+0800
+        else if (c == 0xed)
+            hi = 0x9f; // surrogates
+    } else if (c >= 0xf0 && c <= 0xf4) {
+        len = 4;
+        if (c == 0xf0)
+            lo = 0x90; // overlong below U+10000
+        else if (c == 0xf4)
+            hi = 0x8f; // above U+10FFFF
+    } else {
+        return 0;
+    }
+    if (n < len || p[1] < lo || p[1] > hi)
+        return 0;
+    for (int i = 2; i < len; i++)
+        if (p[i] < 0x80 || p[i] > 0xbf)
+            return 0;
+    return len;
+}
+
+const char replacement[] = "\xef\xbf\xbd"; // U+FFFD
+
+// "<priority>" and the switch's text from `from`, into message (room for
+// the worst case: every byte replaced). The text ends at a NUL or at the
+// datagram's end; carriage returns and line feeds are dropped; at most
+// PLATFORM_SYSLOG_TEXT bytes of it are taken, never half a character; each
+// byte that is not part of well-formed UTF-8 becomes U+FFFD. Returns the
+// message's length.
+int syslog_message(const char *text, int from, int n, int priority, char *message)
+{
+    int j = snprintf(message, 16, "<%d>", priority);
+    const unsigned char *u = reinterpret_cast<const unsigned char *>(text);
+    int taken = 0;
+    for (int i = from; i < n && text[i] != '\0';) {
+        if (text[i] == '\r' || text[i] == '\n') {
+            i++;
+            continue;
+        }
+        int len = utf8_sequence(u + i, n - i);
+        if (taken + (len > 0 ? len : 1) > PLATFORM_SYSLOG_TEXT)
+            break;
+        if (len == 0) {
+            memcpy(message + j, replacement, 3);
+            j += 3;
+            taken++;
+            i++;
+        } else {
+            memcpy(message + j, text + i, len);
+            j += len;
+            taken += len;
+            i += len;
+        }
+    }
+    return j;
+}
+
+constexpr size_t SYSLOG_JSON_FLAGS = JSON_COMPACT | JSON_PRESERVE_ORDER;
+
+// The longest event a datagram can give: each byte of the text as a control
+// character (\u00XX in the line, a backslash more in the event), the line's
+// own frame with its quotes escaped, the widest numbers and time, the event
+// frame.
+constexpr int SYSLOG_EVENT_WORST = 7 * PLATFORM_SYSLOG_TEXT + 2 * (64 + 64 + 20 + 11 + 2) + 64;
+static_assert(PLATFORM_SYSLOG_EVENT > SYSLOG_EVENT_WORST, "a syslog event could be cut");
+
+} // namespace
+
 int platform_syslog_event(const char *dgram, int n, time_t now, unsigned long long sequence,
                           char *event, int size)
 {
@@ -294,30 +380,31 @@ int platform_syslog_event(const char *dgram, int n, time_t now, unsigned long lo
     char log_time[64];
     strftime(log_time, sizeof(log_time), "%FT%T%z", &stamp);
 
-    // The text sits inside a JSON string inside a JSON string: a quote needs
-    // three backslashes. Nothing else is escaped.
-    char message[PLATFORM_SYSLOG_MESSAGE];
-    int j = 0;
-    for (int i = offset; i < n && text[i] != '\0' && j <= 1022; i++) {
-        char c = text[i];
-        if (c == '\r' || c == '\n')
-            continue;
-        if (c == '"') {
-            memcpy(message + j, "\\\\\\\"", 4);
-            j += 4;
-        } else {
-            message[j++] = c;
-        }
-    }
-    message[j] = '\0';
+    char message[16 + 3 * PLATFORM_SYSLOG_TEXT];
+    int mlen = syslog_message(text, offset, n, priority, message);
 
-    int len = snprintf(event, size,
-                       "{\"event\":\"syslog\",\"params\":\"{\\\"sequence\\\":%llu,\\\"logTime\\\":"
-                       "\\\"%s\\\",\\\"message\\\":\\\"<%d>%s\\\"}\"}",
-                       sequence, log_time, priority, message);
-    if (len >= size)
-        len = size - 1;
-    return len;
+    // The line is the text of a JSON object carried as a JSON string: it is
+    // decoded twice on its way (by our listener, then by the controller), so
+    // jansson escapes it twice and the controller reads the switch's text
+    // whatever quotes, backslashes or control characters it holds.
+    json_ptr line(json_object());
+    if (line == nullptr ||
+        json_object_set_new(line.get(), "sequence", json_integer((json_int_t)sequence)) != 0 ||
+        json_object_set_new(line.get(), "logTime", json_string(log_time)) != 0 ||
+        json_object_set_new(line.get(), "message", json_stringn(message, mlen)) != 0)
+        return -1;
+    malloc_ptr<char> params(json_dumps(line.get(), SYSLOG_JSON_FLAGS));
+    if (params == nullptr)
+        return -1;
+    json_ptr ev(json_object());
+    if (ev == nullptr || json_object_set_new(ev.get(), "event", json_string("syslog")) != 0 ||
+        json_object_set_new(ev.get(), "params", json_string(params.get())) != 0)
+        return -1;
+    size_t len = json_dumpb(ev.get(), event, size, SYSLOG_JSON_FLAGS);
+    if (len == 0 || len >= (size_t)size)
+        return -1;
+    event[len] = '\0';
+    return (int)len;
 }
 
 int platform_syslog_pump(void)
@@ -330,7 +417,8 @@ int platform_syslog_pump(void)
     }
     struct sockaddr_in addr = {};
     addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_ANY);
+    // The switch sends from and to the loopback; nothing else may add lines.
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     addr.sin_port = htons(static_cast<uint16_t>(platform_syslog_port));
     if (bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) < 0) {
         int err = errno;
@@ -355,6 +443,10 @@ int platform_syslog_pump(void)
         }
         int len =
             platform_syslog_event(buf, static_cast<int>(n), now, ++sequence, event, sizeof(event));
+        if (len < 0) {
+            log_fprint(orkad_log, "%s: cannot build event %llu\n", __func__, sequence);
+            continue;
+        }
         listener_internal_send(LOGGING_SOCKET, event, len);
     }
 }

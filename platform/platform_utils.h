@@ -8,11 +8,13 @@
 
 // The switch sends its syslog to this local UDP port once we ask it to.
 #define PLATFORM_SYSLOG_PORT 46180
-// The receiver reads datagrams of at most 1024 bytes and builds events of at
-// most 1024 bytes; a message text may reach 1026 characters.
+// The receiver reads datagrams of at most 1024 bytes and takes at most 1023
+// bytes of a datagram's text. Escaped twice, a text of control characters
+// grows sevenfold: the event buffer holds the longest event there can be,
+// so no event is ever cut.
 #define PLATFORM_SYSLOG_DATAGRAM 1024
-#define PLATFORM_SYSLOG_EVENT 1024
-#define PLATFORM_SYSLOG_MESSAGE 1027
+#define PLATFORM_SYSLOG_TEXT 1023
+#define PLATFORM_SYSLOG_EVENT 8192
 
 extern const char *const firmware_image[2];
 // The management interface; phone-home may point it at another one.
@@ -62,7 +64,8 @@ void platform_syslog_reader(void *p1, void *p2, void *p3);
 // returns -1 only when the socket fails.
 int platform_syslog_pump(void);
 // The "syslog" event for one datagram of n bytes received at `now`, into
-// event (size bytes, cut to fit); returns its length.
+// event (size bytes, NUL-terminated); returns its length, or -1 when it does
+// not fit (PLATFORM_SYSLOG_EVENT bytes always do) or memory ran out.
 int platform_syslog_event(const char *dgram, int n, time_t now, unsigned long long sequence,
                           char *event, int size);
 

@@ -198,8 +198,8 @@ function showSyslog() {
 async function sendSyslog(ev) {
   ev.preventDefault();
   const text = $("#syslog-text").value || "hello from the switch";
-  const host = device().note.syslog_host;
-  await api("POST", "/syslog/send", {lines: [`<13>${text}`], ...(host ? {host} : {})});
+  const netns = device().note.syslog_netns;
+  await api("POST", "/syslog/send", {lines: [`<13>${text}`], ...(netns ? {netns} : {})});
 }
 
 // ---- commands and results --------------------------------------------------

@@ -128,7 +128,8 @@ def test_say_and_syslog(runner):
     serial = runner.device(2)["serial"]
     runner.ctl("send", "set.logging", "--serial", serial, "--wait", "30")
     r = runner.ctl("say", "--serial", serial, "hello", "from", "ctl")
-    assert r.stdout.startswith(f"sent a line to {serial} ({runner.device(2)['address']})")
+    ns = runner.device(2)["syslog_netns"]
+    assert r.stdout.startswith(f"sent a line to {serial} (127.0.0.1 in {ns})")
     wait_until(lambda: runner.lab.call("GET", "/syslog", query={"contains": "hello from ctl"})
                ["lines"], timeout=20, what="the line forwarded")
     out = runner.ctl("syslog", "--contains", "hello from ctl").stdout

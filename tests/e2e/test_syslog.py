@@ -123,50 +123,54 @@ def test_lines_arrive_in_order_with_exact_texts(switch):
         '<14>Nov 21 10:11:13 sw1 app: say "hi"',            # 2
         "<13>Nov 21 10:11:14 sw1 app: C:\\temp",            # 3
         "<13>Nov 21 10:11:15 sw1 app: one\r\ntwo\n",        # 4
-        "<13>Nov 21 10:11:16 sw1 app: stray \\q",           # 5: cannot be decoded
+        "<13>Nov 21 10:11:16 sw1 app: stray \\q",           # 5
         "plain words",                                      # 6: no head
     ])
     send(lab, base64=base64.b64encode(b"<13>bin\x01\xff\xfe").decode())   # 7
-    send(lab, text="<13>" + "x" * 65000)                                 # 8: cut to 1024
+    send(lab, text="<13>" + "x" * 65000)                                 # 8: oversize
     send(lab, text="<11>Nov  2 03:04:05 sw1 app: last of the lab")       # 9
     sw.netns.run(["logger", "--rfc3164", "-n", "127.0.0.1", "-P", "46180", "-d",
                   "-t", "e2e", "logger says hi"])                        # 10
 
-    lines = syslog_lines(lab, 7)
-    assert [ln["sequence"] for ln in lines] == [1, 2, 3, 4, 6, 9, 10]
-    assert [ln["n"] for ln in lines] == list(range(1, 8))
+    lines = syslog_lines(lab, 9)
+    assert [ln["sequence"] for ln in lines] == [1, 2, 3, 4, 5, 6, 7, 9, 10]
+    assert [ln["n"] for ln in lines] == list(range(1, 10))
     assert all(ln["path"] == "/api/syslog" for ln in lines)
     year = datetime.date.today().year
     offset = time.strftime("%z")
     assert lines[0]["text"] == (
         '{"sequence":1,"logTime":"%d-11-21T10:11:12%s",'
         '"message":"<13>Nov 21 10:11:12 sw1 app: first line"}' % (year, offset))
-    # The quote arrives escaped once more than it left the switch, so the
-    # line still decodes to the switch's text.
+    # The quote and the backslashes arrive escaped in the line, so the line
+    # decodes to the switch's text.
     assert lines[1]["text"].endswith('"message":"<14>Nov 21 10:11:13 sw1 app: say \\"hi\\""}')
     assert lines[1]["message"] == '<14>Nov 21 10:11:13 sw1 app: say "hi"'
-    # A backslash is passed on as it is, so the listener's decoding takes it
-    # as the escape of the letter after it: here "\t", a tab.
-    assert lines[2]["text"].endswith('"message":"<13>Nov 21 10:11:14 sw1 app: C:\temp"}')
-    assert lines[2]["message"] == "<13>Nov 21 10:11:14 sw1 app: C:\temp"
-    assert "\t" in lines[2]["message"] and "\\" not in lines[2]["text"]
+    assert lines[2]["text"].endswith('"message":"<13>Nov 21 10:11:14 sw1 app: C:\\\\temp"}')
+    assert lines[2]["message"] == "<13>Nov 21 10:11:14 sw1 app: C:\\temp"
     # Line ends are dropped.
     assert lines[3]["message"] == "<13>Nov 21 10:11:15 sw1 app: onetwo"
-    assert lines[4]["message"] == "<13>plain words"
-    assert lines[5]["logTime"] == "%d-11-02T03:04:05%s" % (year, offset)
-    assert lines[5]["message"] == "<11>Nov  2 03:04:05 sw1 app: last of the lab"
+    assert lines[4]["message"] == "<13>Nov 21 10:11:16 sw1 app: stray \\q"
+    assert lines[5]["message"] == "<13>plain words"
+    # A control character travels as a JSON escape; bytes that are not UTF-8
+    # arrive as U+FFFD.
+    assert lines[6]["text"].endswith('"message":"<13>bin\\u0001\ufffd\ufffd"}')
+    assert lines[6]["message"] == "<13>bin\x01\ufffd\ufffd"
+    assert lines[7]["logTime"] == "%d-11-02T03:04:05%s" % (year, offset)
+    assert lines[7]["message"] == "<11>Nov  2 03:04:05 sw1 app: last of the lab"
 
     # logger sends user.notice with its own time stamp and host name.
-    lg = lines[6]["message"]
+    lg = lines[8]["message"]
     assert lg.startswith("<13>") and lg.endswith(" e2e: logger says hi"), lg
     stamp = datetime.datetime.strptime(f"{year} {lg[4:19]}", "%Y %b %d %H:%M:%S")
-    assert lines[6]["logTime"] == stamp.strftime("%Y-%m-%dT%H:%M:%S") + offset
+    assert lines[8]["logTime"] == stamp.strftime("%Y-%m-%dT%H:%M:%S") + offset
 
-    # The three undecodable events were logged and dropped; nothing counted.
-    decode = [m for m in sw.log() if m.startswith("listener: error decoding message: ")]
-    assert len(decode) == 3
+    # Every event was decoded; the 64-KiB datagram, cut to 1024 bytes, is
+    # too long to forward and is counted.
+    assert [m for m in sw.log() if m.startswith("listener: error decoding message: ")] == []
     d = sw.dump()
-    assert (d["overflow"], d["oversize"]) == (0, 0)
+    assert (d["overflow"], d["oversize"]) == (0, 1)
+    for req in lab.requests(path="/api/syslog"):
+        json.loads(req["body"])
     # Batches are posted with the bearer token as JSON.
     req = lab.requests(path="/api/syslog")[0]
     assert req["headers"]["content-type"] == "application/json"
@@ -174,6 +178,76 @@ def test_lines_arrive_in_order_with_exact_texts(switch):
     assert req["body"].startswith('{"log":[{"sequence":1,')
     # Nothing went to the link of the second command.
     assert lab.requests(path="/api/other") == []
+
+
+def strict_posts(lab):
+    """The lines of every syslog post, each post parsed as strict JSON (no
+    raw control characters in strings)."""
+    out = []
+    for req in lab.requests(path="/api/syslog", status="200"):
+        out.extend(json.loads(req["body"])["log"])
+    return out
+
+
+def test_backslashes_quotes_nul_and_bad_utf8_arrive_as_sent(switch):
+    sw, lab = switch, switch.lab
+    start_forwarding(sw)
+    sent = [
+        (b"<13>sw1 app: ends in \\", "<13>sw1 app: ends in \\"),
+        (b'<13>sw1 app: quoted \\"', '<13>sw1 app: quoted \\"'),
+        (b"<13>sw1 app: \\d", "<13>sw1 app: \\d"),
+        (b"<13>sw1 app: C:\\temp\\new", "<13>sw1 app: C:\\temp\\new"),
+        (b"<13>sw1 app: before\0after", "<13>sw1 app: before"),
+        (b"<13>sw1 app: bad \xff\xc3\x28 utf8", "<13>sw1 app: bad \ufffd\ufffd( utf8"),
+        (b"<13>sw1 app: tab\there \x1b[0m", "<13>sw1 app: tab\there \x1b[0m"),
+    ]
+    for raw, _ in sent:
+        send(lab, base64=base64.b64encode(raw).decode())
+    got = wait_until(lambda: (lambda x: x if len(x) >= len(sent) else None)(strict_posts(lab)),
+                     what="every line at the controller")
+    assert [ln["message"] for ln in got] == [text for _, text in sent]
+    assert [ln["sequence"] for ln in got] == list(range(1, len(sent) + 1))
+    assert [m for m in sw.log() if m.startswith("listener: error decoding message: ")] == []
+    # Nothing more comes: the next line is the next one the controller sees.
+    send(lab, text="<13>sw1 app: marker")
+    wait_until(lambda: len(strict_posts(lab)) > len(sent), what="the marker")
+    assert [ln["message"] for ln in strict_posts(lab)[len(sent):]] == ["<13>sw1 app: marker"]
+
+
+def test_refused_batch_is_dropped_and_forwarding_goes_on(switch):
+    sw, lab = switch, switch.lab
+    start_forwarding(sw)
+    lab.fail("/api/syslog", 403, count=1)
+    send(lab, text="<13>sw1 app: refused")
+    sw.wait_log("logging_send: batch refused (err = 403), dropped 1 lines")
+    send(lab, text="<13>sw1 app: next")
+    got = wait_until(lambda: strict_posts(lab), what="the next batch")
+    assert [ln["message"] for ln in got] == ["<13>sw1 app: next"]
+    reqs = lab.requests(path="/api/syslog")
+    assert [r["status"] for r in reqs] == [403, 200]
+    assert "sw1 app: refused" in reqs[0]["body"]
+    assert sw.log().count("logging_send: batch refused (err = 403), dropped 1 lines") == 1
+    assert not [m for m in sw.log() if m.startswith("logging_send: post errors")]
+    # The count is in the dump, on a line of its own.
+    os.kill(sw.wait_child(), signal.SIGUSR1)
+    sw.wait_log("logging_debug: refused = 1", name="/tmp/debug.log")
+
+
+def test_receiver_takes_datagrams_on_loopback_only(switch):
+    sw, lab = switch, switch.lab
+    start_forwarding(sw)
+    send(lab, text="<13>sw1 app: on loopback")
+    wait_until(lambda: strict_posts(lab), what="the first line")
+    # The namespace's own eth0 address reaches the host, not the receiver.
+    eth0 = sw.netns.address.split("/")[0]
+    send(lab, text="<13>sw1 app: from the network", host=eth0)
+    send(lab, text="<13>sw1 app: marker")
+    wait_until(lambda: len(strict_posts(lab)) >= 2, what="the marker")
+    assert [ln["message"] for ln in strict_posts(lab)] == [
+        "<13>sw1 app: on loopback", "<13>sw1 app: marker"]
+    # Bound to 127.0.0.1 (0100007F), not to every address (00000000).
+    udp = sw.netns.run(["cat", "/proc/net/udp"], text=True).stdout
+    assert f"0100007F{PORT_HEX}" in udp and f"00000000{PORT_HEX}" not in udp
 
 
 def test_outage_keeps_accepted_lines_and_counts_overflow(switch):

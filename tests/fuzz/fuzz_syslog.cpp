@@ -30,6 +30,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     int len = platform_syslog_event(dgram, n, 1700000000, ++sequence, event, sizeof(event));
     if (len < 0 || len >= (int)sizeof(event))
         __builtin_trap();
+    // Whatever the switch sent, the event and the line it carries are JSON.
+    json_t *ev = json_loadb(event, len, 0, nullptr);
+    json_t *line = json_loads(json_string_value(json_object_get(ev, "params")), 0, nullptr);
+    if (line == nullptr)
+        __builtin_trap();
+    json_decref(line);
+    json_decref(ev);
     listener_internal_send(LOGGING_SOCKET, event, len);
     return 0;
 }

@@ -34,10 +34,13 @@ unsigned int record_sleep(unsigned int s)
     return 0;
 }
 
-std::string event_of(const std::string &dgram, unsigned long long seq = 1, int size = 4096)
+std::string event_of(const std::string &dgram, unsigned long long seq = 1,
+                     int size = PLATFORM_SYSLOG_EVENT)
 {
     std::vector<char> ev(size);
     int n = platform_syslog_event(dgram.data(), (int)dgram.size(), NOON, seq, ev.data(), size);
+    if (n < 0)
+        throw std::runtime_error("no event for " + dgram);
     return std::string(ev.data(), n);
 }
 
@@ -154,21 +157,102 @@ TEST(SyslogEvent, TimestampHeadAndTextAreAsTheSwitchSentThem)
         R"({"sequence":1,"logTime":"2026-02-03T01:02:03+0000","message":"<30>Feb  3 01:02:03 x"})");
 }
 
-TEST(SyslogEvent, QuoteGetsThreeBackslashesBackslashAndLineEndsDoNot)
+TEST(SyslogEvent, QuoteAndBackslashAreEscapedForBothDecodingsLineEndsDropped)
 {
     setenv("TZ", "UTC", 1);
     tzset();
     std::string ev = event_of("<13>Nov 21 10:11:12 h: say \"hi\" C:\\temp\r\nnext");
+    // The quote keeps the form it always had; the backslash is escaped the
+    // same way now.
     EXPECT_EQ(
         ev,
         R"({"event":"syslog","params":"{\"sequence\":1,\"logTime\":\"2026-11-21T10:11:12+0000\",)"
-        R"(\"message\":\"<13>Nov 21 10:11:12 h: say \\\"hi\\\" C:\tempnext\"}"})");
-    // Decoded once by the listener: the quote is a JSON escape again, the
-    // backslash has become the escape of the letter after it.
+        R"(\"message\":\"<13>Nov 21 10:11:12 h: say \\\"hi\\\" C:\\\\tempnext\"}"})");
+    // Decoded once by the listener: the line the batch carries.
     std::string line = line_of(ev);
-    EXPECT_EQ(line,
-              "{\"sequence\":1,\"logTime\":\"2026-11-21T10:11:12+0000\",\"message\":\"<13>Nov "
-              "21 10:11:12 h: say \\\"hi\\\" C:\tempnext\"}");
+    EXPECT_EQ(line, R"({"sequence":1,"logTime":"2026-11-21T10:11:12+0000",)"
+                    R"("message":"<13>Nov 21 10:11:12 h: say \"hi\" C:\\tempnext"})");
+    // Decoded again by the controller: the switch's text.
+    EXPECT_EQ(json_str(json_parse(line).get(), "message"),
+              "<13>Nov 21 10:11:12 h: say \"hi\" C:\\tempnext");
+}
+
+namespace
+{
+// The message the controller reads out of the event of one datagram: the
+// event decoded (by the listener), then its line (by the controller).
+std::string controller_message(const std::string &dgram)
+{
+    std::string line = line_of(event_of(dgram));
+    return json_str(json_parse(line).get(), "message");
+}
+} // namespace
+
+TEST(SyslogEvent, BackslashesQuotesAndControlCharactersArriveAsSent)
+{
+    const char *texts[] = {
+        "ends in a backslash \\",
+        "quote \\\" after a backslash",
+        "no escape \\d here",
+        "C:\\temp\\new",
+        "\\\\ two, \\u0041 not a code",
+        "tab\there, escape \x1b[1m, bell \x07, delete \x7f",
+        "slash / and unicode \xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80",
+    };
+    for (const char *t : texts)
+        EXPECT_EQ(controller_message(std::string("<13>") + t), std::string("<13>") + t) << t;
+    // Control characters travel as JSON escapes, never raw.
+    std::string ev = event_of("<13>a\tb\x1b");
+    EXPECT_NE(ev.find(R"(a\\tb\\u001B)"), std::string::npos) << ev;
+}
+
+TEST(SyslogEvent, TextStopsAtANul)
+{
+    // A syslog line is a C string: what precedes the NUL is the line.
+    EXPECT_EQ(controller_message(std::string("<13>before\0after", 16)), "<13>before");
+    EXPECT_EQ(controller_message(std::string("<13>\\\0\\", 7)), "<13>\\");
+}
+
+TEST(SyslogEvent, BytesThatAreNotUtf8BecomeReplacementCharacters)
+{
+    const std::string r = "\xef\xbf\xbd"; // U+FFFD
+    struct {
+        std::string sent;
+        std::string arrives;
+    } cases[] = {
+        {"\xff", r},
+        {"a\x80z", "a" + r + "z"},
+        {"\xc3\x28", r + "("},               // lead byte without its follower
+        {"\xc0\xaf", r + r},                 // overlong '/'
+        {"\xe0\x80\xaf", r + r + r},         // overlong, three bytes
+        {"\xed\xa0\x80", r + r + r},         // a surrogate
+        {"\xf4\x90\x80\x80", r + r + r + r}, // above U+10FFFF
+        {"end \xe2\x82", "end " + r + r},    // cut short by the datagram's end
+        {"\xc3\xa9\xff\xe2\x82\xac", "\xc3\xa9" + r + "\xe2\x82\xac"},
+    };
+    for (auto &c : cases)
+        EXPECT_EQ(controller_message("<13>" + c.sent), "<13>" + c.arrives) << c.sent;
+}
+
+TEST(SyslogEvent, LongestEventFitsAndDecodes)
+{
+    // 1024 bytes of control characters without a head: 1023 are taken, each
+    // six characters in the line and seven in the event.
+    std::string worst(1024, '\x01');
+    std::string ev = event_of(worst, 9223372036854775807ull);
+    EXPECT_GT(ev.size(), 7000u);
+    EXPECT_LT(ev.size(), (size_t)PLATFORM_SYSLOG_EVENT);
+    EXPECT_EQ(controller_message(worst), "<13>" + std::string(1023, '\x01'));
+    // Invalid bytes: three each, the event still fits.
+    std::string bad(1024, '\xff');
+    std::string r;
+    for (int i = 0; i < 1023; i++)
+        r += "\xef\xbf\xbd";
+    EXPECT_EQ(controller_message(bad), "<13>" + r);
+    // A buffer too small for the event is not written half: nothing is sent.
+    std::vector<char> small(1024);
+    EXPECT_EQ(platform_syslog_event(worst.data(), (int)worst.size(), NOON, 1, small.data(), 1024),
+              -1);
 }
 
 TEST(SyslogEvent, WithoutTimestampTheArrivalTimeIsTaken)
@@ -229,7 +313,7 @@ std::string message_of(const std::string &event)
 }
 } // namespace
 
-TEST(SyslogEvent, MessageIsCutAfter1022Characters)
+TEST(SyslogEvent, TextIsCutAfter1023Bytes)
 {
     // 1020 characters of text after a 4-byte head: all of it fits.
     std::string text(1020, 'a');
@@ -242,16 +326,13 @@ TEST(SyslogEvent, MessageIsCutAfter1022Characters)
     // Without a head the whole datagram is text: the copy stops at 1023.
     std::string plain(1024, 'c');
     EXPECT_EQ(message_of(event_of(plain)), "<13>" + std::string(1023, 'c'));
-    // A quote written when 1022 are in takes the text to 1026.
+    // A quote is one byte of the text, however it is escaped.
     std::string quoted = std::string(1022, 'd') + "\"" + "e";
     EXPECT_EQ(message_of(event_of(quoted)), "<13>" + std::string(1022, 'd') + "\\\\\\\"");
-}
-
-TEST(SyslogEvent, EventIsCutTo1023Bytes)
-{
-    std::string ev = event_of("<13>" + std::string(1000, 'a'), 1, 1024);
-    EXPECT_EQ(ev.size(), 1023u);
-    EXPECT_EQ(ev.rfind(R"({"event":"syslog","params":"{\"sequence\":1,)", 0), 0u);
+    // A character is never cut in half: the euro sign that would end past
+    // 1023 is left out whole.
+    std::string euro = std::string(1021, 'f') + "\xe2\x82\xac";
+    EXPECT_EQ(controller_message(euro), "<13>" + std::string(1021, 'f'));
 }
 
 // ---- the listener's batches -------------------------------------------------
@@ -367,13 +448,14 @@ TEST_F(LoggingTest, DumpShowsStateAndCounters)
     feed(line_n(600));
     logging_debug(SIGUSR1);
     auto d = log_messages(root.at("/tmp/debug.log"));
-    ASSERT_GE(d.size(), 2u);
-    d.erase(d.begin(), d.end() - 2);
+    ASSERT_GE(d.size(), 3u);
+    d.erase(d.begin(), d.end() - 3);
     EXPECT_EQ(d[0], "logging_debug: logging_enabled = 0, logging_interval = 0");
     EXPECT_NE(d[1].find("logging_debug: logbuf = 0x"), std::string::npos) << d[1];
     EXPECT_NE(d[1].find(" (104), overflow = 0, oversize = 1, ready-logs-count = 0"),
               std::string::npos)
         << d[1];
+    EXPECT_EQ(d[2], "logging_debug: refused = 0");
 }
 
 TEST_F(LoggingTest, DecodedEventsReachTheBatchAsTheirParamsText)
@@ -386,6 +468,22 @@ TEST_F(LoggingTest, DecodedEventsReachTheBatchAsTheirParamsText)
     EXPECT_EQ(m[0], "listener: {\"sequence\":3,\"logTime\":\"2026-11-21T10:11:12+0000\","
                     "\"message\":\"<13>Nov 21 10:11:12 h: say \\\"hi\\\"\"}");
     EXPECT_EQ(filling(), 4 + (int)m[0].size() - 10);
+}
+
+TEST_F(LoggingTest, LongLinesAreCountedAsOversizeNotLostInDecoding)
+{
+    // A thousand characters make an event of more than 1024 bytes: it is
+    // decoded whole, and the line is too long to forward.
+    std::string ev = event_of("<13>" + std::string(1000, 'a'));
+    ASSERT_GT(ev.size(), 1024u);
+    ASSERT_EQ(listener_internal_send(LOGGING_SOCKET, ev.data(), (int)ev.size()), 0);
+    EXPECT_EQ(oversize(), 1);
+    EXPECT_FALSE(logged("listener: error decoding message"));
+    // The longest event there is goes the same way.
+    ev = event_of(std::string(1024, '\x01'), 2);
+    ASSERT_EQ(listener_internal_send(LOGGING_SOCKET, ev.data(), (int)ev.size()), 0);
+    EXPECT_EQ(oversize(), 2);
+    EXPECT_FALSE(logged("listener: error decoding message"));
 }
 
 // ---- set.logging --------------------------------------------------------------
@@ -555,6 +653,51 @@ TEST_F(LoggingTest, FailedBatchIsRetriedFirstAndOrderIsKept)
         EXPECT_EQ(at(reqs, i, "body"), at(reqs, 0, "body"));
 }
 
+TEST_F(LoggingTest, RefusedBatchesAreDroppedCountedAndForwardingGoesOn)
+{
+    // The controller refuses the first two batches for good.
+    lab->script(R"({"path":"/api/syslog","replies":[{"status":400,"text":"bad"},)"
+                R"({"status":403,"text":"no"}]})");
+    std::vector<std::string> lines;
+    for (int i = 0; i < 80; i++) {
+        lines.push_back(line_n(100, i));
+        feed(lines.back());
+    }
+    EXPECT_EQ(ready(), 2);
+    EXPECT_EQ(set_logging(params(1000), "refused").first, 0);
+    lab->wait_requests({{"path", "/api/syslog"}, {"status", "200"}}, 1, 15);
+    // Only the two lines of the last batch reached the controller.
+    EXPECT_EQ(posted_lines("/syslog"), std::vector<std::string>(lines.begin() + 78, lines.end()));
+    EXPECT_EQ(count_logged("logging_send: batch refused (err = 400), dropped 39 lines"), 1u);
+    EXPECT_EQ(count_logged("logging_send: batch refused (err = 403), dropped 39 lines"), 1u);
+    EXPECT_TRUE(logged("logging_post: err = 400, reply = 'bad'"));
+    EXPECT_TRUE(logged("logging_post: err = 403, reply = 'no'"));
+    for (auto &m : main_log())
+        EXPECT_EQ(m.rfind("logging_send: post errors", 0), std::string::npos) << m;
+    EXPECT_EQ(logging_refused(), 78);
+    // Each refused batch was posted once.
+    Json reqs = lab->requests({{"path", "/api/syslog"}});
+    ASSERT_EQ(json_array_size(reqs.get()), 3u);
+    EXPECT_NE(at(reqs, 0, "body"), at(reqs, 1, "body"));
+    logging_debug(SIGUSR1);
+    auto d = log_messages(root.at("/tmp/debug.log"));
+    ASSERT_FALSE(d.empty());
+    EXPECT_EQ(d.back(), "logging_debug: refused = 78");
+}
+
+TEST_F(LoggingTest, RefusedTokenKeepsTheBatch)
+{
+    // Four 401s use up the post's tries; the token, not the batch, was
+    // refused, so the batch is posted again.
+    lab->script(R"({"path":"/api/syslog","status":401,"count":4})");
+    feed(line_n(100, 1));
+    EXPECT_EQ(set_logging(params(1000), "token").first, 0);
+    lab->wait_requests({{"path", "/api/syslog"}, {"status", "200"}}, 1, 15);
+    EXPECT_EQ(posted_lines("/syslog"), std::vector<std::string>{line_n(100, 1)});
+    EXPECT_TRUE(logged("logging_send: post errors (err = 401)"));
+    EXPECT_EQ(logging_refused(), 0);
+}
+
 TEST_F(LoggingTest, SenderThatIsNotEnabledStopsAtOnce)
 {
     int interval = 4;
@@ -648,13 +791,13 @@ TEST_F(LoggingTest, FlushSendsTheBatchBeingFilled)
 namespace
 {
 
-void send_udp(int port, const std::string &data)
+void send_udp(int port, const std::string &data, const char *addr = "127.0.0.1")
 {
     int s = socket(AF_INET, SOCK_DGRAM, 0);
     struct sockaddr_in to = {};
     to.sin_family = AF_INET;
     to.sin_port = htons((uint16_t)port);
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    inet_pton(AF_INET, addr, &to.sin_addr);
     sendto(s, data.data(), data.size(), 0, reinterpret_cast<struct sockaddr *>(&to), sizeof(to));
     close(s);
 }
@@ -718,49 +861,103 @@ TEST_F(LoggingTest, ReceiverNumbersDatagramsAndSurvivesBadOnes)
     for (size_t i = base; i < all.size(); i++)
         if (all[i].find("<13>first") == std::string::npos)
             m.push_back(all[i]);
-    ASSERT_EQ(m.size(), 2u);
-    // The binary bytes, the cut 64-KiB datagram and the stray backslash make
-    // events the listener cannot decode; their numbers are used all the same.
+    ASSERT_EQ(m.size(), 4u);
+    // The binary bytes and the stray backslash are taken like any line; the
+    // 64-KiB datagram, cut to 1024 bytes, is too long to forward. Each takes
+    // its number.
     EXPECT_NE(m[0].find("\"message\":\"<13>no head here\""), std::string::npos) << m[0];
-    EXPECT_EQ(m[1].rfind("listener: {\"sequence\":", 0), 0u);
     Json first = json_parse(m[0].substr(10));
-    Json last = json_parse(m[1].substr(10));
+    Json bin = json_parse(m[1].substr(10));
+    Json stray = json_parse(m[2].substr(10));
+    Json last = json_parse(m[3].substr(10));
+    EXPECT_EQ(json_str(bin.get(), "message"), "<13>bin\x01\xef\xbf\xbd\xef\xbf\xbd");
+    EXPECT_EQ(json_str(stray.get(), "message"), "<13>bad \\q escape");
     EXPECT_EQ(json_integer_value(json_object_get(last.get(), "sequence")) -
                   json_integer_value(json_object_get(first.get(), "sequence")),
               4);
     EXPECT_EQ(json_str(last.get(), "message"), "<14>Nov 21 10:11:12 good");
-    size_t decode_errors = 0;
     for (auto &l : main_log())
-        if (l.rfind("listener: error decoding message: ", 0) == 0)
-            decode_errors++;
-    EXPECT_EQ(decode_errors, 3u);
-    EXPECT_EQ(oversize() + overflow(), 0);
+        EXPECT_NE(l.rfind("listener: error decoding message: ", 0), 0u) << l;
+    EXPECT_EQ(oversize(), 1);
+    EXPECT_EQ(overflow(), 0);
 }
 
-// The receiver listens on every local address, not only where the switch
-// sends from: anything that reaches the port can add lines to the batches.
-TEST_F(LoggingTest, ReceiverTakesDatagramsOnAnyLocalAddress)
+// The switch is told to send to 127.0.0.1, and only that address is bound:
+// nothing sent to another address reaches the batches.
+TEST_F(LoggingTest, ReceiverTakesDatagramsOnlyOn127001)
 {
     int port = test_port();
     platform_syslog_port = port;
     thread_start("platform_syslog_reader", platform_syslog_reader, nullptr, nullptr, nullptr);
-    auto send_to = [port](const char *addr, const std::string &data) {
-        int s = socket(AF_INET, SOCK_DGRAM, 0);
-        struct sockaddr_in to = {};
-        to.sin_family = AF_INET;
-        to.sin_port = htons((uint16_t)port);
-        inet_pton(AF_INET, addr, &to.sin_addr);
-        sendto(s, data.data(), data.size(), 0, reinterpret_cast<struct sockaddr *>(&to),
-               sizeof(to));
-        close(s);
-    };
-    // 127.0.0.2 is not the address the switch is told to send to.
     ASSERT_TRUE(wait_for(
         [&] {
-            send_to("127.0.0.2", "<13>from elsewhere");
+            send_udp(port, "<13>from the switch");
             return filling() > 0;
         },
         5000));
+    // 127.0.0.2 is a local address too, but not the one the switch uses.
+    send_udp(port, "<13>from elsewhere", "127.0.0.2");
+    send_udp(port, "<13>marker");
+    ASSERT_TRUE(wait_for(
+        [&] {
+            auto m = sys_messages();
+            return !m.empty() && m.back().find("<13>marker") != std::string::npos;
+        },
+        5000));
+    for (auto &m : sys_messages())
+        EXPECT_EQ(m.find("from elsewhere"), std::string::npos) << m;
+}
+
+TEST_F(LoggingTest, EveryDatagramArrivesOnceAsSentInPostsThatParse)
+{
+    platform_syslog_port = test_port();
+    EXPECT_EQ(set_logging(params(1000), "road").first, 0);
+    // Until the receiver is bound, datagrams are lost: repeat a probe.
+    ASSERT_TRUE(wait_for(
+        [&] {
+            send_udp(platform_syslog_port, "<13>probe");
+            auto m = sys_messages();
+            return !m.empty() && m.back().find("<13>probe") != std::string::npos;
+        },
+        5000));
+    struct {
+        std::string sent;
+        std::string arrives;
+    } cases[] = {
+        {"<13>ends in \\", "<13>ends in \\"},
+        {"<13>say \\\"hi\\\"", "<13>say \\\"hi\\\""},
+        {"<13>\\d", "<13>\\d"},
+        {"<13>C:\\temp\\new", "<13>C:\\temp\\new"},
+        {std::string("<13>nul\0after", 13), "<13>nul"},
+        {"<13>bad \xff\xfe utf8", "<13>bad \xef\xbf\xbd\xef\xbf\xbd utf8"},
+        {"<13>tab\there", "<13>tab\there"},
+    };
+    std::vector<std::string> expected;
+    for (auto &c : cases) {
+        send_udp(platform_syslog_port, c.sent);
+        expected.push_back(c.arrives);
+    }
+    std::vector<std::string> got;
+    ASSERT_TRUE(wait_for(
+        [&] {
+            // Every post must parse as JSON: json_parse throws otherwise.
+            got.clear();
+            Json reqs = lab->requests({{"path", "/api/syslog"}, {"status", "200"}});
+            for (size_t i = 0; i < json_array_size(reqs.get()); i++) {
+                Json body = json_parse(json_str(item(reqs, i), "body"));
+                json_t *log = json_object_get(body.get(), "log");
+                for (size_t k = 0; k < json_array_size(log); k++) {
+                    std::string m = json_str(json_array_get(log, k), "message");
+                    if (m != "<13>probe")
+                        got.push_back(m);
+                }
+            }
+            return got.size() >= expected.size();
+        },
+        10000));
+    EXPECT_EQ(got, expected);
+    for (auto &l : main_log())
+        EXPECT_NE(l.rfind("listener: error decoding message: ", 0), 0u) << l;
 }
 
 TEST_F(LoggingTest, ReceiverThatCannotBindSaysSo)

@@ -463,7 +463,8 @@ TEST_F(StatsTest, SenderDropsAPeriodItCouldNotPostAndGoesOn)
     fake_eth0();
     ASSERT_EQ(set_stats(params(15000, "/st"), "a"), std::make_pair(0, std::string()));
     lab->add_link("/st", "statistics");
-    lab->script(R"({"path":"/api/st","status":500,"text":"down"})");
+    // The refusal takes a second to come, as from a struggling controller.
+    lab->script(R"({"path":"/api/st","status":500,"text":"down","delay":1})");
     // Two periods that tell each other apart: 10000 B/s received in the
     // first, 20000 B/s in the second.
     ticks_to(4);

@@ -25,7 +25,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
-heartbeat_provider *heartbeat_providers;
+std::atomic<heartbeat_provider *> heartbeat_providers{nullptr};
 int heartbeat_interval = 10;
 char heartbeat_link[HEARTBEAT_LINK_SIZE] = "/heartbeat";
 uint64_t heartbeat_count;
@@ -184,8 +184,14 @@ int heartbeat_register_provider(const char *name, heartbeat_fn fn)
     }
     p->name = name;
     p->fn = fn;
-    p->next = heartbeat_providers;
-    heartbeat_providers = p;
+    // Providers come also from other threads ("set.statistics" on the
+    // command runner) while the heartbeat thread walks the list. A record is
+    // complete before it is published at the head, and never changes after;
+    // the release here pairs with the pulse's acquire.
+    p->next = heartbeat_providers.load(std::memory_order_relaxed);
+    while (!heartbeat_providers.compare_exchange_weak(p->next, p, std::memory_order_release,
+                                                      std::memory_order_relaxed))
+        ;
     log_fprint(orkad_log, "%s: registered '%s' heartbeat provider\n", "heartbeat_register_provider",
                name);
     return 0;
@@ -211,7 +217,8 @@ int heartbeat_pulse(void)
         log_fprint(orkad_log, "%s: Can't allocate JSON object\n", "heartbeat_pulse");
         return -1;
     }
-    for (heartbeat_provider *p = heartbeat_providers; p != nullptr; p = p->next)
+    for (heartbeat_provider *p = heartbeat_providers.load(std::memory_order_acquire); p != nullptr;
+         p = p->next)
         p->fn(hb_obj.get(), last_failed);
     char *payload = json_dumps(hb_obj.get(), JSON_COMPACT | JSON_PRESERVE_ORDER);
     int length = 0;

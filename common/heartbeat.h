@@ -3,6 +3,7 @@
 // controller's "up"/"down" status.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <jansson.h>
 
@@ -18,7 +19,10 @@ typedef struct heartbeat_provider {
     heartbeat_fn fn;
 } heartbeat_provider;
 
-extern heartbeat_provider *heartbeat_providers;
+// The last registered first. The list only grows: a provider is pushed at
+// the head, complete, and never changes or goes away, so a walk from the head
+// (loaded with acquire) needs no lock.
+extern std::atomic<heartbeat_provider *> heartbeat_providers;
 extern int heartbeat_interval;
 extern char heartbeat_link[HEARTBEAT_LINK_SIZE];
 extern uint64_t heartbeat_count;

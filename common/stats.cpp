@@ -26,6 +26,7 @@ std::atomic<bool> stats_enabled{false};
 std::atomic<int> stats_interval{0};
 timer_t stats_timer;
 int (*stats_clock_gettime)(clockid_t clock, struct timespec *ts) = clock_gettime;
+int (*stats_poster)(const char *slink, const char *payload, int length) = stats_post;
 
 namespace
 {
@@ -45,6 +46,29 @@ int sender = -1;
 int hb_provider = -1;
 // Statistics documents handed to stats_post, for the debug dump.
 std::atomic<unsigned long> documents{0};
+
+// What the tick hands the two threads: a sample is due, a period is due.
+// Set by the tick handler and cleared by the thread that acts on it, both
+// under tick_lock, which guards nothing else: the signal thread never waits
+// behind a sample, a period end or a heartbeat. A flag rather than a count,
+// so ticks that come due while a thread is still busy (a post hanging on a
+// slow controller) make it act once more as soon as it is free, not once per
+// missed tick: the next document then covers the whole time since the last
+// one.
+pthread_mutex_t tick_lock = PTHREAD_MUTEX_INITIALIZER;
+bool sample_due = false;
+bool period_due = false;
+
+// Sleeps until the tick sets *due, then clears it. Wake-ups with nothing
+// due (spurious ones, or a broadcast) go back to sleep.
+void wait_due(pthread_cond_t *ready, bool *due)
+{
+    pthread_mutex_lock(&tick_lock);
+    while (!*due)
+        pthread_cond_wait(ready, &tick_lock);
+    *due = false;
+    pthread_mutex_unlock(&tick_lock);
+}
 
 // Starts what the first valid command starts; the threads and the provider
 // only once. Returns 0, or -1 with the message set.
@@ -177,22 +201,32 @@ void do_stats(int)
     ticks.store(tick, std::memory_order_relaxed);
     if (!stats_enabled)
         return;
-    if (tick % STATS_SAMPLE_TICKS == 0)
-        pthread_cond_signal(&collector_ready);
+    bool sample = tick % STATS_SAMPLE_TICKS == 0;
     int interval = stats_interval;
-    if (interval > 0 && tick % (unsigned int)interval == 0)
+    bool period = interval > 0 && tick % (unsigned int)interval == 0;
+    if (!sample && !period)
+        return;
+    pthread_mutex_lock(&tick_lock);
+    if (sample) {
+        sample_due = true;
+        pthread_cond_signal(&collector_ready);
+    }
+    if (period) {
+        period_due = true;
         pthread_cond_signal(&stats_ready);
+    }
+    pthread_mutex_unlock(&tick_lock);
 }
 
 void stats_collector(void *, void *, void *)
 {
     log_fprint(orkad_log, "%s: Started\n", "stats_collector");
-    pthread_mutex_lock(&collector_lock);
     while (stats_enabled) {
-        pthread_cond_wait(&collector_ready, &collector_lock);
+        wait_due(&collector_ready, &sample_due);
+        pthread_mutex_lock(&collector_lock);
         collect_interface_stats();
+        pthread_mutex_unlock(&collector_lock);
     }
-    pthread_mutex_unlock(&collector_lock);
 }
 
 void stats_send(void *p1, void *, void *)
@@ -202,9 +236,7 @@ void stats_send(void *p1, void *, void *)
     log_fprint(orkad_log, "%s: Started '%s','%d'\n", fn, slink, stats_interval.load());
     log_fprint(orkad_log, "%s: my TID: %d\n", fn, (int)syscall(SYS_gettid));
     while (stats_enabled) {
-        pthread_mutex_lock(&stats_lock);
-        pthread_cond_wait(&stats_ready, &stats_lock);
-        pthread_mutex_unlock(&stats_lock);
+        wait_due(&stats_ready, &period_due);
 
         bool fatal = false;
         json_ptr doc(stats_document(&fatal));
@@ -219,7 +251,7 @@ void stats_send(void *p1, void *, void *)
         }
         documents++;
         // A period that did not get through is not sent again.
-        stats_post(slink, payload.get(), (int)strlen(payload.get()));
+        stats_poster(slink, payload.get(), (int)strlen(payload.get()));
     }
     free(slink);
 }

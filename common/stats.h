@@ -27,8 +27,14 @@ typedef struct _stats_parser {
     void *param2;
 } stats_parser_t;
 
+// stats_lock guards the period's rows and the heartbeat provider,
+// collector_lock the sampling table; where both are taken, stats_lock first.
 extern pthread_mutex_t stats_lock;
 extern pthread_mutex_t collector_lock;
+// Signalled by the tick when a sample (every 5 ticks) or a period (every
+// interval) is due. The threads wait on them under a lock of the tick's own
+// and only for a tick that is due, so a wake-up with nothing due is slept
+// through and a tick that comes while a thread is busy is not lost.
 extern pthread_cond_t collector_ready;
 extern pthread_cond_t stats_ready;
 // Set by "set.statistics" on the command thread, read by the tick handler
@@ -55,5 +61,7 @@ void stats_debug(int sig);
 unsigned int stats_ticks(void);
 // Statistics documents made and handed to stats_post so far.
 unsigned long stats_periods(void);
+// How the sender posts a document: stats_post unless a test stands in.
+extern int (*stats_poster)(const char *slink, const char *payload, int length);
 // Where the clock is read; tests point it at a failing one.
 extern int (*stats_clock_gettime)(clockid_t clock, struct timespec *ts);

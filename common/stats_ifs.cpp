@@ -76,11 +76,25 @@ long ms_between(unsigned long from, unsigned long to)
     return (long)(int32_t)(uint32_t)(to - from);
 }
 
+// Whether the interface a slot counts for still exists.
+bool slot_live(const if_counters_t *c)
+{
+    char name[IF_NAMESIZE];
+    return stats_if_indextoname((unsigned int)c->ifidx, name) != nullptr;
+}
+
 // Finds the slot of an interface, claiming a free or stale one; -1 when the
 // table is full of live interfaces. *fresh tells whether it was claimed.
+//
+// An interface already in the table sits somewhere on the run of used slots
+// that starts at its home slot (free_slot keeps it so). A stale slot on that
+// run may only be taken once the rest of the run is known not to hold the
+// asker: taking the first one seen would count an interface in two slots,
+// one of them never sampled again.
 int find_slot(unsigned int ifidx, bool *fresh)
 {
     unsigned int slot = stats_slot_of(ifidx);
+    int stale = -1;
     for (int step = 0; step < STATS_IF_SLOTS; step++) {
         if_counters_t *c = &stats_collection[slot];
         if (c->ifidx == (int)ifidx) {
@@ -89,17 +103,42 @@ int find_slot(unsigned int ifidx, bool *fresh)
         }
         if (c->ifidx == 0) {
             *fresh = true;
-            return (int)slot;
+            // The first stale slot of the run is nearer home than this one.
+            return stale >= 0 ? stale : (int)slot;
         }
-        char name[IF_NAMESIZE];
-        if (stats_if_indextoname((unsigned int)c->ifidx, name) == nullptr) {
-            // Its interface is gone: the slot goes to the one asking.
-            *fresh = true;
-            return (int)slot;
-        }
+        if (stale < 0 && !slot_live(c))
+            stale = (int)slot;
         slot = (slot + 1) % STATS_IF_SLOTS;
     }
-    return -1;
+    // A full table: the asker is nowhere in it, so a stale slot may go to it.
+    *fresh = true;
+    return stale;
+}
+
+// Empties a slot and closes the gap it leaves in the runs of used slots:
+// every later slot of the run whose home does not lie between the gap and
+// itself moves back into the gap, so each interface stays reachable from its
+// home without crossing a free slot.
+void free_slot(int gap)
+{
+    memset(&stats_collection[gap], 0, sizeof(stats_collection[gap]));
+    // The gap is free, so a full table ends the walk there at the latest.
+    int next = gap;
+    for (;;) {
+        next = (next + 1) % STATS_IF_SLOTS;
+        if_counters_t *c = &stats_collection[next];
+        if (c->ifidx == 0)
+            break;
+        int home = (int)stats_slot_of((unsigned int)c->ifidx);
+        // Distances going forward, wrapping at the end of the table.
+        int to_next = (next - gap + STATS_IF_SLOTS) % STATS_IF_SLOTS;
+        int home_to_next = (next - home + STATS_IF_SLOTS) % STATS_IF_SLOTS;
+        if (home_to_next < to_next)
+            continue; // home is after the gap: the slot stays reachable
+        stats_collection[gap] = *c;
+        memset(c, 0, sizeof(*c));
+        gap = next;
+    }
 }
 
 void strip_trailing_space(char *s)
@@ -215,7 +254,12 @@ int calc_stats_for_interfaces(void)
             continue;
         char name[IF_NAMESIZE];
         if (stats_if_indextoname((unsigned int)c->ifidx, name) == nullptr) {
-            memset(c, 0, sizeof(*c));
+            // The slot may receive a later slot of its run: look at it
+            // again. One that comes round from the start of the table was
+            // closed above already and yields no second row (its period
+            // starts at its last sample).
+            free_slot(i);
+            i--;
             continue;
         }
         long dt = ms_between(c->s_time, c->l_time);

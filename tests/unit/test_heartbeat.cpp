@@ -6,12 +6,14 @@
 #include "netutils.h"
 #include "utils.h"
 
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
-#include <atomic>
-#include <unistd.h>
 #include <syslog.h>
+#include <thread>
+#include <unistd.h>
+#include <utility>
 
 using namespace agent_test;
 
@@ -173,10 +175,11 @@ TEST_F(HeartbeatTest, SetupRegistersCommandSignalAndProvidersInOrder)
               pos("heartbeat_register_provider: registered 'uptime' heartbeat provider"));
     EXPECT_LT(pos("heartbeat_register_provider: registered 'uptime' heartbeat provider"),
               (long)log.size());
-    ASSERT_NE(heartbeat_providers, nullptr);
-    EXPECT_STREQ(heartbeat_providers->name, "uptime");
-    EXPECT_STREQ(heartbeat_providers->next->name, "lanIp");
-    EXPECT_EQ(heartbeat_providers->next->next, nullptr);
+    heartbeat_provider *first = heartbeat_providers.load();
+    ASSERT_NE(first, nullptr);
+    EXPECT_STREQ(first->name, "uptime");
+    EXPECT_STREQ(first->next->name, "lanIp");
+    EXPECT_EQ(first->next->next, nullptr);
     bool tid = std::any_of(log.begin(), log.end(), [](const std::string &l) {
         return l.rfind("heartbeat: my TID: ", 0) == 0;
     });
@@ -579,4 +582,70 @@ TEST_F(HeartbeatTest, LinkRewrittenWhileTheThreadPulses)
     for (int i = 0; i < 400 && !resting; i++)
         usleep(50000);
     EXPECT_TRUE(resting);
+}
+
+namespace
+{
+
+constexpr int LATE = 24;
+std::atomic<int> late_calls[LATE];
+
+template <int I> void late_provider(json_t *, bool)
+{
+    late_calls[I]++;
+}
+
+template <int... I>
+std::array<heartbeat_fn, sizeof...(I)> late_providers(std::integer_sequence<int, I...>)
+{
+    return {late_provider<I>...};
+}
+
+} // namespace
+
+// "set.statistics" registers its provider from the command runner while the
+// heartbeat thread walks the list: registrations on another thread, one
+// between each two pulses, while pulses keep running. Each pulse sees a
+// whole list (ThreadSanitizer watches the head), and the pulse after the
+// last registration calls every provider once.
+TEST_F(HeartbeatTest, ProvidersRegisteredWhilePulsesRun)
+{
+    use_lab();
+    const auto fns = late_providers(std::make_integer_sequence<int, LATE>());
+    static char names[LATE][16];
+    std::atomic<int> pulses{0};
+    std::atomic<bool> registered{false};
+    std::thread registrar([&] {
+        for (int i = 0; i < LATE; i++) {
+            while (pulses < i)
+                usleep(100);
+            snprintf(names[i], sizeof(names[i]), "late%d", i);
+            EXPECT_EQ(heartbeat_register_provider(names[i], fns[i]), 0);
+        }
+        registered = true;
+    });
+    int failed = 0;
+    while (!registered) {
+        failed += heartbeat_pulse() != 0;
+        pulses++;
+    }
+    registrar.join();
+    EXPECT_EQ(failed, 0);
+    EXPECT_GE(pulses, LATE);
+
+    int before[LATE];
+    for (int i = 0; i < LATE; i++)
+        before[i] = late_calls[i];
+    ASSERT_EQ(heartbeat_pulse(), 0);
+    for (int i = 0; i < LATE; i++)
+        EXPECT_EQ(late_calls[i], before[i] + 1) << names[i];
+    // The last registered first, each once.
+    std::vector<std::string> order;
+    for (heartbeat_provider *p = heartbeat_providers.load(); p != nullptr; p = p->next)
+        order.push_back(p->name);
+    ASSERT_EQ(order.size(), (size_t)LATE);
+    for (int i = 0; i < LATE; i++)
+        EXPECT_EQ(order[i], "late" + std::to_string(LATE - 1 - i));
+    EXPECT_EQ(count_logged("heartbeat_register_provider: registered 'late7' heartbeat provider"),
+              1u);
 }

@@ -9,7 +9,9 @@
 #include "stats_ifs.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <dirent.h>
+#include <mutex>
 #include <regex>
 
 using namespace agent_test;
@@ -37,10 +39,82 @@ bool thread_in_futex(const std::string &name)
     closedir(d);
     return found;
 }
+
+// How many times the thread of that name went to sleep of its own accord.
+long thread_sleeps(const std::string &name)
+{
+    DIR *d = opendir("/proc/self/task");
+    if (d == nullptr)
+        return -1;
+    long sleeps = -1;
+    while (struct dirent *e = readdir(d)) {
+        std::string task = std::string("/proc/self/task/") + e->d_name;
+        if (e->d_name[0] == '.' || read_file(task + "/comm") != name + "\n")
+            continue;
+        std::string status = read_file(task + "/status");
+        size_t at = status.find("voluntary_ctxt_switches:");
+        if (at != std::string::npos && (at == 0 || status[at - 1] == '\n'))
+            sleeps = strtol(status.c_str() + at + strlen("voluntary_ctxt_switches:"), nullptr, 10);
+        break;
+    }
+    closedir(d);
+    return sleeps;
+}
+
 unsigned long counting_clock(unsigned long)
 {
     samples++;
     return 0;
+}
+
+// The sender's posts, kept instead of sent: the tick count each one started
+// at and its body. While `hold` is set a post does not return, like one
+// hanging on a slow controller.
+struct Posts {
+    std::mutex m;
+    std::condition_variable cv;
+    std::vector<unsigned int> at_tick;
+    std::vector<std::string> bodies;
+    bool hold = false;
+} posts;
+
+int recording_poster(const char *, const char *payload, int length)
+{
+    std::unique_lock<std::mutex> lk(posts.m);
+    posts.at_tick.push_back(stats_ticks());
+    posts.bodies.emplace_back(payload, (size_t)length);
+    posts.cv.wait(lk, [] { return !posts.hold; });
+    return 0;
+}
+
+size_t posted()
+{
+    std::lock_guard<std::mutex> lk(posts.m);
+    return posts.at_tick.size();
+}
+
+std::vector<unsigned int> posted_at()
+{
+    std::lock_guard<std::mutex> lk(posts.m);
+    return posts.at_tick;
+}
+
+void hold_posts(bool hold)
+{
+    std::lock_guard<std::mutex> lk(posts.m);
+    posts.hold = hold;
+    posts.cv.notify_all();
+}
+
+// A kernel with one interface, eth0 (index 2), whose counters and clock
+// the test sets before each sample.
+std::atomic<unsigned long> eth0_ms{0};
+std::string eth0_proc;
+
+unsigned long eth0_clock(unsigned long)
+{
+    samples++;
+    return eth0_ms;
 }
 
 class StatsTest : public AgentTest
@@ -59,22 +133,56 @@ class StatsTest : public AgentTest
         return run_command(cmd_set_stats, "set", "statistics", id, params, "/response/s");
     }
 
-    // After the n-th period: the sender posted it and waits for the next
-    // one again. A period tick that finds the sender still posting wakes
-    // nobody, so the pace tests must not tick past a post in flight.
-    void sender_back(int n)
+    // The tick as the signal thread runs it.
+    static void tick() { do_stats(SIGALRM); }
+
+    // Once the thread of that name was woken and has gone back to sleep
+    // (after `before` sleeps): whatever that wake-up made it do is done.
+    static bool slept_again(const std::string &name, long before)
     {
-        ASSERT_EQ(json_array_size(lab->wait_requests({{"path", "/api/st"}}, n).get()), (size_t)n);
-        ASSERT_TRUE(wait_for([] { return thread_in_futex("stats_sender"); }));
+        return wait_for([&] { return thread_sleeps(name) > before && thread_in_futex(name); });
     }
 
-    // One tick once the collector waits for it, so no signal is lost (the
-    // caller waits for the sample a signalling tick asks for).
-    void tick()
+    void fake_eth0()
     {
-        pthread_mutex_lock(&collector_lock);
-        pthread_mutex_unlock(&collector_lock);
-        do_stats(SIGALRM);
+        eth0_proc = root.path() + "/fake_net_dev";
+        stats_proc_net_dev = eth0_proc.c_str();
+        stats_if_nametoindex = [](const char *n) -> unsigned int {
+            return strcmp(n, "eth0") ? 0 : 2;
+        };
+        stats_if_indextoname = [](unsigned int i, char *n) -> char * {
+            if (i != 2)
+                return nullptr;
+            strcpy(n, "eth0");
+            return n;
+        };
+        stats_clock = eth0_clock;
+        static std::string sys;
+        sys = root.path() + "/fake_sys";
+        stats_sys_class_net = sys.c_str();
+        mkdir(sys.c_str(), 0755);
+        mkdir((sys + "/eth0").c_str(), 0755);
+        write_file(sys + "/eth0/operstate", "up\n");
+        write_file(sys + "/eth0/speed", "1000\n");
+        write_file(sys + "/eth0/duplex", "full\n");
+    }
+    // What the next sample of eth0 reads.
+    static void eth0_at(unsigned long ms, unsigned long long rx, unsigned long long tx)
+    {
+        write_file(eth0_proc, "Inter-| x\n face | y\n  eth0: " + std::to_string(rx) +
+                                  " 1 0 0 0 0 0 0 " + std::to_string(tx) + " 1 0 0 0 0 0 0\n");
+        eth0_ms = ms;
+    }
+    // Ticks on to tick `to`, waiting for each sample the tick asks for (the
+    // test's clock counts them).
+    static void ticks_to(unsigned int to)
+    {
+        for (unsigned int t = stats_ticks() + 1; t <= to; t++) {
+            tick();
+            if (t % 5 == 0) {
+                ASSERT_TRUE(wait_for([&] { return samples == (int)(t / 5); })) << "tick " << t;
+            }
+        }
     }
 };
 
@@ -159,9 +267,10 @@ TEST_F(StatsTest, FirstCommandStartsEverythingOnce)
     EXPECT_TRUE(logged("stats_collector: Started"));
     EXPECT_TRUE(wait_logged("stats_send: Started '/st','60'"));
     EXPECT_TRUE(logged("heartbeat_register_provider: registered 'status' heartbeat provider"));
-    ASSERT_NE(heartbeat_providers, nullptr);
-    EXPECT_STREQ(heartbeat_providers->name, "status");
-    EXPECT_EQ(heartbeat_providers->fn, status_hb_provider);
+    heartbeat_provider *first = heartbeat_providers.load();
+    ASSERT_NE(first, nullptr);
+    EXPECT_STREQ(first->name, "status");
+    EXPECT_EQ(first->fn, status_hb_provider);
     struct itimerspec its;
     ASSERT_EQ(timer_gettime(stats_timer, &its), 0);
     EXPECT_EQ(its.it_interval.tv_sec, 1);
@@ -185,7 +294,7 @@ TEST_F(StatsTest, FirstCommandStartsEverythingOnce)
         logged("stats_start: stats sender is already running, tid " + std::to_string(sender_tid)));
     EXPECT_TRUE(logged("stats_start: status heartbeat provider is already registered"));
     int providers = 0;
-    for (heartbeat_provider *p = heartbeat_providers; p != nullptr; p = p->next)
+    for (heartbeat_provider *p = heartbeat_providers.load(); p != nullptr; p = p->next)
         providers += strcmp(p->name, "status") == 0;
     EXPECT_EQ(providers, 1);
 }
@@ -211,7 +320,6 @@ TEST_F(StatsTest, SamplesEveryFiveTicksAndPeriodsEveryInterval)
             ASSERT_TRUE(wait_for([&] { return stats_periods() == docs_before + 1; }))
                 << "tick " << t;
             closed_at.push_back(t);
-            sender_back((int)closed_at.size());
         }
     }
     EXPECT_EQ(stats_ticks(), 120u);
@@ -241,7 +349,6 @@ TEST_F(StatsTest, IntervalNotAMultipleOfFiveStillClosesEveryInterval)
             ASSERT_TRUE(wait_for([&] { return stats_periods() == docs_before + 1; }))
                 << "tick " << t;
             closed_at.push_back(t);
-            sender_back((int)closed_at.size());
         }
     }
     EXPECT_EQ(closed_at, (std::vector<unsigned int>{17, 34, 51}));
@@ -290,53 +397,14 @@ TEST_F(StatsTest, SecondCommandKeepsPostingToTheFirstHref)
 
 TEST_F(StatsTest, DocumentCarriesTheRowsOfThePeriod)
 {
-    std::string proc = root.path() + "/fake_net_dev";
-    auto counters = [&](unsigned long long rx, unsigned long long tx) {
-        write_file(proc, "Inter-| x\n face | y\n  eth0: " + std::to_string(rx) + " 1 0 0 0 0 0 0 " +
-                             std::to_string(tx) + " 1 0 0 0 0 0 0\n");
-    };
-    static std::string path;
-    path = proc;
-    stats_proc_net_dev = path.c_str();
-    stats_if_nametoindex = [](const char *n) -> unsigned int { return strcmp(n, "eth0") ? 0 : 2; };
-    stats_if_indextoname = [](unsigned int i, char *n) -> char * {
-        if (i != 2)
-            return nullptr;
-        strcpy(n, "eth0");
-        return n;
-    };
-    static unsigned long ms;
-    stats_clock = [](unsigned long) { return ms; };
-    static std::string sys;
-    sys = root.path() + "/fake_sys";
-    stats_sys_class_net = sys.c_str();
-    mkdir(sys.c_str(), 0755);
-    mkdir((sys + "/eth0").c_str(), 0755);
-    write_file(sys + "/eth0/operstate", "up\n");
-    write_file(sys + "/eth0/speed", "1000\n");
-    write_file(sys + "/eth0/duplex", "full\n");
-
+    fake_eth0();
     ASSERT_EQ(set_stats(params(15000, "/st1"), "a"), std::make_pair(0, std::string()));
     lab->add_link("/st1", "statistics");
-    for (int t = 1; t <= 15; t++) {
-        if (t == 5) {
-            ms = 5000;
-            counters(0, 0);
-        } else if (t == 10) {
-            ms = 10000;
-            counters(50000, 10000);
-        }
-        tick();
-        if (t % 5 == 0 && t < 15) {
-            unsigned long want = ms;
-            ASSERT_TRUE(wait_for([&] {
-                pthread_mutex_lock(&collector_lock);
-                bool done = stats_collection[stats_slot_of(2)].l_time == want;
-                pthread_mutex_unlock(&collector_lock);
-                return done;
-            }));
-        }
-    }
+    ticks_to(4);
+    eth0_at(5000, 0, 0);
+    ticks_to(9);
+    eth0_at(10000, 50000, 10000);
+    ticks_to(15);
     Json got = lab->wait_requests({{"kind", "statistics"}});
     json_t *doc = json_object_get(item(got, 0), "json");
     // Tick 15 wakes the collector and the sender together; its sample reads
@@ -392,20 +460,118 @@ TEST_F(StatsTest, PostRetriesOnlyARefusedToken)
 
 TEST_F(StatsTest, SenderDropsAPeriodItCouldNotPostAndGoesOn)
 {
-    stats_proc_net_dev = "/nonexistent";
+    fake_eth0();
     ASSERT_EQ(set_stats(params(15000, "/st"), "a"), std::make_pair(0, std::string()));
     lab->add_link("/st", "statistics");
-    lab->script(R"({"path":"/api/st","status":500,"text":"down"})");
-    for (int t = 1; t <= 15; t++)
-        tick();
-    ASSERT_TRUE(wait_logged("stats_post: err = 500, reply = 'down'"));
-    for (int t = 16; t <= 30; t++)
-        tick();
+    // The refusal takes a second to come, as from a struggling controller.
+    lab->script(R"({"path":"/api/st","status":500,"text":"down","delay":1})");
+    // Two periods that tell each other apart: 10000 B/s received in the
+    // first, 20000 B/s in the second.
+    ticks_to(4);
+    eth0_at(5000, 0, 0);
+    ticks_to(9);
+    eth0_at(10000, 50000, 10000);
+    ticks_to(15);
+    ASSERT_TRUE(wait_for([] { return stats_periods() == 1; }));
+    // The second period's ticks come while the first is still being
+    // refused: its tick is not lost.
+    ticks_to(19);
+    eth0_at(20000, 250000, 30000);
+    ticks_to(24);
+    eth0_at(25000, 350000, 40000);
+    long sleeps = thread_sleeps("stats_sender");
+    ticks_to(30);
     Json got = lab->wait_requests({{"path", "/api/st"}}, 2);
     ASSERT_EQ(json_array_size(got.get()), 2u);
-    // Each period once: the lost one is not sent again.
-    EXPECT_NE(at(got, 0, "body"), "");
+    EXPECT_TRUE(logged("stats_post: err = 500, reply = 'down'"));
+    EXPECT_EQ(json_integer_value(json_object_get(item(got, 0), "status")), 500);
+    EXPECT_EQ(json_text(json_object_get(json_object_get(item(got, 0), "json"), "interface")),
+              R"([{"id":"eth0","rx_max":10000,"rx_avg":10000,"tx_max":2000,"tx_avg":2000}])");
+    // The second request is the second period, not the first sent again.
     EXPECT_EQ(json_integer_value(json_object_get(item(got, 1), "status")), 200);
+    EXPECT_EQ(json_text(json_object_get(json_object_get(item(got, 1), "json"), "interface")),
+              R"([{"id":"eth0","rx_max":20000,"rx_avg":20000,"tx_max":2000,"tx_avg":2000}])");
+    ASSERT_TRUE(slept_again("stats_sender", sleeps));
+    EXPECT_EQ(count({{"path", "/api/st"}}), 2u);
+    EXPECT_EQ(stats_periods(), 2u);
+}
+
+// ---- wake-ups the tick did not ask for, ticks during a post ---------------
+
+// A wake-up with no tick behind it (spurious, or a broadcast) neither closes
+// a period nor takes a sample: both threads go back to sleep, and the period
+// closes at its own tick.
+TEST_F(StatsTest, WakeUpWithoutATickClosesNoPeriodAndTakesNoSample)
+{
+    stats_clock = counting_clock;
+    stats_proc_net_dev = "/nonexistent";
+    stats_poster = recording_poster;
+    ASSERT_EQ(set_stats(params(15000), "a"), std::make_pair(0, std::string()));
+    ticks_to(14);
+    for (int round = 0; round < 3; round++) {
+        ASSERT_TRUE(wait_for(
+            [] { return thread_in_futex("stats_sender") && thread_in_futex("stats_collector"); }));
+        long sender = thread_sleeps("stats_sender");
+        long collector = thread_sleeps("stats_collector");
+        pthread_cond_broadcast(&stats_ready);
+        pthread_cond_broadcast(&collector_ready);
+        ASSERT_TRUE(slept_again("stats_sender", sender)) << "round " << round;
+        ASSERT_TRUE(slept_again("stats_collector", collector)) << "round " << round;
+        EXPECT_EQ(posted(), 0u) << "round " << round;
+        EXPECT_EQ(samples, 2) << "round " << round;
+    }
+    tick();
+    ASSERT_TRUE(wait_for([] { return posted() == 1 && samples == 3; }));
+    EXPECT_EQ(posted_at(), (std::vector<unsigned int>{15}));
+    EXPECT_EQ(stats_periods(), 1u);
+}
+
+// The period tick that comes while the sender is still posting the previous
+// document is not lost: the sender closes that period as soon as its post
+// returns.
+TEST_F(StatsTest, PeriodTickDuringAPostIsNotLost)
+{
+    stats_clock = counting_clock;
+    stats_proc_net_dev = "/nonexistent";
+    stats_poster = recording_poster;
+    hold_posts(true);
+    ASSERT_EQ(set_stats(params(15000), "a"), std::make_pair(0, std::string()));
+    ticks_to(15);
+    ASSERT_TRUE(wait_for([] { return posted() == 1; }));
+    // The first post hangs; the second period comes due meanwhile.
+    ticks_to(30);
+    EXPECT_EQ(posted(), 1u);
+    hold_posts(false);
+    ASSERT_TRUE(wait_for([] { return posted() == 2; }));
+    EXPECT_EQ(posted_at(), (std::vector<unsigned int>{15, 30}));
+    EXPECT_EQ(stats_periods(), 2u);
+}
+
+// Periods that come due while a post hangs make one document once it
+// returns, not one per missed tick, and the pace stays on the interval's
+// ticks afterwards.
+TEST_F(StatsTest, PeriodsDueDuringAHangingPostMakeOneDocument)
+{
+    stats_clock = counting_clock;
+    stats_proc_net_dev = "/nonexistent";
+    stats_poster = recording_poster;
+    hold_posts(true);
+    ASSERT_EQ(set_stats(params(15000), "a"), std::make_pair(0, std::string()));
+    ticks_to(15);
+    ASSERT_TRUE(wait_for([] { return posted() == 1; }));
+    // Ticks 30, 45 and 60 find the sender in its post.
+    ticks_to(60);
+    long sleeps = thread_sleeps("stats_sender");
+    hold_posts(false);
+    ASSERT_TRUE(wait_for([] { return posted() == 2; }));
+    ASSERT_TRUE(slept_again("stats_sender", sleeps));
+    EXPECT_EQ(posted(), 2u);
+    ticks_to(74);
+    EXPECT_EQ(posted(), 2u);
+    ticks_to(75);
+    ASSERT_TRUE(wait_for([] { return posted() == 3; }));
+    EXPECT_EQ(posted_at(), (std::vector<unsigned int>{15, 60, 75}));
+    EXPECT_EQ(stats_periods(), 3u);
 }
 
 // ---- the clock -------------------------------------------------------------

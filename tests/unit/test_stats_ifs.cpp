@@ -126,6 +126,11 @@ class StatsIfsTest : public ::testing::Test
                 return &c;
         return nullptr;
     }
+    int slots_holding(unsigned int idx)
+    {
+        return (int)std::count_if(std::begin(stats_collection), std::end(stats_collection),
+                                  [&](const if_counters_t &c) { return c.ifidx == (int)idx; });
+    }
     int used_slots()
     {
         return (int)std::count_if(std::begin(stats_collection), std::end(stats_collection),
@@ -241,6 +246,153 @@ TEST_F(StatsIfsTest, StaleSlotIsTakenOverAndPrimed)
     EXPECT_EQ(c.rx_max, 0u);
     EXPECT_EQ(c.tx_max, 0u);
     EXPECT_EQ(used_slots(), 1);
+}
+
+// eth1 and eth129 share home slot 49; eth129 sits one further on. When
+// eth1 goes, eth129 keeps its own slot: the stale one in front of it is not
+// taken, so eth129 is never counted twice, and the stale slot is freed at
+// the period end.
+TEST_F(StatsIfsTest, StaleSlotBeforeALiveOneIsNotTakenByIt)
+{
+    kernel_index = {{"eth1", 1}, {"eth129", 129}};
+    sample(1000, {{"eth1", 0, 0}, {"eth129", 0, 0}});
+    sample(2000, {{"eth1", 1000, 0}, {"eth129", 2000, 0}});
+    ASSERT_EQ(stats_collection[49].ifidx, 1);
+    ASSERT_EQ(stats_collection[50].ifidx, 129);
+    kernel_index.erase("eth1");
+    sample(3000, {{"eth129", 4000, 0}});
+    sample(4000, {{"eth129", 6000, 0}});
+    EXPECT_EQ(slots_holding(129), 1);
+    EXPECT_EQ(stats_collection[50].l_time, 4000u);
+    calc_stats_for_interfaces();
+    ASSERT_EQ(num_stats, 1);
+    EXPECT_STREQ(stats[0].ifname, "eth129");
+    // One period of three seconds: 6000 bytes.
+    EXPECT_EQ(stats[0].rx_avg, 2000u);
+    EXPECT_EQ(stats[0].rx_max, 2000u);
+    EXPECT_EQ(used_slots(), 1);
+    EXPECT_EQ(stats_collection[49].ifidx, 129);
+}
+
+// The period end frees eth1's slot in front of eth129: eth129 moves back
+// into it rather than leaving a gap its next sample would stop at (and
+// claim, counting it twice and its old slot never again).
+TEST_F(StatsIfsTest, FreedSlotIsFilledFromFurtherOnItsRun)
+{
+    kernel_index = {{"eth1", 1}, {"eth129", 129}};
+    sample(1000, {{"eth1", 0, 0}, {"eth129", 0, 0}});
+    sample(2000, {{"eth1", 1000, 0}, {"eth129", 2000, 0}});
+    kernel_index.erase("eth1");
+    calc_stats_for_interfaces();
+    ASSERT_EQ(num_stats, 1);
+    EXPECT_STREQ(stats[0].ifname, "eth129");
+    EXPECT_EQ(used_slots(), 1);
+    EXPECT_EQ(stats_collection[49].ifidx, 129);
+    EXPECT_EQ(stats_collection[50].ifidx, 0);
+
+    sample(3000, {{"eth129", 4000, 0}});
+    sample(4000, {{"eth129", 6000, 0}});
+    EXPECT_EQ(slots_holding(129), 1);
+    EXPECT_EQ(used_slots(), 1);
+    calc_stats_for_interfaces();
+    ASSERT_EQ(num_stats, 1);
+    EXPECT_EQ(stats[0].rx_avg, 2000u);
+}
+
+// A run of four: x and y at home 49, z at home 50 pushed to 51, w at its
+// own home 52. x goes: y and z each move back one, w stays, and every one
+// of them is found again in one slot.
+TEST_F(StatsIfsTest, FreeingMovesBackOnlyWhatItsHomeAllows)
+{
+    auto at_home = [](unsigned int home, unsigned int from) {
+        for (unsigned int i = from + 1;; i++)
+            if (stats_slot_of(i) == home)
+                return i;
+    };
+    unsigned int x = 1, y = 129, z = at_home(50, 0), w = at_home(52, 0);
+    kernel_index = {{"tun-x", x}, {"tun-y", y}, {"tun-z", z}, {"tun-w", w}};
+    std::vector<Counter> all = {{"tun-x", 0, 0}, {"tun-y", 0, 0}, {"tun-z", 0, 0}, {"tun-w", 0, 0}};
+    sample(1000, all);
+    ASSERT_EQ(stats_collection[49].ifidx, (int)x);
+    ASSERT_EQ(stats_collection[50].ifidx, (int)y);
+    ASSERT_EQ(stats_collection[51].ifidx, (int)z);
+    ASSERT_EQ(stats_collection[52].ifidx, (int)w);
+    for (auto &c : all)
+        c.rx = 1000;
+    sample(2000, all);
+    kernel_index.erase("tun-x");
+    calc_stats_for_interfaces();
+    EXPECT_EQ(num_stats, 3);
+    EXPECT_EQ(stats_collection[49].ifidx, (int)y);
+    EXPECT_EQ(stats_collection[50].ifidx, (int)z);
+    EXPECT_EQ(stats_collection[51].ifidx, 0);
+    EXPECT_EQ(stats_collection[52].ifidx, (int)w);
+
+    all.erase(all.begin());
+    for (auto &c : all)
+        c.rx = 3000;
+    sample(3000, all);
+    for (unsigned int i : {y, z, w})
+        EXPECT_EQ(slots_holding(i), 1) << i;
+    EXPECT_EQ(used_slots(), 3);
+    calc_stats_for_interfaces();
+    ASSERT_EQ(num_stats, 3);
+    for (int r = 0; r < 3; r++)
+        EXPECT_EQ(stats[r].rx_avg, 2000u) << stats[r].ifname;
+}
+
+// The run wraps: a at slot 127, b (same home) at slot 0. a goes at the
+// period end; b, closed already at slot 0, moves back to 127 and yields no
+// second row, and its next samples land in that one slot.
+TEST_F(StatsIfsTest, FreeingAcrossTheEndOfTheTable)
+{
+    unsigned int a = 0, b = 0;
+    for (unsigned int i = 1; b == 0; i++)
+        if (stats_slot_of(i) == 127)
+            (a == 0 ? a : b) = i;
+    kernel_index = {{"eth-a", a}, {"eth-b", b}};
+    sample(1000, {{"eth-a", 0, 0}, {"eth-b", 0, 0}});
+    sample(2000, {{"eth-a", 1000, 0}, {"eth-b", 1000, 0}});
+    ASSERT_EQ(stats_collection[127].ifidx, (int)a);
+    ASSERT_EQ(stats_collection[0].ifidx, (int)b);
+    kernel_index.erase("eth-a");
+    calc_stats_for_interfaces();
+    ASSERT_EQ(num_stats, 1);
+    EXPECT_STREQ(stats[0].ifname, "eth-b");
+    EXPECT_EQ(stats_collection[127].ifidx, (int)b);
+    EXPECT_EQ(used_slots(), 1);
+    sample(3000, {{"eth-b", 3000, 0}});
+    EXPECT_EQ(slots_holding(b), 1);
+    EXPECT_EQ(used_slots(), 1);
+    calc_stats_for_interfaces();
+    ASSERT_EQ(num_stats, 1);
+    EXPECT_EQ(stats[0].rx_avg, 2000u);
+}
+
+// A full table has no free slot to end the moving back at: freeing one of
+// 128 live slots still ends, and every other interface keeps one slot.
+TEST_F(StatsIfsTest, FreeingInAFullTable)
+{
+    std::vector<Counter> list;
+    for (unsigned int i = 1; i <= 128; i++) {
+        std::string name = "eth" + std::to_string(i);
+        kernel_index[name] = i;
+        list.push_back({name, 0, 0});
+    }
+    sample(1000, list);
+    ASSERT_EQ(used_slots(), 128);
+    for (auto &c : list)
+        c.rx = 1000;
+    sample(2000, list);
+    kernel_index.erase("eth1");
+    list.erase(list.begin());
+    calc_stats_for_interfaces();
+    EXPECT_EQ(num_stats, 127);
+    EXPECT_EQ(used_slots(), 127);
+    sample(3000, list);
+    for (unsigned int i = 2; i <= 128; i++)
+        ASSERT_EQ(slots_holding(i), 1) << i;
+    EXPECT_EQ(used_slots(), 127);
 }
 
 TEST_F(StatsIfsTest, HundredTwentyNinthInterfaceIsSkippedWithOverflow)

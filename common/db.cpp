@@ -219,30 +219,41 @@ std::string hide_secret(const char *sql, const char *secret)
 
 } // namespace
 
-int db_command(const char *fmt, ...)
+namespace
 {
-    va_list ap;
-    va_start(ap, fmt);
+
+// Formats and runs one statement; with a secret, the log shows the statement
+// with the secret hidden.
+int command_v(const char *secret, const char *fmt, va_list ap)
+{
     sqlite_text sql(sqlite3_vmprintf(fmt, ap));
-    va_end(ap);
     if (!sql) {
         log_fprint(orkad_log, "%s: Out of memory\n", "db_command");
         return -1;
     }
-    return run_command(fmt, sql.get(), sql.get());
+    if (secret == nullptr)
+        return run_command(fmt, sql.get(), sql.get());
+    return run_command(fmt, sql.get(), hide_secret(sql.get(), secret).c_str());
+}
+
+} // namespace
+
+int db_command(const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    int rc = command_v(nullptr, fmt, ap);
+    va_end(ap);
+    return rc;
 }
 
 int db_command_secret(const char *secret, const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    sqlite_text sql(sqlite3_vmprintf(fmt, ap));
+    int rc = command_v(secret, fmt, ap);
     va_end(ap);
-    if (!sql) {
-        log_fprint(orkad_log, "%s: Out of memory\n", "db_command");
-        return -1;
-    }
-    return run_command(fmt, sql.get(), hide_secret(sql.get(), secret).c_str());
+    return rc;
 }
 
 int db_get_multiple(const char *cls, const char *properties, const char *qualifiers,

@@ -34,3 +34,18 @@ def netns_lab(device_root, netns, tmp_path):
                       state_dir=str(tmp_path / "lab"))
     yield c
     c.stop()
+
+
+@pytest.fixture
+def heartbeating(device_root, tmp_path, netns, netns_lab):
+    """The daemon against the lab controller in its namespace, heartbeating
+    every second, once its first heartbeat has reached the lab."""
+    import devroot
+    from conftest import Daemon
+    devroot.update_bootenv(device_root, heartbeat="1")
+    d = Daemon(device_root, str(tmp_path), netns)
+    d.lab = netns_lab
+    d.start("-s", netns_lab.base_url)
+    netns_lab.wait_request(kind="heartbeat", timeout=20)
+    yield d
+    d.stop()

@@ -9,23 +9,16 @@ import time
 
 import pytest
 
-import devroot
-from conftest import Daemon, wait_until
-from lab_fixtures import netns_lab  # noqa: F401
+from conftest import wait_until
+from lab_fixtures import heartbeating, netns_lab  # noqa: F401
 
 PORT_HEX = f":{46180:04X} "  # the receiver's port as /proc/net/udp shows it
 HOLD = 3.0  # seconds the other program keeps the file
 
 
 @pytest.fixture
-def switch(device_root, tmp_path, netns, netns_lab):
-    devroot.update_bootenv(device_root, heartbeat="1")
-    d = Daemon(device_root, str(tmp_path), netns)
-    d.lab = netns_lab
-    d.start("-s", netns_lab.base_url)
-    netns_lab.wait_request(kind="heartbeat", timeout=20)
-    yield d
-    d.stop()
+def switch(heartbeating):
+    return heartbeating
 
 
 def start_forwarding(sw):

@@ -91,7 +91,7 @@ if [ "$run_tests" = 1 ]; then
     #   guest's core itself, under a name of its own, or none;
     # - the statistics pace tests: they tick through a whole period while
     #   the sender posts the previous one, which under emulation outlasts
-    #   them, and a wake-up nobody waits for is dropped by design.
+    #   them, and periods that come due during one post make one document.
     emulator_bound='NetTest\.ClientMac|WorkTest\.ThreadLimitIsFortyAndFailedCreation'
     emulator_bound+='|OrkadTest\.LiveCoredump'
     emulator_bound+='|StatsTest\.(SamplesEveryFiveTicks|IntervalNotAMultipleOfFive)'

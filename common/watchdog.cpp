@@ -1,5 +1,6 @@
 #include "watchdog.h"
 
+#include "db.h"
 #include "devroot.h"
 #include "http.h"
 
@@ -44,6 +45,10 @@ constexpr int OTHER_TOKEN_USERS = 4;
 constexpr int REQUEST_OVERRUN = 2;
 // The providers, the settings read and the status word given to the switch.
 constexpr int PULSE_LOCAL_WORK = 16;
+// Settings statements of one pulse (the controller's address, read again for
+// each of the two tokens, and the status word), each of which may wait out
+// another program's lock on the settings file.
+constexpr int PULSE_SETTINGS_STATEMENTS = 4;
 // The longest command: firmware downloads and diagnostics uploads have no
 // time-out of their own. Three attempts at a 100 MB image over a 1 Mbit/s
 // link take 40 minutes; this is three times that.
@@ -187,7 +192,8 @@ int watchdog_longest_pulse(void)
 {
     int request = HTTP_TIMEOUT_SECONDS + REQUEST_OVERRUN;
     int token = (OTHER_TOKEN_USERS + 1) * request;
-    return POST_ATTEMPTS * (token + request) + PULSE_LOCAL_WORK;
+    return POST_ATTEMPTS * (token + request) + PULSE_LOCAL_WORK +
+           PULSE_SETTINGS_STATEMENTS * DB_BUSY_TIMEOUT_MS / 1000;
 }
 
 int watchdog_longest_command(void)

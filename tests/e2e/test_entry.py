@@ -89,6 +89,10 @@ def test_child_start_and_banner(daemon):
         assert len(supervisor) == 2 and len(set(supervisor)) == 1
     else:
         assert supervisor == ["orkad"]
+    # Started again once with the C library's per-thread cache of freed
+    # blocks off (the environment as the program began, in /proc).
+    with open(f"/proc/{child}/environ", "rb") as f:
+        assert b"GLIBC_TUNABLES=glibc.malloc.tcache_count=0" in f.read().split(b"\0")
     pid, pri, msg = daemon.syslog.wait_for("device reboot: ")
     assert pid == child
     assert pri == 8 | 6  # LOG_USER | LOG_INFO

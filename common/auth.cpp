@@ -140,31 +140,25 @@ int get_access_token(char *token)
         }
     }
 
-    char *base = get_cloud_controller();
-    if (base == nullptr) {
+    // The lock stays held across the request: one fetch, everyone else waits.
+    std::string basic = std::string("Authorization: Basic ") + secret64;
+    controller_result res =
+        controller_request(controller_call::token, "/oauth/token?grant_type=client_credentials", "",
+                           0, nullptr, basic.c_str());
+    if (res.outcome == controller_result::no_controller) {
         log_fprint(orkad_log, "%s: controller not set yet!\n", "get_access_token");
         pthread_mutex_unlock(&token_lock);
         token[0] = '\0';
         return 0;
     }
-
-    // The lock stays held across the request: one fetch, everyone else waits.
-    reply *r = alloc_reply();
-    char basic[128];
-    snprintf(basic, sizeof(basic), "Authorization: Basic %s", secret64);
-    char url[512];
-    snprintf(url, sizeof(url), "%s/api/oauth/token?grant_type=client_credentials", base);
-    const char *headers[] = {basic, nullptr};
-    int result = http_post(url, "", 0, headers, r);
-    if (result == 0)
-        take_token(r);
-    else if (result == 400)
-        check_refusal(r);
+    if (res.result == 0)
+        take_token(res.body.get());
+    else if (res.result == 400)
+        check_refusal(res.body.get());
 
     strcpy(token, access_token);
     int valid = token_valid ? 1 : 0;
     pthread_mutex_unlock(&token_lock);
-    free_reply(r);
     return valid;
 }
 

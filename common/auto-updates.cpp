@@ -93,19 +93,15 @@ int check_updates(void)
 {
     pthread_mutex_lock(&lock);
     int result = -1;
-    char *base = get_cloud_controller();
-    if (base != nullptr) {
-        // The version of the bank we booted from.
-        const char *version = strcmp(env_boot, "0") == 0 ? env_primary : env_secondary;
-        char url[512];
-        snprintf(url, sizeof(url), "%s/api/current-firmware?serial_number=%s&firmware_version=%s",
-                 base, env_serial, version);
-        reply *r = alloc_reply();
-        // The controller answers this one without a token.
-        result = http_get(url, nullptr, r);
+    // The version of the bank we booted from.
+    const char *version = strcmp(env_boot, "0") == 0 ? env_primary : env_secondary;
+    std::string path = std::string("/current-firmware?serial_number=") + env_serial +
+                       "&firmware_version=" + version;
+    controller_result res = controller_request(controller_call::firmware_check, path);
+    if (res.outcome == controller_result::done) {
+        result = res.result;
         if (result == 0)
-            result = handle_reply(r);
-        free_reply(r);
+            result = handle_reply(res.body.get());
     }
     pthread_mutex_unlock(&lock);
     return result;

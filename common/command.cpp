@@ -229,7 +229,7 @@ int cmd_envelope::fail(const char *fmt, ...)
     return -1;
 }
 
-int cmd_envelope::answer(int code, const char *data)
+int cmd_envelope::answer(int code, json_t *data)
 {
     return send_command_status(resp_href_, id, code, message, data);
 }

@@ -63,8 +63,8 @@ class cmd_envelope
     // Sets the message, logs it and returns -1, the failure code.
     int fail(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
     // Answers the controller with the code, the message and optional JSON
-    // text for "data"; returns what send_command_status returned.
-    int answer(int code, const char *data = nullptr);
+    // for "data"; returns what send_command_status returned.
+    int answer(int code, json_t *data = nullptr);
 
     json_t *command() const { return command_; }
     const char *response_link() const { return resp_href_; }

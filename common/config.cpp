@@ -252,40 +252,25 @@ void cmd_del_config(char *name, json_t *command, char *resp_href)
 
 int send_refresh_config(void)
 {
-    char *base = get_cloud_controller();
-    if (base == nullptr)
+    if (controller_base().empty())
         return 1;
-    char url[512];
-    snprintf(url, sizeof(url), "%s/api/refresh-config", base);
-
-    char body[2048];
-    int n = snprintf(body, sizeof(body), "{\"reason\":\"%s\"%s}",
-                     restarts > 0 ? "restart" : "reboot", platform_get_capabilities());
-    if (n >= (int)sizeof(body)) {
-        log_fprint(orkad_log,
-                   "%s: ERROR: platform_get_capabilities returned too long a string, url "
-                   "truncated!!\n",
-                   "send_refresh_config");
-        n = sizeof(body) - 1;
+    json_ptr doc(json_object());
+    json_ptr capabilities(platform_capabilities());
+    if (!doc || !capabilities ||
+        json_object_set_new(doc.get(), "reason",
+                            json_string(restarts > 0 ? "restart" : "reboot")) != 0 ||
+        json_object_set(doc.get(), "capabilities", capabilities.get()) != 0) {
+        log_fprint(orkad_log, "%s: cannot build the refresh notice\n", "send_refresh_config");
+        return 1;
     }
-
-    char bearer[512];
-    const char *headers[] = {"Content-Type: application/json", bearer, nullptr};
-    reply *r = alloc_reply();
-    int result = 1;
-    for (int attempt = 0; attempt < 2; attempt++) {
-        char token[ACCESS_TOKEN_SIZE];
-        if (!get_access_token(token)) {
-            result = 1;
-            break;
-        }
-        snprintf(bearer, sizeof(bearer), "Authorization: Bearer %s", token);
-        result = http_post(url, body, n, headers, r);
-        if (result < 400 || result > 499)
-            break;
-        invalidate_access_token();
-        r->length = 0;
+    malloc_ptr<char> body(json_dumps(doc.get(), JSON_COMPACT | JSON_PRESERVE_ORDER));
+    if (!body) {
+        log_fprint(orkad_log, "%s: cannot build the refresh notice\n", "send_refresh_config");
+        return 1;
     }
-    free_reply(r);
-    return result;
+    controller_result res = controller_request(controller_call::refresh, "/refresh-config",
+                                               body.get(), (int)strlen(body.get()));
+    if (res.outcome != controller_result::done)
+        return 1;
+    return res.result;
 }

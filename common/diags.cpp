@@ -21,8 +21,8 @@ const char upload_failed[] = "failed to upload diagnostics data";
 // Collections share fixed file names in /tmp, so one runs at a time.
 pthread_mutex_t diags_lock = PTHREAD_MUTEX_INITIALIZER;
 
-// Collects the archive and uploads it; 0 or -1.
-int collect_and_upload(const char *url)
+// Collects the archive and uploads it to href on the controller; 0 or -1.
+int collect_and_upload(const char *href)
 {
     pthread_mutex_lock(&diags_lock);
     dev_remove(DIAGS_ARCHIVE);
@@ -39,12 +39,9 @@ int collect_and_upload(const char *url)
         pthread_mutex_unlock(&diags_lock);
         return -1;
     }
-    char token[ACCESS_TOKEN_SIZE] = "";
-    get_access_token(token);
-    char bearer[512];
-    snprintf(bearer, sizeof(bearer), "Authorization: Bearer %s", token);
-    const char *headers[] = {bearer, nullptr};
-    int rc = http_upload_file_multipart(url, DIAGS_ARCHIVE, headers);
+    controller_result res =
+        controller_request(controller_call::diagnostics, href, nullptr, 0, DIAGS_ARCHIVE);
+    int rc = res.ok() ? 0 : -1;
     // The archive carries the device's logs and settings: once it has been
     // offered to the controller it has no reason to stay, and a failed
     // upload is asked for again with a new collection.
@@ -72,19 +69,16 @@ void cmd_get_diagnostics(char *command, json_t *js_command, char *resp_href)
         cmd.answer(-1);
         return;
     }
-    const char *base = get_cloud_controller();
-    if (base == nullptr) {
+    if (controller_base().empty()) {
         cmd.answer(cmd.fail("%s", upload_failed));
         return;
     }
-    char url[512];
-    snprintf(url, sizeof(url), "%s/api%s", base, href);
 
     // The uptime and log statistics go into the main log first, so that the
     // dump carries them.
     log_debug(0);
 
-    int result = collect_and_upload(url);
+    int result = collect_and_upload(href);
     if (result != 0)
         cmd.fail("%s", upload_failed);
     cmd.answer(result);

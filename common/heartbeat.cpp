@@ -151,27 +151,6 @@ void run_commands(const reply *r)
     process_bundle(list, count, json_string_value(href));
 }
 
-// Two attempts: a 4xx means our token was refused, so the second one goes
-// out with a fresh token. 0 when the post succeeded.
-int post(const char *url, const char *payload, int length, reply *r)
-{
-    char bearer[ACCESS_TOKEN_SIZE + 32];
-    const char *headers[] = {bearer, "Content-Type: application/json", nullptr};
-    int result = -1;
-    for (int attempt = 0; attempt < 2; attempt++) {
-        char token[ACCESS_TOKEN_SIZE];
-        if (!get_access_token(token))
-            return -1;
-        snprintf(bearer, sizeof(bearer), "Authorization: Bearer %s", token);
-        result = http_post(url, payload, length, headers, r);
-        if (result < 400 || result > 499)
-            break;
-        invalidate_access_token();
-        r->length = 0;
-    }
-    return result;
-}
-
 } // namespace
 
 int heartbeat_register_provider(const char *name, heartbeat_fn fn)
@@ -199,8 +178,7 @@ int heartbeat_register_provider(const char *name, heartbeat_fn fn)
 
 int heartbeat_pulse(void)
 {
-    char *base = get_cloud_controller();
-    if (base == nullptr) {
+    if (controller_base().empty()) {
         if (cloud_connected != 0) {
             set_cloud_controller_status("down");
             cloud_connected = 0;
@@ -220,28 +198,29 @@ int heartbeat_pulse(void)
     for (heartbeat_provider *p = heartbeat_providers.load(std::memory_order_acquire); p != nullptr;
          p = p->next)
         p->fn(hb_obj.get(), last_failed);
-    char *payload = json_dumps(hb_obj.get(), JSON_COMPACT | JSON_PRESERVE_ORDER);
+    malloc_ptr<char> payload(json_dumps(hb_obj.get(), JSON_COMPACT | JSON_PRESERVE_ORDER));
     int length = 0;
-    if (payload == nullptr)
+    if (!payload)
         log_fprint(orkad_log, "%s: failed to convert hb_obj to payload\n", "heartbeat_pulse");
     else
-        length = (int)strlen(payload);
+        length = (int)strlen(payload.get());
     hb_obj.reset();
     if (debug)
         log_fprint(orkad_log, "length = %d, payload = '%s'\n", length,
-                   payload != nullptr ? payload : "");
+                   payload ? payload.get() : "");
 
-    reply *r = alloc_reply();
-    char url[512];
     pthread_mutex_lock(&heartbeat_link_lock);
-    snprintf(url, sizeof(url), "%s/api%s", base, heartbeat_link);
+    std::string path = heartbeat_link;
     pthread_mutex_unlock(&heartbeat_link_lock);
     std::atomic_ref<uint64_t>(heartbeat_count).fetch_add(1, std::memory_order_relaxed);
 
-    int result = post(url, payload, length, r);
+    controller_result res =
+        controller_request(controller_call::heartbeat, path, payload.get(), length);
+    int result = res.ok() ? 0 : -1;
     if (result != 0) {
         pulse_failed();
     } else {
+        reply *r = res.body.get();
         if (debug) {
             loggable_json shown(r->data, (size_t)r->length);
             log_fprint(orkad_log, "reply = '%.*s'\n", shown.length(), shown.data());
@@ -250,8 +229,6 @@ int heartbeat_pulse(void)
         run_commands(r);
         pulse_succeeded();
     }
-    free(payload);
-    free_reply(r);
     skipping = false;
     return result == 0 ? 0 : -1;
 }

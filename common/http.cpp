@@ -27,16 +27,19 @@ namespace
 
 constexpr long HTTP_TIMEOUT = HTTP_TIMEOUT_SECONDS;
 constexpr int DOWNLOAD_ATTEMPTS = 3;
-constexpr int STATUS_BODY_SIZE = 512;
-constexpr int STATUS_URL_SIZE = 256;
-constexpr int BEARER_SIZE = 512;
-constexpr int STATUS_ATTEMPTS = 4;
+// A command answer of this many bytes or more is not sent.
+constexpr size_t ANSWER_BODY_LIMIT = 512;
 constexpr int PUT_LOG_LIMIT = 400;
 
 // Every caller keeps the returned URL across blocking requests while other
 // threads look it up again: each thread reads into a buffer of its own, so a
 // lookup on one thread never rewrites the text another is still using.
 thread_local char cloud_controller[256];
+
+// The system's own certificate store, which downloads trust besides the
+// device's bundle: images may come from a content network the controller
+// names.
+const char SYSTEM_CA_PATH[] = "/etc/ssl/certs";
 
 struct easy_deleter {
     void operator()(CURL *c) const { curl_easy_cleanup(c); }
@@ -120,6 +123,23 @@ slist_ptr set_headers(CURL *c, const char *const *headers)
 
 enum class method { get, post, put };
 
+// An upload counts when the transfer went through and the server took it.
+int upload_result(const char *fn, CURL *c, CURLcode rc)
+{
+    if (rc != CURLE_OK) {
+        log_fprint(orkad_log, "%s: curl error: (CURLcode = %d) '%s'\n", fn, (int)rc,
+                   curl_easy_strerror(rc));
+        return -1;
+    }
+    long code = 0;
+    curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &code);
+    if (code < 200 || code > 299) {
+        log_fprint(orkad_log, "%s: upload refused, response code = %ld\n", fn, code);
+        return -1;
+    }
+    return 0;
+}
+
 // One curl handle per calling thread, kept between requests and reset after
 // each: the handle keeps the CA bundle it parsed (curl caches the store with
 // the handle) and nothing else, since every request asks for a fresh
@@ -157,7 +177,7 @@ struct reset_after {
 
 // GET, POST and PUT share everything but their log wording.
 int http_request(method m, const char *url, const char *data, int length,
-                 const char *const *headers, reply *r)
+                 const char *const *headers, reply *r, long *status = nullptr)
 {
     const char *fn = m == method::get ? "http_get" : m == method::post ? "http_post" : "http_put";
     if (http_exchange != nullptr)
@@ -236,6 +256,8 @@ int http_request(method m, const char *url, const char *data, int length,
 
     long code = 0;
     curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &code);
+    if (status != nullptr)
+        *status = code;
     bool ok = code >= 200 && code <= 299;
     // A heartbeat reply may carry the administrator password.
     loggable_json shown(r->data, (size_t)r->length);
@@ -372,16 +394,24 @@ int http_download_file(const char *url, const char *path)
         curl_easy_setopt(c, CURLOPT_URL, url);
         curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, 1L);
         curl_easy_setopt(c, CURLOPT_WRITEDATA, file.get());
-        // Images come from wherever the controller points; they are checked
-        // by the installer, not by the transport.
-        curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 0L);
+        // Images come from wherever the controller points, a content network
+        // as well: the peer must prove itself to the device's bundle or to
+        // the system's store.
+        curl_easy_setopt(c, CURLOPT_CAPATH, SYSTEM_CA_PATH);
         curl_easy_setopt(c, CURLOPT_ERRORBUFFER, errbuf);
         if (debug)
             curl_easy_setopt(c, CURLOPT_VERBOSE, 0L);
         CURLcode rc = curl_easy_perform(c);
+        long code = 0;
+        if (rc == CURLE_OK)
+            curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &code);
         bool again = false;
-        if (rc == CURLE_OK) {
+        if (rc == CURLE_OK && code >= 200 && code <= 299) {
             result = 0;
+        } else if (rc == CURLE_OK) {
+            // An error page is no image.
+            log_fprint(orkad_log, "%s: server answered %ld, url = '%s'\n", fn, code, url);
+            again = true;
         } else {
             log_fprint(http_log, "%s: curl_easy_perform() failed: (CURLcode = %d) %s\n", fn,
                        (int)rc, curl_easy_strerror(rc));
@@ -411,17 +441,15 @@ int http_upload_file(const char *url, const char *path, const char *const *heade
     curl_easy_setopt(c, CURLOPT_URL, url);
     curl_easy_setopt(c, CURLOPT_UPLOAD, 1L);
     curl_easy_setopt(c, CURLOPT_READDATA, file.get());
-    curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 0L);
+    // Files go to the controller: trusted as its other requests are.
+    char ca[1024];
+    curl_easy_setopt(c, CURLOPT_CAINFO, ca_bundle(ca, sizeof(ca)));
+    curl_easy_setopt(c, CURLOPT_CAPATH, nullptr);
     if (debug)
         curl_easy_setopt(c, CURLOPT_VERBOSE, 0L);
     slist_ptr list = set_headers(c, headers);
     CURLcode rc = curl_easy_perform(c);
-    if (rc != CURLE_OK) {
-        log_fprint(orkad_log, "%s: curl error: (CURLcode = %d) '%s'\n", fn, (int)rc,
-                   curl_easy_strerror(rc));
-        return -1;
-    }
-    return 0;
+    return upload_result(fn, c, rc);
 }
 
 int http_upload_file_multipart(const char *url, const char *path, const char *const *headers)
@@ -452,71 +480,196 @@ int http_upload_file_multipart(const char *url, const char *path, const char *co
     struct curl_httppost *form = nullptr, *last = nullptr;
     curl_formadd(&form, &last, CURLFORM_COPYNAME, "file", CURLFORM_FILE, file_path, CURLFORM_END);
     curl_easy_setopt(c, CURLOPT_URL, url);
-    curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 0L);
+    char ca[1024];
+    curl_easy_setopt(c, CURLOPT_CAINFO, ca_bundle(ca, sizeof(ca)));
+    curl_easy_setopt(c, CURLOPT_CAPATH, nullptr);
     curl_easy_setopt(c, CURLOPT_HTTPPOST, form);
     log_fprint(orkad_log, "%s: uploading '%s' to '%s'\n", fn, path, url);
     CURLcode rc = curl_easy_perform(c);
     log_fprint(orkad_log, "%s: done\n", fn);
+    int result = upload_result(fn, c, rc);
     curl.reset();
     curl_formfree(form);
 #pragma GCC diagnostic pop
-    if (rc != CURLE_OK) {
-        log_fprint(orkad_log, "%s: curl error: (CURLcode = %d) '%s'\n", fn, (int)rc,
-                   curl_easy_strerror(rc));
-        return -1;
+    return result;
+}
+
+// The policy table: one row per kind of request to the controller. What a
+// caller used to spell out in a loop of its own is a row here.
+const controller_policy controller_policies[] = {
+    // Two tries: a 4xx means the token was refused, so the second goes out
+    // with a fresh one. No token, no pulse.
+    {controller_call::heartbeat, "heartbeat_pulse", request_method::post, 2,
+     retry_on::client_errors, true, true, true, true, false, attempt_log::none, failure_log::none},
+    {controller_call::status, "status_post", request_method::post, 4, retry_on::unauthorized, true,
+     false, true, true, true, attempt_log::sending, failure_log::once},
+    {controller_call::statistics, "stats_post", request_method::post, 3, retry_on::unauthorized,
+     true, false, true, true, true, attempt_log::none, failure_log::once},
+    {controller_call::syslog, "logging_post", request_method::post, 4, retry_on::unauthorized, true,
+     false, true, true, false, attempt_log::sending, failure_log::once},
+    // Every failure is tried again at once, with a new token, four times.
+    {controller_call::command_answer, "send_command_status", request_method::post, 4,
+     retry_on::any_failure, true, false, true, true, false, attempt_log::none,
+     failure_log::each_attempt},
+    {controller_call::refresh, "send_refresh_config", request_method::post, 2,
+     retry_on::client_errors, true, true, true, true, true, attempt_log::none, failure_log::none},
+    {controller_call::diagnostics, "collect_and_upload", request_method::multipart, 1,
+     retry_on::nothing, false, false, true, false, false, attempt_log::none, failure_log::none},
+    // The controller answers this one without a token.
+    {controller_call::firmware_check, "check_updates", request_method::get, 1, retry_on::nothing,
+     false, false, false, false, false, attempt_log::none, failure_log::none},
+    // The token request carries the device's credentials instead.
+    {controller_call::token, "get_access_token", request_method::post, 1, retry_on::nothing, false,
+     false, false, false, false, attempt_log::none, failure_log::none},
+};
+const int controller_policy_count = sizeof(controller_policies) / sizeof(controller_policies[0]);
+
+const controller_policy &policy_of(controller_call call)
+{
+    return controller_policies[static_cast<int>(call)];
+}
+
+std::string controller_base(void)
+{
+    const char *base = get_cloud_controller();
+    return base != nullptr ? std::string(base) : std::string();
+}
+
+std::string controller_url(const std::string &base, const std::string &path)
+{
+    // The one place that knows where the controller's API lives.
+    return base + "/api" + path;
+}
+
+namespace
+{
+
+bool tried_again(retry_on retry, int result)
+{
+    switch (retry) {
+    case retry_on::nothing:
+        return false;
+    case retry_on::unauthorized:
+        return result == 401;
+    case retry_on::client_errors:
+        return result >= 400 && result <= 499;
+    case retry_on::any_failure:
+        return result != 0;
     }
-    return 0;
+    return false;
+}
+
+} // namespace
+
+controller_result controller_request(controller_call call, const std::string &path,
+                                     const char *body, int length, const char *upload,
+                                     const char *extra)
+{
+    const controller_policy &p = policy_of(call);
+    controller_result out;
+    std::string base = controller_base();
+    if (base.empty())
+        return out;
+    std::string url = controller_url(base, path);
+    out.body.reset(alloc_reply());
+    reply *r = out.body.get();
+    std::string bearer;
+    const char *headers[4] = {};
+    for (int attempt = 0; attempt < p.attempts; attempt++) {
+        if (p.bearer) {
+            char token[ACCESS_TOKEN_SIZE];
+            if (!get_access_token(token) && p.needs_token) {
+                out.outcome = controller_result::no_token;
+                return out;
+            }
+            bearer = std::string("Authorization: Bearer ") + token;
+        }
+        int h = 0;
+        if (p.json && p.type_first)
+            headers[h++] = "Content-Type: application/json";
+        if (p.bearer)
+            headers[h++] = bearer.c_str();
+        if (p.json && !p.type_first)
+            headers[h++] = "Content-Type: application/json";
+        if (extra != nullptr)
+            headers[h++] = extra;
+        headers[h] = nullptr;
+        if (p.before == attempt_log::sending)
+            log_fprint(sys_log, "sending (retry = %d) %.*s\n", p.attempts - 1 - attempt, length,
+                       body);
+        r->length = 0;
+        out.status = 0;
+        out.attempts++;
+        out.outcome = controller_result::done;
+        switch (p.method) {
+        case request_method::get:
+            out.result =
+                http_request(method::get, url.c_str(), nullptr, 0, headers, r, &out.status);
+            break;
+        case request_method::post:
+            out.result =
+                http_request(method::post, url.c_str(), body, length, headers, r, &out.status);
+            break;
+        case request_method::multipart:
+            out.result = http_upload_file_multipart(url.c_str(), upload, headers);
+            break;
+        }
+        if (out.result == 0)
+            break;
+        if (p.after == failure_log::each_attempt)
+            log_fprint(orkad_log, "http_post err = %d, post = '%.*s', reply = '%.*s'\n", out.result,
+                       length, body, r->length, r->data);
+        if (!tried_again(p.retry, out.result))
+            break;
+        if (p.drop_token)
+            invalidate_access_token();
+    }
+    if (out.result != 0 && p.after == failure_log::once)
+        log_fprint(orkad_log, "%s: err = %d, reply = '%.*s'\n", p.who, out.result, r->length,
+                   r->data);
+    return out;
+}
+
+malloc_ptr<char> command_answer_body(const char *commandId, int code, const char *message,
+                                     json_t *data)
+{
+    json_ptr item(json_object());
+    json_ptr doc(json_object());
+    json_ptr list(json_array());
+    if (!item || !doc || !list)
+        return nullptr;
+    if (json_object_set_new(item.get(), "commandId", json_utf8_string(commandId)) != 0 ||
+        json_object_set_new(item.get(), "code", json_integer(code)) != 0 ||
+        json_object_set_new(item.get(), "message", json_utf8_string(message)) != 0 ||
+        (data != nullptr && json_object_set(item.get(), "data", data) != 0) ||
+        json_array_append(list.get(), item.get()) != 0 ||
+        json_object_set(doc.get(), "response", list.get()) != 0)
+        return nullptr;
+    return malloc_ptr<char>(json_dumps(doc.get(), JSON_COMPACT | JSON_PRESERVE_ORDER));
 }
 
 int send_command_status(const char *path, const char *commandId, int code, const char *message,
-                        const char *data)
+                        json_t *data)
 {
     const char *fn = "send_command_status";
-    char *base = get_cloud_controller();
-    if (base == nullptr)
+    std::string base = controller_base();
+    if (base.empty())
         return 1;
-    reply *r = alloc_reply();
-
-    char url[STATUS_URL_SIZE];
-    snprintf(url, sizeof(url), "%s/api%s", base, path);
-
-    char body[STATUS_BODY_SIZE];
-    int n;
-    // The message goes in as it is: handlers write plain texts.
-    if (data == nullptr)
-        n = snprintf(body, sizeof(body),
-                     "{\"response\":[{\"commandId\":\"%s\",\"code\":%d,\"message\":\"%s\"}]}",
-                     commandId, code, message);
-    else
-        n = snprintf(
-            body, sizeof(body),
-            "{\"response\":[{\"commandId\":\"%s\",\"code\":%d,\"message\":\"%s\",\"data\":%s}]}",
-            commandId, code, message, data);
-    if (n < 0 || n >= STATUS_BODY_SIZE) {
-        log_fprint(cmd_log, "%s: reply to %s exceeded the buffer size %d\n", fn, url,
-                   STATUS_BODY_SIZE);
-        // The reply stays out of the pool on this path; long-standing behaviour.
+    std::string url = controller_url(base, path);
+    malloc_ptr<char> body = command_answer_body(commandId, code, message, data);
+    size_t n = body ? strlen(body.get()) : 0;
+    if (!body || n >= ANSWER_BODY_LIMIT) {
+        log_fprint(cmd_log, "%s: reply to %s exceeded the buffer size %d\n", fn, url.c_str(),
+                   (int)ANSWER_BODY_LIMIT);
         return 1;
     }
-    log_fprint(cmd_log, "%s: '%s'\n", url, body);
-
-    char bearer[BEARER_SIZE];
-    const char *headers[] = {bearer, "Content-Type: application/json", nullptr};
-    int result = 0;
-    for (int attempt = 0; attempt < STATUS_ATTEMPTS; attempt++) {
-        char token[ACCESS_TOKEN_SIZE];
-        get_access_token(token);
-        snprintf(bearer, sizeof(bearer), "Authorization: Bearer %s", token);
-        result = http_post(url, body, n, headers, r);
-        if (result == 0)
-            break;
-        log_fprint(orkad_log, "http_post err = %d, post = '%.*s', reply = '%.*s'\n", result, n,
-                   body, r->length, r->data);
-        invalidate_access_token();
-        r->length = 0;
-    }
-    free_reply(r);
-    return result;
+    log_fprint(cmd_log, "%s: '%s'\n", url.c_str(), body.get());
+    controller_result res =
+        controller_request(controller_call::command_answer, path, body.get(), (int)n);
+    // The controller went away between the two looks: nothing was sent.
+    if (res.outcome != controller_result::done)
+        return 1;
+    return res.result;
 }
 
 void http_debug(int)

@@ -28,7 +28,6 @@ namespace
 
 constexpr int MIN_INTERVAL = 1;
 constexpr int MAX_INTERVAL = 86400;
-constexpr int POST_ATTEMPTS = 4;
 
 std::mutex logbuf_lock;
 struct _logbuf *logbuf;
@@ -259,36 +258,11 @@ void logging_send(void *interval_ptr, void *href_ptr, void *)
 
 int logging_post(const char *href, const char *data, int length)
 {
-    char *base = get_cloud_controller();
+    controller_result res = controller_request(controller_call::syslog, href, data, length);
     // Nowhere to send it: the batch counts as sent.
-    if (base == nullptr)
+    if (res.outcome != controller_result::done)
         return 0;
-    char bearer[ACCESS_TOKEN_SIZE + 32];
-    const char *headers[] = {bearer, "Content-Type: application/json", nullptr};
-    char url[512];
-    snprintf(url, sizeof(url), "%s/api%s", base, href);
-
-    reply *r = alloc_reply();
-    int result = 0;
-    for (int retry = POST_ATTEMPTS - 1; retry >= 0; retry--) {
-        char token[ACCESS_TOKEN_SIZE];
-        get_access_token(token);
-        snprintf(bearer, sizeof(bearer), "Authorization: Bearer %s", token);
-        log_fprint(sys_log, "sending (retry = %d) %.*s\n", retry, length, data);
-        result = http_post(url, data, length, headers, r);
-        if (result == 0) {
-            free_reply(r);
-            return 0;
-        }
-        if (result != 401)
-            break;
-        invalidate_access_token();
-        r->length = 0;
-    }
-    log_fprint(orkad_log, "%s: err = %d, reply = '%.*s'\n", "logging_post", result, r->length,
-               r->data);
-    free_reply(r);
-    return result;
+    return res.result;
 }
 
 int logging_flush(int seconds)

@@ -28,6 +28,14 @@ struct free_deleter {
 };
 template <typename T> using malloc_ptr = std::unique_ptr<T, free_deleter>;
 
+// A reply borrowed from the pool goes back to it.
+struct reply;
+void free_reply(struct reply *r);
+struct reply_returner {
+    void operator()(struct reply *r) const { free_reply(r); }
+};
+using reply_ptr = std::unique_ptr<struct reply, reply_returner>;
+
 // Owns one descriptor for the length of a call.
 class fd_guard
 {

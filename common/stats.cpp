@@ -31,10 +31,7 @@ int (*stats_poster)(const char *slink, const char *payload, int length) = stats_
 namespace
 {
 
-#define STATS_URL_SIZE 512
 #define STATS_TIME_SIZE 32
-#define STATS_POST_ATTEMPTS 3
-#define BEARER_SIZE (ACCESS_TOKEN_SIZE + 32)
 
 struct itimerspec itimer;
 bool timer_created = false;
@@ -258,33 +255,11 @@ void stats_send(void *p1, void *, void *)
 
 int stats_post(const char *slink, const char *payload, int length)
 {
-    char *base = get_cloud_controller();
-    if (base == nullptr)
+    controller_result res = controller_request(controller_call::statistics, slink, payload, length);
+    // Without a controller there is nobody to count the period for.
+    if (res.outcome != controller_result::done)
         return 0;
-    char url[STATS_URL_SIZE];
-    snprintf(url, sizeof(url), "%s/api%s", base, slink);
-    char bearer[BEARER_SIZE];
-    const char *headers[] = {"Content-Type: application/json", bearer, nullptr};
-    reply *r = alloc_reply();
-    int result = 0;
-    for (int attempt = 0; attempt < STATS_POST_ATTEMPTS; attempt++) {
-        char token[ACCESS_TOKEN_SIZE];
-        get_access_token(token);
-        snprintf(bearer, sizeof(bearer), "Authorization: Bearer %s", token);
-        r->length = 0;
-        result = http_post(url, payload, length, headers, r);
-        if (result == 0 || (result >= 200 && result <= 299)) {
-            free_reply(r);
-            return 0;
-        }
-        if (result != 401)
-            break;
-        invalidate_access_token();
-    }
-    log_fprint(orkad_log, "%s: err = %d, reply = '%.*s'\n", "stats_post", result, r->length,
-               r->data);
-    free_reply(r);
-    return result;
+    return res.result;
 }
 
 void status_hb_provider(json_t *js_hb, bool last_failed)

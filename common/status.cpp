@@ -338,35 +338,10 @@ void status_send(void *interval_ptr, void *slink_ptr, void *)
 
 int status_post(const char *path, const char *payload, int length)
 {
-    char *base = get_cloud_controller();
-    if (base == nullptr)
+    controller_result res = controller_request(controller_call::status, path, payload, length);
+    if (res.outcome != controller_result::done)
         return -1;
-    char url[512];
-    snprintf(url, sizeof(url), "%s/api%s", base, path);
-    char bearer[ACCESS_TOKEN_SIZE + 32];
-    const char *headers[] = {"Content-Type: application/json", bearer, nullptr};
-
-    reply *r = alloc_reply();
-    int err = -1;
-    for (int retry = 3; retry >= 0; retry--) {
-        // A fresh token for every attempt: a 401 invalidated the last one.
-        char token[ACCESS_TOKEN_SIZE];
-        get_access_token(token);
-        snprintf(bearer, sizeof(bearer), "Authorization: Bearer %s", token);
-        log_fprint(sys_log, "sending (retry = %d) %.*s\n", retry, length, payload);
-        r->length = 0;
-        err = http_post(url, payload, length, headers, r);
-        if (err == 0) {
-            free_reply(r);
-            return 0;
-        }
-        if (err != 401)
-            break;
-        invalidate_access_token();
-    }
-    log_fprint(orkad_log, "%s: err = %d, reply = '%.*s'\n", "status_post", err, r->length, r->data);
-    free_reply(r);
-    return err;
+    return res.result;
 }
 
 json_t *str_to_json_array(const char *text, char sep)

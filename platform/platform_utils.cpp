@@ -7,6 +7,7 @@
 #include "log.h"
 #include "logging.h"
 #include "lsql.h"
+#include "utils.h"
 #include "work.h"
 
 #include <cerrno>
@@ -47,7 +48,7 @@ char hw_version[32];
 bool logging_started;
 int syslog_reader_id = -1;
 
-const char capabilities[] = ",\"capabilities\":{"
+const char capabilities[] = "{"
                             "\"set-reboot\":{\"allowed\":true},"
                             "\"set-broker\":{\"allowed\":false},"
                             "\"set-probe\":{\"allowed\":false},"
@@ -192,9 +193,9 @@ int platform_get_if_mac_str(const char *ifname, char *buf)
     return 0;
 }
 
-const char *platform_get_capabilities(void)
+json_t *platform_capabilities(void)
 {
-    return capabilities;
+    return json_loads(capabilities, 0, nullptr);
 }
 
 int platform_reboot(void)
@@ -263,42 +264,6 @@ bool platform_logging_filter(const char *, int)
 
 namespace
 {
-
-// Bytes of a well-formed UTF-8 sequence at p (at most n bytes there), or 0
-// when the byte at p starts none: a stray continuation byte, an overlong
-// form, a surrogate, a code point above U+10FFFF or a sequence cut short.
-int utf8_sequence(const unsigned char *p, int n)
-{
-    unsigned char c = p[0];
-    if (c < 0x80)
-        return 1;
-    int len;
-    unsigned char lo = 0x80;
-    unsigned char hi = 0xbf;
-    if (c >= 0xc2 && c <= 0xdf) {
-        len = 2;
-    } else if (c >= 0xe0 && c <= 0xef) {
-        len = 3;
-        if (c == 0xe0)
-            lo = 0xa0; // overlong below U+0800
-        else if (c == 0xed)
-            hi = 0x9f; // surrogates
-    } else if (c >= 0xf0 && c <= 0xf4) {
-        len = 4;
-        if (c == 0xf0)
-            lo = 0x90; // overlong below U+10000
-        else if (c == 0xf4)
-            hi = 0x8f; // above U+10FFFF
-    } else {
-        return 0;
-    }
-    if (n < len || p[1] < lo || p[1] > hi)
-        return 0;
-    for (int i = 2; i < len; i++)
-        if (p[i] < 0x80 || p[i] > 0xbf)
-            return 0;
-    return len;
-}
 
 const char replacement[] = "\xef\xbf\xbd"; // U+FFFD
 

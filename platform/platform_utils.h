@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <ctime>
+#include <jansson.h>
 
 // The switch sends its syslog to this local UDP port once we ask it to.
 #define PLATFORM_SYSLOG_PORT 46180
@@ -38,7 +39,9 @@ const char *platform_get_hw_version(void);
 // Copies the 17 characters of the interface's MAC address text into buf,
 // without a terminator. 0, or -1 (cannot open) / -2 (short read).
 int platform_get_if_mac_str(const char *ifname, char *buf);
-const char *platform_get_capabilities(void);
+// What the device can do, as the refresh notice tells the controller: a new
+// object the caller owns.
+json_t *platform_capabilities(void);
 
 // Device control.
 int platform_reboot(void);

@@ -564,6 +564,17 @@ TEST_F(ConfigTest, CloudManagementUrlReplacesTheHomeSite)
 
 // ---- refresh notice -------------------------------------------------------------
 
+std::string capabilities_text()
+{
+    json_t *c = platform_capabilities();
+    EXPECT_NE(c, nullptr);
+    char *text = json_dumps(c, JSON_COMPACT | JSON_PRESERVE_ORDER);
+    std::string out = text != nullptr ? text : "";
+    free(text);
+    json_decref(c);
+    return out;
+}
+
 TEST_F(ConfigTest, RefreshAfterABootSaysReboot)
 {
     start_lab();
@@ -573,8 +584,16 @@ TEST_F(ConfigTest, RefreshAfterABootSaysReboot)
     ASSERT_EQ(json_array_size(recs.get()), 1u);
     json_t *rec = json_array_get(recs.get(), 0);
     EXPECT_EQ(json_str(rec, "path"), "/api/refresh-config");
-    EXPECT_EQ(json_str(rec, "body"),
-              std::string("{\"reason\":\"reboot\"") + platform_get_capabilities() + "}");
+    // The text the controller has always had: members in this order, compact.
+    std::string body = json_str(rec, "body");
+    EXPECT_EQ(body, "{\"reason\":\"reboot\",\"capabilities\":" + capabilities_text() + "}");
+    EXPECT_EQ(
+        body.rfind("{\"reason\":\"reboot\",\"capabilities\":{\"set-reboot\":{\"allowed\":true},"
+                   "\"set-broker\":{\"allowed\":false},",
+                   0),
+        0u);
+    EXPECT_EQ(body.substr(body.size() - 62),
+              ",\"set-status\":{\"allowed\":true},\"edit-vnet\":{\"allowed\":false}}}");
     json_t *doc = json_object_get(rec, "json");
     EXPECT_EQ(json_str(doc, "reason"), "reboot");
     EXPECT_TRUE(json_is_object(json_object_get(doc, "capabilities")));
@@ -605,7 +624,7 @@ TEST_F(ConfigTest, RefreshAfterARestartSaysRestart)
     Json recs = lab->requests({{"kind", "refresh"}});
     ASSERT_EQ(json_array_size(recs.get()), 1u);
     EXPECT_EQ(json_str(json_array_get(recs.get(), 0), "body"),
-              std::string("{\"reason\":\"restart\"") + platform_get_capabilities() + "}");
+              "{\"reason\":\"restart\",\"capabilities\":" + capabilities_text() + "}");
 }
 
 TEST_F(ConfigTest, RefreshRetriesOnceWithANewTokenOnAClientError)

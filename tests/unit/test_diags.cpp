@@ -343,12 +343,14 @@ TEST_F(DiagsTest, AFailedUploadIsReported)
     EXPECT_FALSE(file_exists(root.at("/tmp/diagnostics.tar.gz")));
 }
 
-TEST_F(DiagsTest, AnArchiveTheControllerRefusesIsRemovedToo)
+TEST_F(DiagsTest, AnUploadTheControllerRefusesIsAFailureAndTheArchiveGoes)
 {
     lab->script(R"({"path":"/api/diags/upload","status":500})");
     get_diags("dg-1");
-    // A refusal is still a finished upload: the archive went up.
-    EXPECT_EQ(result_of("dg-1").first, 0);
+    // A refused upload is a failed one, answered so; the archive goes all
+    // the same.
+    EXPECT_EQ(result_of("dg-1"),
+              std::make_pair(-1, std::string("failed to upload diagnostics data")));
     EXPECT_EQ(count({{"path", "/api/diags/upload"}}), 1u);
     EXPECT_FALSE(file_exists(root.at("/tmp/diagnostics.tar.gz")));
 }

@@ -199,7 +199,7 @@ TEST_F(HttpTest, ControllerUrlStaysPutWhileAnotherThreadLooksItUp)
     EXPECT_STREQ(get_cloud_controller(), "https://second.example:8443");
 }
 
-TEST_F(HttpTest, OversizeStatusIsRefusedAndKeepsItsReply)
+TEST_F(HttpTest, OversizeStatusIsRefusedAndTakesNoReply)
 {
     config_set("system", nullptr, "cloud-controller", "http://127.0.0.1:9");
     // {"response":[{"commandId":"c","code":0,"message":"..."}]} is 54 bytes
@@ -209,7 +209,7 @@ TEST_F(HttpTest, OversizeStatusIsRefusedAndKeepsItsReply)
     EXPECT_EQ(cmd_lines().back(),
               "send_command_status: reply to http://127.0.0.1:9/api/r exceeded the buffer size "
               "512");
-    EXPECT_EQ(queue_count(free_replies), 31);
+    EXPECT_EQ(queue_count(free_replies), 32);
 }
 
 TEST_F(HttpTest, DownloadToUnwritablePathTriesOnce)
@@ -561,7 +561,9 @@ TEST_F(HttpLabTest, CommandStatusWithoutData)
 
 TEST_F(HttpLabTest, CommandStatusWithData)
 {
-    EXPECT_EQ(send_command_status("/response/t", "lab-8", 0, "", R"({"ports":[1,2]})"), 0);
+    json_t *data = json_loads(R"({"ports":[1,2]})", 0, nullptr);
+    EXPECT_EQ(send_command_status("/response/t", "lab-8", 0, "", data), 0);
+    json_decref(data);
     Json res = lab->results();
     json_t *r = only(res);
     EXPECT_EQ(
@@ -571,14 +573,79 @@ TEST_F(HttpLabTest, CommandStatusWithData)
     EXPECT_EQ(json_integer_value(json_object_get(r, "code")), 0);
 }
 
-TEST_F(HttpLabTest, CommandStatusMessageIsNotEscaped)
+TEST_F(HttpLabTest, CommandStatusCarriesHostileTextsExactlyAsJson)
 {
-    EXPECT_EQ(send_command_status("/response/t", "lab-9", -1, "bad \"name\"", nullptr), 0);
+    // An id and a message with quotes, backslashes, control characters and
+    // bytes that are not UTF-8: the answer is JSON and carries them, the
+    // bad bytes replaced by U+FFFD each.
+    const std::string id = "lab\"9\\x";
+    const std::string message = "bad \"name\" C:\\temp\\new\t\x01 \xff\xfe end \xc3\xa9";
+    EXPECT_EQ(send_command_status("/response/t", id.c_str(), -1, message.c_str(), nullptr), 0);
     Json res = lab->results();
     json_t *r = only(res);
+    EXPECT_TRUE(json_is_true(json_object_get(r, "valid_json")));
+    EXPECT_EQ(json_str(r, "commandId"), id);
+    EXPECT_EQ(json_str(r, "message"),
+              "bad \"name\" C:\\temp\\new\t\x01 \xef\xbf\xbd\xef\xbf\xbd end \xc3\xa9");
     EXPECT_EQ(json_str(r, "body"),
-              R"({"response":[{"commandId":"lab-9","code":-1,"message":"bad "name""}]})");
-    EXPECT_TRUE(json_is_false(json_object_get(r, "valid_json")));
+              R"({"response":[{"commandId":"lab\"9\\x","code":-1,"message":"bad \"name\" )"
+              R"(C:\\temp\\new\t\u0001 )"
+              "\xef\xbf\xbd\xef\xbf\xbd end \xc3\xa9\"}]}");
+    EXPECT_EQ(queue_count(free_replies), 32);
+}
+
+TEST_F(HttpLabTest, AHundredFailedAnswersLeaveThePoolWhole)
+{
+    const std::string lab_url = lab->base_url;
+    const std::string big(600, 'm');
+    for (int i = 0; i < 100; i++) {
+        std::string id = "fail-" + std::to_string(i);
+        switch (i % 6) {
+        case 0: // the controller fails every attempt
+            lab->script(R"({"path":"/api/response/t","status":500,"count":4})");
+            EXPECT_EQ(send_command_status("/response/t", id.c_str(), 0, "", nullptr), 500);
+            break;
+        case 1: // the token is refused every time
+            lab->script(R"({"path":"/api/response/t","status":401,"count":4})");
+            EXPECT_EQ(send_command_status("/response/t", id.c_str(), 0, "", nullptr), 401);
+            break;
+        case 2: // a client error
+            lab->script(R"({"path":"/api/response/t","status":404,"count":4})");
+            EXPECT_EQ(send_command_status("/response/t", id.c_str(), 0, "", nullptr), 404);
+            break;
+        case 3: // too large to send
+            EXPECT_EQ(send_command_status("/response/t", id.c_str(), 0, big.c_str(), nullptr), 1);
+            break;
+        case 4: // nobody listening
+            config_set("system", nullptr, "cloud-controller", "https://127.0.0.1:9");
+            EXPECT_EQ(send_command_status("/response/t", id.c_str(), 0, "", nullptr), 2);
+            config_set("system", nullptr, "cloud-controller", lab_url.c_str());
+            break;
+        case 5: // no controller at all
+            config_set("system", nullptr, "cloud-controller", "");
+            EXPECT_EQ(send_command_status("/response/t", id.c_str(), 0, "", nullptr), 1);
+            config_set("system", nullptr, "cloud-controller", lab_url.c_str());
+            break;
+        }
+        ASSERT_EQ(queue_count(free_replies), 32) << "after failure " << i;
+    }
+    EXPECT_EQ(json_array_size(lab->results().get()), 0u);
+}
+
+TEST_F(HttpLabTest, OrdinaryAnswersAreTheTextTheyAlwaysWere)
+{
+    // What a format string gave for plain texts, byte for byte.
+    malloc_ptr<char> body = command_answer_body("lab-7", -1, "port 3 is gone", nullptr);
+    ASSERT_TRUE(body);
+    EXPECT_STREQ(body.get(),
+                 R"({"response":[{"commandId":"lab-7","code":-1,"message":"port 3 is gone"}]})");
+    json_t *data = json_loads(R"({"b":[1,{"c":"d"}],"a":null})", 0, nullptr);
+    body = command_answer_body("x", 3, "", data);
+    json_decref(data);
+    ASSERT_TRUE(body);
+    EXPECT_STREQ(
+        body.get(),
+        R"({"response":[{"commandId":"x","code":3,"message":"","data":{"b":[1,{"c":"d"}],"a":null}}]})");
 }
 
 TEST_F(HttpLabTest, CommandStatusHeadersInOrder)
@@ -656,13 +723,17 @@ TEST_F(HttpLabTest, DownloadToADeviceFile)
     EXPECT_EQ(count_of({{"kind", "firmware_image"}}), 1u);
 }
 
-TEST_F(HttpLabTest, DownloadTakesAnErrorPageAsTheFile)
+TEST_F(HttpLabTest, AnErrorPageIsAFailedDownloadAndLeavesNoFile)
 {
-    // Downloads do not fail on an HTTP status: what the server sends is the file.
+    // An error page is no image: three attempts, and a failure the
+    // installer never sees.
     std::string u = url("/firmware/none.tar");
-    EXPECT_EQ(http_download_file(u.c_str(), "/tmp/updates.tar"), 0);
-    EXPECT_EQ(read_file(root.at("/tmp/updates.tar")), R"({"error":"no such image"})");
-    EXPECT_EQ(count_of({{"kind", "firmware_image"}}), 1u);
+    EXPECT_EQ(http_download_file(u.c_str(), "/tmp/updates.tar"), -1);
+    EXPECT_EQ(count_of({{"kind", "firmware_image"}}), 3u);
+    auto m = main_log();
+    EXPECT_EQ(std::count(m.begin(), m.end(),
+                         "http_download_file: server answered 404, url = '" + u + "'"),
+              3);
 }
 
 TEST_F(HttpLabTest, MultipartUploadSendsPartFile)
@@ -780,31 +851,47 @@ TEST_F(HttpLabTest, ControllerWithAnUntrustedCertificateIsRefused)
     EXPECT_GE(json_array_size(json_object_get(errors.get(), "errors")), 1u);
 }
 
-TEST_F(HttpLabTest, FirmwareDownloadDoesNotCheckThePeer)
+TEST_F(HttpLabTest, AFirmwareServerNothingTrustsServesNoImage)
 {
-    // Images may come from any server the controller names; the installer
-    // checks them, the transport does not.
     std::string image = "version=2.0.0.0\n" + std::string(100, 'i');
     lab->set_firmware(R"({"version":"2.0.0.0","image_base64":")" + base64_of(image) + "\"}");
     std::string u = json_str(lab->call("GET", "/firmware").get(), "url");
     distrust_the_lab(root);
     if (HasFatalFailure())
         return;
-    EXPECT_EQ(http_download_file(u.c_str(), "/tmp/updates.tar"), 0);
-    EXPECT_EQ(read_file(root.at("/tmp/updates.tar")), image);
+    EXPECT_EQ(http_download_file(u.c_str(), "/tmp/updates.tar"), -1);
+    EXPECT_EQ(read_file(root.at("/tmp/updates.tar")), "");
+    EXPECT_EQ(count_of({{"kind", "firmware_image"}}), 0u);
+    // The reason is in the log: curl's peer-verification failure.
+    EXPECT_TRUE(any_line_has(http_lines(), "http_download_file: curl_easy_perform() failed: "
+                                           "(CURLcode = 60)"));
 }
 
-TEST_F(HttpLabTest, FileUploadsDoNotCheckThePeer)
+TEST_F(HttpLabTest, FileUploadsToAServerNothingTrustsFail)
 {
     distrust_the_lab(root);
     if (HasFatalFailure())
         return;
     write_file(root.at("/tmp/diagnostics.tar.gz"), "archive");
     std::string u = lab->base_url + "/api/diagnostics";
-    http_upload_file_multipart(u.c_str(), "/tmp/diagnostics.tar.gz", nullptr);
-    http_upload_file(u.c_str(), "/tmp/diagnostics.tar.gz", nullptr);
-    // Both reached the lab over TLS although its certificate is not trusted.
-    EXPECT_EQ(json_array_size(lab->requests({{"path", "/api/diagnostics"}}).get()), 2u);
+    EXPECT_EQ(http_upload_file_multipart(u.c_str(), "/tmp/diagnostics.tar.gz", nullptr), -1);
+    EXPECT_EQ(http_upload_file(u.c_str(), "/tmp/diagnostics.tar.gz", nullptr), -1);
+    EXPECT_EQ(json_array_size(lab->requests({{"path", "/api/diagnostics"}}).get()), 0u);
+    auto m = main_log();
+    EXPECT_TRUE(any_line_has(m, "http_upload_file_multipart: curl error: (CURLcode = 60)"));
+    EXPECT_TRUE(any_line_has(m, "http_upload_file: curl error: (CURLcode = 60)"));
+}
+
+TEST_F(HttpLabTest, AnUploadTheServerRefusesFails)
+{
+    write_file(root.at("/tmp/diagnostics.tar.gz"), "archive");
+    lab->script(R"({"path":"/api/diagnostics","status":500,"count":2})");
+    std::string u = lab->base_url + "/api/diagnostics";
+    EXPECT_EQ(http_upload_file_multipart(u.c_str(), "/tmp/diagnostics.tar.gz", nullptr), -1);
+    EXPECT_EQ(http_upload_file(u.c_str(), "/tmp/diagnostics.tar.gz", nullptr), -1);
+    auto m = main_log();
+    EXPECT_TRUE(has(m, "http_upload_file_multipart: upload refused, response code = 500"));
+    EXPECT_TRUE(has(m, "http_upload_file: upload refused, response code = 500"));
 }
 
 // The calling thread keeps its curl handle between requests: nothing of one

@@ -632,6 +632,196 @@ TEST_F(HttpLabTest, AHundredFailedAnswersLeaveThePoolWhole)
     EXPECT_EQ(json_array_size(lab->results().get()), 0u);
 }
 
+// ---- the policy table ------------------------------------------------------
+
+TEST(HttpPolicyTest, EveryRowIsWhatItsCallerDoes)
+{
+    struct row {
+        controller_call call;
+        const char *who;
+        request_method method;
+        int attempts;
+        retry_on retry;
+        bool drop, needs_token, bearer, json, type_first;
+        attempt_log before;
+        failure_log after;
+    };
+    const row want[] = {
+        {controller_call::heartbeat, "heartbeat_pulse", request_method::post, 2,
+         retry_on::client_errors, true, true, true, true, false, attempt_log::none,
+         failure_log::none},
+        {controller_call::status, "status_post", request_method::post, 4, retry_on::unauthorized,
+         true, false, true, true, true, attempt_log::sending, failure_log::once},
+        {controller_call::statistics, "stats_post", request_method::post, 3, retry_on::unauthorized,
+         true, false, true, true, true, attempt_log::none, failure_log::once},
+        {controller_call::syslog, "logging_post", request_method::post, 4, retry_on::unauthorized,
+         true, false, true, true, false, attempt_log::sending, failure_log::once},
+        {controller_call::command_answer, "send_command_status", request_method::post, 4,
+         retry_on::any_failure, true, false, true, true, false, attempt_log::none,
+         failure_log::each_attempt},
+        {controller_call::refresh, "send_refresh_config", request_method::post, 2,
+         retry_on::client_errors, true, true, true, true, true, attempt_log::none,
+         failure_log::none},
+        {controller_call::diagnostics, "collect_and_upload", request_method::multipart, 1,
+         retry_on::nothing, false, false, true, false, false, attempt_log::none, failure_log::none},
+        {controller_call::firmware_check, "check_updates", request_method::get, 1,
+         retry_on::nothing, false, false, false, false, false, attempt_log::none,
+         failure_log::none},
+        {controller_call::token, "get_access_token", request_method::post, 1, retry_on::nothing,
+         false, false, false, false, false, attempt_log::none, failure_log::none},
+    };
+    ASSERT_EQ(controller_policy_count, (int)(sizeof(want) / sizeof(want[0])));
+    for (const row &w : want) {
+        const controller_policy &p = policy_of(w.call);
+        SCOPED_TRACE(w.who);
+        EXPECT_EQ(p.call, w.call);
+        EXPECT_STREQ(p.who, w.who);
+        EXPECT_EQ(p.method, w.method);
+        EXPECT_EQ(p.attempts, w.attempts);
+        EXPECT_EQ(p.retry, w.retry);
+        EXPECT_EQ(p.drop_token, w.drop);
+        EXPECT_EQ(p.needs_token, w.needs_token);
+        EXPECT_EQ(p.bearer, w.bearer);
+        EXPECT_EQ(p.json, w.json);
+        EXPECT_EQ(p.type_first, w.type_first);
+        EXPECT_EQ(p.before, w.before);
+        EXPECT_EQ(p.after, w.after);
+    }
+}
+
+// Each JSON-posting row against a controller that keeps failing with one
+// status: how many requests, how many tokens, what comes back.
+struct policy_case {
+    controller_call call;
+    int status;
+    unsigned requests; // made to the path
+    unsigned tokens;   // token requests: one for each attempt when the last was dropped
+};
+
+class HttpPolicyLabTest : public HttpLabTest, public ::testing::WithParamInterface<policy_case>
+{
+};
+
+TEST_P(HttpPolicyLabTest, RetriesWhatItsRowSaysAndDropsTheTokenBetween)
+{
+    const policy_case &c = GetParam();
+    const controller_policy &p = policy_of(c.call);
+    lab->script(R"({"path":"/api/p/x","status":)" + std::to_string(c.status) +
+                R"(,"count":8,"body":{"error":"no"}})");
+    controller_result res = controller_request(c.call, "/p/x", "{}", 2);
+    EXPECT_EQ(res.outcome, controller_result::done);
+    EXPECT_EQ(res.result, c.status);
+    EXPECT_EQ(res.status, c.status);
+    EXPECT_EQ(res.attempts, (int)c.requests);
+    EXPECT_EQ(std::string(res.body->data, res.body->length), R"({"error":"no"})");
+    EXPECT_EQ(count_of({{"path", "/api/p/x"}}), c.requests);
+    EXPECT_EQ(count_of({{"kind", "token"}}), c.tokens);
+    // A result the row tries again throws the token away, after the last
+    // attempt too: the next caller asks for a new one.
+    char token[ACCESS_TOKEN_SIZE];
+    get_access_token(token);
+    bool dropped = p.drop_token && c.requests > 1;
+    EXPECT_EQ(count_of({{"kind", "token"}}), c.tokens + (dropped || !p.bearer ? 1 : 0));
+    res.body.reset();
+    EXPECT_EQ(queue_count(free_replies), 32);
+
+    // The lines around the attempts.
+    auto sys = log_messages(root.at("/rw/syslog.log"));
+    long sending = std::count_if(sys.begin(), sys.end(), [](const std::string &l) {
+        return l.rfind("sending (retry = ", 0) == 0;
+    });
+    EXPECT_EQ(sending, p.before == attempt_log::sending ? (long)c.requests : 0L);
+    if (p.before == attempt_log::sending) {
+        EXPECT_TRUE(has(sys, "sending (retry = " + std::to_string(p.attempts - 1) + ") {}"));
+    }
+    auto m = main_log();
+    std::string once = std::string(p.who) + ": err = " + std::to_string(c.status) +
+                       ", reply = '{\"error\":\"no\"}'";
+    EXPECT_EQ(std::count(m.begin(), m.end(), once), p.after == failure_log::once ? 1 : 0);
+    std::string each = "http_post err = " + std::to_string(c.status) +
+                       ", post = '{}', reply = '{\"error\":\"no\"}'";
+    EXPECT_EQ(std::count(m.begin(), m.end(), each),
+              p.after == failure_log::each_attempt ? (long)c.requests : 0L);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, HttpPolicyLabTest,
+    ::testing::Values(
+        // A refused token is tried again, with a new token, as often as the
+        // row allows.
+        policy_case{controller_call::heartbeat, 401, 2, 2},
+        policy_case{controller_call::status, 401, 4, 4},
+        policy_case{controller_call::statistics, 401, 3, 3},
+        policy_case{controller_call::syslog, 401, 4, 4},
+        policy_case{controller_call::command_answer, 401, 4, 4},
+        policy_case{controller_call::refresh, 401, 2, 2},
+        // Another client error: only the rows that take every 4xx for a token.
+        policy_case{controller_call::heartbeat, 404, 2, 2},
+        policy_case{controller_call::status, 404, 1, 1},
+        policy_case{controller_call::statistics, 404, 1, 1},
+        policy_case{controller_call::syslog, 404, 1, 1},
+        policy_case{controller_call::command_answer, 404, 4, 4},
+        policy_case{controller_call::refresh, 404, 2, 2},
+        // A server error: command answers alone try again.
+        policy_case{controller_call::heartbeat, 500, 1, 1},
+        policy_case{controller_call::status, 500, 1, 1},
+        policy_case{controller_call::statistics, 500, 1, 1},
+        policy_case{controller_call::syslog, 500, 1, 1},
+        policy_case{controller_call::command_answer, 500, 4, 4},
+        policy_case{controller_call::refresh, 500, 1, 1},
+        policy_case{controller_call::firmware_check, 500, 1, 0}));
+
+TEST_F(HttpLabTest, RowsThatNeedATokenSendNothingWithout)
+{
+    lab->script(R"({"path":"/api/oauth/token","status":500,"count":8})");
+    for (controller_call call : {controller_call::heartbeat, controller_call::refresh}) {
+        controller_result res = controller_request(call, "/p/x", "{}", 2);
+        EXPECT_EQ(res.outcome, controller_result::no_token);
+        EXPECT_EQ(res.attempts, 0);
+    }
+    EXPECT_EQ(count_of({{"path", "/api/p/x"}}), 0u);
+    // The others go with an empty token; the controller decides.
+    controller_result res = controller_request(controller_call::status, "/p/x", "{}", 2);
+    EXPECT_EQ(res.outcome, controller_result::done);
+    Json recs = lab->requests({{"path", "/api/p/x"}});
+    ASSERT_GE(json_array_size(recs.get()), 1u);
+    EXPECT_EQ(raw_header(json_array_get(recs.get(), 0), "Authorization").second, "Bearer ");
+}
+
+TEST_F(HttpLabTest, HeadersGoInTheRowsOrder)
+{
+    for (controller_call call :
+         {controller_call::heartbeat, controller_call::status, controller_call::statistics,
+          controller_call::syslog, controller_call::command_answer, controller_call::refresh}) {
+        const controller_policy &p = policy_of(call);
+        SCOPED_TRACE(p.who);
+        std::string path = std::string("/p/") + p.who;
+        lab->script(R"({"path":"/api)" + path + R"(","status":200,"body":{}})");
+        controller_result res = controller_request(call, path, "{}", 2);
+        EXPECT_TRUE(res.ok());
+        Json recs = lab->requests({{"path", "/api" + path}});
+        ASSERT_EQ(json_array_size(recs.get()), 1u);
+        json_t *rec = json_array_get(recs.get(), 0);
+        auto auth = raw_header(rec, "Authorization");
+        auto type = raw_header(rec, "Content-Type");
+        EXPECT_EQ(type.second, "application/json");
+        EXPECT_EQ(auth.second.rfind("Bearer ", 0), 0u);
+        EXPECT_EQ(type.first < auth.first, p.type_first);
+    }
+}
+
+TEST_F(HttpLabTest, NoControllerSendsNothingAndTakesNoReply)
+{
+    config_set("system", nullptr, "cloud-controller", "");
+    for (int i = 0; i < controller_policy_count; i++) {
+        controller_result res = controller_request(controller_policies[i].call, "/p/x", "{}", 2);
+        EXPECT_EQ(res.outcome, controller_result::no_controller);
+        EXPECT_FALSE(res.body);
+    }
+    EXPECT_EQ(queue_count(free_replies), 32);
+    EXPECT_EQ(json_array_size(lab->requests().get()), 0u);
+}
+
 TEST_F(HttpLabTest, OrdinaryAnswersAreTheTextTheyAlwaysWere)
 {
     // What a format string gave for plain texts, byte for byte.

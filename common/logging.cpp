@@ -50,31 +50,30 @@ void retire_logbuf(void)
     logbuf = nullptr;
 }
 
-// {"log":[line,line,...]} into body, which holds LOGBUF_SIZE + 16 bytes: the
-// length words of a full batch leave more than enough room for the commas
-// and the frame.
-int build_body(const struct _logbuf *b, char *body)
+// {"log":[line,line,...]}: every line is one event the receiver built as
+// JSON; the batch is built as JSON around them. Null when it cannot be.
+malloc_ptr<char> build_body(const struct _logbuf *b)
 {
-    int n = snprintf(body, 16, "{\"log\":[");
+    json_ptr lines(json_array());
+    json_ptr doc(json_object());
+    if (!lines || !doc || json_object_set(doc.get(), "log", lines.get()) != 0)
+        return nullptr;
     int pos = 0;
-    bool first = true;
     while (pos + 4 <= b->length) {
         int len;
         memcpy(&len, b->buffer + pos, sizeof(len));
         pos += 4;
         if (len < 0 || pos + len > b->length)
             break;
-        if (!first)
-            body[n++] = ',';
-        memcpy(body + n, b->buffer + pos, len);
-        n += len;
+        json_error_t err;
+        json_t *line = json_loadb(b->buffer + pos, (size_t)len, JSON_DECODE_ANY, &err);
+        if (line == nullptr)
+            log_fprint(orkad_log, "logging_send: a line is not JSON, left out: %s\n", err.text);
+        else if (json_array_append_new(lines.get(), line) != 0)
+            return nullptr;
         pos += len;
-        first = false;
     }
-    body[n++] = ']';
-    body[n++] = '}';
-    body[n] = '\0';
-    return n;
+    return malloc_ptr<char>(json_dumps(doc.get(), JSON_COMPACT | JSON_PRESERVE_ORDER));
 }
 
 // The lines a batch holds, for the count of those dropped with it.
@@ -207,7 +206,6 @@ void logging_send(void *interval_ptr, void *href_ptr, void *)
     log_fprint(orkad_log, "logging_send: Started '%d','%s','%d'\n", interval->load(), href,
                (int)enabled->load());
     if (*enabled) {
-        char body[LOGBUF_SIZE + 16];
         int idle = 0;
         do {
             if (*interval < idle) {
@@ -228,8 +226,9 @@ void logging_send(void *interval_ptr, void *href_ptr, void *)
                 log_fprint(orkad_log,
                            "logging_send: overflow = %d, oversize = %d, ready-logs-count = %d\n",
                            lost, oversize.load(std::memory_order_relaxed), ready_count());
-                int length = build_body(b, body);
-                int err = logging_post(href, body, length);
+                malloc_ptr<char> body = build_body(b);
+                // Out of memory: the batch waits for the next pass.
+                int err = body ? logging_post(href, body.get(), (int)strlen(body.get())) : 2;
                 if (err == 0) {
                     free(b);
                     idle = 1;

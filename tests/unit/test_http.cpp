@@ -913,7 +913,7 @@ TEST_F(HttpLabTest, DownloadToADeviceFile)
     EXPECT_EQ(count_of({{"kind", "firmware_image"}}), 1u);
 }
 
-TEST_F(HttpLabTest, AnErrorPageIsAFailedDownloadAndLeavesNoFile)
+TEST_F(HttpLabTest, AnErrorPageIsAFailedDownload)
 {
     // An error page is no image: three attempts, and a failure the
     // installer never sees.

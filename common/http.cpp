@@ -41,15 +41,6 @@ thread_local char cloud_controller[256];
 // names.
 const char SYSTEM_CA_PATH[] = "/etc/ssl/certs";
 
-struct easy_deleter {
-    void operator()(CURL *c) const { curl_easy_cleanup(c); }
-};
-struct slist_deleter {
-    void operator()(curl_slist *l) const { curl_slist_free_all(l); }
-};
-using easy_ptr = std::unique_ptr<CURL, easy_deleter>;
-using slist_ptr = std::unique_ptr<curl_slist, slist_deleter>;
-
 // What every request may take over from the ones before it: TLS sessions
 // (a resumed handshake skips the certificate exchange and its verification)
 // and resolved host names. Each request still gets a connection of its own.
@@ -101,6 +92,17 @@ const char *ca_bundle(char *buf, size_t size)
 {
     const char *p = devroot_path("/etc/ca-bundle.pem", buf, size);
     return p != nullptr ? p : "/etc/ca-bundle.pem";
+}
+
+// The controller's requests and the uploads to it trust the device's bundle
+// alone, without the certificate directory libcurl may have been built to
+// look in as well (curl also keeps a parsed bundle between the requests of
+// a handle only when no directory is set). curl copies both texts.
+void trust_device_bundle(CURL *c)
+{
+    char ca[1024];
+    curl_easy_setopt(c, CURLOPT_CAINFO, ca_bundle(ca, sizeof(ca)));
+    curl_easy_setopt(c, CURLOPT_CAPATH, nullptr);
 }
 
 bool has_headers(const char *const *headers)
@@ -442,9 +444,7 @@ int http_upload_file(const char *url, const char *path, const char *const *heade
     curl_easy_setopt(c, CURLOPT_UPLOAD, 1L);
     curl_easy_setopt(c, CURLOPT_READDATA, file.get());
     // Files go to the controller: trusted as its other requests are.
-    char ca[1024];
-    curl_easy_setopt(c, CURLOPT_CAINFO, ca_bundle(ca, sizeof(ca)));
-    curl_easy_setopt(c, CURLOPT_CAPATH, nullptr);
+    trust_device_bundle(c);
     if (debug)
         curl_easy_setopt(c, CURLOPT_VERBOSE, 0L);
     slist_ptr list = set_headers(c, headers);
@@ -480,9 +480,7 @@ int http_upload_file_multipart(const char *url, const char *path, const char *co
     struct curl_httppost *form = nullptr, *last = nullptr;
     curl_formadd(&form, &last, CURLFORM_COPYNAME, "file", CURLFORM_FILE, file_path, CURLFORM_END);
     curl_easy_setopt(c, CURLOPT_URL, url);
-    char ca[1024];
-    curl_easy_setopt(c, CURLOPT_CAINFO, ca_bundle(ca, sizeof(ca)));
-    curl_easy_setopt(c, CURLOPT_CAPATH, nullptr);
+    trust_device_bundle(c);
     curl_easy_setopt(c, CURLOPT_HTTPPOST, form);
     log_fprint(orkad_log, "%s: uploading '%s' to '%s'\n", fn, path, url);
     CURLcode rc = curl_easy_perform(c);

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <curl/curl.h>
 #include <jansson.h>
 #include <memory>
 #include <unistd.h>
@@ -22,6 +23,16 @@ struct json_deleter {
     void operator()(json_t *j) const { json_decref(j); }
 };
 using json_ptr = std::unique_ptr<json_t, json_deleter>;
+
+struct easy_deleter {
+    void operator()(CURL *c) const { curl_easy_cleanup(c); }
+};
+using easy_ptr = std::unique_ptr<CURL, easy_deleter>;
+
+struct slist_deleter {
+    void operator()(curl_slist *l) const { curl_slist_free_all(l); }
+};
+using slist_ptr = std::unique_ptr<curl_slist, slist_deleter>;
 
 struct free_deleter {
     void operator()(void *p) const { free(p); }

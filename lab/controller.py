@@ -227,6 +227,9 @@ class Lab:
             "serials": list(serials),
             "response_href": None,
             "batch_limit": None,
+            # A path the controller API is served under as well, as a
+            # controller behind a gateway is: "/x" serves "/x/api/...".
+            "mount": None,
         }
         self.tokens = {}
         self.archives = archives.Archives()
@@ -278,8 +281,13 @@ class Lab:
         """Answers one request of the controller API."""
         now = time.time()
         body_text, body_b64 = _text_or_b64(req.body)
+        full_path = req.path
+        mount = self.config.get("mount")
+        if mount and req.path.startswith(mount + "/"):
+            req.path = req.path[len(mount):]
         rec = {
             "seq": None, "time": now, "iso": _iso(now), "client": req.client,
+            "full_path": full_path,
             "method": req.method, "path": req.path, "query": req.query, "params": req.params,
             "headers": req.headers, "raw_headers": [list(h) for h in req.header_list],
             "body": body_text, "body_base64": body_b64, "json": None, "files": None,

@@ -33,11 +33,6 @@ constexpr int BEARER_SIZE = 512;
 constexpr int STATUS_ATTEMPTS = 4;
 constexpr int PUT_LOG_LIMIT = 400;
 
-// Every caller keeps the returned URL across blocking requests while other
-// threads look it up again: each thread reads into a buffer of its own, so a
-// lookup on one thread never rewrites the text another is still using.
-thread_local char cloud_controller[256];
-
 struct easy_deleter {
     void operator()(CURL *c) const { curl_easy_cleanup(c); }
 };
@@ -325,11 +320,12 @@ void free_reply(reply *r)
 
 char *get_cloud_controller(void)
 {
-    if (config_get("system", nullptr, "cloud-controller", cloud_controller,
-                   sizeof(cloud_controller)) == 0 ||
-        cloud_controller[0] == '\0')
-        return nullptr;
-    return cloud_controller;
+    // Every caller keeps the returned URL across blocking requests while
+    // other threads look it up again: each thread keeps a copy of its own, so
+    // a lookup on one thread never rewrites the text another is still using.
+    thread_local std::string url;
+    url = config_get("system", nullptr, "cloud-controller").value_or("");
+    return url.empty() ? nullptr : url.data();
 }
 
 int http_get(const char *url, const char *const *headers, reply *r)

@@ -252,7 +252,7 @@ void cmd_del_config(char *name, json_t *command, char *resp_href)
 
 int send_refresh_config(void)
 {
-    if (controller_base().empty())
+    if (get_cloud_controller().empty())
         return 1;
     json_ptr doc(json_object());
     json_ptr capabilities(platform_capabilities());

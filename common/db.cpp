@@ -2,7 +2,7 @@
 
 #include "devroot.h"
 #include "log.h"
-#include "utils.h"
+#include "raii.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -27,11 +27,6 @@ namespace
 const char create_script[] = "/etc/varnex/config/sql/db-create-tables.sql";
 const char migrate_script[] = "/etc/varnex/config/sql/db-migrate-tables-%d.sql";
 
-struct sqlite_free_deleter {
-    void operator()(char *p) const { sqlite3_free(p); }
-};
-using sqlite_text = std::unique_ptr<char, sqlite_free_deleter>;
-
 int open_startup(sqlite3 **db)
 {
     char path[1024];
@@ -39,13 +34,12 @@ int open_startup(sqlite3 **db)
         return SQLITE_CANTOPEN;
     // Never create the file here: a missing file must go through the create
     // script so it gets the full schema.
-    int rc = sqlite3_open_v2(path, db, SQLITE_OPEN_READWRITE, nullptr);
-    if (rc != SQLITE_OK) {
-        sqlite3_close(*db);
-        *db = nullptr;
+    sqlite3 *opened = nullptr;
+    int rc = sqlite3_open_v2(path, &opened, SQLITE_OPEN_READWRITE, nullptr);
+    sqlite_ptr conn(opened);
+    if (rc != SQLITE_OK)
         return rc;
-    }
-    sqlite3_busy_timeout(*db, DB_BUSY_TIMEOUT_MS);
+    sqlite3_busy_timeout(conn.get(), DB_BUSY_TIMEOUT_MS);
     // The settings hold secrets (the administrator password among them): a
     // file left readable by an older agent is closed to group and others. The
     // engine gives its journal the same mode as the file.
@@ -53,6 +47,7 @@ int open_startup(sqlite3 **db)
     if (stat(path, &st) == 0 && (st.st_mode & 077) != 0 && chmod(path, st.st_mode & 0700) != 0)
         log_fprint(orkad_log, "db_init: cannot restrict access to '%s' (%s)\n", db_startup,
                    strerror(errno));
+    *db = conn.release();
     return rc;
 }
 
@@ -64,23 +59,12 @@ void close_startup(void)
 
 void db_get_version(void)
 {
-    char *value = db_get("system", "value", "key='db.version'");
-    if (value != nullptr) {
-        db_version = (int)strtol(value, nullptr, 10);
-        free(value);
-    } else {
+    std::optional<std::string> value = db_get("system", "value", "key=?", {"db.version"});
+    if (value)
+        db_version = (int)strtol(value->c_str(), nullptr, 10);
+    else
         log_fprint(orkad_log, "db_init: cannot get db.version\n");
-    }
     log_fprint(orkad_log, "db_init: db version %d\n", db_version);
-}
-
-int db_get_callback(void *arg, int argc, char **argv, char **)
-{
-    auto *v = static_cast<db_values *>(arg);
-    v->found += argc;
-    for (int i = 0; i < argc && v->count < v->size; i++)
-        v->values[v->count++] = strdup_with_error(argv[i], "db_get_callback: %s\n", nullptr);
-    return 0;
 }
 
 void db_migrate(void)
@@ -167,73 +151,84 @@ void db_init(void)
 namespace
 {
 
-// Runs a finished statement; `shown` is what the log gets of it.
-int run_command(const char *fmt, const char *sql, const char *shown)
+// Holds the settings connection for one statement, so that the error text
+// read after a failure is the one of that statement and not of another
+// thread's.
+class connection_hold
 {
-    log_fprint(orkad_log, "%s: '%s'\n", "db_command", shown);
+  public:
+    connection_hold() : mutex_(sqlite3_db_mutex(db_main)) { sqlite3_mutex_enter(mutex_); }
+    ~connection_hold() { sqlite3_mutex_leave(mutex_); }
+    connection_hold(const connection_hold &) = delete;
+    connection_hold &operator=(const connection_hold &) = delete;
 
-    char *errmsg = nullptr;
-    sqlite3_exec(db_main, sql, nullptr, nullptr, &errmsg);
-    if (errmsg != nullptr) {
-        // Only the start of the format: the statement itself was logged above.
-        log_fprint(orkad_log, "%s: '%.20s%s' failed with errmsg = '%s'\n", "db_command", fmt,
-                   strlen(fmt) > 20 ? "..." : "", errmsg);
-        sqlite3_free(errmsg);
-        return -2;
+  private:
+    sqlite3_mutex *mutex_;
+};
+
+// The text as the SQL literal that holds it, as %q writes it.
+std::string literal(const char *text)
+{
+    if (text == nullptr)
+        return "NULL";
+    std::string out = "'";
+    for (const char *p = text; *p != '\0'; p++) {
+        if (*p == '\'')
+            out += '\'';
+        out += *p;
     }
-    return 0;
+    return out + "'";
 }
 
-// The statement with the body of every string literal that holds exactly
-// `secret` (as %q quotes it) replaced by the log's marker. Literals are
-// found by their quotes, so the secret is hidden wherever it stands as a
-// value and nothing else is touched.
-std::string hide_secret(const char *sql, const char *secret)
+// What the log shows of a statement: every ? written in as the literal of
+// its parameter, a parameter equal to `secret` as the marker.
+std::string shown(const char *sql, db_params params, const char *secret)
 {
-    sqlite_text quoted(sqlite3_mprintf("%q", secret));
-    std::string shown;
-    const char *p = sql;
-    while (*p != '\0') {
-        if (*p != '\'') {
-            shown += *p++;
+    std::string out;
+    auto param = params.begin();
+    bool quoted = false;
+    for (const char *p = sql; *p != '\0'; p++) {
+        if (*p == '\'')
+            quoted = !quoted;
+        if (*p != '?' || quoted || param == params.end()) {
+            out += *p;
             continue;
         }
-        // A literal ends at a quote that is not doubled.
-        const char *body = p + 1;
-        const char *end = body;
-        while (*end != '\0' && (*end != '\'' || end[1] == '\''))
-            end += *end == '\'' ? 2 : 1;
-        size_t n = (size_t)(end - body);
-        shown += '\'';
-        if (quoted && strlen(quoted.get()) == n && memcmp(body, quoted.get(), n) == 0)
-            shown += LOG_SECRET_MARKER;
+        const char *value = *param++;
+        if (secret != nullptr && value != nullptr && strcmp(value, secret) == 0)
+            out += std::string("'") + LOG_SECRET_MARKER + "'";
         else
-            shown.append(body, n);
-        if (*end == '\0')
-            break;
-        shown += '\'';
-        p = end + 1;
+            out += literal(value);
     }
-    return shown;
+    return out;
 }
 
-} // namespace
-
-namespace
+// Prepares sql on the settings connection and binds its parameters; null
+// (and the engine's error text in `error`) when either fails. The caller
+// holds the connection.
+sqlite_stmt_ptr prepare(const char *sql, db_params params, std::string &error)
 {
-
-// Formats and runs one statement; with a secret, the log shows the statement
-// with the secret hidden.
-int command_v(const char *secret, const char *fmt, va_list ap)
-{
-    sqlite_text sql(sqlite3_vmprintf(fmt, ap));
-    if (!sql) {
-        log_fprint(orkad_log, "%s: Out of memory\n", "db_command");
-        return -1;
+    sqlite3_stmt *raw = nullptr;
+    int rc = sqlite3_prepare_v2(db_main, sql, -1, &raw, nullptr);
+    sqlite_stmt_ptr stmt(raw);
+    if (rc == SQLITE_OK && !stmt) // no statement in the text at all
+        rc = SQLITE_MISUSE;
+    int i = 1;
+    for (auto p = params.begin(); rc == SQLITE_OK && p != params.end(); ++p, ++i)
+        rc = sqlite3_bind_text(stmt.get(), i, *p, -1, SQLITE_STATIC);
+    if (rc != SQLITE_OK) {
+        error = sqlite3_errmsg(db_main);
+        return nullptr;
     }
-    if (secret == nullptr)
-        return run_command(fmt, sql.get(), sql.get());
-    return run_command(fmt, sql.get(), hide_secret(sql.get(), secret).c_str());
+    return stmt;
+}
+
+void log_command_failure(const char *fmt, const char *error)
+{
+    // Only the start of the statement's form: the statement itself has
+    // been logged in full already.
+    log_fprint(orkad_log, "%s: '%.20s%s' failed with errmsg = '%s'\n", "db_command", fmt,
+               strlen(fmt) > 20 ? "..." : "", error);
 }
 
 } // namespace
@@ -242,50 +237,89 @@ int db_command(const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    int rc = command_v(nullptr, fmt, ap);
+    sqlite_text sql(sqlite3_vmprintf(fmt, ap));
     va_end(ap);
-    return rc;
-}
-
-int db_command_secret(const char *secret, const char *fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    int rc = command_v(secret, fmt, ap);
-    va_end(ap);
-    return rc;
-}
-
-int db_get_multiple(const char *cls, const char *properties, const char *qualifiers,
-                    db_values *values)
-{
-    sqlite_text sql(sqlite3_mprintf("SELECT %s FROM %s %s %s", properties, cls,
-                                    qualifiers ? "WHERE" : "", qualifiers ? qualifiers : ""));
     if (!sql) {
-        log_fprint(orkad_log, "%s: out of memory!\n", "db_get_multiple");
-        return 1;
+        log_fprint(orkad_log, "%s: Out of memory\n", "db_command");
+        return -1;
     }
-    char *errmsg = nullptr;
-    sqlite3_exec(db_main, sql.get(), db_get_callback, values, &errmsg);
-    if (errmsg != nullptr) {
-        log_fprint(orkad_log, "db_get: '%s' failed, errmsg = '%s'\n", sql.get(), errmsg);
-        sqlite3_free(errmsg);
-        return 1;
+    log_fprint(orkad_log, "%s: '%s'\n", "db_command", sql.get());
+    char *raw = nullptr;
+    sqlite3_exec(db_main, sql.get(), nullptr, nullptr, &raw);
+    sqlite_text errmsg(raw);
+    if (errmsg) {
+        log_command_failure(fmt, errmsg.get());
+        return -2;
     }
     return 0;
 }
 
-char *db_get(const char *cls, const char *properties, const char *qualifiers)
+int db_write(const char *sql, db_params params, const char *secret)
 {
-    char *slot = nullptr;
-    db_values v = {1, 0, 0, &slot};
-    db_get_multiple(cls, properties, qualifiers, &v);
-    return slot;
+    log_fprint(orkad_log, "%s: '%s'\n", "db_command", shown(sql, params, secret).c_str());
+    std::string error;
+    {
+        connection_hold hold;
+        sqlite_stmt_ptr stmt = prepare(sql, params, error);
+        if (stmt) {
+            int rc;
+            while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW)
+                ;
+            if (rc != SQLITE_DONE)
+                error = sqlite3_errmsg(db_main);
+            else
+                return 0;
+        }
+    }
+    log_command_failure(sql, error.c_str());
+    return -2;
+}
+
+int db_get_multiple(const char *table, const char *columns, const char *where, db_values *values,
+                    db_params params)
+{
+    std::string sql = std::string("SELECT ") + columns + " FROM " + table + " " +
+                      (where ? "WHERE" : "") + " " + (where ? where : "");
+    std::string error;
+    {
+        connection_hold hold;
+        sqlite_stmt_ptr stmt = prepare(sql.c_str(), params, error);
+        if (stmt) {
+            int rc;
+            while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW) {
+                int n = sqlite3_column_count(stmt.get());
+                values->found += n;
+                for (int i = 0; i < n && values->values.size() < values->size; i++) {
+                    auto text = (const char *)sqlite3_column_text(stmt.get(), i);
+                    if (text == nullptr)
+                        values->values.emplace_back(std::nullopt);
+                    else
+                        values->values.emplace_back(
+                            std::string(text, (size_t)sqlite3_column_bytes(stmt.get(), i)));
+                }
+            }
+            if (rc == SQLITE_DONE)
+                return 0;
+            error = sqlite3_errmsg(db_main);
+        }
+    }
+    log_fprint(orkad_log, "db_get: '%s' failed, errmsg = '%s'\n",
+               shown(sql.c_str(), params, nullptr).c_str(), error.c_str());
+    return 1;
+}
+
+std::optional<std::string> db_get(const char *table, const char *columns, const char *where,
+                                  db_params params)
+{
+    db_values v;
+    if (db_get_multiple(table, columns, where, &v, params) != 0 || v.values.empty())
+        return std::nullopt;
+    return v.values.front();
 }
 
 void db_reset_values(db_values *values)
 {
-    values->count = 0;
+    values->values.clear();
     values->found = 0;
 }
 
@@ -293,37 +327,55 @@ int db_create_table(const char *name, const char *fields)
 {
     char sql[4096];
     snprintf(sql, sizeof(sql), "CREATE TABLE %s (%s)", name, fields);
-    char *errmsg = nullptr;
-    int rc = sqlite3_exec(db_main, sql, nullptr, nullptr, &errmsg);
-    if (errmsg != nullptr) {
-        log_fprint(orkad_log, "db_table_create: CREATE TABLE failed, errmsg = '%s'\n", errmsg);
+    char *raw = nullptr;
+    int rc = sqlite3_exec(db_main, sql, nullptr, nullptr, &raw);
+    sqlite_text errmsg(raw);
+    if (errmsg) {
+        log_fprint(orkad_log, "db_table_create: CREATE TABLE failed, errmsg = '%s'\n",
+                   errmsg.get());
         log_fprint(orkad_log, "db_table_create: table '%s' fields '%s'\n", name, fields);
-        sqlite3_free(errmsg);
     }
     return rc;
 }
 
-bool db_begin(char **errmsg)
+namespace
 {
-    log_fprint(orkad_log, "SQL BEGIN\n");
-    return sqlite3_exec(db_main, "BEGIN", nullptr, nullptr, errmsg) == SQLITE_OK;
+
+// Runs one transaction statement; false, with the engine's text in `error`,
+// when it fails.
+bool transaction_step(const char *sql, std::string &error)
+{
+    log_fprint(orkad_log, "SQL %s\n", sql);
+    char *raw = nullptr;
+    int rc = sqlite3_exec(db_main, sql, nullptr, nullptr, &raw);
+    sqlite_text errmsg(raw);
+    if (rc == SQLITE_OK)
+        return true;
+    error = errmsg ? errmsg.get() : sqlite3_errstr(rc);
+    return false;
 }
 
-bool db_commit(char **errmsg)
+} // namespace
+
+db_transaction::db_transaction()
 {
-    log_fprint(orkad_log, "SQL COMMIT\n");
-    return sqlite3_exec(db_main, "COMMIT", nullptr, nullptr, errmsg) == SQLITE_OK;
+    begun_ = transaction_step("BEGIN", error_);
 }
 
-bool db_rollback(char **errmsg)
+bool db_transaction::commit()
 {
-    log_fprint(orkad_log, "SQL ROLLBACK\n");
-    return sqlite3_exec(db_main, "ROLLBACK", nullptr, nullptr, errmsg) == SQLITE_OK;
+    if (!begun_ || committed_)
+        return committed_;
+    committed_ = transaction_step("COMMIT", error_);
+    return committed_;
 }
 
-void db_free(char *errmsg)
+db_transaction::~db_transaction()
 {
-    sqlite3_free(errmsg);
+    // A transaction this guard did not begin (BEGIN failed) is not ours to
+    // end.
+    if (begun_ && !committed_)
+        transaction_step("ROLLBACK", error_);
 }
 
 // Copies one whole database over another with the online backup; the status
@@ -333,25 +385,23 @@ static int backup_copy(sqlite3 *db, const char *filename, bool to_file)
     char path[1024];
     if (devroot_path(filename, path, sizeof(path)) == nullptr)
         return SQLITE_CANTOPEN;
-    sqlite3 *file = nullptr;
+    sqlite3 *opened = nullptr;
     int flags = to_file ? SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE : SQLITE_OPEN_READONLY;
-    int rc = sqlite3_open_v2(path, &file, flags, nullptr);
-    if (rc != SQLITE_OK) {
-        sqlite3_close(file);
+    int rc = sqlite3_open_v2(path, &opened, flags, nullptr);
+    sqlite_ptr file(opened);
+    if (rc != SQLITE_OK)
         return rc;
-    }
     // The copy takes its lock on the file through this connection.
-    sqlite3_busy_timeout(file, DB_BUSY_TIMEOUT_MS);
-    sqlite3 *dst = to_file ? file : db;
-    sqlite3 *src = to_file ? db : file;
-    sqlite3_backup *backup = sqlite3_backup_init(dst, "main", src, "main");
-    if (backup != nullptr) {
-        sqlite3_backup_step(backup, -1);
-        sqlite3_backup_finish(backup);
+    sqlite3_busy_timeout(file.get(), DB_BUSY_TIMEOUT_MS);
+    sqlite3 *dst = to_file ? file.get() : db;
+    sqlite3 *src = to_file ? db : file.get();
+    {
+        sqlite_backup_ptr backup(sqlite3_backup_init(dst, "main", src, "main"));
+        if (backup)
+            sqlite3_backup_step(backup.get(), -1);
     }
-    rc = sqlite3_errcode(dst);
-    sqlite3_close(file);
-    return rc;
+    // Finishing the copy sets the destination's error code.
+    return sqlite3_errcode(dst);
 }
 
 int db_load(sqlite3 *db, const char *filename)

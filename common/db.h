@@ -3,7 +3,11 @@
 // operations over it. Nothing else in the agent touches SQLite.
 #pragma once
 
+#include <initializer_list>
+#include <optional>
 #include <sqlite3.h>
+#include <string>
+#include <vector>
 
 #define DB_VERSION 9
 
@@ -15,15 +19,18 @@
 // after which a stalled heartbeat counts as stuck. docs/hardening.md.
 #define DB_BUSY_TIMEOUT_MS 10000
 
-// Result record of a multi-value read. The caller provides `values` with
-// `size` slots; each filled slot is a heap copy (or null for an SQL NULL) that
-// the caller frees.
-typedef struct db_values {
-    int size;      // slots in values
-    int count;     // slots filled so far
-    int found;     // columns the engine delivered, including those that did not fit
-    char **values; // caller's slots
-} db_values;
+// Parameters of a statement: each ? of its text, in order, is bound to one
+// of these as text (a null pointer binds SQL NULL). Values never become part
+// of the SQL text, whatever they hold.
+using db_params = std::initializer_list<const char *>;
+
+// Result record of a multi-value read: the values kept, in order, at most
+// `size` of them (nullopt for an SQL NULL).
+struct db_values {
+    size_t size = 1; // the most values kept
+    int found = 0;   // columns the engine delivered, including those that did not fit
+    std::vector<std::optional<std::string>> values;
+};
 
 extern sqlite3 *db_main;
 extern const char *db_startup;
@@ -34,29 +41,55 @@ extern int db_version;
 void db_init(void);
 
 // Formats fmt with SQLite's own printf (%q, %Q, %w are available) and runs
-// it. 0 on success, -1 when the text could not be formatted, -2 when the
-// engine refused it. Not marked as printf-like: the compiler does not know
-// SQLite's conversions.
+// it. For statements whose text is the agent's own (schema work); a
+// statement that carries values from anywhere else goes through db_write.
+// 0 on success, -1 when the text could not be formatted, -2 when the engine
+// refused it. Not marked as printf-like: the compiler does not know SQLite's
+// conversions.
 int db_command(const char *fmt, ...);
-// db_command for a statement that carries a secret: the log shows every
-// string literal that holds exactly `secret` as LOG_SECRET_MARKER; the engine
-// gets the statement as formatted.
-int db_command_secret(const char *secret, const char *fmt, ...);
 
-// First column of the first row, as a heap copy the caller frees; null when
-// there is no row, the value is NULL or the read fails.
-char *db_get(const char *cls, const char *properties, const char *qualifiers);
-// 0 on success (also with no rows), 1 on failure.
-int db_get_multiple(const char *cls, const char *properties, const char *qualifiers,
-                    db_values *values);
+// Runs one statement with its ? bound to `params`. The log shows the
+// statement with each parameter written in as a quoted literal, every one
+// that equals `secret` (when given) as LOG_SECRET_MARKER. 0 on success, -2
+// when the engine refused it.
+int db_write(const char *sql, db_params params, const char *secret = nullptr);
+
+// "SELECT columns FROM table [WHERE where]" with the ? of `where` bound to
+// `params`: 0 on success (also with no rows), 1 on failure (logged).
+// `table`, `columns` and `where` are the agent's own text, never values.
+int db_get_multiple(const char *table, const char *columns, const char *where, db_values *values,
+                    db_params params = {});
+// First column of the first row, whole; nullopt when there is no row, the
+// value is NULL or the read fails.
+std::optional<std::string> db_get(const char *table, const char *columns, const char *where,
+                                  db_params params = {});
 void db_reset_values(db_values *values);
 
 int db_create_table(const char *name, const char *fields);
 
-bool db_begin(char **errmsg);
-bool db_commit(char **errmsg);
-bool db_rollback(char **errmsg);
-void db_free(char *errmsg);
+// One transaction on the settings connection: begun when made; rolled back
+// when it goes out of scope unless commit() succeeded. The connection is
+// shared: statements other threads run meanwhile join the transaction.
+class db_transaction
+{
+  public:
+    db_transaction();
+    ~db_transaction();
+    db_transaction(const db_transaction &) = delete;
+    db_transaction &operator=(const db_transaction &) = delete;
+
+    // BEGIN succeeded.
+    bool ok() const { return begun_; }
+    // true when COMMIT succeeded; otherwise the destructor rolls back.
+    bool commit();
+    // The engine's text for the last step that failed ("" when none did).
+    const std::string &error() const { return error_; }
+
+  private:
+    bool begun_ = false;
+    bool committed_ = false;
+    std::string error_;
+};
 
 // Whole-database copies with the engine's online backup; both return the
 // engine's status code.

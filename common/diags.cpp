@@ -69,7 +69,7 @@ void cmd_get_diagnostics(char *command, json_t *js_command, char *resp_href)
         cmd.answer(-1);
         return;
     }
-    if (controller_base().empty()) {
+    if (get_cloud_controller().empty()) {
         cmd.answer(cmd.fail("%s", upload_failed));
         return;
     }

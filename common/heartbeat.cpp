@@ -178,7 +178,7 @@ int heartbeat_register_provider(const char *name, heartbeat_fn fn)
 
 int heartbeat_pulse(void)
 {
-    if (controller_base().empty()) {
+    if (get_cloud_controller().empty()) {
         if (cloud_connected != 0) {
             set_cloud_controller_status("down");
             cloud_connected = 0;

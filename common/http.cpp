@@ -31,11 +31,6 @@ constexpr int DOWNLOAD_ATTEMPTS = 3;
 constexpr size_t ANSWER_BODY_LIMIT = 512;
 constexpr int PUT_LOG_LIMIT = 400;
 
-// Every caller keeps the returned URL across blocking requests while other
-// threads look it up again: each thread reads into a buffer of its own, so a
-// lookup on one thread never rewrites the text another is still using.
-thread_local char cloud_controller[256];
-
 // The system's own certificate store, which downloads trust besides the
 // device's bundle: images may come from a content network the controller
 // names.
@@ -347,13 +342,9 @@ void free_reply(reply *r)
     queue_add_head(free_replies, &r->link);
 }
 
-char *get_cloud_controller(void)
+std::string get_cloud_controller(void)
 {
-    if (config_get("system", nullptr, "cloud-controller", cloud_controller,
-                   sizeof(cloud_controller)) == 0 ||
-        cloud_controller[0] == '\0')
-        return nullptr;
-    return cloud_controller;
+    return config_get("system", nullptr, "cloud-controller").value_or("");
 }
 
 int http_get(const char *url, const char *const *headers, reply *r)
@@ -527,12 +518,6 @@ const controller_policy &policy_of(controller_call call)
     return controller_policies[static_cast<int>(call)];
 }
 
-std::string controller_base(void)
-{
-    const char *base = get_cloud_controller();
-    return base != nullptr ? std::string(base) : std::string();
-}
-
 std::string controller_url(const std::string &base, const std::string &path)
 {
     // The one place that knows where the controller's API lives.
@@ -565,7 +550,7 @@ controller_result controller_request(controller_call call, const std::string &pa
 {
     const controller_policy &p = policy_of(call);
     controller_result out;
-    std::string base = controller_base();
+    std::string base = get_cloud_controller();
     if (base.empty())
         return out;
     std::string url = controller_url(base, path);
@@ -650,7 +635,7 @@ int send_command_status(const char *path, const char *commandId, int code, const
                         json_t *data)
 {
     const char *fn = "send_command_status";
-    std::string base = controller_base();
+    std::string base = get_cloud_controller();
     if (base.empty())
         return 1;
     std::string url = controller_url(base, path);

@@ -26,7 +26,6 @@ extern queue_t *free_replies;
 void http_init(void);
 reply *alloc_reply(void);
 void free_reply(reply *r);
-char *get_cloud_controller(void);
 
 // 0 for a 2xx status, the status otherwise, 1 when no handle could be made,
 // 2 when the transfer failed.
@@ -120,7 +119,8 @@ controller_result controller_request(controller_call call, const std::string &pa
                                      const char *upload = nullptr, const char *extra = nullptr);
 
 // The controller's base URL from the settings, whole; "" when none is set.
-std::string controller_base(void);
+// A copy: the caller keeps it however the setting changes.
+std::string get_cloud_controller(void);
 // The URL of path on the controller's API at base.
 std::string controller_url(const std::string &base, const std::string &path);
 

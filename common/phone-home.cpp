@@ -21,6 +21,7 @@
 #include <ctime>
 #include <jansson.h>
 #include <memory>
+#include <string>
 #include <strings.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -99,10 +100,8 @@ void set_clock(json_t *root)
 void decommissioned(json_t *root)
 {
     const char *fn = "phone_home_call";
-    char initialized[8] = "";
-    config_get("system", nullptr, "varnex-initialized", initialized, sizeof(initialized));
     // Only a device that had been set up is wiped; a new one just waits.
-    if (strcmp(initialized, "yes") == 0) {
+    if (config_get("system", nullptr, "varnex-initialized") == "yes") {
         json_t *mode = json_object_get(root, "reset-mode");
         if (json_is_string(mode) && strcmp(json_string_value(mode), "soft") == 0) {
             log_fprint(orkad_log,
@@ -147,8 +146,7 @@ void unregistered(void)
 
 void take_controller(const char *controller)
 {
-    char *stored = get_cloud_controller();
-    if (stored != nullptr && strcmp(stored, controller) == 0) {
+    if (get_cloud_controller() == controller) {
         log_fprint(orkad_log, "phone_home: same controller '%s'\n", controller);
     } else {
         config_set("system", nullptr, "cloud-controller", controller);
@@ -206,17 +204,32 @@ void phone_home_call(void)
     get_ipv4_address(ifname, ip_addr);
 
     // The site takes the values as they are: nothing here is URL-encoded.
-    char url[512];
-    snprintf(url, sizeof(url),
-             "%.*s/api/phone_home?[phone_home]serial=%s&[phone_home]uuid=%s"
-             "&[phone_home]hardware=%s&[phone_home]country=%s&[phone_home]boot=%s"
-             "&[phone_home]primary=%s&[phone_home]secondary=%s&[phone_home]ipaddr=%s"
-             "&[phone_home]tz=%s&[phone_home]utcoffset=%d&[phone_home]ethaddr=%s",
-             (int)sizeof(home_site), home_site, env_serial, env_uuid, env_hardware, env_country,
-             env_boot, env_primary, env_secondary, ip_addr, tz, offset, env_ethaddr);
+    std::string url(home_site, strnlen(home_site, sizeof(home_site)));
+    url += "/api/phone_home?[phone_home]serial=";
+    url += env_serial;
+    url += "&[phone_home]uuid=";
+    url += env_uuid;
+    url += "&[phone_home]hardware=";
+    url += env_hardware;
+    url += "&[phone_home]country=";
+    url += env_country;
+    url += "&[phone_home]boot=";
+    url += env_boot;
+    url += "&[phone_home]primary=";
+    url += env_primary;
+    url += "&[phone_home]secondary=";
+    url += env_secondary;
+    url += "&[phone_home]ipaddr=";
+    url += ip_addr;
+    url += "&[phone_home]tz=";
+    url += tz;
+    url += "&[phone_home]utcoffset=";
+    url += std::to_string(offset);
+    url += "&[phone_home]ethaddr=";
+    url += env_ethaddr;
 
     reply *r = alloc_reply();
-    if (http_get(url, nullptr, r) == 0)
+    if (http_get(url.c_str(), nullptr, r) == 0)
         handle_reply(r);
     phone_home_count = phone_home_count + 1;
     free_reply(r);
@@ -249,8 +262,7 @@ void phone_home(void)
 
     if (env_controller[0] != '\0') {
         log_fprint(orkad_log, "phone_home: using controller from bootenv <%s>\n", env_controller);
-        char *stored = get_cloud_controller();
-        if (stored == nullptr || strcmp(stored, env_controller) != 0) {
+        if (get_cloud_controller() != env_controller) {
             config_set("system", nullptr, "cloud-controller", env_controller);
             config_set("system", nullptr, "varnex-initialized", "yes");
             invalidate_access_token();

@@ -65,3 +65,32 @@ class fd_guard
   private:
     int fd_;
 };
+
+// ---- SQLite ---------------------------------------------------------------
+
+#include <sqlite3.h>
+
+// A connection the agent opened for itself (the settings file, or a file it
+// copies from or to).
+struct sqlite_closer {
+    void operator()(sqlite3 *db) const { sqlite3_close(db); }
+};
+using sqlite_ptr = std::unique_ptr<sqlite3, sqlite_closer>;
+
+// A prepared statement.
+struct sqlite_finalizer {
+    void operator()(sqlite3_stmt *stmt) const { sqlite3_finalize(stmt); }
+};
+using sqlite_stmt_ptr = std::unique_ptr<sqlite3_stmt, sqlite_finalizer>;
+
+// An online copy between two connections.
+struct sqlite_backup_finisher {
+    void operator()(sqlite3_backup *backup) const { sqlite3_backup_finish(backup); }
+};
+using sqlite_backup_ptr = std::unique_ptr<sqlite3_backup, sqlite_backup_finisher>;
+
+// Text the engine allocated: sqlite3_mprintf's results, error texts.
+struct sqlite_free_deleter {
+    void operator()(char *p) const { sqlite3_free(p); }
+};
+using sqlite_text = std::unique_ptr<char, sqlite_free_deleter>;

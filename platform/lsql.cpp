@@ -9,57 +9,49 @@
 #include <cstdlib>
 #include <cstring>
 
-int config_set(const char *cls, const char *instance, const char *property, const char *value)
+namespace
 {
-    if (instance == nullptr)
-        return db_command("REPLACE INTO system (key, value) VALUES ('%s.%s', '%q')", cls, property,
-                          value);
-    return db_command("REPLACE INTO system (key, value) VALUES ('%s.%s.%s', '%q')", cls, instance,
-                      property, value);
+
+const char replace_row[] = "REPLACE INTO system (key, value) VALUES (?, ?)";
+const char delete_row[] = "DELETE FROM system WHERE (key = ?)";
+
+std::string key_of(const char *cls, const char *instance, const char *property)
+{
+    std::string key = cls;
+    if (instance != nullptr)
+        key.append(".").append(instance);
+    return key.append(".").append(property);
 }
 
-int config_get(const char *cls, const char *instance, const char *property, char *value, int size)
+} // namespace
+
+int config_set(const char *cls, const char *instance, const char *property, const char *value)
 {
-    char where[256];
-    if (instance == nullptr)
-        snprintf(where, sizeof(where), "key='%s.%s'", cls, property);
-    else
-        snprintf(where, sizeof(where), "key='%s.%s.%s'", cls, instance, property);
-    char *found = db_get("system", "value", where);
-    if (found == nullptr) {
-        value[0] = '\0';
-        return 0;
-    }
-    // Callers size their buffers for the values they expect; a longer value
-    // fills the buffer without a terminator.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wstringop-truncation"
-    strncpy(value, found, size);
-#pragma GCC diagnostic pop
-    free(found);
-    return 1;
+    return db_write(replace_row, {key_of(cls, instance, property).c_str(), value});
+}
+
+std::optional<std::string> config_get(const char *cls, const char *instance, const char *property)
+{
+    return db_get("system", "value", "key=?", {key_of(cls, instance, property).c_str()});
 }
 
 int config_remove(const char *cls, const char *instance, const char *property)
 {
-    if (instance == nullptr)
-        return db_command("DELETE FROM system WHERE (key = '%s.%s')", cls, property);
-    return db_command("DELETE FROM system WHERE (key = '%s.%s.%s')", cls, instance, property);
+    return db_write(delete_row, {key_of(cls, instance, property).c_str()});
 }
 
 int platform_set_system(const char *property, const char *value)
 {
     // A password the switch refuses is still recorded: the controller is told
-    // only how the settings store fared.
-    // The name comes from the controller and may hold anything: quoted like
-    // the value, it is stored as it came and never read as SQL.
-    const char sql[] = "REPLACE INTO system (key, value) VALUES ('%s.%q', '%q')";
+    // only how the settings store fared. The name comes from the controller
+    // and may hold anything: bound like the value, it is stored as it came.
+    std::string key = key_of("system", nullptr, property);
     if (strcmp(property, "password") == 0) {
         platform_set_password("admin", value);
         // Stored as it came, logged as the marker.
-        return db_command_secret(value, sql, "system", property, value);
+        return db_write(replace_row, {key.c_str(), value}, value);
     }
-    return db_command(sql, "system", property, value);
+    return db_write(replace_row, {key.c_str(), value});
 }
 
 int platform_set_password(const char *user, const char *pass)
@@ -135,10 +127,9 @@ int config_add(const char *, const char *, const char *, const char *)
     return 0;
 }
 
-// Nothing is ever qualified on this switch: report not found and leave the
-// caller's buffer as it was, so callers take their defaults.
-int config_get_qualified(const char *, const char *, const char *, const char *, const char *,
-                         char *, int)
+// Nothing is ever qualified on this switch: callers take their defaults.
+std::optional<std::string> config_get_qualified(const char *, const char *, const char *,
+                                                const char *, const char *)
 {
-    return 0;
+    return std::nullopt;
 }

@@ -1,19 +1,22 @@
 // Named settings over the settings database: a setting "class[.instance]
-// .property" is one row of table system. Class, instance and property go into
-// the SQL verbatim and must not hold a single quote; values may hold anything.
+// .property" is one row of table system. Keys and values are bound to the
+// statements, never written into them: both may hold anything, of any length.
 #pragma once
+
+#include <optional>
+#include <string>
 
 // Transactions and chains belong to a fuller settings system; here they are
 // never created and their operations do nothing.
 typedef struct config_txn config_txn_t;
 typedef struct config_chain config_chain_t;
 
-// Writes return what db_command returns: 0, -1 (could not format) or -2
-// (refused by the engine).
+// Writes return what db_write returns: 0, or -2 when the engine refused the
+// statement.
 int config_set(const char *cls, const char *instance, const char *property, const char *value);
-// Copies the value as strncpy does (a value of size bytes or more is left
-// unterminated) and returns 1; not found: empties value and returns 0.
-int config_get(const char *cls, const char *instance, const char *property, char *value, int size);
+// The stored value, whole; nullopt when the setting is not stored (or cannot
+// be read), so an empty value stays distinguishable from none.
+std::optional<std::string> config_get(const char *cls, const char *instance, const char *property);
 int config_remove(const char *cls, const char *instance, const char *property);
 
 int platform_set_system(const char *property, const char *value);
@@ -37,5 +40,7 @@ int config_set_chain(const char *cls, const char *instance, const char *qpropert
 int config_set_qualified(const char *cls, const char *instance, const char *property,
                          const char *qproperty, const char *qvalue, const char *value);
 int config_add(const char *cls, const char *instance, const char *property, const char *value);
-int config_get_qualified(const char *cls, const char *instance, const char *property,
-                         const char *qproperty, const char *qvalue, char *value, int size);
+// Never finds anything on this switch: always nullopt.
+std::optional<std::string> config_get_qualified(const char *cls, const char *instance,
+                                                const char *property, const char *qproperty,
+                                                const char *qvalue);

@@ -444,19 +444,17 @@ int wait_for_sntp(int seconds)
 
 int wait_for_dhcp(int seconds)
 {
-    char status[5];
-    config_get("management", nullptr, "dhcp-status", status, sizeof(status));
-    if (strncmp(status, "up", sizeof(status)) != 0)
+    if (config_get("management", nullptr, "dhcp-status") != "up")
         return seconds;
 
     // Until DHCP hands out an address of its own, the interface still carries
     // the static one.
-    char ip[16] = "";
-    char static_ip[16] = "";
-    while (strncmp(ip, static_ip, sizeof(ip)) == 0 && seconds > 0) {
+    std::string ip;
+    std::string static_ip;
+    while (ip == static_ip && seconds > 0) {
         seconds--;
-        config_get("management", nullptr, "ip", ip, sizeof(ip));
-        config_get("management", nullptr, "static-ip", static_ip, sizeof(static_ip));
+        ip = config_get("management", nullptr, "ip").value_or("");
+        static_ip = config_get("management", nullptr, "static-ip").value_or("");
         platform_sleep(1);
     }
     return seconds;
@@ -465,9 +463,8 @@ int wait_for_dhcp(int seconds)
 void platform_init_delay(void)
 {
     log_fprint(orkad_log, "platform_init_delay: waiting for config system to initialize\n");
-    char model[256];
     for (int polls = 0; polls < 46; polls++) {
-        if (config_get("system", nullptr, "model", model, sizeof(model)))
+        if (config_get("system", nullptr, "model"))
             return;
         platform_sleep(1);
     }
@@ -490,15 +487,11 @@ int platform_start_cluster(const char *name, const char *location, const char *i
 
 int platform_stop_cluster(const char *name, char *errbuf)
 {
-    char clustered[8];
-    config_get("cluster", nullptr, "clustered", clustered, sizeof(clustered));
-    if (strncmp(clustered, "1", sizeof(clustered)) != 0) {
+    if (config_get("cluster", nullptr, "clustered") != "1") {
         strcpy(errbuf, "clustering not currently enabled\n");
         return -1;
     }
-    char current[128];
-    config_get("cluster", nullptr, "cluster-name", current, sizeof(current));
-    if (strncmp(current, name, sizeof(current)) != 0) {
+    if (config_get("cluster", nullptr, "cluster-name").value_or("") != name) {
         strcpy(errbuf, "cluster name mismatch");
         return -1;
     }
@@ -509,12 +502,9 @@ int platform_stop_cluster(const char *name, char *errbuf)
     return 0;
 }
 
-void platform_get_cluster_name(char *buf, int size)
+std::string platform_get_cluster_name(void)
 {
-    char mode[2];
-    config_get("cluster", nullptr, "operational-mode", mode, sizeof(mode));
-    if (strncmp(mode, "1", sizeof(mode)) == 0)
-        config_get("cluster", nullptr, "cluster-name", buf, size);
-    else
-        buf[0] = '\0';
+    if (config_get("cluster", nullptr, "operational-mode") != "1")
+        return "";
+    return config_get("cluster", nullptr, "cluster-name").value_or("");
 }

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <ctime>
 #include <jansson.h>
+#include <string>
 
 // The switch sends its syslog to this local UDP port once we ask it to.
 #define PLATFORM_SYSLOG_PORT 46180
@@ -82,4 +83,5 @@ void platform_init_delay(void);
 int platform_start_cluster(const char *name, const char *location, const char *ipversion,
                            char *errbuf);
 int platform_stop_cluster(const char *name, char *errbuf);
-void platform_get_cluster_name(char *buf, int size);
+// The cluster's name while the device operates in a cluster, else "".
+std::string platform_get_cluster_name(void);

@@ -36,15 +36,12 @@ char *get_wlan_ifname(int radio, int vap, char *buf, int size)
     return buf;
 }
 
-char *get_wlan_backhaul(int radio, int vap, char *buf, int size)
+std::string get_wlan_backhaul(int radio, int vap)
 {
-    char instance[32];
-    char wlan[32];
-    snprintf(instance, sizeof(instance), "vap%d", vap);
-    snprintf(wlan, sizeof(wlan), "wlan%d", radio);
-    if (!config_get_qualified("vap", instance, "backhaul", "radio", wlan, buf, size))
-        snprintf(buf, size, "%s", "eth0");
-    return buf;
+    std::string instance = "vap" + std::to_string(vap);
+    std::string wlan = "wlan" + std::to_string(radio);
+    return config_get_qualified("vap", instance.c_str(), "backhaul", "radio", wlan.c_str())
+        .value_or("eth0");
 }
 
 bool is_wlan_if(const char *ifname, char *radio)

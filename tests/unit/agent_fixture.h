@@ -117,10 +117,7 @@ class AgentTest : public ::testing::Test
 
     std::string setting(const char *property)
     {
-        char value[256] = "";
-        if (config_get("system", nullptr, property, value, sizeof(value)) == 0)
-            return "<none>";
-        return value;
+        return config_get("system", nullptr, property).value_or("<none>");
     }
 
     std::vector<std::string> main_log() { return log_messages(root.at("/rw/orkad.log")); }

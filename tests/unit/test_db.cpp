@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <map>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -196,11 +197,15 @@ TEST_F(DbTest, CreatedDatabaseAndItsJournalAreForTheAgentAlone)
     EXPECT_EQ(mode_of(file()), 0600);
     // The journal of a write in progress gets the same mode.
     umask(022);
-    char *err = nullptr;
-    ASSERT_TRUE(db_begin(&err));
-    ASSERT_EQ(db_command("REPLACE INTO system (key, value) VALUES ('system.password', 's')"), 0);
-    EXPECT_EQ(mode_of(file() + "-journal"), 0600);
-    EXPECT_TRUE(db_commit(&err));
+    {
+        db_transaction txn;
+        ASSERT_TRUE(txn.ok());
+        ASSERT_EQ(db_write("REPLACE INTO system (key, value) VALUES (?, ?)",
+                           {"system.password", "s"}, "s"),
+                  0);
+        EXPECT_EQ(mode_of(file() + "-journal"), 0600);
+        EXPECT_TRUE(txn.commit());
+    }
     umask(old);
 }
 
@@ -245,10 +250,7 @@ TEST_F(DbTest, CurrentVersionRunsNoScript)
     db_init();
     EXPECT_EQ(messages(), std::vector<std::string>{"db_init: db version 9"});
     EXPECT_TRUE(runs().empty());
-    char *v = db_get("system", "value", "key='system.x'");
-    ASSERT_NE(v, nullptr);
-    EXPECT_STREQ(v, "kept");
-    free(v);
+    EXPECT_EQ(db_get("system", "value", "key=?", {"system.x"}), "kept");
 }
 
 TEST_F(DbTest, NewerVersionIsLeftAlone)
@@ -456,10 +458,7 @@ TEST_F(DbOpenTest, CommandLogsAndQuotes)
               std::vector<std::string>{"db_command: 'REPLACE INTO system (key, value) VALUES "
                                        "('system.note', 'it''s')'"});
     EXPECT_EQ(value_of(file(), "system.note"), "it's");
-    char *v = db_get("system", "value", "key='system.note'");
-    ASSERT_NE(v, nullptr);
-    EXPECT_STREQ(v, "it's");
-    free(v);
+    EXPECT_EQ(db_get("system", "value", "key='system.note'"), "it's");
 }
 
 TEST_F(DbOpenTest, FailingCommandLogsTheFirstTwentyCharactersOfTheFormat)
@@ -506,59 +505,49 @@ TEST_F(DbOpenTest, FailingShortCommandHasNoEllipsis)
 TEST_F(DbOpenTest, GetMultipleCountsWhatDidNotFit)
 {
     query(file(), "CREATE TABLE t (v TEXT); INSERT INTO t VALUES ('a'), ('b'), ('c');");
-    char *slots[2] = {nullptr, nullptr};
-    db_values v = {2, 0, 0, slots};
+    db_values v;
+    v.size = 2;
     EXPECT_EQ(db_get_multiple("t", "v", nullptr, &v), 0);
-    EXPECT_EQ(v.count, 2);
     EXPECT_EQ(v.found, 3);
-    ASSERT_NE(slots[0], nullptr);
-    ASSERT_NE(slots[1], nullptr);
-    EXPECT_STREQ(slots[0], "a");
-    EXPECT_STREQ(slots[1], "b");
-    free(slots[0]);
-    free(slots[1]);
+    EXPECT_EQ(v.values, (std::vector<std::optional<std::string>>{"a", "b"}));
 
     db_reset_values(&v);
-    EXPECT_EQ(v.count, 0);
+    EXPECT_TRUE(v.values.empty());
     EXPECT_EQ(v.found, 0);
-    EXPECT_EQ(v.size, 2);
-    EXPECT_EQ(v.values, slots);
+    EXPECT_EQ(v.size, 2u);
 }
 
 TEST_F(DbOpenTest, GetMultipleFillsColumnsInOrderAcrossRows)
 {
     query(file(), "CREATE TABLE t (a TEXT, b TEXT); INSERT INTO t VALUES ('1', NULL), ('3', '4');");
-    char *slots[3] = {nullptr, nullptr, nullptr};
-    db_values v = {3, 0, 0, slots};
-    EXPECT_EQ(db_get_multiple("t", "a, b", "a <> ''", &v), 0);
-    EXPECT_EQ(v.count, 3);
+    db_values v;
+    v.size = 3;
+    EXPECT_EQ(db_get_multiple("t", "a, b", "a <> ?", &v, {""}), 0);
     EXPECT_EQ(v.found, 4);
-    EXPECT_STREQ(slots[0], "1");
-    EXPECT_EQ(slots[1], nullptr); // NULL column: empty slot
-    EXPECT_STREQ(slots[2], "3");
-    free(slots[0]);
-    free(slots[2]);
+    // A NULL column keeps its place as no value.
+    EXPECT_EQ(v.values, (std::vector<std::optional<std::string>>{"1", std::nullopt, "3"}));
 }
 
 TEST_F(DbOpenTest, GetWithoutRowOrWithNullGivesNothing)
 {
-    EXPECT_EQ(db_get("system", "value", "key='not.there'"), nullptr);
-    query(file(), "INSERT INTO system VALUES ('null.value', NULL)");
-    EXPECT_EQ(db_get("system", "value", "key='null.value'"), nullptr);
-    char *slot = nullptr;
-    db_values v = {1, 0, 0, &slot};
-    EXPECT_EQ(db_get_multiple("system", "value", "key='not.there'", &v), 0);
+    EXPECT_EQ(db_get("system", "value", "key=?", {"not.there"}), std::nullopt);
+    query(file(), "INSERT INTO system VALUES ('null.value', NULL), ('empty.value', '')");
+    EXPECT_EQ(db_get("system", "value", "key=?", {"null.value"}), std::nullopt);
+    // An empty value is a value.
+    EXPECT_EQ(db_get("system", "value", "key=?", {"empty.value"}), "");
+    db_values v;
+    EXPECT_EQ(db_get_multiple("system", "value", "key=?", &v, {"not.there"}), 0);
     EXPECT_EQ(v.found, 0);
+    EXPECT_TRUE(v.values.empty());
 }
 
 TEST_F(DbOpenTest, FailingReadIsLogged)
 {
     size_t n = messages().size();
-    EXPECT_EQ(db_get("nosuch", "value", "key='x'"), nullptr);
+    EXPECT_EQ(db_get("nosuch", "value", "key=?", {"x"}), std::nullopt);
     EXPECT_EQ(since(n), std::vector<std::string>{"db_get: 'SELECT value FROM nosuch WHERE key='x'' "
                                                  "failed, errmsg = 'no such table: nosuch'"});
-    char *slot = nullptr;
-    db_values v = {1, 0, 0, &slot};
+    db_values v;
     EXPECT_EQ(db_get_multiple("nosuch", "value", nullptr, &v), 1);
     EXPECT_EQ(messages().back(),
               "db_get: 'SELECT value FROM nosuch  ' failed, errmsg = 'no such table: nosuch'");
@@ -578,21 +567,24 @@ TEST_F(DbOpenTest, CreateTable)
                         }));
 }
 
-TEST_F(DbOpenTest, Transactions)
+TEST_F(DbOpenTest, TransactionRollsBackUnlessCommitted)
 {
-    char *err = nullptr;
+    const char *sql = "REPLACE INTO system (key, value) VALUES (?, ?)";
     size_t n = messages().size();
-    EXPECT_TRUE(db_begin(&err));
-    EXPECT_EQ(db_command("REPLACE INTO system (key, value) VALUES ('t.a', '1')"), 0);
-    EXPECT_TRUE(db_rollback(&err));
-    EXPECT_EQ(err, nullptr);
+    {
+        db_transaction txn;
+        EXPECT_TRUE(txn.ok());
+        EXPECT_EQ(db_write(sql, {"t.a", "1"}), 0);
+        // Leaving the scope without commit() undoes the write.
+    }
     EXPECT_EQ(value_of(file(), "t.a"), "<none>");
-
-    EXPECT_TRUE(db_begin(&err));
-    EXPECT_EQ(db_command("REPLACE INTO system (key, value) VALUES ('t.b', '2')"), 0);
-    EXPECT_TRUE(db_commit(&err));
+    {
+        db_transaction txn;
+        EXPECT_EQ(db_write(sql, {"t.b", "2"}), 0);
+        EXPECT_TRUE(txn.commit());
+        EXPECT_EQ(txn.error(), "");
+    }
     EXPECT_EQ(value_of(file(), "t.b"), "2");
-
     EXPECT_EQ(since(n), (std::vector<std::string>{
                             "SQL BEGIN",
                             "db_command: 'REPLACE INTO system (key, value) VALUES ('t.a', '1')'",
@@ -601,11 +593,51 @@ TEST_F(DbOpenTest, Transactions)
                             "db_command: 'REPLACE INTO system (key, value) VALUES ('t.b', '2')'",
                             "SQL COMMIT",
                         }));
+}
 
-    EXPECT_FALSE(db_commit(&err));
-    ASSERT_NE(err, nullptr);
-    EXPECT_STREQ(err, "cannot commit - no transaction is active");
-    db_free(err);
+TEST_F(DbOpenTest, TransactionThatCouldNotBeginLeavesTheOpenOneAlone)
+{
+    const char *sql = "REPLACE INTO system (key, value) VALUES (?, ?)";
+    db_transaction outer;
+    ASSERT_TRUE(outer.ok());
+    EXPECT_EQ(db_write(sql, {"t.c", "3"}), 0);
+    size_t n = messages().size();
+    {
+        db_transaction inner;
+        EXPECT_FALSE(inner.ok());
+        EXPECT_EQ(inner.error(), "cannot start a transaction within a transaction");
+        EXPECT_FALSE(inner.commit());
+    }
+    // Neither committed nor rolled back by the guard that did not begin it.
+    EXPECT_EQ(since(n), std::vector<std::string>{"SQL BEGIN"});
+    EXPECT_TRUE(outer.commit());
+    EXPECT_EQ(value_of(file(), "t.c"), "3");
+}
+
+TEST_F(DbOpenTest, FailedCommitRollsBackWhenTheGuardGoes)
+{
+    {
+        db_transaction txn;
+        EXPECT_EQ(db_write("REPLACE INTO system (key, value) VALUES (?, ?)", {"t.d", "4"}), 0);
+        // A reader of another program holds the file: COMMIT cannot get its
+        // lock and the transaction stays open.
+        sqlite3_busy_timeout(db_main, 1);
+        sqlite3 *other = nullptr;
+        ASSERT_EQ(sqlite3_open_v2(file().c_str(), &other, SQLITE_OPEN_READONLY, nullptr),
+                  SQLITE_OK);
+        ASSERT_EQ(sqlite3_exec(other, "BEGIN; SELECT * FROM system;", nullptr, nullptr, nullptr),
+                  SQLITE_OK);
+        EXPECT_FALSE(txn.commit());
+        EXPECT_EQ(txn.error(), "database is locked");
+        sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr);
+        sqlite3_close(other);
+        sqlite3_busy_timeout(db_main, DB_BUSY_TIMEOUT_MS);
+    }
+    EXPECT_EQ(messages().back(), "SQL ROLLBACK");
+    EXPECT_EQ(value_of(file(), "t.d"), "<none>");
+    // The connection is out of the transaction: a new one begins.
+    db_transaction next;
+    EXPECT_TRUE(next.ok());
 }
 
 TEST_F(DbOpenTest, SaveAndLoadCopyTheWholeDatabase)
@@ -687,11 +719,9 @@ TEST_F(DbOpenTest, ReadWaitsForAnotherProgramsLock)
               0);
     size_t n = messages().size();
     exclusive_holder other(file(), std::chrono::milliseconds(1500));
-    char *v = db_get("system", "value", "key='system.cloud-controller'");
+    auto v = db_get("system", "value", "key=?", {"system.cloud-controller"});
     auto done = std::chrono::steady_clock::now();
-    ASSERT_NE(v, nullptr);
-    EXPECT_STREQ(v, "https://c.example");
-    free(v);
+    EXPECT_EQ(v, "https://c.example");
     // It got its answer only once the other program let go.
     EXPECT_GE(done, other.released());
     EXPECT_EQ(since(n), std::vector<std::string>{});
@@ -701,9 +731,8 @@ TEST_F(DbOpenTest, WriteWaitsForAnotherProgramsLock)
 {
     size_t n = messages().size();
     exclusive_holder other(file(), std::chrono::milliseconds(1500));
-    EXPECT_EQ(
-        db_command("REPLACE INTO system (key, value) VALUES ('system.%s', '%q')", "note", "after"),
-        0);
+    EXPECT_EQ(db_write("REPLACE INTO system (key, value) VALUES (?, ?)", {"system.note", "after"}),
+              0);
     auto done = std::chrono::steady_clock::now();
     EXPECT_GE(done, other.released());
     EXPECT_EQ(since(n),
@@ -733,20 +762,18 @@ TEST_F(DbOpenTest, CopiesWaitForAnotherProgramsLockOnTheFile)
     sqlite3_close(mem);
 }
 
-TEST_F(DbOpenTest, SecretCommandLogsTheMarkerAndStoresTheSecret)
+TEST_F(DbOpenTest, WriteLogsTheSecretAsTheMarkerAndStoresIt)
 {
     size_t n = messages().size();
-    const char *fmt = "REPLACE INTO system (key, value) VALUES ('%s.%q', '%q')";
-    EXPECT_EQ(db_command_secret("it's s3cret", fmt, "system", "password", "it's s3cret"), 0);
-    // The secret may stand twice; a literal that only holds part of it is
+    const char *sql = "REPLACE INTO system (key, value) VALUES (?, ?)";
+    EXPECT_EQ(db_write(sql, {"system.password", "it's s3cret"}, "it's s3cret"), 0);
+    // The secret may stand twice; a parameter that only holds part of it is
     // shown as it is.
-    EXPECT_EQ(db_command_secret("pw",
-                                "REPLACE INTO system (key, value) VALUES ('%q', '%q'), "
-                                "('%q', '%q')",
-                                "system.a", "pw", "system.b", "pw and more"),
+    EXPECT_EQ(db_write("REPLACE INTO system (key, value) VALUES (?, ?), (?, ?)",
+                       {"system.a", "pw", "system.b", "pw and more"}, "pw"),
               0);
-    EXPECT_EQ(db_command_secret("", fmt, "system", "empty", ""), 0);
-    EXPECT_EQ(db_command_secret("x", "INSERT INTO nosuchtable (key) VALUES ('%q')", "x"), -2);
+    EXPECT_EQ(db_write(sql, {"system.empty", ""}, ""), 0);
+    EXPECT_EQ(db_write("INSERT INTO nosuchtable (key) VALUES (?)", {"x"}, "x"), -2);
     EXPECT_EQ(since(n),
               (std::vector<std::string>{
                   "db_command: 'REPLACE INTO system (key, value) VALUES ('system.password', "

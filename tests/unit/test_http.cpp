@@ -159,7 +159,7 @@ TEST_F(HttpTest, PutLogsAtMost400Characters)
 
 TEST_F(HttpTest, NoControllerMeansNoStatusAndNoReplyTaken)
 {
-    EXPECT_EQ(get_cloud_controller(), nullptr);
+    EXPECT_EQ(get_cloud_controller(), "");
     EXPECT_EQ(send_command_status("/heartbeat", "c1", 0, "", nullptr), 1);
     EXPECT_EQ(queue_count(free_replies), 32);
     EXPECT_EQ(file_size(root.at("/rw/command.log")),
@@ -167,10 +167,9 @@ TEST_F(HttpTest, NoControllerMeansNoStatusAndNoReplyTaken)
     EXPECT_EQ(cmd_lines().size(), 1u); // the banner only
     // An empty setting counts as none.
     config_set("system", nullptr, "cloud-controller", "");
-    EXPECT_EQ(get_cloud_controller(), nullptr);
+    EXPECT_EQ(get_cloud_controller(), "");
     config_set("system", nullptr, "cloud-controller", "https://c.example");
-    ASSERT_NE(get_cloud_controller(), nullptr);
-    EXPECT_STREQ(get_cloud_controller(), "https://c.example");
+    EXPECT_EQ(get_cloud_controller(), "https://c.example");
 }
 
 // Callers keep the returned URL across blocking requests while other threads
@@ -178,25 +177,27 @@ TEST_F(HttpTest, NoControllerMeansNoStatusAndNoReplyTaken)
 TEST_F(HttpTest, ControllerUrlStaysPutWhileAnotherThreadLooksItUp)
 {
     config_set("system", nullptr, "cloud-controller", "https://first.example");
-    char *mine = get_cloud_controller();
-    ASSERT_NE(mine, nullptr);
+    std::string mine = get_cloud_controller();
     std::atomic<int> lookups{0};
     std::thread other([&lookups] {
         config_set("system", nullptr, "cloud-controller", "https://second.example:8443");
-        for (int i = 0; i < 50; i++) {
-            char *theirs = get_cloud_controller();
-            if (theirs != nullptr && strcmp(theirs, "https://second.example:8443") == 0)
+        for (int i = 0; i < 50; i++)
+            if (get_cloud_controller() == "https://second.example:8443")
                 lookups++;
-        }
     });
-    // What this thread was handed is still what it was handed.
-    for (int i = 0; i < 50; i++)
-        ASSERT_STREQ(mine, "https://first.example");
     other.join();
     EXPECT_EQ(lookups, 50);
-    EXPECT_STREQ(mine, "https://first.example");
+    EXPECT_EQ(mine, "https://first.example");
     // Its next look-up sees the change.
-    EXPECT_STREQ(get_cloud_controller(), "https://second.example:8443");
+    EXPECT_EQ(get_cloud_controller(), "https://second.example:8443");
+}
+
+TEST_F(HttpTest, AControllerOf2KiBIsUsedWhole)
+{
+    std::string base = "https://c.example/" + std::string(2048 - 18, 'p');
+    config_set("system", nullptr, "cloud-controller", base.c_str());
+    EXPECT_EQ(get_cloud_controller(), base);
+    EXPECT_EQ(controller_url(get_cloud_controller(), "/heartbeat"), base + "/api/heartbeat");
 }
 
 TEST_F(HttpTest, OversizeStatusIsRefusedAndTakesNoReply)
@@ -744,32 +745,31 @@ TEST_P(HttpPolicyLabTest, RetriesWhatItsRowSaysAndDropsTheTokenBetween)
               p.after == failure_log::each_attempt ? (long)c.requests : 0L);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Rows, HttpPolicyLabTest,
-    ::testing::Values(
-        // A refused token is tried again, with a new token, as often as the
-        // row allows.
-        policy_case{controller_call::heartbeat, 401, 2, 2},
-        policy_case{controller_call::status, 401, 4, 4},
-        policy_case{controller_call::statistics, 401, 3, 3},
-        policy_case{controller_call::syslog, 401, 4, 4},
-        policy_case{controller_call::command_answer, 401, 4, 4},
-        policy_case{controller_call::refresh, 401, 2, 2},
-        // Another client error: only the rows that take every 4xx for a token.
-        policy_case{controller_call::heartbeat, 404, 2, 2},
-        policy_case{controller_call::status, 404, 1, 1},
-        policy_case{controller_call::statistics, 404, 1, 1},
-        policy_case{controller_call::syslog, 404, 1, 1},
-        policy_case{controller_call::command_answer, 404, 4, 4},
-        policy_case{controller_call::refresh, 404, 2, 2},
-        // A server error: command answers alone try again.
-        policy_case{controller_call::heartbeat, 500, 1, 1},
-        policy_case{controller_call::status, 500, 1, 1},
-        policy_case{controller_call::statistics, 500, 1, 1},
-        policy_case{controller_call::syslog, 500, 1, 1},
-        policy_case{controller_call::command_answer, 500, 4, 4},
-        policy_case{controller_call::refresh, 500, 1, 1},
-        policy_case{controller_call::firmware_check, 500, 1, 0}));
+INSTANTIATE_TEST_SUITE_P(Rows, HttpPolicyLabTest,
+                         ::testing::Values(
+                             // A refused token is tried again, with a new token, as often as the
+                             // row allows.
+                             policy_case{controller_call::heartbeat, 401, 2, 2},
+                             policy_case{controller_call::status, 401, 4, 4},
+                             policy_case{controller_call::statistics, 401, 3, 3},
+                             policy_case{controller_call::syslog, 401, 4, 4},
+                             policy_case{controller_call::command_answer, 401, 4, 4},
+                             policy_case{controller_call::refresh, 401, 2, 2},
+                             // Another client error: only the rows that take every 4xx for a token.
+                             policy_case{controller_call::heartbeat, 404, 2, 2},
+                             policy_case{controller_call::status, 404, 1, 1},
+                             policy_case{controller_call::statistics, 404, 1, 1},
+                             policy_case{controller_call::syslog, 404, 1, 1},
+                             policy_case{controller_call::command_answer, 404, 4, 4},
+                             policy_case{controller_call::refresh, 404, 2, 2},
+                             // A server error: command answers alone try again.
+                             policy_case{controller_call::heartbeat, 500, 1, 1},
+                             policy_case{controller_call::status, 500, 1, 1},
+                             policy_case{controller_call::statistics, 500, 1, 1},
+                             policy_case{controller_call::syslog, 500, 1, 1},
+                             policy_case{controller_call::command_answer, 500, 4, 4},
+                             policy_case{controller_call::refresh, 500, 1, 1},
+                             policy_case{controller_call::firmware_check, 500, 1, 0}));
 
 TEST_F(HttpLabTest, RowsThatNeedATokenSendNothingWithout)
 {

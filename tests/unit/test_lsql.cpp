@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <jansson.h>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -104,29 +105,28 @@ class LsqlTest : public ::testing::Test
 
 } // namespace
 
-TEST_F(LsqlTest, GetOfAMissingKeyEmptiesTheBuffer)
+TEST_F(LsqlTest, MissingAndEmptyAreTold)
 {
-    char buf[16] = "leftover";
-    EXPECT_EQ(config_get("system", nullptr, "cloud-controller", buf, sizeof(buf)), 0);
-    EXPECT_STREQ(buf, "");
+    EXPECT_EQ(config_get("system", nullptr, "cloud-controller"), std::nullopt);
+    ASSERT_EQ(config_set("system", nullptr, "cloud-controller", ""), 0);
+    auto v = config_get("system", nullptr, "cloud-controller");
+    ASSERT_TRUE(v.has_value());
+    EXPECT_EQ(*v, "");
 }
 
-TEST_F(LsqlTest, GetFillsAFullBufferWithoutTerminator)
+TEST_F(LsqlTest, LongValuesAreReadBackWhole)
 {
-    ASSERT_EQ(config_set("stats", nullptr, "interval", "10"), 0);
-    char buf[4] = {'x', 'x', 'x', 'x'};
-    EXPECT_EQ(config_get("stats", nullptr, "interval", buf, 2), 1);
-    EXPECT_EQ(buf[0], '1');
-    EXPECT_EQ(buf[1], '0');
-    EXPECT_EQ(buf[2], 'x'); // nothing written past size
-}
-
-TEST_F(LsqlTest, GetPadsAShortValueLikeStrncpy)
-{
-    ASSERT_EQ(config_set("stats", nullptr, "interval", "10"), 0);
-    char buf[6] = {'x', 'x', 'x', 'x', 'x', 'x'};
-    EXPECT_EQ(config_get("stats", nullptr, "interval", buf, sizeof(buf)), 1);
-    EXPECT_EQ(std::string(buf, sizeof(buf)), std::string("10\0\0\0\0", 6));
+    // Longer than any buffer a reader ever had: a controller address of 300
+    // characters and a value of 2 KiB.
+    std::string controller = "https://controller.example/" + std::string(273, 'c');
+    ASSERT_EQ(controller.size(), 300u);
+    std::string big(2048, 'v');
+    big.back() = 'z'; // the last character is there too
+    ASSERT_EQ(config_set("system", nullptr, "cloud-controller", controller.c_str()), 0);
+    ASSERT_EQ(config_set("uplink-tunnel", "tun0", "description", big.c_str()), 0);
+    EXPECT_EQ(config_get("system", nullptr, "cloud-controller"), controller);
+    EXPECT_EQ(config_get("uplink-tunnel", "tun0", "description"), big);
+    EXPECT_EQ(rows()["uplink-tunnel.tun0.description"], big);
 }
 
 TEST_F(LsqlTest, ValueWithSingleQuotesIsStoredUnchanged)
@@ -134,9 +134,43 @@ TEST_F(LsqlTest, ValueWithSingleQuotesIsStoredUnchanged)
     const char value[] = "it's a 'quoted' \"value\"; DROP TABLE system; --";
     EXPECT_EQ(config_set("system", nullptr, "note", value), 0);
     EXPECT_EQ(rows()["system.note"], value);
-    char buf[128];
-    EXPECT_EQ(config_get("system", nullptr, "note", buf, sizeof(buf)), 1);
-    EXPECT_STREQ(buf, value);
+    EXPECT_EQ(config_get("system", nullptr, "note"), value);
+}
+
+TEST_F(LsqlTest, AnyTextIsStoredAndReadBackExactly)
+{
+    // Quotes, a backslash and what a formatter would take for conversions,
+    // past the length of the old buffers.
+    std::string value = "it's \"q\" back\\slash %q %Q %s %w %% %n ''";
+    value += std::string(300, '\'');
+    ASSERT_EQ(config_set("system", nullptr, "note", value.c_str()), 0);
+    EXPECT_EQ(rows()["system.note"], value);
+    EXPECT_EQ(config_get("system", nullptr, "note"), value);
+    // The log shows the value as the literal that holds it.
+    std::string quoted;
+    for (char c : value)
+        quoted += c == '\'' ? std::string("''") : std::string(1, c);
+    EXPECT_EQ(log().back(),
+              "db_command: 'REPLACE INTO system (key, value) VALUES ('system.note', '" + quoted +
+                  "')'");
+}
+
+TEST_F(LsqlTest, NamesWithQuotesAreOrdinaryNames)
+{
+    ASSERT_EQ(config_set("system", nullptr, "keep", "1"), 0);
+    // Written into the statement, these names would end the key's literal
+    // early: the statement would fail or empty the table.
+    const char *cls = "cl'ass";
+    const char *property = "x'); DELETE FROM system; --";
+    EXPECT_EQ(config_set(cls, "in%qst", property, "v"), 0);
+    std::string key = std::string(cls) + ".in%qst." + property;
+    EXPECT_EQ(rows(), (std::map<std::string, std::string>{{"system.keep", "1"}, {key, "v"}}));
+    EXPECT_EQ(config_get(cls, "in%qst", property), "v");
+    EXPECT_EQ(log().back(), "db_command: 'REPLACE INTO system (key, value) VALUES "
+                            "('cl''ass.in%qst.x''); DELETE FROM system; --', 'v')'");
+    EXPECT_EQ(config_remove(cls, "in%qst", property), 0);
+    EXPECT_EQ(config_get(cls, "in%qst", property), std::nullopt);
+    EXPECT_EQ(rows(), (std::map<std::string, std::string>{{"system.keep", "1"}}));
 }
 
 TEST_F(LsqlTest, KeysJoinClassInstanceAndProperty)
@@ -156,10 +190,8 @@ TEST_F(LsqlTest, KeysJoinClassInstanceAndProperty)
                   "db_command: 'REPLACE INTO system (key, value) VALUES "
                   "('system.cloud-controller', 'https://c')'",
               }));
-    char buf[32];
-    EXPECT_EQ(config_get("uplink-tunnel", "tun0", "remote-ip", buf, sizeof(buf)), 1);
-    EXPECT_STREQ(buf, "10.0.0.1");
-    EXPECT_EQ(config_get("uplink-tunnel", nullptr, "remote-ip", buf, sizeof(buf)), 0);
+    EXPECT_EQ(config_get("uplink-tunnel", "tun0", "remote-ip"), "10.0.0.1");
+    EXPECT_EQ(config_get("uplink-tunnel", nullptr, "remote-ip"), std::nullopt);
 }
 
 TEST_F(LsqlTest, SetReplacesAndRemoveDeletes)
@@ -183,11 +215,25 @@ TEST_F(LsqlTest, SetReplacesAndRemoveDeletes)
 TEST_F(LsqlTest, WriteFailureIsPassedBack)
 {
     ASSERT_EQ(db_command("DROP TABLE system"), 0);
+    size_t n = log().size();
     EXPECT_EQ(config_set("system", nullptr, "x", "1"), -2);
     EXPECT_EQ(config_remove("system", nullptr, "x"), -2);
-    char buf[8] = "junk";
-    EXPECT_EQ(config_get("system", nullptr, "x", buf, sizeof(buf)), 0);
-    EXPECT_STREQ(buf, "");
+    auto written = log();
+    EXPECT_EQ(std::vector<std::string>(written.begin() + n, written.end()),
+              (std::vector<std::string>{
+                  "db_command: 'REPLACE INTO system (key, value) VALUES ('system.x', '1')'",
+                  "db_command: 'REPLACE INTO system ...' failed with errmsg = 'no such table: "
+                  "system'",
+                  "db_command: 'DELETE FROM system WHERE (key = 'system.x')'",
+                  "db_command: 'DELETE FROM system W...' failed with errmsg = 'no such table: "
+                  "system'",
+              }));
+    n = log().size();
+    EXPECT_EQ(config_get("system", nullptr, "x"), std::nullopt);
+    auto lines = log();
+    EXPECT_EQ(std::vector<std::string>(lines.begin() + n, lines.end()),
+              std::vector<std::string>{"db_get: 'SELECT value FROM system WHERE key='system.x'' "
+                                       "failed, errmsg = 'no such table: system'"});
 }
 
 TEST_F(LsqlTest, PasswordGoesToTheSwitchAndIsSaved)
@@ -346,10 +392,7 @@ TEST_F(LsqlTest, OpenflowControllerLogsAndStoresAllButSsl)
 TEST_F(LsqlTest, QualifiedLookupNeverFindsAnything)
 {
     ASSERT_EQ(config_set("vap", "vap0", "backhaul", "eth1"), 0);
-    char buf[8] = "keep";
-    EXPECT_EQ(config_get_qualified("vap", "vap0", "backhaul", "radio", "wlan0", buf, sizeof(buf)),
-              0);
-    EXPECT_STREQ(buf, "keep");
+    EXPECT_EQ(config_get_qualified("vap", "vap0", "backhaul", "radio", "wlan0"), std::nullopt);
 }
 
 TEST_F(LsqlTest, InertOperationsWriteNothing)

@@ -143,6 +143,38 @@ TEST_F(PhoneHomeTest, NewControllerDropsTheToken)
     EXPECT_EQ(tokens(), 2u);
 }
 
+TEST_F(PhoneHomeTest, LongControllerIsStoredAndComparedWhole)
+{
+    developer_build = true; // no firmware check on a controller that is not there
+    std::string controller = "https://ctl.example/" + std::string(2048 - 20, 'p');
+    ASSERT_EQ(controller.size(), 2048u);
+    answer(R"({"cloud_controller":")" + controller + "\"}");
+    phone_home_call();
+    EXPECT_TRUE(phone_home_done);
+    EXPECT_EQ(setting("cloud-controller"), controller);
+    EXPECT_EQ(get_cloud_controller(), controller);
+    EXPECT_TRUE(logged("phone_home: new cloud_controller = '" + controller + "'"));
+    // Asked again, the site names the same controller: it is known as such.
+    phone_home_call();
+    EXPECT_TRUE(logged("phone_home: same controller '" + controller + "'"));
+    EXPECT_EQ(count_logged("phone_home: new cloud_controller = '" + controller + "'"), 1u);
+}
+
+TEST_F(PhoneHomeTest, LongSiteIsAskedWhole)
+{
+    // A site address longer than the query used to have room for, with all
+    // of the query after it.
+    std::string site = lab->base_url + "/" + std::string(600, 's');
+    snprintf(home_site, sizeof(home_site), "%s", site.c_str());
+    ASSERT_EQ(strlen(home_site), std::min(site.size(), sizeof(home_site) - 1));
+    phone_home_call();
+    Json q = lab->requests({});
+    ASSERT_EQ(json_array_size(q.get()), 1u);
+    std::string path = at(q, 0, "path");
+    EXPECT_EQ(path, std::string(home_site).substr(lab->base_url.size()) + "/api/phone_home");
+    EXPECT_NE(at(q, 0, "query").find("&[phone_home]ethaddr=02:00:00:00:00:01"), std::string::npos);
+}
+
 TEST_F(PhoneHomeTest, RepliesThatCannotBeUsedAreRetried)
 {
     answer(R"({"body":{"code":"frozen"}})");

@@ -522,6 +522,19 @@ TEST_F(PlatformTest, WaitForDhcpWaitsForAnAddressOfItsOwn)
     EXPECT_EQ(total_sleep(), 4u);
 }
 
+TEST_F(PlatformTest, WaitForDhcpComparesAddressesWhole)
+{
+    open_db();
+    ASSERT_EQ(config_set("management", nullptr, "dhcp-status", "up"), 0);
+    // Alike in their first 16 characters: only the whole texts tell them
+    // apart.
+    ASSERT_EQ(config_set("management", nullptr, "static-ip", "2001:db8:0:1::a:1"), 0);
+    ASSERT_EQ(config_set("management", nullptr, "ip", "2001:db8:0:1::a:2"), 0);
+    use_fake_sleep();
+    EXPECT_EQ(wait_for_dhcp(5), 4);
+    EXPECT_EQ(total_sleep(), 1u);
+}
+
 TEST_F(PlatformTest, WaitForDhcpGivesUp)
 {
     open_db();
@@ -636,9 +649,7 @@ TEST_F(PlatformTest, StopClusterWithAnotherNameChangesNothing)
     ASSERT_EQ(platform_start_cluster("core", "lab", "4", err), 0);
     EXPECT_EQ(platform_stop_cluster("edge", err), -1);
     EXPECT_STREQ(err, "cluster name mismatch");
-    char buf[8];
-    EXPECT_EQ(config_get("cluster", nullptr, "clustered", buf, sizeof(buf)), 1);
-    EXPECT_STREQ(buf, "1");
+    EXPECT_EQ(config_get("cluster", nullptr, "clustered"), "1");
 }
 
 TEST_F(PlatformTest, StopClusterWithItsName)
@@ -647,9 +658,7 @@ TEST_F(PlatformTest, StopClusterWithItsName)
     char err[128] = "";
     ASSERT_EQ(platform_start_cluster("core", "lab", "4", err), 0);
     EXPECT_EQ(platform_stop_cluster("core", err), 0);
-    char buf[8];
-    EXPECT_EQ(config_get("cluster", nullptr, "clustered", buf, sizeof(buf)), 1);
-    EXPECT_STREQ(buf, "0");
+    EXPECT_EQ(config_get("cluster", nullptr, "clustered"), "0");
     // Stopped clusters cannot be stopped again.
     EXPECT_EQ(platform_stop_cluster("core", err), -1);
     EXPECT_STREQ(err, "clustering not currently enabled\n");
@@ -675,15 +684,28 @@ TEST_F(PlatformTest, ClusterNameOnlyInClusterMode)
     open_db();
     char err[128];
     ASSERT_EQ(platform_start_cluster("core", "lab", "4", err), 0);
-    char buf[32] = "junk";
-    platform_get_cluster_name(buf, sizeof(buf));
-    EXPECT_STREQ(buf, "");
+    EXPECT_EQ(platform_get_cluster_name(), "");
     ASSERT_EQ(config_set("cluster", nullptr, "operational-mode", "1"), 0);
-    platform_get_cluster_name(buf, sizeof(buf));
-    EXPECT_STREQ(buf, "core");
+    EXPECT_EQ(platform_get_cluster_name(), "core");
     ASSERT_EQ(config_set("cluster", nullptr, "operational-mode", "10"), 0);
-    platform_get_cluster_name(buf, sizeof(buf));
-    EXPECT_STREQ(buf, "");
+    EXPECT_EQ(platform_get_cluster_name(), "");
+}
+
+TEST_F(PlatformTest, LongClusterNamesAreComparedAndReadWhole)
+{
+    open_db();
+    // Two names alike in their first 200 characters.
+    std::string name = std::string(200, 'n') + "-east";
+    std::string other = std::string(200, 'n') + "-west";
+    char err[128] = "";
+    ASSERT_EQ(platform_start_cluster(name.c_str(), "lab", "4", err), 0);
+    ASSERT_EQ(config_set("cluster", nullptr, "operational-mode", "1"), 0);
+    EXPECT_EQ(platform_get_cluster_name(), name);
+    EXPECT_EQ(platform_stop_cluster(other.c_str(), err), -1);
+    EXPECT_STREQ(err, "cluster name mismatch");
+    EXPECT_EQ(config_get("cluster", nullptr, "clustered"), "1");
+    EXPECT_EQ(platform_stop_cluster(name.c_str(), err), 0);
+    EXPECT_EQ(config_get("cluster", nullptr, "clustered"), "0");
 }
 
 // ---- names -----------------------------------------------------------------
@@ -714,8 +736,7 @@ TEST_F(PlatformTest, BackhaulFallsBackToTheManagementPort)
 {
     open_db();
     ASSERT_EQ(config_set("vap", "vap1", "backhaul", "eth7"), 0);
-    char buf[16] = "junk";
-    EXPECT_STREQ(get_wlan_backhaul(0, 1, buf, sizeof(buf)), "eth0");
+    EXPECT_EQ(get_wlan_backhaul(0, 1), "eth0");
 }
 
 TEST_F(PlatformTest, WirelessInterfaceTest)

@@ -125,12 +125,8 @@ TEST_F(SystemTest, PropertyNamesFromTheControllerAreStoredNotRun)
     EXPECT_EQ(r.message, "");
     // Read back with the name quoted, as it was stored.
     auto stored = [](const char *name) {
-        char *where = sqlite3_mprintf("key='system.%q'", name);
-        char *v = db_get("system", "value", where);
-        sqlite3_free(where);
-        std::string out = v != nullptr ? v : "<none>";
-        free(v);
-        return out;
+        std::string key = std::string("system.") + name;
+        return db_get("system", "value", "key=?", {key.c_str()}).value_or("<none>");
     };
     EXPECT_EQ(stored("x', 'y'); DELETE FROM system; --"), "v");
     EXPECT_EQ(stored("rack's"), "4");

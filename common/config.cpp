@@ -19,8 +19,8 @@ char env_hardware[32];
 char env_primary[64];
 char env_secondary[64];
 char env_country[32];
-char env_homesite[256];
-char env_controller[128];
+std::string env_homesite;
+std::string env_controller;
 char env_heartbeat[8];
 char env_boot[8];
 char env_uuid[64];
@@ -92,8 +92,8 @@ void config_init(void)
     copy_text(env_secondary, platform_get_secondary_firmware_version());
 
     get_env_variable("country_code", env_country, sizeof(env_country));
-    get_env_variable("homesite", env_homesite, sizeof(env_homesite));
-    get_env_variable("controller", env_controller, sizeof(env_controller));
+    env_homesite = get_env_text("homesite");
+    env_controller = get_env_text("controller");
     get_env_variable("heartbeat", env_heartbeat, sizeof(env_heartbeat));
     char active[32] = "";
     get_env_variable("active", active, sizeof(active));
@@ -101,7 +101,7 @@ void config_init(void)
 
     char url[256] = "";
     if (platform_cloud_management_get_url(url, sizeof(url)) == 0 && url[0] != '\0') {
-        copy_text(env_homesite, url);
+        env_homesite = url;
         log_fprint(orkad_log, "%s: homesite = url:'%s'\n", "config_init", url);
     }
 
@@ -128,7 +128,7 @@ void config_init(void)
     log_fprint(orkad_log, "primary='%s'\n", env_primary);
     log_fprint(orkad_log, "secondary='%s'\n", env_secondary);
     log_fprint(orkad_log, "uuid='%s'\n", env_uuid);
-    log_fprint(orkad_log, "homesite='%s'\n", env_homesite);
+    log_fprint(orkad_log, "homesite='%s'\n", env_homesite.c_str());
     log_fprint(orkad_log, "heartbeat='%s'\n", env_heartbeat);
     log_fprint(orkad_log, "ethaddr='%s'\n", env_ethaddr);
     // The switch may not tell its model; an unknown one shows empty.

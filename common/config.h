@@ -5,6 +5,7 @@
 #include "command.h"
 
 #include <jansson.h>
+#include <string>
 
 extern char env_serial[32];
 extern char env_ethaddr[18];
@@ -12,8 +13,9 @@ extern char env_hardware[32];
 extern char env_primary[64];
 extern char env_secondary[64];
 extern char env_country[32];
-extern char env_homesite[256];
-extern char env_controller[128];
+// The phone-home site and the controller the boot environment names, whole.
+extern std::string env_homesite;
+extern std::string env_controller;
 extern char env_heartbeat[8];
 extern char env_boot[8];
 extern char env_uuid[64];

@@ -35,7 +35,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
-char home_site[HOME_SITE_SIZE] = "https://phonehome.varnex.net";
+std::string home_site = "https://phonehome.varnex.net";
 int restarts;
 
 namespace
@@ -62,15 +62,6 @@ const char usage[] = "Usage: %s [options]\n"
 // faults (and replace it by a trap) nor drop it: we want a real SIGSEGV.
 int *volatile crash_address = nullptr;
 
-// A bounded copy: a 256-byte site leaves no terminator.
-void copy_home_site(const char *site)
-{
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wstringop-truncation"
-    strncpy(home_site, site, sizeof(home_site));
-#pragma GCC diagnostic pop
-}
-
 void parse_options(int argc, char **argv)
 {
     int c;
@@ -86,7 +77,7 @@ void parse_options(int argc, char **argv)
             printf("Version: %s\n", ORKAD_VERSION);
             exit(0);
         case 's':
-            copy_home_site(optarg);
+            home_site = optarg;
             break;
         case 'n':
             nolog = 1;
@@ -177,8 +168,8 @@ void signals_monitor(void)
     db_init();
 
     // The boot environment's home site wins over the command line.
-    if (env_homesite[0] != '\0')
-        copy_home_site(env_homesite);
+    if (!env_homesite.empty())
+        home_site = env_homesite;
 
     http_init();
     listener_init();

@@ -1,10 +1,13 @@
 // Entry point, supervision and the child's start-up.
 #pragma once
 
-#define ORKAD_VERSION "1.2.0"
-#define HOME_SITE_SIZE 256
+#include <string>
 
-extern char home_site[HOME_SITE_SIZE];
+#define ORKAD_VERSION "1.2.0"
+
+// The phone-home site: the command line's, the boot environment's or the
+// vendor's default.
+extern std::string home_site;
 extern int restarts;
 
 int orkad_main(int argc, char **argv);

@@ -204,8 +204,7 @@ void phone_home_call(void)
     get_ipv4_address(ifname, ip_addr);
 
     // The site takes the values as they are: nothing here is URL-encoded.
-    std::string url(home_site, strnlen(home_site, sizeof(home_site)));
-    url += "/api/phone_home?[phone_home]serial=";
+    std::string url = controller_url(home_site, "/phone_home?[phone_home]serial=");
     url += env_serial;
     url += "&[phone_home]uuid=";
     url += env_uuid;
@@ -260,10 +259,11 @@ void phone_home(void)
     wait_for_address();
     log_fprint(orkad_log, "ipaddr='%s'\n", ip_addr);
 
-    if (env_controller[0] != '\0') {
-        log_fprint(orkad_log, "phone_home: using controller from bootenv <%s>\n", env_controller);
+    if (!env_controller.empty()) {
+        log_fprint(orkad_log, "phone_home: using controller from bootenv <%s>\n",
+                   env_controller.c_str());
         if (get_cloud_controller() != env_controller) {
-            config_set("system", nullptr, "cloud-controller", env_controller);
+            config_set("system", nullptr, "cloud-controller", env_controller.c_str());
             config_set("system", nullptr, "varnex-initialized", "yes");
             invalidate_access_token();
         }

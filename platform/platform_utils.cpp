@@ -96,6 +96,20 @@ char *read_command_line(const char *cmd, char *buf, int n)
     return buf;
 }
 
+// The whole first line a command prints, without its newline; "" when it
+// prints none.
+std::string read_command_text(const char *cmd)
+{
+    pipe_ptr fp(dev_popen(cmd, "r"));
+    if (!fp)
+        return "";
+    std::string line;
+    int c;
+    while ((c = fgetc(fp.get())) != EOF && c != '\n')
+        line += (char)c;
+    return line;
+}
+
 const char *env_or_empty(const char *name, char *buf, int n)
 {
     if (get_env_variable(name, buf, n) == nullptr)
@@ -117,6 +131,13 @@ char *get_env_variable(const char *name, char *buf, int n)
     char cmd[64];
     snprintf(cmd, sizeof(cmd), "/sbin/fw_printenv -n %s 2> /dev/null", name);
     return read_command_line(cmd, buf, n);
+}
+
+std::string get_env_text(const char *name)
+{
+    char cmd[64];
+    snprintf(cmd, sizeof(cmd), "/sbin/fw_printenv -n %s 2> /dev/null", name);
+    return read_command_text(cmd);
 }
 
 int set_env_variable(const char *name, const char *value)

@@ -29,6 +29,8 @@ extern unsigned int (*platform_sleep)(unsigned int seconds);
 
 // Boot environment and identity. Reads are not cached here.
 char *get_env_variable(const char *name, char *buf, int n);
+// A boot-environment value whole; "" when it is not set.
+std::string get_env_text(const char *name);
 int set_env_variable(const char *name, const char *value);
 const char *get_firmware_version(void);
 char *platform_get_firmware_version(int image, char *buf, int n);

@@ -542,6 +542,18 @@ TEST_F(ConfigTest, KnownUuidIsKept)
     EXPECT_TRUE(logged("uuid='" + uuid + "'"));
 }
 
+TEST_F(ConfigTest, TheBootEnvironmentsSiteAndControllerAreReadWhole)
+{
+    const std::string site = "https://home.example/" + std::string(2048, 'h');
+    const std::string controller = "https://ctl.example/" + std::string(2048, 'c');
+    devroot({"--env", "homesite=" + site, "--env", "controller=" + controller});
+    command_init();
+    config_init();
+    EXPECT_EQ(env_homesite, site);
+    EXPECT_EQ(env_controller, controller);
+    EXPECT_TRUE(logged("homesite='" + site + "'"));
+}
+
 TEST_F(ConfigTest, CloudManagementUrlReplacesTheHomeSite)
 {
     devroot({"--env", "homesite=https://home.example/ph", "--version", "2.0.0-developer"});
@@ -551,7 +563,7 @@ TEST_F(ConfigTest, CloudManagementUrlReplacesTheHomeSite)
     write_file(root.at("/var/switch/model.json"), json_text(model.get()));
     command_init();
     config_init();
-    EXPECT_STREQ(env_homesite, "https://cm.example/site");
+    EXPECT_EQ(env_homesite, "https://cm.example/site");
     auto m = main_log();
     auto said =
         std::find(m.begin(), m.end(), "config_init: homesite = url:'https://cm.example/site'");

@@ -63,20 +63,12 @@ void diags_init(void)
 void cmd_get_diagnostics(char *command, json_t *js_command, char *resp_href)
 {
     cmd_envelope cmd("get.diagnostics", command, js_command, resp_href);
-    if (!cmd.open()) {
-        cmd.answer(-1);
+    const char *href;
+    if (!cmd.open() || (href = cmd.service_link()) == nullptr)
         return;
-    }
-    const char *href = cmd.service_link();
-    if (href == nullptr) {
-        cmd.answer(-1);
-        return;
-    }
     const char *base = get_cloud_controller();
-    if (base == nullptr) {
-        cmd.answer(cmd.fail("%s", upload_failed));
-        return;
-    }
+    if (base == nullptr)
+        return cmd.refuse("%s", upload_failed);
     char url[512];
     snprintf(url, sizeof(url), "%s/api%s", base, href);
 

@@ -295,24 +295,13 @@ void heartbeat(void *, void *, void *)
 void cmd_set_heartbeat(char *command, json_t *js_command, char *resp_href)
 {
     cmd_envelope cmd("set.heartbeat", command, js_command, resp_href);
-    if (!cmd.open()) {
-        cmd.answer(-1);
-        return;
-    }
     int seconds;
-    if (!cmd.interval(MIN_INTERVAL, MAX_INTERVAL, "heartbeat interval out of range", &seconds)) {
-        cmd.answer(-1);
+    const char *href;
+    if (!cmd.open_service(MIN_INTERVAL, MAX_INTERVAL, "heartbeat interval out of range", &seconds,
+                          &href))
         return;
-    }
-    const char *href = cmd.service_link();
-    if (href == nullptr) {
-        cmd.answer(-1);
-        return;
-    }
-    if (strlen(href) >= sizeof(heartbeat_link)) {
-        cmd.answer(cmd.fail("the 'href' element in params is too large"));
-        return;
-    }
+    if (strlen(href) >= sizeof(heartbeat_link))
+        return cmd.refuse("the 'href' element in params is too large");
     // Not stored: a restarted agent starts from the defaults again.
     set_interval((int)seconds);
     pthread_mutex_lock(&heartbeat_link_lock);

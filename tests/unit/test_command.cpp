@@ -244,15 +244,21 @@ TEST_F(CommandTest, FlagsAreParsedAndChangeNothing)
         json_decref(c);
         ASSERT_NE(w, nullptr) << k.text;
         EXPECT_EQ(flags, k.bits) << k.text;
-        // Each command is a record of its own, handler first.
+        // Each command is a record of its own that runs its handler.
         EXPECT_EQ(w->next, nullptr);
-        EXPECT_EQ(reinterpret_cast<void *>(w->fn), reinterpret_cast<void *>(handler_a));
         EXPECT_STREQ(static_cast<char *>(w->p1), "set.config");
         EXPECT_STREQ(static_cast<char *>(w->p3), "/api/r");
-        free(w->p1);
-        json_decref(static_cast<json_t *>(w->p2));
-        free(w->p3);
+        size_t before = wait_calls(0, 0).size();
+        w->fn(w->p1, w->p2, w->p3);
+        auto ran = wait_calls(before + 1, 0);
+        ASSERT_EQ(ran.size(), before + 1) << k.text;
+        EXPECT_EQ(ran.back().handler, "a");
+        EXPECT_EQ(ran.back().id, "f");
         work_free(w);
+    }
+    {
+        std::lock_guard<std::mutex> g(calls_lock);
+        calls.clear();
     }
 
     // A "chain,last" command runs just like one with empty flags.

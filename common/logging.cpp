@@ -6,6 +6,7 @@
 #include "listener.h"
 #include "log.h"
 #include "platform_utils.h"
+#include "raii.h"
 #include "signals.h"
 #include "utils.h"
 #include "work.h"
@@ -187,7 +188,7 @@ void logging_send(stream_record &stream)
             if (l == nullptr) {
                 idle++;
             } else {
-                struct _logbuf *b = reinterpret_cast<struct _logbuf *>(l);
+                malloc_ptr<struct _logbuf> b(reinterpret_cast<struct _logbuf *>(l));
                 int lost;
                 {
                     std::lock_guard<std::mutex> hold(logbuf_lock);
@@ -196,23 +197,21 @@ void logging_send(stream_record &stream)
                 log_fprint(orkad_log,
                            "logging_send: overflow = %d, oversize = %d, ready-logs-count = %d\n",
                            lost, oversize.load(std::memory_order_relaxed), ready_count());
-                int length = build_body(b, body);
+                int length = build_body(b.get(), body);
                 int err = logging_post(href.c_str(), body, length);
                 if (err == 0) {
-                    free(b);
                     idle = 1;
                 } else if (refused_for_good(err)) {
-                    int lines = batch_lines(b);
+                    int lines = batch_lines(b.get());
                     refused.fetch_add(lines, std::memory_order_relaxed);
                     log_fprint(orkad_log,
                                "logging_send: batch refused (err = %d), dropped %d lines\n", err,
                                lines);
-                    free(b);
                     idle++;
                 } else {
                     log_fprint(orkad_log, "logging_send: post errors (err = %d)\n", err);
                     // Retried first, so the controller still gets them in order.
-                    queue_add_head(ready_logs_queue, &b->link);
+                    queue_add_head(ready_logs_queue, &b.release()->link);
                     idle++;
                 }
             }

@@ -64,6 +64,8 @@ class NotifySocket
 
 // ---- the lab controller -------------------------------------------------
 
+#include "raii.h"
+
 #include <jansson.h>
 #include <memory>
 #include <sys/types.h>
@@ -72,11 +74,8 @@ class NotifySocket
 namespace testkit
 {
 
-struct JsonRelease {
-    void operator()(json_t *j) const { json_decref(j); }
-};
-// An owned jansson reference.
-using Json = std::unique_ptr<json_t, JsonRelease>;
+// An owned jansson reference: the daemon's own owner.
+using Json = json_ptr;
 
 // Parses JSON text; throws std::runtime_error when it does not parse.
 Json json_parse(const std::string &text);

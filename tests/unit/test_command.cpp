@@ -1,3 +1,4 @@
+#include "agent_fixture.h"
 #include "command.h"
 #include "log.h"
 #include "queue.h"
@@ -445,4 +446,111 @@ TEST_F(CommandTest, EnvelopeServiceLinkNeedsAnObjectWithAnHrefText)
     ASSERT_TRUE(e.open());
     EXPECT_STREQ(e.service_link(), "/s/1");
     EXPECT_STREQ(e.message, "");
+}
+
+// ---- the envelope answers its own failures ----------------------------------
+
+namespace
+{
+
+// What the last opening handed the handler.
+bool opened;
+int opened_seconds;
+std::string opened_href;
+
+// Opens the way the stream commands do, and answers 0 when it could.
+void service_handler(char *name, json_t *command, char *link)
+{
+    cmd_envelope cmd("set.thing", name, command, link);
+    int seconds = -1;
+    const char *href = nullptr;
+    opened = cmd.open_service(10, 3600, "thing interval out of range", &seconds, &href);
+    if (!opened)
+        return;
+    opened_seconds = seconds;
+    opened_href = href;
+    cmd.answer(0);
+}
+
+void refusing_handler(char *name, json_t *command, char *link)
+{
+    cmd_envelope cmd("set.thing", name, command, link);
+    if (!cmd.open())
+        return;
+    cmd.refuse("value %d refused", 7);
+}
+
+class EnvelopeAnswerTest : public agent_test::AgentTest
+{
+  protected:
+    void SetUp() override
+    {
+        AgentTest::SetUp();
+        lab->add_link("/response/t", "response");
+        opened = false;
+        opened_seconds = -1;
+        opened_href.clear();
+    }
+};
+
+} // namespace
+
+TEST_F(EnvelopeAnswerTest, EachFailureOfTheServiceOpeningIsAnsweredOnce)
+{
+    struct {
+        const char *params;
+        const char *message;
+    } cases[] = {
+        {R"([])", "missing or invalid 'params' element"},
+        {R"({"serviceLink":{"href":"/s"}})", "missing or invalid 'interval' element in params"},
+        {R"({"interval":9999,"serviceLink":{"href":"/s"}})", "thing interval out of range"},
+        {R"({"interval":3601000,"serviceLink":{"href":"/s"}})", "thing interval out of range"},
+        {R"({"interval":10000})", "missing or invalid 'serviceLink' element in params"},
+        {R"({"interval":10000,"serviceLink":{}})", "missing or invalid 'href' element in params"},
+    };
+    int n = 0;
+    for (const auto &c : cases) {
+        std::string id = "f" + std::to_string(n++);
+        EXPECT_EQ(run_command(service_handler, "set", "thing", id, c.params),
+                  std::make_pair(-1, std::string(c.message)))
+            << c.params;
+        EXPECT_FALSE(opened) << c.params;
+    }
+    // Every command had its one answer and its one log line, and only those.
+    EXPECT_EQ(json_array_size(lab->results().get()), std::size(cases));
+    for (const auto &c : cases) {
+        size_t same = 0;
+        for (const auto &d : cases)
+            same += std::string(d.message) == c.message;
+        EXPECT_EQ(count_logged(std::string("set.thing: ") + c.message), same) << c.message;
+    }
+
+    // No id: answered once all the same, with an empty one.
+    run_handler(service_handler, "set.thing", R"({"params":{"interval":10000}})");
+    Json res = lab->wait_results({}, (int)std::size(cases) + 1);
+    ASSERT_EQ(json_array_size(res.get()), std::size(cases) + 1);
+    json_t *last = json_array_get(res.get(), std::size(cases));
+    EXPECT_EQ(json_str(last, "commandId"), "");
+    EXPECT_EQ(json_integer_value(json_object_get(last, "code")), -1);
+    EXPECT_EQ(json_str(last, "message"), "missing or invalid 'id' element in command");
+    EXPECT_TRUE(logged("set.thing: missing or invalid 'id' element in command"));
+}
+
+TEST_F(EnvelopeAnswerTest, ServiceOpeningGivesWholeSecondsAndTheLink)
+{
+    EXPECT_EQ(run_command(service_handler, "set", "thing", "ok",
+                          R"({"interval":3600999,"serviceLink":{"href":"/v1/things/9"}})"),
+              std::make_pair(0, std::string()));
+    EXPECT_TRUE(opened);
+    EXPECT_EQ(opened_seconds, 3600);
+    EXPECT_EQ(opened_href, "/v1/things/9");
+    EXPECT_EQ(json_array_size(lab->results().get()), 1u);
+}
+
+TEST_F(EnvelopeAnswerTest, RefuseAnswersOnceWithItsMessage)
+{
+    EXPECT_EQ(run_command(refusing_handler, "set", "thing", "r1", "{}"),
+              std::make_pair(-1, std::string("value 7 refused")));
+    EXPECT_TRUE(logged("set.thing: value 7 refused"));
+    EXPECT_EQ(json_array_size(lab->results().get()), 1u);
 }

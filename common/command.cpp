@@ -215,13 +215,25 @@ const char *cmd_envelope::service_link()
     return json_string_value(href);
 }
 
-bool cmd_envelope::open_service(long long min, long long max, const char *out_of_range,
-                                int *seconds, const char **href)
+bool cmd_envelope::open_service(long long min, long long max, const char *out_of_range)
 {
-    if (!open() || !interval(min, max, out_of_range, seconds))
+    if (!open() || !interval(min, max, out_of_range, &seconds))
         return false;
-    *href = service_link();
-    return *href != nullptr;
+    service_href = service_link();
+    return service_href != nullptr;
+}
+
+bool cmd_envelope::open_optional_text(const char *key, const char *refusal, const char **value)
+{
+    if (!open())
+        return false;
+    json_t *v = json_object_get(params, key);
+    if (v != nullptr && !json_is_string(v)) {
+        refuse("%s", refusal);
+        return false;
+    }
+    *value = json_string_value(v);
+    return true;
 }
 
 void cmd_envelope::vfail(const char *fmt, va_list ap)

@@ -65,13 +65,16 @@ class cmd_envelope
     // the message for whichever of the two is missing.
     const char *service_link();
     // The opening of a command that sets a service's pace and link: open,
-    // interval and service_link in that order. *href lives as long as the
-    // envelope.
-    bool open_service(long long min, long long max, const char *out_of_range, int *seconds,
-                      const char **href);
+    // interval and service_link in that order, into seconds and
+    // service_href.
+    bool open_service(long long min, long long max, const char *out_of_range);
     // Sets the message, logs it and returns -1, the failure code; the answer
     // is left to the caller.
     int fail(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+    // The opening of a command with one optional text: open, then params
+    // `key`, which may be left out (*value is then null); any value but a
+    // text fails with refusal.
+    bool open_optional_text(const char *key, const char *refusal, const char **value);
     // fail, then answer -1 at once.
     void refuse(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
     // Answers the controller with the code, the message and optional JSON
@@ -84,6 +87,9 @@ class cmd_envelope
     char id[CMD_ID_SIZE] = "";
     json_t *params = nullptr;
     char message[CMD_MESSAGE_SIZE] = "";
+    // What open_service read; service_href lives as long as the envelope.
+    int seconds = 0;
+    const char *service_href = nullptr;
 
   private:
     void vfail(const char *fmt, va_list ap) __attribute__((format(printf, 2, 0)));

@@ -227,15 +227,13 @@ int set_lan_config(json_t *lan, char *message)
 void cmd_del_config(char *name, json_t *command, char *resp_href)
 {
     cmd_envelope cmd("cmd_del_config", name, command, resp_href);
-    if (!cmd.open())
+    const char *mode;
+    if (!cmd.open_optional_text("reset-mode", "invalid 'reset-mode' element in params", &mode))
         return;
-    json_t *mode = json_object_get(cmd.params, "reset-mode");
-    if (mode != nullptr && !json_is_string(mode))
-        return cmd.refuse("invalid 'reset-mode' element in params");
 
     // Answer first: once reset, the device cannot tell the controller.
     if (cmd.answer(0) == 0) {
-        if (mode != nullptr && strcmp(json_string_value(mode), "soft") == 0) {
+        if (mode != nullptr && strcmp(mode, "soft") == 0) {
             log_fprint(orkad_log, "%s: performing soft reset\n", "cmd_del_config");
             platform_factory_reset_soft();
         } else {

@@ -164,8 +164,7 @@ void cmd_set_logging(char *command, json_t *js_command, char *resp_href)
 
     // A running thread takes the new interval up at its next pass and keeps
     // the link it was started with.
-    logging_stream.turn_on(seconds);
-    cmd.answer(logging_stream.start_logged(href, "logging_start", "logging"));
+    cmd.answer(logging_stream.start_at(seconds, href, "logging_start", "logging"));
 }
 
 void logging_send(stream_record &stream)

@@ -70,9 +70,11 @@ void wait_due(pthread_cond_t *ready, bool *due)
 
 // Starts what the first valid command starts; the threads and the provider
 // only once. Returns 0, or -1 with the message set.
-int stats_start(cmd_envelope &cmd, const char *href)
+int stats_start(cmd_envelope &cmd)
 {
     const char *fn = "stats_start";
+    // Before the collector starts: it runs while the stream is on.
+    stats_stream.turn_on(cmd.seconds);
     if (collector < 0)
         collector = thread_start("stats_collector", stats_collector, nullptr, nullptr, nullptr);
     else
@@ -82,7 +84,7 @@ int stats_start(cmd_envelope &cmd, const char *href)
         return -1;
     }
     bool running;
-    int sender = stats_stream.start(href, &running);
+    int sender = stats_stream.start(cmd.service_href, &running);
     // The running sender keeps posting where the first command said.
     if (running)
         log_fprint(orkad_log, "%s: stats sender is already running, tid %d\n", fn, sender);
@@ -161,14 +163,10 @@ void cmd_set_stats(char *command, json_t *js_command, char *resp_href)
 {
     log_fprint(orkad_log, "set.statistics: command (%s) received\n", command);
     cmd_envelope cmd("set.statistics", command, js_command, resp_href);
-    int seconds;
-    const char *href;
     // The controller has always been told "logging" here.
-    if (!cmd.open_service(STATS_INTERVAL_MIN, STATS_INTERVAL_MAX, "logging interval out of range",
-                          &seconds, &href))
+    if (!cmd.open_service(STATS_INTERVAL_MIN, STATS_INTERVAL_MAX, "logging interval out of range"))
         return;
-    stats_stream.turn_on(seconds);
-    cmd.answer(stats_start(cmd, href));
+    cmd.answer(stats_start(cmd));
 }
 
 void do_stats(int)

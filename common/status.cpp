@@ -241,15 +241,11 @@ void status_debug(int)
 void cmd_set_status(char *command, json_t *js_command, char *resp_href)
 {
     cmd_envelope cmd("set.status", command, js_command, resp_href);
-    int seconds;
-    const char *href;
-    if (!cmd.open_service(STATUS_MIN_INTERVAL, STATUS_MAX_INTERVAL, "status interval out of range",
-                          &seconds, &href))
+    if (!cmd.open_service(STATUS_MIN_INTERVAL, STATUS_MAX_INTERVAL, "status interval out of range"))
         return;
     // A running thread takes the new interval up at its next step and keeps
     // posting to the link it was started with.
-    status_stream.turn_on(seconds);
-    cmd.answer(status_stream.start_logged(href, "status_start", "status"));
+    cmd.answer(status_stream.start_at(cmd.seconds, cmd.service_href, "status_start", "status"));
 }
 
 void status_send(stream_record &stream)

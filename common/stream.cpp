@@ -23,8 +23,9 @@ int stream_record::start(const char *href, bool *running)
     return started;
 }
 
-int stream_record::start_logged(const char *href, const char *starter, const char *kind)
+int stream_record::start_at(int seconds, const char *href, const char *starter, const char *kind)
 {
+    turn_on(seconds);
     bool running;
     int now = start(href, &running);
     if (running)

@@ -35,10 +35,11 @@ class stream_record
     // thread's number, or the negative result of a start that failed;
     // *running tells whether the thread was running before.
     int start(const char *href, bool *running);
-    // start, saying so when the thread was running already ("<starter>:
-    // <kind> thread N already running, new interval = S, enable = true").
-    // Returns 0, or the negative result of a start that failed.
-    int start_logged(const char *href, const char *starter, const char *kind);
+    // turn_on and start, saying so when the thread was running already
+    // ("<starter>: <kind> thread N already running, new interval = S,
+    // enable = true"). Returns 0, or the negative result of a start that
+    // failed.
+    int start_at(int seconds, const char *href, const char *starter, const char *kind);
     // The link the thread posts to.
     std::string href() const;
     // Sets the link without starting a thread, for a body run by hand.

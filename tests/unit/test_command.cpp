@@ -462,13 +462,11 @@ std::string opened_href;
 void service_handler(char *name, json_t *command, char *link)
 {
     cmd_envelope cmd("set.thing", name, command, link);
-    int seconds = -1;
-    const char *href = nullptr;
-    opened = cmd.open_service(10, 3600, "thing interval out of range", &seconds, &href);
+    opened = cmd.open_service(10, 3600, "thing interval out of range");
     if (!opened)
         return;
-    opened_seconds = seconds;
-    opened_href = href;
+    opened_seconds = cmd.seconds;
+    opened_href = cmd.service_href;
     cmd.answer(0);
 }
 
@@ -553,4 +551,40 @@ TEST_F(EnvelopeAnswerTest, RefuseAnswersOnceWithItsMessage)
               std::make_pair(-1, std::string("value 7 refused")));
     EXPECT_TRUE(logged("set.thing: value 7 refused"));
     EXPECT_EQ(json_array_size(lab->results().get()), 1u);
+}
+
+namespace
+{
+
+std::string optional_seen;
+
+void optional_handler(char *name, json_t *command, char *link)
+{
+    cmd_envelope cmd("set.thing", name, command, link);
+    const char *mode = "<unset>";
+    if (!cmd.open_optional_text("mode", "invalid 'mode' element in params", &mode))
+        return;
+    optional_seen = mode == nullptr ? "<null>" : mode;
+    cmd.answer(0);
+}
+
+} // namespace
+
+TEST_F(EnvelopeAnswerTest, OptionalTextMayBeLeftOutButNotBeAnythingElse)
+{
+    optional_seen.clear();
+    EXPECT_EQ(run_command(optional_handler, "set", "thing", "o1", "{}"),
+              std::make_pair(0, std::string()));
+    EXPECT_EQ(optional_seen, "<null>");
+    EXPECT_EQ(run_command(optional_handler, "set", "thing", "o2", R"({"mode":"soft"})"),
+              std::make_pair(0, std::string()));
+    EXPECT_EQ(optional_seen, "soft");
+    optional_seen.clear();
+    EXPECT_EQ(run_command(optional_handler, "set", "thing", "o3", R"({"mode":1})"),
+              std::make_pair(-1, std::string("invalid 'mode' element in params")));
+    EXPECT_EQ(optional_seen, "");
+    EXPECT_EQ(run_command(optional_handler, "set", "thing", "o4", R"("x")"),
+              std::make_pair(-1, std::string("missing or invalid 'params' element")));
+    EXPECT_EQ(count_logged("set.thing: invalid 'mode' element in params"), 1u);
+    EXPECT_EQ(json_array_size(lab->results().get()), 4u);
 }

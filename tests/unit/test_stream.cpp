@@ -159,15 +159,16 @@ TEST_F(StreamTest, ThreadThatEndsAtOnceLeavesTheStreamStopped)
     }
 }
 
-TEST_F(StreamTest, StartLoggedSaysWhenTheThreadRunsAlready)
+TEST_F(StreamTest, StartAtTurnsOnAndSaysWhenTheThreadRunsAlready)
 {
     stream_record s("test_stream", pacing_body);
-    s.turn_on(10);
-    EXPECT_EQ(s.start_logged("/a", "test_start", "test"), 0);
+    EXPECT_EQ(s.start_at(10, "/a", "test_start", "test"), 0);
+    EXPECT_EQ(s.interval, 10);
+    EXPECT_TRUE(s.enabled);
     int id = s.id;
     ASSERT_GE(id, 0);
-    s.turn_on(20);
-    EXPECT_EQ(s.start_logged("/b", "test_start", "test"), 0);
+    EXPECT_EQ(s.start_at(20, "/b", "test_start", "test"), 0);
+    EXPECT_EQ(s.interval, 20);
     auto log = log_messages(root.at("/rw/orkad.log"));
     EXPECT_EQ(std::count(log.begin(), log.end(),
                          "test_start: test thread " + std::to_string(id) +
@@ -189,5 +190,5 @@ TEST_F(StreamTest, FailedStartReturnsItsResultAndLeavesTheStreamStopped)
     EXPECT_EQ(s.start("/s", &running), -1);
     EXPECT_FALSE(running);
     EXPECT_EQ(s.id, -1);
-    EXPECT_EQ(s.start_logged("/s", "test_start", "test"), -1);
+    EXPECT_EQ(s.start_at(5, "/s", "test_start", "test"), -1);
 }

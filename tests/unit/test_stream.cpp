@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -22,17 +21,6 @@ using namespace testkit;
 
 namespace
 {
-
-bool eventually(const std::function<bool()> &f, int timeout_ms = 10000)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (!f()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
 
 // What the bodies saw, pass by pass.
 std::mutex seen_lock;
@@ -94,7 +82,7 @@ class StreamTest : public ::testing::Test
     static bool stop(stream_record &s)
     {
         s.enabled = false;
-        return eventually([&] { return s.id < 0; });
+        return wait_for([&] { return s.id < 0; });
     }
 };
 
@@ -109,7 +97,7 @@ TEST_F(StreamTest, SecondStartChangesThePaceAndStartsNoSecondThread)
     ASSERT_GE(id, 0);
     EXPECT_FALSE(running);
     EXPECT_STREQ(threads[id].name, "test_stream");
-    ASSERT_TRUE(eventually([&] { return intervals() == std::vector<int>{10}; }));
+    ASSERT_TRUE(wait_for([&] { return intervals() == std::vector<int>{10}; }));
     int slots = next_thread;
 
     s.turn_on(30);
@@ -117,7 +105,7 @@ TEST_F(StreamTest, SecondStartChangesThePaceAndStartsNoSecondThread)
     EXPECT_TRUE(running);
     EXPECT_EQ(next_thread, slots);
     // The running thread takes the new pace up and keeps its link.
-    ASSERT_TRUE(eventually([&] { return intervals() == std::vector<int>{10, 30}; }));
+    ASSERT_TRUE(wait_for([&] { return intervals() == std::vector<int>{10, 30}; }));
     EXPECT_EQ(s.href(), "/first");
     EXPECT_TRUE(stop(s));
     EXPECT_EQ(links(), std::vector<std::string>{"/first"});
@@ -130,16 +118,16 @@ TEST_F(StreamTest, StreamWhoseThreadEndedStartsAgainOnItsNewLink)
     s.turn_on(5);
     bool running;
     ASSERT_GE(s.start("/first", &running), 0);
-    ASSERT_TRUE(eventually([&] { return links().size() == 1; }));
+    ASSERT_TRUE(wait_for([&] { return links().size() == 1; }));
     ASSERT_TRUE(stop(s));
 
     s.turn_on(7);
     int id = s.start("/second", &running);
     ASSERT_GE(id, 0);
     EXPECT_FALSE(running);
-    ASSERT_TRUE(eventually([&] { return links().size() == 2; }));
+    ASSERT_TRUE(wait_for([&] { return links().size() == 2; }));
     EXPECT_EQ(links(), (std::vector<std::string>{"/first", "/second"}));
-    EXPECT_TRUE(eventually([&] { return intervals().back() == 7; }));
+    EXPECT_TRUE(wait_for([&] { return intervals().back() == 7; }));
     EXPECT_EQ(s.id, id);
     EXPECT_TRUE(stop(s));
 }
@@ -154,8 +142,8 @@ TEST_F(StreamTest, ThreadThatEndsAtOnceLeavesTheStreamStopped)
         bool running = true;
         ASSERT_GE(s.start("/s", &running), 0) << round;
         EXPECT_FALSE(running) << round;
-        ASSERT_TRUE(eventually([&] { return bodies_started == round; })) << round;
-        EXPECT_TRUE(eventually([&] { return s.id == -1; })) << round;
+        ASSERT_TRUE(wait_for([&] { return bodies_started == round; })) << round;
+        EXPECT_TRUE(wait_for([&] { return s.id == -1; })) << round;
     }
 }
 
@@ -174,7 +162,7 @@ TEST_F(StreamTest, StartAtTurnsOnAndSaysWhenTheThreadRunsAlready)
                          "test_start: test thread " + std::to_string(id) +
                              " already running, new interval = 20, enable = true"),
               1);
-    ASSERT_TRUE(eventually([] { return bodies_started == 1; }));
+    ASSERT_TRUE(wait_for([] { return bodies_started == 1; }));
     EXPECT_TRUE(stop(s));
     EXPECT_EQ(bodies_started, 1);
 }

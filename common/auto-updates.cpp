@@ -136,10 +136,11 @@ void deferred_updates(void *running, void *, void *)
 void cmd_set_firmware(char *command, json_t *js_command, char *resp_href)
 {
     cmd_envelope cmd("set.firmware", command, js_command, resp_href);
-    int result = cmd.open(false) ? 0 : -1;
+    if (!cmd.open(false))
+        return;
     // Answer first: a successful update restarts the device.
-    cmd.answer(result);
-    if (result != 0 || developer_build)
+    cmd.answer(0);
+    if (developer_build)
         return;
     if (check_updates() != 0)
         start_deferred_updates();

@@ -24,6 +24,17 @@ const char *json_string_member(json_t *obj, const char *key)
     return json_is_string(v) ? json_string_value(v) : nullptr;
 }
 
+// The body of a command's work record: p1 is the command name, p2 the copy
+// of the command and p3 the response link, all three handed on to the
+// handler registered under that name.
+void run_command(void *name, void *command, void *response_link)
+{
+    char *text = static_cast<char *>(name);
+    auto *cp =
+        static_cast<struct cmd_processor *>(table_lookup(cmd_processor_table, text, strlen(text)));
+    cp->fn(text, static_cast<json_t *>(command), static_cast<char *>(response_link));
+}
+
 } // namespace
 
 void command_init(void)
@@ -42,8 +53,9 @@ int command_register(const char *name, cmd_fn fn)
     size_t len = strlen(name);
     if (table_lookup(cmd_processor_table, name, len) != nullptr)
         return -1;
-    struct cmd_processor *cp = static_cast<struct cmd_processor *>(calloc(1, sizeof(*cp)));
-    if (cp == nullptr) {
+    malloc_ptr<struct cmd_processor> cp(
+        static_cast<struct cmd_processor *>(calloc(1, sizeof(struct cmd_processor))));
+    if (!cp) {
         log_fprint(orkad_log, "%s: out of memory\n", "command_register");
         return -1;
     }
@@ -54,10 +66,10 @@ int command_register(const char *name, cmd_fn fn)
 #pragma GCC diagnostic pop
     cp->fn = fn;
     cp->hits = 0;
-    if (table_insert(cmd_processor_table, cp, name, len) != 0) {
-        free(cp);
+    if (table_insert(cmd_processor_table, cp.get(), name, len) != 0)
         return -1;
-    }
+    // The table keeps it for the life of the process.
+    cp.release();
     log_fprint(orkad_log, "registered '%s' command handler\n", name);
     return 0;
 }
@@ -103,26 +115,22 @@ work_t *process_command(json_t *command, int *flags, const char *response_link)
         *flags |= CMD_FLAG_LAST;
 
     size_t size = strlen(action) + strlen(context) + 2;
-    char *name = static_cast<char *>(malloc(size));
-    if (name == nullptr) {
+    malloc_ptr<char> name(static_cast<char *>(malloc(size)));
+    if (!name) {
         log_fprint(orkad_log, "could not allocate 'command' buffer\n");
         return nullptr;
     }
-    snprintf(name, size, "%s.%s", action, context);
+    snprintf(name.get(), size, "%s.%s", action, context);
 
-    struct cmd_processor *cp =
-        static_cast<struct cmd_processor *>(table_lookup(cmd_processor_table, name, size - 1));
-    if (cp == nullptr) {
+    if (table_lookup(cmd_processor_table, name.get(), size - 1) == nullptr) {
         // The controller gets no answer for a command we do not know.
-        log_fprint(orkad_log, "Unknown command '%s'\n", name);
-        free(name);
+        log_fprint(orkad_log, "Unknown command '%s'\n", name.get());
         return nullptr;
     }
 
-    json_t *copy = json_deep_copy(command);
-    if (copy == nullptr) {
+    json_ptr copy(json_deep_copy(command));
+    if (!copy) {
         log_fprint(orkad_log, "out of memory on 'command_copy'\n");
-        free(name);
         return nullptr;
     }
 
@@ -131,13 +139,12 @@ work_t *process_command(json_t *command, int *flags, const char *response_link)
     work_t *w = work_try_alloc();
     if (w == nullptr) {
         log_fprint(orkad_log, "Cannot process command; out of free work items\n");
-        json_decref(copy);
-        free(name);
         return nullptr;
     }
-    w->fn = reinterpret_cast<work_fn>(cp->fn);
-    w->p1 = name;
-    w->p2 = copy;
+    // From here on the handler owns them.
+    w->fn = run_command;
+    w->p1 = name.release();
+    w->p2 = copy.release();
     w->p3 = strdup_with_error(response_link, "process_command: %s\n", nullptr);
     return w;
 }
@@ -151,38 +158,27 @@ void command_runner(void *, void *, void *)
         work_t *w = reinterpret_cast<work_t *>(l);
         // A command may run long, but not for ever: the supervisor watches.
         watchdog_command_started();
-        // Every item here holds a command handler (process_command put it in
-        // the work record's fn): it is called with its own argument types.
         for (work_t *p = w; p != nullptr; p = p->next)
-            reinterpret_cast<cmd_fn>(p->fn)(static_cast<char *>(p->p1),
-                                            static_cast<json_t *>(p->p2),
-                                            static_cast<char *>(p->p3));
+            p->fn(p->p1, p->p2, p->p3);
         watchdog_command_finished();
         work_free(w);
     }
 }
 
-cmd_envelope::~cmd_envelope()
-{
-    free(name_);
-    json_decref(command_);
-    free(resp_href_);
-}
-
 bool cmd_envelope::open(bool need_params)
 {
-    json_t *jid = json_object_get(command_, "id");
+    json_t *jid = json_object_get(command_.get(), "id");
     if (!json_is_string(jid)) {
-        fail("missing or invalid 'id' element in command");
+        refuse("missing or invalid 'id' element in command");
         return false;
     }
     snprintf(id, sizeof(id), "%s", json_string_value(jid));
     if (!need_params)
         return true;
-    params = json_object_get(command_, "params");
+    params = json_object_get(command_.get(), "params");
     if (!json_is_object(params)) {
         params = nullptr;
-        fail("missing or invalid 'params' element");
+        refuse("missing or invalid 'params' element");
         return false;
     }
     return true;
@@ -192,12 +188,12 @@ bool cmd_envelope::interval(long long min, long long max, const char *out_of_ran
 {
     json_t *v = json_object_get(params, "interval");
     if (!json_is_integer(v)) {
-        fail("missing or invalid 'interval' element in params");
+        refuse("missing or invalid 'interval' element in params");
         return false;
     }
     long long s = json_integer_value(v) / 1000;
     if (s < min || s > max) {
-        fail("%s", out_of_range);
+        refuse("%s", out_of_range);
         return false;
     }
     *seconds = (int)s;
@@ -208,28 +204,63 @@ const char *cmd_envelope::service_link()
 {
     json_t *link = json_object_get(params, "serviceLink");
     if (!json_is_object(link)) {
-        fail("missing or invalid 'serviceLink' element in params");
+        refuse("missing or invalid 'serviceLink' element in params");
         return nullptr;
     }
     json_t *href = json_object_get(link, "href");
     if (!json_is_string(href)) {
-        fail("missing or invalid 'href' element in params");
+        refuse("missing or invalid 'href' element in params");
         return nullptr;
     }
     return json_string_value(href);
+}
+
+bool cmd_envelope::open_service(long long min, long long max, const char *out_of_range)
+{
+    if (!open() || !interval(min, max, out_of_range, &seconds))
+        return false;
+    service_href = service_link();
+    return service_href != nullptr;
+}
+
+bool cmd_envelope::open_optional_text(const char *key, const char *refusal, const char **value)
+{
+    if (!open())
+        return false;
+    json_t *v = json_object_get(params, key);
+    if (v != nullptr && !json_is_string(v)) {
+        refuse("%s", refusal);
+        return false;
+    }
+    *value = json_string_value(v);
+    return true;
+}
+
+void cmd_envelope::vfail(const char *fmt, va_list ap)
+{
+    vsnprintf(message, sizeof(message), fmt, ap);
+    log_fprint(orkad_log, "%s: %s\n", who_, message);
 }
 
 int cmd_envelope::fail(const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    vsnprintf(message, sizeof(message), fmt, ap);
+    vfail(fmt, ap);
     va_end(ap);
-    log_fprint(orkad_log, "%s: %s\n", who_, message);
     return -1;
+}
+
+void cmd_envelope::refuse(const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    vfail(fmt, ap);
+    va_end(ap);
+    answer(-1);
 }
 
 int cmd_envelope::answer(int code, json_t *data)
 {
-    return send_command_status(resp_href_, id, code, message, data);
+    return send_command_status(resp_href_.get(), id, code, message, data);
 }

@@ -3,8 +3,10 @@
 // order, on the "command_runner" thread.
 #pragma once
 
+#include "raii.h"
 #include "work.h"
 
+#include <cstdarg>
 #include <jansson.h>
 
 // The handler owns all three arguments: it frees name and response_link and
@@ -38,6 +40,10 @@ void command_runner(void *p1, void *p2, void *p3);
 // and releases them when it goes out of scope, reads the command's "id" and
 // "params", keeps the message of the answer and sends the answer. `who`
 // prefixes the handler's log lines ("who: message").
+//
+// The reading steps answer a failure themselves: when one returns false (or
+// null), the message says what was wrong, it is logged, the controller has
+// had its -1, and the handler has nothing left to do but return.
 class cmd_envelope
 {
   public:
@@ -45,13 +51,11 @@ class cmd_envelope
         : who_(who), name_(name), command_(command), resp_href_(resp_href)
     {
     }
-    ~cmd_envelope();
     cmd_envelope(const cmd_envelope &) = delete;
     cmd_envelope &operator=(const cmd_envelope &) = delete;
 
     // Reads "id" (kept to 41 characters) and, when need_params, the "params"
-    // object. On failure the message says what was wrong, it is logged, and
-    // false is returned; nothing is answered yet.
+    // object.
     bool open(bool need_params = true);
     // Reads params "interval", milliseconds, as whole seconds (truncated)
     // that must lie in [min, max]; otherwise fails with the missing-interval
@@ -60,22 +64,38 @@ class cmd_envelope
     // Reads the "href" text of params "serviceLink"; null after failing with
     // the message for whichever of the two is missing.
     const char *service_link();
-    // Sets the message, logs it and returns -1, the failure code.
+    // The opening of a command that sets a service's pace and link: open,
+    // interval and service_link in that order, into seconds and
+    // service_href.
+    bool open_service(long long min, long long max, const char *out_of_range);
+    // Sets the message, logs it and returns -1, the failure code; the answer
+    // is left to the caller.
     int fail(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+    // The opening of a command with one optional text: open, then params
+    // `key`, which may be left out (*value is then null); any value but a
+    // text fails with refusal.
+    bool open_optional_text(const char *key, const char *refusal, const char **value);
+    // fail, then answer -1 at once.
+    void refuse(const char *fmt, ...) __attribute__((format(printf, 2, 3)));
     // Answers the controller with the code, the message and optional JSON
     // for "data"; returns what send_command_status returned.
     int answer(int code, json_t *data = nullptr);
 
-    json_t *command() const { return command_; }
-    const char *response_link() const { return resp_href_; }
+    json_t *command() const { return command_.get(); }
+    const char *response_link() const { return resp_href_.get(); }
 
     char id[CMD_ID_SIZE] = "";
     json_t *params = nullptr;
     char message[CMD_MESSAGE_SIZE] = "";
+    // What open_service read; service_href lives as long as the envelope.
+    int seconds = 0;
+    const char *service_href = nullptr;
 
   private:
+    void vfail(const char *fmt, va_list ap) __attribute__((format(printf, 2, 0)));
+
     const char *who_;
-    char *name_;
-    json_t *command_;
-    char *resp_href_;
+    malloc_ptr<char> name_;
+    json_ptr command_;
+    malloc_ptr<char> resp_href_;
 };

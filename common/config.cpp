@@ -142,17 +142,17 @@ void config_init(void)
 void cmd_set_config(char *name, json_t *command, char *resp_href)
 {
     cmd_envelope cmd("cmd_set_config", name, command, resp_href);
+    if (!cmd.open())
+        return;
     // A command that configures nothing answers -1 with an empty message.
     int result = -1;
-    if (cmd.open()) {
-        for (const auto &section : config_sections) {
-            json_t *value = json_object_get(cmd.params, section.name);
-            if (value == nullptr)
-                continue;
-            result = section.fn(value, cmd.message);
-            if (result != 0)
-                break;
-        }
+    for (const auto &section : config_sections) {
+        json_t *value = json_object_get(cmd.params, section.name);
+        if (value == nullptr)
+            continue;
+        result = section.fn(value, cmd.message);
+        if (result != 0)
+            break;
     }
     cmd.answer(result);
 }
@@ -227,19 +227,13 @@ int set_lan_config(json_t *lan, char *message)
 void cmd_del_config(char *name, json_t *command, char *resp_href)
 {
     cmd_envelope cmd("cmd_del_config", name, command, resp_href);
-    if (!cmd.open()) {
-        cmd.answer(-1);
+    const char *mode;
+    if (!cmd.open_optional_text("reset-mode", "invalid 'reset-mode' element in params", &mode))
         return;
-    }
-    json_t *mode = json_object_get(cmd.params, "reset-mode");
-    if (mode != nullptr && !json_is_string(mode)) {
-        cmd.answer(cmd.fail("invalid 'reset-mode' element in params"));
-        return;
-    }
 
     // Answer first: once reset, the device cannot tell the controller.
     if (cmd.answer(0) == 0) {
-        if (mode != nullptr && strcmp(json_string_value(mode), "soft") == 0) {
+        if (mode != nullptr && strcmp(mode, "soft") == 0) {
             log_fprint(orkad_log, "%s: performing soft reset\n", "cmd_del_config");
             platform_factory_reset_soft();
         } else {

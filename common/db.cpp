@@ -157,7 +157,12 @@ namespace
 class connection_hold
 {
   public:
-    connection_hold() : mutex_(sqlite3_db_mutex(db_main)) { sqlite3_mutex_enter(mutex_); }
+    // Without a connection (none opened yet) there is nothing to hold, and
+    // the statement fails as the engine's misuse.
+    connection_hold() : mutex_(db_main != nullptr ? sqlite3_db_mutex(db_main) : nullptr)
+    {
+        sqlite3_mutex_enter(mutex_);
+    }
     ~connection_hold() { sqlite3_mutex_leave(mutex_); }
     connection_hold(const connection_hold &) = delete;
     connection_hold &operator=(const connection_hold &) = delete;

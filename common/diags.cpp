@@ -60,19 +60,11 @@ void diags_init(void)
 void cmd_get_diagnostics(char *command, json_t *js_command, char *resp_href)
 {
     cmd_envelope cmd("get.diagnostics", command, js_command, resp_href);
-    if (!cmd.open()) {
-        cmd.answer(-1);
+    const char *href;
+    if (!cmd.open() || (href = cmd.service_link()) == nullptr)
         return;
-    }
-    const char *href = cmd.service_link();
-    if (href == nullptr) {
-        cmd.answer(-1);
-        return;
-    }
-    if (get_cloud_controller().empty()) {
-        cmd.answer(cmd.fail("%s", upload_failed));
-        return;
-    }
+    if (get_cloud_controller().empty())
+        return cmd.refuse("%s", upload_failed);
 
     // The uptime and log statistics go into the main log first, so that the
     // dump carries them.

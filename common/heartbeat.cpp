@@ -272,30 +272,16 @@ void heartbeat(void *, void *, void *)
 void cmd_set_heartbeat(char *command, json_t *js_command, char *resp_href)
 {
     cmd_envelope cmd("set.heartbeat", command, js_command, resp_href);
-    if (!cmd.open()) {
-        cmd.answer(-1);
+    if (!cmd.open_service(MIN_INTERVAL, MAX_INTERVAL, "heartbeat interval out of range"))
         return;
-    }
-    int seconds;
-    if (!cmd.interval(MIN_INTERVAL, MAX_INTERVAL, "heartbeat interval out of range", &seconds)) {
-        cmd.answer(-1);
-        return;
-    }
-    const char *href = cmd.service_link();
-    if (href == nullptr) {
-        cmd.answer(-1);
-        return;
-    }
-    if (strlen(href) >= sizeof(heartbeat_link)) {
-        cmd.answer(cmd.fail("the 'href' element in params is too large"));
-        return;
-    }
+    if (strlen(cmd.service_href) >= sizeof(heartbeat_link))
+        return cmd.refuse("the 'href' element in params is too large");
     // Not stored: a restarted agent starts from the defaults again.
-    set_interval((int)seconds);
+    set_interval(cmd.seconds);
     pthread_mutex_lock(&heartbeat_link_lock);
-    snprintf(heartbeat_link, sizeof(heartbeat_link), "%s", href);
+    snprintf(heartbeat_link, sizeof(heartbeat_link), "%s", cmd.service_href);
     pthread_mutex_unlock(&heartbeat_link_lock);
-    dev_syslog(LOG_INFO, "Heartbeat interval=%d seconds, link='%s'", (int)seconds, href);
+    dev_syslog(LOG_INFO, "Heartbeat interval=%d seconds, link='%s'", cmd.seconds, cmd.service_href);
     cmd.answer(0);
 }
 

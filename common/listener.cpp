@@ -170,20 +170,22 @@ int listener_register(const char *event, listener_fn fn, const char *socket_name
 
     listener_socket_t *sock = find_socket(name);
     if (sock == nullptr) {
-        sock = static_cast<listener_socket_t *>(calloc(1, sizeof(*sock)));
-        if (sock == nullptr) {
+        malloc_ptr<listener_socket_t> made(
+            static_cast<listener_socket_t *>(calloc(1, sizeof(listener_socket_t))));
+        if (!made) {
             log_fprint(orkad_log, "%s: out of memory registering '%s' on '%s'\n",
                        "listener_register", event, name);
             return -2;
         }
-        sock->table = table_create("listener_table", 32);
-        if (sock->table == nullptr) {
+        made->table = table_create("listener_table", 32);
+        if (made->table == nullptr) {
             log_fprint(orkad_log, "%s: cannot create listener table for '%s' on '%s'\n",
                        "listener_register", event, name);
-            free(sock);
             return -3;
         }
-        strcpy(sock->name, name);
+        strcpy(made->name, name);
+        // Published for good: sockets live as long as the process.
+        sock = made.release();
         {
             std::lock_guard<std::mutex> guard(listener_sockets_lock);
             sock->next = listener_sockets.load(std::memory_order_relaxed);
@@ -195,8 +197,9 @@ int listener_register(const char *event, listener_fn fn, const char *socket_name
             thread_start("Unix listener", unix_receiver, sock, nullptr, nullptr);
     }
 
-    struct listener *l = static_cast<struct listener *>(calloc(1, sizeof(*l)));
-    if (l == nullptr) {
+    malloc_ptr<struct listener> l(
+        static_cast<struct listener *>(calloc(1, sizeof(struct listener))));
+    if (!l) {
         log_fprint(orkad_log, "%s: out of memory registering '%s' on '%s'\n", "listener_register",
                    event, name);
         return -2;
@@ -210,15 +213,15 @@ int listener_register(const char *event, listener_fn fn, const char *socket_name
     if (first != nullptr) {
         while (first->next != nullptr)
             first = first->next;
-        first->next = l;
+        first->next = l.release();
     } else {
-        int rc = table_insert(sock->table, l, event, keylen);
+        int rc = table_insert(sock->table, l.get(), event, keylen);
         if (rc != 0) {
             log_fprint(orkad_log, "%s: cannot insert '%s' listener on '%s' (%d)\n",
                        "listener_register", event, name, rc);
-            free(l);
             return -2;
         }
+        l.release();
     }
     log_fprint(orkad_log, "registered '%s' listener on '%s'\n", event, name);
     return 0;

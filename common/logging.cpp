@@ -6,6 +6,7 @@
 #include "listener.h"
 #include "log.h"
 #include "platform_utils.h"
+#include "raii.h"
 #include "signals.h"
 #include "utils.h"
 #include "work.h"
@@ -17,10 +18,8 @@
 #include <mutex>
 #include <unistd.h>
 
-std::atomic<bool> logging_enabled{false};
-std::atomic<int> logging_interval{0};
+stream_record logging_stream("logging_send", logging_send);
 int logging_priority = 3;
-std::atomic<int> logging_id{-1};
 unsigned int (*logging_sleep)(unsigned int seconds) = sleep;
 
 namespace
@@ -143,72 +142,40 @@ void logging_listener(const char *, json_t *params)
 void cmd_set_logging(char *command, json_t *js_command, char *resp_href)
 {
     cmd_envelope cmd("set.logging", command, js_command, resp_href);
-    if (!cmd.open()) {
-        cmd.answer(-1);
-        return;
-    }
     int seconds;
-    if (!cmd.interval(MIN_INTERVAL, MAX_INTERVAL, "logging interval out of range", &seconds)) {
-        cmd.answer(-1);
+    if (!cmd.open() ||
+        !cmd.interval(MIN_INTERVAL, MAX_INTERVAL, "logging interval out of range", &seconds))
         return;
-    }
     // Only an object is refused; any other priority is taken and ignored,
-    // and logging_priority stays as it is. Controllers rely on both.
-    if (json_is_object(json_object_get(cmd.params, "priority"))) {
-        cmd.answer(cmd.fail("invalid 'priority' element in params"));
-        return;
-    }
+    // and logging_priority stays as it is. Controllers rely on both. It is
+    // looked at before the link, so a command wrong in both hears of this.
+    if (json_is_object(json_object_get(cmd.params, "priority")))
+        return cmd.refuse("invalid 'priority' element in params");
     const char *href = cmd.service_link();
-    if (href == nullptr) {
-        cmd.answer(-1);
+    if (href == nullptr)
         return;
-    }
 
     int err = platform_start_logging();
     if (err != 0)
         log_fprint(orkad_log, "%s: platform_start_logging() failed, err = %d\n", "cmd_set_logging",
                    err);
 
-    logging_enabled = true;
-    logging_interval = (int)seconds;
-    int result = 0;
-    if (logging_id < 0) {
-        char *copy = strdup_with_error(href, "logging_start: %s\n", cmd.message);
-        if (copy == nullptr) {
-            result = -1;
-        } else {
-            logging_id = thread_start("logging_send", logging_send, &logging_interval, copy,
-                                      &logging_enabled);
-            if (logging_id < 0) {
-                free(copy);
-                result = logging_id;
-            }
-        }
-    } else {
-        // The new interval reaches the running thread through the shared
-        // variable; it keeps the link it was started with.
-        log_fprint(orkad_log,
-                   "%s: logging thread %d already running, new interval = %d, enable = %s\n",
-                   "logging_start", logging_id.load(), logging_interval.load(),
-                   logging_enabled ? "true" : "false");
-    }
-    cmd.answer(result);
+    // A running thread takes the new interval up at its next pass and keeps
+    // the link it was started with.
+    cmd.answer(logging_stream.start_at(seconds, href, "logging_start", "logging"));
 }
 
-void logging_send(void *interval_ptr, void *href_ptr, void *)
+void logging_send(stream_record &stream)
 {
-    // Read on every pass: set.logging and logging_flush change them while we
-    // run. The third argument is our thread number (thread_start), so the
-    // switch is read from the module itself.
-    auto *interval = static_cast<std::atomic<int> *>(interval_ptr);
-    std::atomic<bool> *enabled = &logging_enabled;
-    char *href = static_cast<char *>(href_ptr);
-    log_fprint(orkad_log, "logging_send: Started '%d','%s','%d'\n", interval->load(), href,
-               (int)enabled->load());
-    if (*enabled) {
+    // The interval and the switch are read on every pass: set.logging and
+    // logging_flush change them while we run.
+    const std::string href = stream.href();
+    log_fprint(orkad_log, "logging_send: Started '%d','%s','%d'\n", stream.interval.load(),
+               href.c_str(), (int)stream.enabled.load());
+    if (stream.enabled) {
         int idle = 0;
         do {
-            if (*interval < idle) {
+            if (stream.interval < idle) {
                 std::lock_guard<std::mutex> hold(logbuf_lock);
                 if (logbuf != nullptr && logbuf->length > 0)
                     retire_logbuf();
@@ -217,7 +184,7 @@ void logging_send(void *interval_ptr, void *href_ptr, void *)
             if (l == nullptr) {
                 idle++;
             } else {
-                struct _logbuf *b = reinterpret_cast<struct _logbuf *>(l);
+                malloc_ptr<struct _logbuf> b(reinterpret_cast<struct _logbuf *>(l));
                 int lost;
                 {
                     std::lock_guard<std::mutex> hold(logbuf_lock);
@@ -226,33 +193,31 @@ void logging_send(void *interval_ptr, void *href_ptr, void *)
                 log_fprint(orkad_log,
                            "logging_send: overflow = %d, oversize = %d, ready-logs-count = %d\n",
                            lost, oversize.load(std::memory_order_relaxed), ready_count());
-                malloc_ptr<char> body = build_body(b);
+                malloc_ptr<char> body = build_body(b.get());
                 // Out of memory: the batch waits for the next pass.
-                int err = body ? logging_post(href, body.get(), (int)strlen(body.get())) : 2;
+                int err =
+                    body ? logging_post(href.c_str(), body.get(), (int)strlen(body.get())) : 2;
                 if (err == 0) {
-                    free(b);
                     idle = 1;
                 } else if (refused_for_good(err)) {
-                    int lines = batch_lines(b);
+                    int lines = batch_lines(b.get());
                     refused.fetch_add(lines, std::memory_order_relaxed);
                     log_fprint(orkad_log,
                                "logging_send: batch refused (err = %d), dropped %d lines\n", err,
                                lines);
-                    free(b);
                     idle++;
                 } else {
                     log_fprint(orkad_log, "logging_send: post errors (err = %d)\n", err);
                     // Retried first, so the controller still gets them in order.
-                    queue_add_head(ready_logs_queue, &b->link);
+                    queue_add_head(ready_logs_queue, &b.release()->link);
                     idle++;
                 }
             }
             logging_sleep(1);
-        } while (*enabled);
+        } while (stream.enabled);
     }
     log_fprint(orkad_log, "logging_send: Stopped\n");
-    logging_id = -1;
-    free(href);
+    stream.id = -1;
 }
 
 int logging_post(const char *href, const char *data, int length)
@@ -267,7 +232,7 @@ int logging_post(const char *href, const char *data, int length)
 int logging_flush(int seconds)
 {
     // The batch being filled goes out at the sender's next pass.
-    logging_interval = 0;
+    logging_stream.interval = 0;
     logging_sleep(5);
     int spent = 5;
     while (spent < seconds && ready_count() > 0) {
@@ -281,7 +246,7 @@ void logging_debug(int)
 {
     std::lock_guard<std::mutex> hold(logbuf_lock);
     log_fprint(dbg_log, "%s: logging_enabled = %d, logging_interval = %d\n", "logging_debug",
-               (int)logging_enabled, logging_interval.load());
+               (int)logging_stream.enabled, logging_stream.interval.load());
     log_fprint(dbg_log,
                "%s: logbuf = %p (%d), overflow = %d, oversize = %d, ready-logs-count = %d\n",
                "logging_debug", static_cast<void *>(logbuf), logbuf != nullptr ? logbuf->length : 0,

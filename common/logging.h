@@ -3,9 +3,8 @@
 // the controller by the "logging_send" thread that "set.logging" starts.
 #pragma once
 
-#include <atomic>
-
 #include "queue.h"
+#include "stream.h"
 
 #include <jansson.h>
 
@@ -31,13 +30,11 @@ struct _logbuf {
     char buffer[LOGBUF_SIZE];
 };
 
-// Read by the sender through pointers, without the lock, on every pass.
-extern std::atomic<bool> logging_enabled;
-extern std::atomic<int> logging_interval;
+// The stream "set.logging" turns on: its switch and interval, read by the
+// sender on every pass, and its "logging_send" thread.
+extern stream_record logging_stream;
 // The forwarding priority; nothing changes it (see cmd_set_logging).
 extern int logging_priority;
-// Id of the sender thread, -1 when none runs.
-extern std::atomic<int> logging_id;
 
 // Every sleep of this module (the sender's pace, the flush before a reboot)
 // goes through here; tests point it elsewhere.
@@ -46,9 +43,8 @@ extern unsigned int (*logging_sleep)(unsigned int seconds);
 void logging_init(void);
 void logging_listener(const char *event, json_t *params);
 void cmd_set_logging(char *command, json_t *js_command, char *resp_href);
-// Sender thread body: p1 points at the interval, p2 is the thread's own copy
-// of the link (freed when it ends); p3 is the thread number.
-void logging_send(void *interval_ptr, void *href, void *p3);
+// Body of the "logging_send" thread.
+void logging_send(stream_record &stream);
 int logging_post(const char *href, const char *data, int length);
 int logging_flush(int seconds);
 void logging_debug(int sig);

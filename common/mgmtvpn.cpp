@@ -111,46 +111,32 @@ void mgmtvpn_heartbeat_provider(json_t *hb_obj, bool last_failed)
 void cmd_set_sslvpn(char *command, json_t *js_command, char *resp_href)
 {
     cmd_envelope cmd("set.sslVpn", command, js_command, resp_href);
-    int result = -1;
-    if (!cmd.open()) {
-        cmd.answer(result);
+    if (!cmd.open())
         return;
-    }
     json_t *ovpn = json_object_get(cmd.params, "clientOvpn");
-    if (!json_is_string(ovpn)) {
-        cmd.fail("missing or invalid 'clientOvpn' element in params");
-        cmd.answer(result);
-        return;
-    }
+    if (!json_is_string(ovpn))
+        return cmd.refuse("missing or invalid 'clientOvpn' element in params");
     int len = (int)json_string_length(ovpn);
     malloc_ptr<char> text(base64_decode(json_string_value(ovpn), &len, nullptr));
-    if (!text) {
-        // The running VPN stays as it is.
-        cmd.fail("error decoding 'clientOvpn' element content");
-        cmd.answer(result);
-        return;
-    }
+    // The running VPN stays as it is.
+    if (!text)
+        return cmd.refuse("error decoding 'clientOvpn' element content");
 
     stop_vpn();
     dev_remove(MGMTVPN_CONFIG);
     int err = save_config(text.get());
-    if (err != 0) {
-        cmd.fail("failed to save '%s' file (errno = %d)", MGMTVPN_CONFIG, err);
-    } else if (start_vpn() != 0) {
-        cmd.fail("%s", start_failed);
-    } else {
-        result = 0;
-    }
-    cmd.answer(result);
+    if (err != 0)
+        return cmd.refuse("failed to save '%s' file (errno = %d)", MGMTVPN_CONFIG, err);
+    if (start_vpn() != 0)
+        return cmd.refuse("%s", start_failed);
+    cmd.answer(0);
 }
 
 void cmd_del_sslvpn(char *command, json_t *js_command, char *resp_href)
 {
     cmd_envelope cmd("del.sslVpn", command, js_command, resp_href);
-    if (!cmd.open(false)) {
-        cmd.answer(-1);
+    if (!cmd.open(false))
         return;
-    }
     stop_vpn();
     dev_remove(MGMTVPN_CONFIG);
     cmd.answer(0);

@@ -1,6 +1,7 @@
 #include "signals.h"
 
 #include "log.h"
+#include "raii.h"
 #include "table.h"
 
 #include <cstdlib>
@@ -33,8 +34,8 @@ struct handler *signals_lookup(int sig)
 
 int signals_register(int sig, void (*fn)(int), const char *name)
 {
-    struct handler *h = static_cast<struct handler *>(calloc(1, sizeof(struct handler)));
-    if (h == nullptr) {
+    malloc_ptr<struct handler> h(static_cast<struct handler *>(calloc(1, sizeof(struct handler))));
+    if (!h) {
         log_fprint(orkad_log, "signals_register: out of memory\n");
         return -2;
     }
@@ -46,22 +47,22 @@ int signals_register(int sig, void (*fn)(int), const char *name)
     if (first != nullptr) {
         while (first->next != nullptr)
             first = first->next;
-        first->next = h;
+        first->next = h.release();
     } else {
         if (!sigismember(const_cast<sigset_t *>(&blocked_signals), sig))
             log_fprint(orkad_log,
                        "******* registering callback for signal %d that is not blocked!\n", sig);
         int rc = signals_table != nullptr
-                     ? table_insert(signals_table, h, &h->signal, sizeof(h->signal))
+                     ? table_insert(signals_table, h.get(), &h->signal, sizeof(h->signal))
                      : -1;
         if (rc != 0) {
             // Not in the table, the handler would never run: say so, not
             // "registered".
             log_fprint(orkad_log, "%s: cannot insert handler '%s' for signal %d (%d)\n",
                        "signals_register", name, sig, rc);
-            free(h);
             return -2;
         }
+        h.release();
     }
     log_fprint(orkad_log, "registered new handler '%s' for signal %d\n", name, sig);
     return 0;

@@ -22,8 +22,7 @@ pthread_mutex_t stats_lock = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t collector_lock = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t collector_ready = PTHREAD_COND_INITIALIZER;
 pthread_cond_t stats_ready = PTHREAD_COND_INITIALIZER;
-std::atomic<bool> stats_enabled{false};
-std::atomic<int> stats_interval{0};
+stream_record stats_stream("stats_sender", stats_send);
 timer_t stats_timer;
 int (*stats_clock_gettime)(clockid_t clock, struct timespec *ts) = clock_gettime;
 int (*stats_poster)(const char *slink, const char *payload, int length) = stats_post;
@@ -39,7 +38,6 @@ bool timer_created = false;
 std::atomic<unsigned int> ticks{0};
 bool no_clock = false;
 int collector = -1;
-int sender = -1;
 int hb_provider = -1;
 // Statistics documents handed to stats_post, for the debug dump.
 std::atomic<unsigned long> documents{0};
@@ -69,33 +67,24 @@ void wait_due(pthread_cond_t *ready, bool *due)
 
 // Starts what the first valid command starts; the threads and the provider
 // only once. Returns 0, or -1 with the message set.
-int stats_start(cmd_envelope &cmd, const char *href)
+int stats_start(cmd_envelope &cmd)
 {
     const char *fn = "stats_start";
-    char *slink = strdup(href);
-    if (slink == nullptr) {
-        snprintf(cmd.message, sizeof(cmd.message), "failed to copy the 'href' element");
-        log_fprint(orkad_log, "%s: %s\n", fn, cmd.message);
-        return -1;
-    }
+    // Before the collector starts: it runs while the stream is on.
+    stats_stream.turn_on(cmd.seconds);
     if (collector < 0)
         collector = thread_start("stats_collector", stats_collector, nullptr, nullptr, nullptr);
     else
         log_fprint(orkad_log, "%s: stats collector is already running, tid %d\n", fn, collector);
     if (collector < 0) {
-        free(slink);
         snprintf(cmd.message, sizeof(cmd.message), "failed to start the stats collector");
         return -1;
     }
-    if (sender < 0) {
-        sender = thread_start("stats_sender", stats_send, slink, nullptr, nullptr);
-        if (sender < 0)
-            free(slink);
-    } else {
-        // The running sender keeps posting where the first command said.
+    bool running;
+    int sender = stats_stream.start(cmd.service_href, &running);
+    // The running sender keeps posting where the first command said.
+    if (running)
         log_fprint(orkad_log, "%s: stats sender is already running, tid %d\n", fn, sender);
-        free(slink);
-    }
     if (sender < 0) {
         snprintf(cmd.message, sizeof(cmd.message), "failed to start the stats sender");
         return -1;
@@ -171,35 +160,20 @@ void cmd_set_stats(char *command, json_t *js_command, char *resp_href)
 {
     log_fprint(orkad_log, "set.statistics: command (%s) received\n", command);
     cmd_envelope cmd("set.statistics", command, js_command, resp_href);
-    if (!cmd.open()) {
-        cmd.answer(-1);
-        return;
-    }
     // The controller has always been told "logging" here.
-    int seconds;
-    if (!cmd.interval(STATS_INTERVAL_MIN, STATS_INTERVAL_MAX, "logging interval out of range",
-                      &seconds)) {
-        cmd.answer(-1);
+    if (!cmd.open_service(STATS_INTERVAL_MIN, STATS_INTERVAL_MAX, "logging interval out of range"))
         return;
-    }
-    const char *href = cmd.service_link();
-    if (href == nullptr) {
-        cmd.answer(-1);
-        return;
-    }
-    stats_enabled = true;
-    stats_interval = (int)seconds;
-    cmd.answer(stats_start(cmd, href));
+    cmd.answer(stats_start(cmd));
 }
 
 void do_stats(int)
 {
     unsigned int tick = ticks.load(std::memory_order_relaxed) + 1;
     ticks.store(tick, std::memory_order_relaxed);
-    if (!stats_enabled)
+    if (!stats_stream.enabled)
         return;
     bool sample = tick % STATS_SAMPLE_TICKS == 0;
-    int interval = stats_interval;
+    int interval = stats_stream.interval;
     bool period = interval > 0 && tick % (unsigned int)interval == 0;
     if (!sample && !period)
         return;
@@ -218,7 +192,7 @@ void do_stats(int)
 void stats_collector(void *, void *, void *)
 {
     log_fprint(orkad_log, "%s: Started\n", "stats_collector");
-    while (stats_enabled) {
+    while (stats_stream.enabled) {
         wait_due(&collector_ready, &sample_due);
         pthread_mutex_lock(&collector_lock);
         collect_interface_stats();
@@ -226,13 +200,13 @@ void stats_collector(void *, void *, void *)
     }
 }
 
-void stats_send(void *p1, void *, void *)
+void stats_send(stream_record &stream)
 {
     const char *fn = "stats_send";
-    char *slink = static_cast<char *>(p1);
-    log_fprint(orkad_log, "%s: Started '%s','%d'\n", fn, slink, stats_interval.load());
+    const std::string slink = stream.href();
+    log_fprint(orkad_log, "%s: Started '%s','%d'\n", fn, slink.c_str(), stream.interval.load());
     log_fprint(orkad_log, "%s: my TID: %d\n", fn, (int)syscall(SYS_gettid));
-    while (stats_enabled) {
+    while (stream.enabled) {
         wait_due(&stats_ready, &period_due);
 
         bool fatal = false;
@@ -248,9 +222,9 @@ void stats_send(void *p1, void *, void *)
         }
         documents++;
         // A period that did not get through is not sent again.
-        stats_poster(slink, payload.get(), (int)strlen(payload.get()));
+        stats_poster(slink.c_str(), payload.get(), (int)strlen(payload.get()));
     }
-    free(slink);
+    stream.id = -1;
 }
 
 int stats_post(const char *slink, const char *payload, int length)
@@ -287,7 +261,7 @@ unsigned long st_time(unsigned long fractions)
 
 int get_stats_interval(void)
 {
-    return stats_interval;
+    return stats_stream.interval;
 }
 
 int stats_parse_buf(char *buf, stats_parser_t *ctrl)
@@ -367,6 +341,6 @@ void stats_debug(int)
     log_fprint(dbg_log,
                "%s: enabled = %d, interval = %d, ticks = %u, collector = %d, sender = %d, "
                "rows = %d, documents = %lu\n",
-               "stats_debug", stats_enabled ? 1 : 0, stats_interval.load(), ticks.load(), collector,
-               sender, rows, documents.load());
+               "stats_debug", stats_stream.enabled ? 1 : 0, stats_stream.interval.load(),
+               ticks.load(), collector, stats_stream.id.load(), rows, documents.load());
 }

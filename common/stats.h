@@ -3,7 +3,7 @@
 // changes, the agent's millisecond clock and two small key/value parsers.
 #pragma once
 
-#include <atomic>
+#include "stream.h"
 
 #include <ctime>
 #include <jansson.h>
@@ -37,17 +37,17 @@ extern pthread_mutex_t collector_lock;
 // through and a tick that comes while a thread is busy is not lost.
 extern pthread_cond_t collector_ready;
 extern pthread_cond_t stats_ready;
-// Set by "set.statistics" on the command thread, read by the tick handler
-// and the statistics threads on every pass.
-extern std::atomic<bool> stats_enabled;
-extern std::atomic<int> stats_interval;
+// The stream "set.statistics" turns on: its switch and interval, read by the
+// tick handler and the statistics threads on every pass, and its
+// "stats_sender" thread.
+extern stream_record stats_stream;
 extern timer_t stats_timer;
 
 void stats_init(void);
 void cmd_set_stats(char *command, json_t *js_command, char *resp_href);
 void do_stats(int sig);
 void stats_collector(void *p1, void *p2, void *p3);
-void stats_send(void *slink, void *p2, void *p3);
+void stats_send(stream_record &stream);
 int stats_post(const char *slink, const char *payload, int length);
 void status_hb_provider(json_t *js_hb, bool last_failed);
 unsigned long st_time(unsigned long fractions);

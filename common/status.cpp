@@ -20,9 +20,7 @@
 #include <malloc.h>
 #include <unistd.h>
 
-std::atomic<int> status_id{-1};
-std::atomic<bool> status_enabled{false};
-std::atomic<int> status_interval{0};
+stream_record status_stream("status_send", status_send);
 port_status_t *port_status;
 status_provider_t *status_providers;
 unsigned int (*status_sleep)(unsigned int seconds) = sleep;
@@ -237,70 +235,33 @@ int status_register_provider(const char *name, status_fn fn)
 void status_debug(int)
 {
     log_fprint(dbg_log, "%s: status_enabled = %d, status_interval = %d\n", "status_debug",
-               (int)status_enabled.load(), status_interval.load());
+               (int)status_stream.enabled.load(), status_stream.interval.load());
 }
 
 void cmd_set_status(char *command, json_t *js_command, char *resp_href)
 {
     cmd_envelope cmd("set.status", command, js_command, resp_href);
-    if (!cmd.open()) {
-        cmd.answer(-1);
+    if (!cmd.open_service(STATUS_MIN_INTERVAL, STATUS_MAX_INTERVAL, "status interval out of range"))
         return;
-    }
-    int seconds;
-    if (!cmd.interval(STATUS_MIN_INTERVAL, STATUS_MAX_INTERVAL, "status interval out of range",
-                      &seconds)) {
-        cmd.answer(-1);
-        return;
-    }
-    const char *href = cmd.service_link();
-    if (href == nullptr) {
-        cmd.answer(-1);
-        return;
-    }
-
-    status_enabled = true;
-    status_interval = (int)seconds;
-    int result = 0;
-    if (status_id < 0) {
-        char *slink = strdup_with_error(href, "status_start: %s\n", nullptr);
-        if (slink == nullptr) {
-            cmd.answer(cmd.fail("Out of memory"));
-            return;
-        }
-        int id = thread_start("status_send", status_send, &status_interval, slink, nullptr);
-        if (id < 0) {
-            free(slink);
-            result = id;
-        } else {
-            status_id = id;
-        }
-    } else {
-        // The running thread reads the new interval at its next step; it
-        // keeps posting to the link it was started with.
-        log_fprint(orkad_log,
-                   "%s: status thread %d already running, new interval = %d, enable = %s\n",
-                   "status_start", status_id.load(), status_interval.load(),
-                   status_enabled ? "true" : "false");
-    }
-    cmd.answer(result);
+    // A running thread takes the new interval up at its next step and keeps
+    // posting to the link it was started with.
+    cmd.answer(status_stream.start_at(cmd.seconds, cmd.service_href, "status_start", "status"));
 }
 
-void status_send(void *interval_ptr, void *slink_ptr, void *)
+void status_send(stream_record &stream)
 {
-    auto *interval = static_cast<std::atomic<int> *>(interval_ptr);
-    char *slink = static_cast<char *>(slink_ptr);
-    log_fprint(orkad_log, "%s: Started '%d','%s','%d'\n", "status_send", interval->load(), slink,
-               (int)status_enabled.load());
+    const std::string slink = stream.href();
+    log_fprint(orkad_log, "%s: Started '%d','%s','%d'\n", "status_send", stream.interval.load(),
+               slink.c_str(), (int)stream.enabled.load());
 
     // timer counts the seconds since the last successful post, in steps.
     int timer = 0;
     bool last_failed = true;
     bool show_err = true;
-    while (status_enabled) {
-        if (*interval < timer) {
+    while (stream.enabled) {
+        if (stream.interval < timer) {
             int result = 0;
-            sent what = send_document(slink, last_failed, &result);
+            sent what = send_document(slink.c_str(), last_failed, &result);
             // The document's tree and text were the biggest things this
             // process ever holds; hand the pages they left free back to the
             // kernel instead of keeping them dirty until the next one.
@@ -332,8 +293,7 @@ void status_send(void *interval_ptr, void *slink_ptr, void *)
         status_sleep(STATUS_STEP);
     }
     log_fprint(orkad_log, "%s: Stopped\n", "status_send");
-    status_id = -1;
-    free(slink);
+    stream.id = -1;
 }
 
 int status_post(const char *path, const char *payload, int length)
@@ -384,8 +344,8 @@ void status_port_provider(json_t *st_obj, bool last_failed)
     }
     platform_collect_port_status(port_status, STATUS_MAX_PORTS);
 
-    json_t *ports = json_array();
-    if (ports == nullptr) {
+    json_ptr ports(json_array());
+    if (!ports) {
         log_fprint(orkad_log, "%s: Failed to allocate JSON array\n", port_fn);
         return;
     }
@@ -397,16 +357,14 @@ void status_port_provider(json_t *st_obj, bool last_failed)
         // The ports from here on keep their changes for the next pass.
         if (obj == nullptr)
             break;
-        if (json_array_append_new(ports, obj) != 0) {
+        if (json_array_append_new(ports.get(), obj) != 0) {
             log_fprint(orkad_log, "%s: JSON error adding port %d to array\n", port_fn, i);
             break;
         }
         ps->changed = false;
     }
-    if (json_array_size(ports) == 0) {
-        json_decref(ports);
+    if (json_array_size(ports.get()) == 0)
         return;
-    }
-    if (json_object_set_new(st_obj, "port", ports) != 0)
+    if (json_object_set_new(st_obj, "port", ports.release()) != 0)
         log_fprint(orkad_log, "%s: cannot add '%s' to status data\n", port_fn, "port");
 }

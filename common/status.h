@@ -2,7 +2,8 @@
 // icos-openapi) and the status reporter turns into documents.
 #pragma once
 
-#include <atomic>
+#include "stream.h"
+
 #include <jansson.h>
 
 // One remote LLDP device on a port; every text is a heap copy owned by the
@@ -61,10 +62,9 @@ typedef struct status_provider {
     status_fn fn;
 } status_provider_t;
 
-// Written by the command thread, read by the status thread.
-extern std::atomic<int> status_id; // -1 while no status thread runs
-extern std::atomic<bool> status_enabled;
-extern std::atomic<int> status_interval; // seconds, 10..3600
+// The stream "set.status" turns on: its switch, its interval (seconds,
+// 10..3600) and its "status_send" thread.
+extern stream_record status_stream;
 // The table the port provider reports from; allocated on first use.
 extern port_status_t *port_status;
 extern status_provider_t *status_providers;
@@ -77,11 +77,8 @@ void status_init(void);
 int status_register_provider(const char *name, status_fn fn);
 void status_debug(int sig);
 void cmd_set_status(char *command, json_t *js_command, char *resp_href);
-// Body of the "status_send" thread: p1 is &status_interval, p2 the href it
-// posts to (owned and freed by the thread); the third argument is the thread
-// number that thread_start hands every body, so the thread watches
-// status_enabled itself.
-void status_send(void *interval, void *slink, void *thread_number);
+// Body of the "status_send" thread.
+void status_send(stream_record &stream);
 // One authenticated POST of a document; 0 on success, else the last result.
 int status_post(const char *path, const char *payload, int length);
 // Splits text at sep into a new array of strings; null text gives [].

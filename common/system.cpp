@@ -58,10 +58,8 @@ void cmd_set_system(char *command, json_t *js_command, char *resp_href)
 {
     log_fprint(orkad_log, "set.system: command (%s) received\n", command);
     cmd_envelope cmd("set.system", command, js_command, resp_href);
-    if (!cmd.open()) {
-        cmd.answer(-1);
+    if (!cmd.open())
         return;
-    }
     int failures = 0;
     failure_list failed;
     // Every member is tried, in the document's order, whatever failed before.
@@ -101,17 +99,11 @@ void cmd_set_system(char *command, json_t *js_command, char *resp_href)
 void cmd_set_reboot(char *command, json_t *js_command, char *resp_href)
 {
     cmd_envelope cmd("cmd_set_reboot", command, js_command, resp_href);
-    if (!cmd.open()) {
-        cmd.answer(-1);
+    const char *message;
+    if (!cmd.open_optional_text("message", "missing or invalid 'message' element type", &message))
         return;
-    }
-    json_t *message = json_object_get(cmd.params, "message");
-    if (message != nullptr && !json_is_string(message)) {
-        cmd.answer(cmd.fail("missing or invalid 'message' element type"));
-        return;
-    }
     if (message != nullptr)
-        dev_syslog(LOG_NOTICE, "reboot initiated: '%s'", json_string_value(message));
+        dev_syslog(LOG_NOTICE, "reboot initiated: '%s'", message);
     else
         dev_syslog(LOG_NOTICE, "reboot initiated by cloud-services");
 

@@ -1,4 +1,5 @@
 #include "table.h"
+#include "raii.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -47,16 +48,14 @@ table_t *table_create(const char *, unsigned size)
 {
     if (size == 0)
         size = 1;
-    table_t *t = static_cast<table_t *>(calloc(1, sizeof(table_t)));
-    if (t == nullptr)
+    malloc_ptr<table_t> t(static_cast<table_t *>(calloc(1, sizeof(table_t))));
+    if (!t)
         return nullptr;
     t->buckets = static_cast<struct entry **>(calloc(size, sizeof(struct entry *)));
-    if (t->buckets == nullptr) {
-        free(t);
+    if (t->buckets == nullptr)
         return nullptr;
-    }
     t->size = size;
-    return t;
+    return t.release();
 }
 
 static struct entry **find(table_t *t, const void *key, size_t keylen)

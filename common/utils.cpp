@@ -241,18 +241,16 @@ void base64_test(void)
                                              'r',  'k',  'a',  'd',  ' ',  'b',  'a',  's',
                                              'e',  '6',  '4',  0x0d, 0x0a, 0x3d};
     int ilen = sizeof(sample);
-    char *enc = base64_encode(reinterpret_cast<const char *>(sample), &ilen);
-    if (enc == nullptr)
+    malloc_ptr<char> enc(base64_encode(reinterpret_cast<const char *>(sample), &ilen));
+    if (!enc)
         return;
     int olen = 0;
-    char *dec = base64_decode(enc, nullptr, &olen);
-    free(enc);
-    if (dec == nullptr)
+    malloc_ptr<char> dec(base64_decode(enc.get(), nullptr, &olen));
+    if (!dec)
         return;
     for (int i = 0; i < olen; i++)
-        printf("0x%02x ", static_cast<unsigned char>(dec[i]));
+        printf("0x%02x ", static_cast<unsigned char>(dec.get()[i]));
     printf("\n");
-    free(dec);
 }
 
 int in_list(int item, const char *list)

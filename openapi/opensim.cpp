@@ -10,6 +10,7 @@
 #include "openapi.h"
 
 #include "devroot.h"
+#include "raii.h"
 
 #include <jansson.h>
 
@@ -44,16 +45,6 @@ const int64_t default_max_logging_hosts = 8;
 const int64_t default_max_sntp_servers = 3;
 const int64_t default_logging_port = 514;
 const int64_t default_logging_severity = OPEN_LOG_SEVERITY_ERROR;
-
-struct json_deleter {
-    void operator()(json_t *j) const { json_decref(j); }
-};
-using json_ptr = std::unique_ptr<json_t, json_deleter>;
-
-struct file_deleter {
-    void operator()(FILE *f) const { fclose(f); }
-};
-using file_ptr = std::unique_ptr<FILE, file_deleter>;
 
 // A file the simulator follows. Its stat is remembered with the text last
 // taken from it; a file changed within the last two seconds is read again on
@@ -173,11 +164,10 @@ void save(watched &w, json_t *value)
 {
     if (w.path.empty() || !make_parents(w.path))
         return;
-    char *text = json_dumps(value, JSON_INDENT(2) | JSON_PRESERVE_ORDER);
-    if (text == nullptr)
+    malloc_ptr<char> text(json_dumps(value, JSON_INDENT(2) | JSON_PRESERVE_ORDER));
+    if (!text)
         return;
-    std::string raw(text);
-    free(text);
+    std::string raw(text.get());
     raw += '\n';
     std::string tmp = w.path + ".tmp";
     {
@@ -464,15 +454,14 @@ class call
         if (args != nullptr)
             json_object_update(line.get(), args);
         json_object_set_new(line.get(), "result", json_integer(r));
-        char *text = json_dumps(line.get(), JSON_COMPACT | JSON_PRESERVE_ORDER);
-        if (text != nullptr) {
+        malloc_ptr<char> text(json_dumps(line.get(), JSON_COMPACT | JSON_PRESERVE_ORDER));
+        if (text) {
             char p[1024];
             if (devroot_path(journal_file, p, sizeof(p)) != nullptr && make_parents(p)) {
                 file_ptr f(fopen(p, "a"));
                 if (f)
-                    fprintf(f.get(), "%s\n", text);
+                    fprintf(f.get(), "%s\n", text.get());
             }
-            free(text);
         }
         if (r == OPEN_E_NONE && !forced_)
             save(sim.model_w, sim.model.get());
@@ -1305,19 +1294,18 @@ open_error_t rpcclt_openapiSupportFileGenerate(openapiClientHandle_t *, open_buf
         } else {
             std::string device_path = name[0] == '/' ? name : "/var/switch/" + name;
             char p[1024];
-            char *dump = json_dumps(c.model(), JSON_INDENT(2) | JSON_PRESERVE_ORDER);
+            malloc_ptr<char> dump(json_dumps(c.model(), JSON_INDENT(2) | JSON_PRESERVE_ORDER));
             file_ptr f(devroot_path(device_path.c_str(), p, sizeof(p)) ? fopen(p, "w") : nullptr);
-            if (!f || dump == nullptr) {
+            if (!f || !dump) {
                 r = OPEN_E_FAIL;
             } else {
                 fprintf(f.get(),
                         "Switch support data\nSerial number: %s\nMachine model: %s\n\n%s\n",
                         text_member(sys, "serial_number", default_serial),
-                        text_member(sys, "machine_model", default_model), dump);
+                        text_member(sys, "machine_model", default_model), dump.get());
                 if (fflush(f.get()) != 0)
                     r = OPEN_E_FAIL;
             }
-            free(dump);
         }
     }
     return c.journal(r, args({{"fileName", text_arg(fileName)}}));

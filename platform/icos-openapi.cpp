@@ -652,7 +652,7 @@ int icos_set_system_prompt(const char *prompt)
                    r);
         return -1;
     }
-    std::unique_ptr<char, free_deleter> buf(static_cast<char *>(malloc((size_t)max_size + 1)));
+    malloc_ptr<char> buf(static_cast<char *>(malloc((size_t)max_size + 1)));
     if (!buf) {
         log_fprint(orkad_log, "%s: cannot allocate prompt buffer (%u bytes)\n", __func__,
                    max_size + 1);
@@ -813,7 +813,7 @@ int platform_get_support_data(const char *file)
         return -1;
     }
     size_t size = (size_t)max_filename_len + 1;
-    std::unique_ptr<char, free_deleter> name(static_cast<char *>(malloc(size)));
+    malloc_ptr<char> name(static_cast<char *>(malloc(size)));
     if (!name) {
         log_fprint(orkad_log, "%s: cannot allocate filename buffer (%d bytes)\n", __func__,
                    (int)size);

@@ -138,13 +138,7 @@ class AgentTest : public ::testing::Test
 
     static bool wait_for(const std::function<bool()> &fn, int timeout_ms = 10000)
     {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-        while (!fn()) {
-            if (std::chrono::steady_clock::now() > deadline)
-                return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return true;
+        return testkit::wait_for(fn, timeout_ms);
     }
 
     // The connection words given to the switch, in order.

@@ -1,3 +1,4 @@
+#include "agent_fixture.h"
 #include "command.h"
 #include "log.h"
 #include "queue.h"
@@ -244,15 +245,21 @@ TEST_F(CommandTest, FlagsAreParsedAndChangeNothing)
         json_decref(c);
         ASSERT_NE(w, nullptr) << k.text;
         EXPECT_EQ(flags, k.bits) << k.text;
-        // Each command is a record of its own, handler first.
+        // Each command is a record of its own that runs its handler.
         EXPECT_EQ(w->next, nullptr);
-        EXPECT_EQ(reinterpret_cast<void *>(w->fn), reinterpret_cast<void *>(handler_a));
         EXPECT_STREQ(static_cast<char *>(w->p1), "set.config");
         EXPECT_STREQ(static_cast<char *>(w->p3), "/api/r");
-        free(w->p1);
-        json_decref(static_cast<json_t *>(w->p2));
-        free(w->p3);
+        size_t before = wait_calls(0, 0).size();
+        w->fn(w->p1, w->p2, w->p3);
+        auto ran = wait_calls(before + 1, 0);
+        ASSERT_EQ(ran.size(), before + 1) << k.text;
+        EXPECT_EQ(ran.back().handler, "a");
+        EXPECT_EQ(ran.back().id, "f");
         work_free(w);
+    }
+    {
+        std::lock_guard<std::mutex> g(calls_lock);
+        calls.clear();
     }
 
     // A "chain,last" command runs just like one with empty flags.
@@ -439,4 +446,145 @@ TEST_F(CommandTest, EnvelopeServiceLinkNeedsAnObjectWithAnHrefText)
     ASSERT_TRUE(e.open());
     EXPECT_STREQ(e.service_link(), "/s/1");
     EXPECT_STREQ(e.message, "");
+}
+
+// ---- the envelope answers its own failures ----------------------------------
+
+namespace
+{
+
+// What the last opening handed the handler.
+bool opened;
+int opened_seconds;
+std::string opened_href;
+
+// Opens the way the stream commands do, and answers 0 when it could.
+void service_handler(char *name, json_t *command, char *link)
+{
+    cmd_envelope cmd("set.thing", name, command, link);
+    opened = cmd.open_service(10, 3600, "thing interval out of range");
+    if (!opened)
+        return;
+    opened_seconds = cmd.seconds;
+    opened_href = cmd.service_href;
+    cmd.answer(0);
+}
+
+void refusing_handler(char *name, json_t *command, char *link)
+{
+    cmd_envelope cmd("set.thing", name, command, link);
+    if (!cmd.open())
+        return;
+    cmd.refuse("value %d refused", 7);
+}
+
+class EnvelopeAnswerTest : public agent_test::AgentTest
+{
+  protected:
+    void SetUp() override
+    {
+        AgentTest::SetUp();
+        lab->add_link("/response/t", "response");
+        opened = false;
+        opened_seconds = -1;
+        opened_href.clear();
+    }
+};
+
+} // namespace
+
+TEST_F(EnvelopeAnswerTest, EachFailureOfTheServiceOpeningIsAnsweredOnce)
+{
+    struct {
+        const char *params;
+        const char *message;
+    } cases[] = {
+        {R"([])", "missing or invalid 'params' element"},
+        {R"({"serviceLink":{"href":"/s"}})", "missing or invalid 'interval' element in params"},
+        {R"({"interval":9999,"serviceLink":{"href":"/s"}})", "thing interval out of range"},
+        {R"({"interval":3601000,"serviceLink":{"href":"/s"}})", "thing interval out of range"},
+        {R"({"interval":10000})", "missing or invalid 'serviceLink' element in params"},
+        {R"({"interval":10000,"serviceLink":{}})", "missing or invalid 'href' element in params"},
+    };
+    int n = 0;
+    for (const auto &c : cases) {
+        std::string id = "f" + std::to_string(n++);
+        EXPECT_EQ(run_command(service_handler, "set", "thing", id, c.params),
+                  std::make_pair(-1, std::string(c.message)))
+            << c.params;
+        EXPECT_FALSE(opened) << c.params;
+    }
+    // Every command had its one answer and its one log line, and only those.
+    EXPECT_EQ(json_array_size(lab->results().get()), std::size(cases));
+    for (const auto &c : cases) {
+        size_t same = 0;
+        for (const auto &d : cases)
+            same += std::string(d.message) == c.message;
+        EXPECT_EQ(count_logged(std::string("set.thing: ") + c.message), same) << c.message;
+    }
+
+    // No id: answered once all the same, with an empty one.
+    run_handler(service_handler, "set.thing", R"({"params":{"interval":10000}})");
+    Json res = lab->wait_results({}, (int)std::size(cases) + 1);
+    ASSERT_EQ(json_array_size(res.get()), std::size(cases) + 1);
+    json_t *last = json_array_get(res.get(), std::size(cases));
+    EXPECT_EQ(json_str(last, "commandId"), "");
+    EXPECT_EQ(json_integer_value(json_object_get(last, "code")), -1);
+    EXPECT_EQ(json_str(last, "message"), "missing or invalid 'id' element in command");
+    EXPECT_TRUE(logged("set.thing: missing or invalid 'id' element in command"));
+}
+
+TEST_F(EnvelopeAnswerTest, ServiceOpeningGivesWholeSecondsAndTheLink)
+{
+    EXPECT_EQ(run_command(service_handler, "set", "thing", "ok",
+                          R"({"interval":3600999,"serviceLink":{"href":"/v1/things/9"}})"),
+              std::make_pair(0, std::string()));
+    EXPECT_TRUE(opened);
+    EXPECT_EQ(opened_seconds, 3600);
+    EXPECT_EQ(opened_href, "/v1/things/9");
+    EXPECT_EQ(json_array_size(lab->results().get()), 1u);
+}
+
+TEST_F(EnvelopeAnswerTest, RefuseAnswersOnceWithItsMessage)
+{
+    EXPECT_EQ(run_command(refusing_handler, "set", "thing", "r1", "{}"),
+              std::make_pair(-1, std::string("value 7 refused")));
+    EXPECT_TRUE(logged("set.thing: value 7 refused"));
+    EXPECT_EQ(json_array_size(lab->results().get()), 1u);
+}
+
+namespace
+{
+
+std::string optional_seen;
+
+void optional_handler(char *name, json_t *command, char *link)
+{
+    cmd_envelope cmd("set.thing", name, command, link);
+    const char *mode = "<unset>";
+    if (!cmd.open_optional_text("mode", "invalid 'mode' element in params", &mode))
+        return;
+    optional_seen = mode == nullptr ? "<null>" : mode;
+    cmd.answer(0);
+}
+
+} // namespace
+
+TEST_F(EnvelopeAnswerTest, OptionalTextMayBeLeftOutButNotBeAnythingElse)
+{
+    optional_seen.clear();
+    EXPECT_EQ(run_command(optional_handler, "set", "thing", "o1", "{}"),
+              std::make_pair(0, std::string()));
+    EXPECT_EQ(optional_seen, "<null>");
+    EXPECT_EQ(run_command(optional_handler, "set", "thing", "o2", R"({"mode":"soft"})"),
+              std::make_pair(0, std::string()));
+    EXPECT_EQ(optional_seen, "soft");
+    optional_seen.clear();
+    EXPECT_EQ(run_command(optional_handler, "set", "thing", "o3", R"({"mode":1})"),
+              std::make_pair(-1, std::string("invalid 'mode' element in params")));
+    EXPECT_EQ(optional_seen, "");
+    EXPECT_EQ(run_command(optional_handler, "set", "thing", "o4", R"("x")"),
+              std::make_pair(-1, std::string("missing or invalid 'params' element")));
+    EXPECT_EQ(count_logged("set.thing: invalid 'mode' element in params"), 1u);
+    EXPECT_EQ(json_array_size(lab->results().get()), 4u);
 }

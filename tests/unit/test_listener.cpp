@@ -103,17 +103,6 @@ std::vector<event_call> wait_calls(size_t n, int timeout_ms = 3000)
     return calls;
 }
 
-bool wait_until(const std::function<bool()> &ok, int timeout_ms = 3000)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (!ok()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
-
 int threads_named(const char *name)
 {
     int n = 0;
@@ -148,14 +137,14 @@ class ListenerTest : public ::testing::Test
     bool logged(const std::string &line) const { return count(line) > 0; }
     bool wait_logged(const std::string &line) const
     {
-        return wait_until([&] { return logged(line); });
+        return wait_for([&] { return logged(line); });
     }
 
     // Sends one datagram to the Unix socket at a device path once it exists.
     void unix_send(const std::string &device_path, const std::string &msg)
     {
         std::string path = root.at(device_path);
-        ASSERT_TRUE(wait_until([&] { return file_exists(path); })) << path;
+        ASSERT_TRUE(wait_for([&] { return file_exists(path); })) << path;
         int s = socket(AF_UNIX, SOCK_DGRAM, 0);
         struct sockaddr_un to = {};
         to.sun_family = AF_UNIX;
@@ -182,7 +171,7 @@ class ListenerTest : public ::testing::Test
 
     void udp_send(int port, const std::string &msg)
     {
-        ASSERT_TRUE(wait_until([port] { return udp_bound(port); }));
+        ASSERT_TRUE(wait_for([port] { return udp_bound(port); }));
         int s = socket(AF_INET, SOCK_DGRAM, 0);
         struct sockaddr_in to = {};
         to.sin_family = AF_INET;
@@ -221,7 +210,7 @@ TEST_F(ListenerTest, TwoCallbacksRunInRegistrationOrder)
     ASSERT_NE(l->next, nullptr);
     EXPECT_EQ(l->fn, first_cb);
     EXPECT_EQ(l->next->fn, second_cb);
-    EXPECT_TRUE(wait_until([l] {
+    EXPECT_TRUE(wait_for([l] {
         return std::atomic_ref<unsigned int>(l->hits).load() == 1 &&
                std::atomic_ref<unsigned int>(l->next->hits).load() == 1;
     }));
@@ -368,7 +357,7 @@ TEST_F(ListenerTest, ReceiverThatCannotBindEndsButInjectionStillWorks)
 TEST_F(ListenerTest, UnixReceiverNeedsAUnixName)
 {
     ASSERT_EQ(listener_register("ping", first_cb, "tcp:80"), 0);
-    EXPECT_TRUE(wait_until([this] {
+    EXPECT_TRUE(wait_for([this] {
         // No newline of its own: the next entry follows on the same line.
         return log_text().find("Unix listener bad parameter tcp:80") != std::string::npos;
     }));
@@ -461,7 +450,7 @@ TEST_F(ListenerTest, OnlyRootCanSendToTheUnixSockets)
     ASSERT_EQ(chmod(root.at("/tmp").c_str(), 01777), 0);
     ASSERT_EQ(listener_register("knock", first_cb, nullptr), 0);
     std::string path = root.at("/tmp/orkad_socket");
-    ASSERT_TRUE(wait_until([&] { return file_exists(path); })) << path;
+    ASSERT_TRUE(wait_for([&] { return file_exists(path); })) << path;
     umask(old);
     struct stat st;
     ASSERT_EQ(stat(path.c_str(), &st), 0);

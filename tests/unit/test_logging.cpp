@@ -70,8 +70,8 @@ class LoggingTest : public AgentTest
     void TearDown() override
     {
         // Park the sender before the process goes.
-        logging_enabled = false;
-        wait_for([] { return logging_id < 0; }, 5000);
+        logging_stream.enabled = false;
+        wait_for([] { return logging_stream.id < 0; }, 5000);
     }
 
     void feed(const std::string &line)
@@ -494,18 +494,18 @@ TEST_F(LoggingTest, IntervalLimits)
               std::make_pair(-1, std::string("logging interval out of range")));
     EXPECT_EQ(set_logging(params(86401000), "b"),
               std::make_pair(-1, std::string("logging interval out of range")));
-    EXPECT_FALSE(logging_enabled);
-    EXPECT_EQ(logging_id, -1);
+    EXPECT_FALSE(logging_stream.enabled);
+    EXPECT_EQ(logging_stream.id, -1);
     EXPECT_EQ(count_logged("set.logging: logging interval out of range"), 2u);
 
     EXPECT_EQ(set_logging(params(1000), "c"), std::make_pair(0, std::string()));
-    EXPECT_EQ(logging_interval, 1);
-    EXPECT_TRUE(logging_enabled);
-    EXPECT_GE(logging_id, 0);
+    EXPECT_EQ(logging_stream.interval, 1);
+    EXPECT_TRUE(logging_stream.enabled);
+    EXPECT_GE(logging_stream.id, 0);
     EXPECT_EQ(set_logging(params(86400000), "d"), std::make_pair(0, std::string()));
-    EXPECT_EQ(logging_interval, 86400);
+    EXPECT_EQ(logging_stream.interval, 86400);
     EXPECT_EQ(set_logging(params(86400999), "e"), std::make_pair(0, std::string()));
-    EXPECT_EQ(logging_interval, 86400);
+    EXPECT_EQ(logging_stream.interval, 86400);
 }
 
 TEST_F(LoggingTest, SetLoggingMessages)
@@ -533,8 +533,8 @@ TEST_F(LoggingTest, SetLoggingMessages)
             << c.params;
         EXPECT_TRUE(logged(std::string("set.logging: ") + c.message)) << c.message;
     }
-    EXPECT_FALSE(logging_enabled);
-    EXPECT_EQ(logging_id, -1);
+    EXPECT_FALSE(logging_stream.enabled);
+    EXPECT_EQ(logging_stream.id, -1);
     // Nothing reached the switch.
     EXPECT_FALSE(file_exists(root.at("/var/switch/journal")));
 
@@ -569,11 +569,11 @@ TEST_F(LoggingTest, OneSenderKeepsItsLinkAndTakesTheNewInterval)
     lab->add_link("/first", "syslog");
     lab->add_link("/second", "syslog");
     EXPECT_EQ(set_logging(params(5000, "/first"), "s1").first, 0);
-    int id = logging_id;
+    int id = logging_stream.id;
     EXPECT_TRUE(wait_logged("logging_send: Started '5','/first','1'"));
     EXPECT_EQ(set_logging(params(1000, "/second"), "s2").first, 0);
-    EXPECT_EQ(logging_id, id);
-    EXPECT_EQ(logging_interval, 1);
+    EXPECT_EQ(logging_stream.id, id);
+    EXPECT_EQ(logging_stream.interval, 1);
     EXPECT_TRUE(logged("logging_start: logging thread " + std::to_string(id) +
                        " already running, new interval = 1, enable = true"));
     int senders = 0;
@@ -603,7 +603,7 @@ TEST_F(LoggingTest, ThreadThatCannotStartIsTheAnswer)
     EXPECT_EQ(r.first, -1);
     EXPECT_EQ(r.second, "");
     EXPECT_TRUE(logged("cmd_set_logging: platform_start_logging() failed, err = -1"));
-    EXPECT_EQ(logging_id, -1);
+    EXPECT_EQ(logging_stream.id, -1);
 }
 
 // ---- the sender ----------------------------------------------------------------
@@ -700,13 +700,14 @@ TEST_F(LoggingTest, RefusedTokenKeepsTheBatch)
 
 TEST_F(LoggingTest, SenderThatIsNotEnabledStopsAtOnce)
 {
-    int interval = 4;
-    logging_enabled = false;
-    logging_id = 7;
-    logging_send(&interval, strdup("/x"), nullptr);
+    logging_stream.interval = 4;
+    logging_stream.enabled = false;
+    logging_stream.set_href("/x");
+    logging_stream.id = 7;
+    logging_send(logging_stream);
     EXPECT_TRUE(logged("logging_send: Started '4','/x','0'"));
     EXPECT_TRUE(logged("logging_send: Stopped"));
-    EXPECT_EQ(logging_id, -1);
+    EXPECT_EQ(logging_stream.id, -1);
 }
 
 // ---- the post -------------------------------------------------------------------
@@ -758,10 +759,10 @@ TEST_F(LoggingTest, OtherErrorsAreNotRetried)
 TEST_F(LoggingTest, FlushWithNothingWaitingTakesFiveSeconds)
 {
     logging_sleep = record_sleep;
-    logging_interval = 30;
+    logging_stream.interval = 30;
     EXPECT_EQ(logging_flush(60), 0);
     EXPECT_EQ(sleeps, std::vector<unsigned int>{5});
-    EXPECT_EQ(logging_interval, 0);
+    EXPECT_EQ(logging_stream.interval, 0);
 }
 
 TEST_F(LoggingTest, FlushGivesUpAfterItsSeconds)

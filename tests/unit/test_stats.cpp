@@ -203,7 +203,7 @@ TEST_F(StatsTest, RegistersCommandAndTick)
     EXPECT_EQ(h->fn, do_stats);
     EXPECT_TRUE(logged("registered new handler 'do_stats' for signal 14"));
     // Nothing runs before the first command.
-    EXPECT_FALSE(stats_enabled);
+    EXPECT_FALSE(stats_stream.enabled);
     EXPECT_EQ(get_stats_interval(), 0);
     struct itimerspec its;
     ASSERT_EQ(timer_gettime(stats_timer, &its), 0);
@@ -215,13 +215,13 @@ TEST_F(StatsTest, IntervalLimitsKeepTheirOddWording)
 {
     EXPECT_EQ(set_stats(params(14999), "a"),
               std::make_pair(-1, std::string("logging interval out of range")));
-    EXPECT_FALSE(stats_enabled);
+    EXPECT_FALSE(stats_stream.enabled);
     EXPECT_EQ(get_stats_interval(), 0);
     EXPECT_TRUE(logged("set.statistics: logging interval out of range"));
     EXPECT_TRUE(logged("set.statistics: command (set.statistics) received"));
 
     EXPECT_EQ(set_stats(params(15000), "b"), std::make_pair(0, std::string()));
-    EXPECT_TRUE(stats_enabled);
+    EXPECT_TRUE(stats_stream.enabled);
     EXPECT_EQ(get_stats_interval(), 15);
     EXPECT_EQ(set_stats(params(300999), "c"), std::make_pair(0, std::string()));
     EXPECT_EQ(get_stats_interval(), 300);
@@ -258,7 +258,7 @@ TEST_F(StatsTest, MalformedCommandsAreAnsweredWithTheirMessage)
     }
     EXPECT_EQ(at(res, 0, "commandId"), "");
     EXPECT_EQ(at(res, 1, "commandId"), "m2");
-    EXPECT_FALSE(stats_enabled);
+    EXPECT_FALSE(stats_stream.enabled);
 }
 
 TEST_F(StatsTest, FirstCommandStartsEverythingOnce)

@@ -109,7 +109,7 @@ unsigned int step_sleep(unsigned int seconds)
     if (at_step)
         at_step(n);
     if (n >= stop_after)
-        status_enabled = false;
+        status_stream.enabled = false;
     return 0;
 }
 
@@ -234,7 +234,7 @@ class StatusTest : public AgentTest
         };
         EXPECT_EQ(set_status(params(ms, href), "stream"), std::make_pair(0, std::string()));
         EXPECT_TRUE(wait_logged("status_send: Stopped"));
-        EXPECT_TRUE(wait_for([] { return status_id == -1; }));
+        EXPECT_TRUE(wait_for([] { return status_stream.id == -1; }));
         at_step = nullptr;
         return posts;
     }
@@ -280,20 +280,20 @@ TEST_F(StatusTest, IntervalLimits)
     EXPECT_EQ(set_status(params(3601000), "b"),
               std::make_pair(-1, std::string("status interval out of range")));
     EXPECT_EQ(count_logged("set.status: status interval out of range"), 2u);
-    EXPECT_EQ(status_id, -1);
-    EXPECT_FALSE(status_enabled);
+    EXPECT_EQ(status_stream.id, -1);
+    EXPECT_FALSE(status_stream.enabled);
 
     EXPECT_EQ(set_status(params(10000), "c"), std::make_pair(0, std::string()));
-    EXPECT_EQ(status_interval, 10);
-    EXPECT_TRUE(status_enabled);
-    int id = status_id;
+    EXPECT_EQ(status_stream.interval, 10);
+    EXPECT_TRUE(status_stream.enabled);
+    int id = status_stream.id;
     ASSERT_GE(id, 0);
     EXPECT_STREQ(threads[id].name, "status_send");
     EXPECT_TRUE(wait_logged("status_send: Started '10','/status','1'"));
 
     EXPECT_EQ(set_status(params(3600999, "/other"), "d"), std::make_pair(0, std::string()));
-    EXPECT_EQ(status_interval, 3600);
-    EXPECT_EQ(status_id, id);
+    EXPECT_EQ(status_stream.interval, 3600);
+    EXPECT_EQ(status_stream.id, id);
     EXPECT_TRUE(logged("status_start: status thread " + std::to_string(id) +
                        " already running, new interval = 3600, enable = true"));
 }
@@ -323,7 +323,7 @@ TEST_F(StatusTest, Messages)
             << c.params;
         EXPECT_TRUE(logged(std::string("set.status: ") + c.message));
     }
-    EXPECT_EQ(status_id, -1);
+    EXPECT_EQ(status_stream.id, -1);
 
     // Without an id the answer carries an empty one.
     use_lab();
@@ -335,7 +335,7 @@ TEST_F(StatusTest, Messages)
     EXPECT_EQ(json_integer_value(json_object_get(item(res, n), "code")), -1);
     EXPECT_EQ(at(res, n, "message"), "missing or invalid 'id' element in command");
     EXPECT_TRUE(logged("set.status: missing or invalid 'id' element in command"));
-    EXPECT_EQ(status_id, -1);
+    EXPECT_EQ(status_stream.id, -1);
 }
 
 TEST_F(StatusTest, InitRegistersCommandSignalAndProvider)
@@ -448,7 +448,7 @@ TEST_F(StatusTest, SecondSetStatusChangesThePaceAndKeepsTheLink)
     // it goes at the fifth, still to the first link.
     EXPECT_EQ(posts, (std::vector<size_t>{0, 0, 0, 0, 1, 1, 1, 1}));
     EXPECT_EQ(count({{"path", "/api/st2"}}), 0u);
-    EXPECT_EQ(status_interval, 30);
+    EXPECT_EQ(status_stream.interval, 30);
     auto log = main_log();
     EXPECT_EQ(
         std::count_if(log.begin(), log.end(),
@@ -492,13 +492,13 @@ TEST_F(StatusTest, FailedPostSendsEveryPortTenSecondsLater)
 
 TEST_F(StatusTest, DisabledThreadStopsAtOnce)
 {
-    status_enabled = false;
-    char *slink = strdup("/status");
-    status_id = 5;
-    status_send(&status_interval, slink, nullptr);
+    status_stream.enabled = false;
+    status_stream.set_href("/status");
+    status_stream.id = 5;
+    status_send(status_stream);
     EXPECT_TRUE(logged("status_send: Started '0','/status','0'"));
     EXPECT_TRUE(logged("status_send: Stopped"));
-    EXPECT_EQ(status_id, -1);
+    EXPECT_EQ(status_stream.id, -1);
     EXPECT_EQ(count({{"kind", "status"}}), 0u);
 }
 

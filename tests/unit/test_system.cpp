@@ -293,7 +293,7 @@ TEST_F(SystemTest, RebootWithoutMessageAnswersFirstThenReloads)
     reload_lab = lab.get();
     // Called right after the reload request succeeds.
     icos_openapi_sleep = note_reload;
-    logging_interval = 30;
+    logging_stream.interval = 30;
 
     auto r = set_reboot("{}", "rb-3", 2);
     ASSERT_EQ(r.size(), 2u);
@@ -307,7 +307,7 @@ TEST_F(SystemTest, RebootWithoutMessageAnswersFirstThenReloads)
     EXPECT_EQ(line.rfind("<13>", 0), 0u) << line; // LOG_USER | LOG_NOTICE
 
     // The forwarded log was flushed: interval 0, five seconds, nothing waiting.
-    EXPECT_EQ(logging_interval, 0);
+    EXPECT_EQ(logging_stream.interval, 0);
     EXPECT_EQ(logging_sleeps, std::vector<unsigned int>{5});
 
     // The switch is still here half a minute after it was asked to go.

@@ -52,12 +52,6 @@ class UtilsTest : public ::testing::Test
     }
 };
 
-struct json_ref {
-    json_t *j;
-    explicit json_ref(const char *text) : j(json_loads(text, 0, nullptr)) {}
-    ~json_ref() { json_decref(j); }
-};
-
 std::string b64(const std::string &in)
 {
     int n = static_cast<int>(in.size());
@@ -96,42 +90,42 @@ std::string with_crc_high_first(uint16_t crc, const std::string &payload)
 
 TEST_F(UtilsTest, JsonStringGetter)
 {
-    json_ref o(R"({"name":"abcdef","n":5})");
+    Json o = json_parse(R"({"name":"abcdef","n":5})");
     char buf[8];
     memset(buf, 'x', sizeof(buf));
-    EXPECT_EQ(get_json_string_value(o.j, "name", buf, sizeof(buf)), 1);
+    EXPECT_EQ(get_json_string_value(o.get(), "name", buf, sizeof(buf)), 1);
     EXPECT_STREQ(buf, "abcdef");
 
     // A value that fills the buffer is left without a terminator.
     char small[4];
     memset(small, 'x', sizeof(small));
-    EXPECT_EQ(get_json_string_value(o.j, "name", small, sizeof(small)), 1);
+    EXPECT_EQ(get_json_string_value(o.get(), "name", small, sizeof(small)), 1);
     EXPECT_EQ(std::string(small, 4), "abcd");
 
-    EXPECT_EQ(get_json_string_value(o.j, "missing", buf, sizeof(buf)), -1);
-    EXPECT_EQ(get_json_string_value(o.j, "n", buf, sizeof(buf)), -1);
+    EXPECT_EQ(get_json_string_value(o.get(), "missing", buf, sizeof(buf)), -1);
+    EXPECT_EQ(get_json_string_value(o.get(), "n", buf, sizeof(buf)), -1);
     EXPECT_TRUE(logged("get_json_string_value: no 'missing' object"));
     EXPECT_TRUE(logged("get_json_string_value: bad 'n' object"));
 }
 
 TEST_F(UtilsTest, JsonIntAndBooleanGetters)
 {
-    json_ref o(R"({"i":4294967297,"s":"7","t":true,"f":false,"z":0})");
+    Json o = json_parse(R"({"i":4294967297,"s":"7","t":true,"f":false,"z":0})");
     int v = -5;
-    EXPECT_EQ(get_json_int_value(o.j, "i", &v), 1);
+    EXPECT_EQ(get_json_int_value(o.get(), "i", &v), 1);
     EXPECT_EQ(v, 1); // narrowed to int
-    EXPECT_EQ(get_json_int_value(o.j, "s", &v), -1);
-    EXPECT_EQ(get_json_int_value(o.j, "nope", &v), -1);
+    EXPECT_EQ(get_json_int_value(o.get(), "s", &v), -1);
+    EXPECT_EQ(get_json_int_value(o.get(), "nope", &v), -1);
     EXPECT_TRUE(logged("get_json_int_value: bad 's' object"));
     EXPECT_TRUE(logged("get_json_int_value: no 'nope' object"));
 
     v = 7;
-    EXPECT_EQ(get_json_boolean_value(o.j, "t", &v), 1);
+    EXPECT_EQ(get_json_boolean_value(o.get(), "t", &v), 1);
     EXPECT_EQ(v, 1);
-    EXPECT_EQ(get_json_boolean_value(o.j, "f", &v), 1);
+    EXPECT_EQ(get_json_boolean_value(o.get(), "f", &v), 1);
     EXPECT_EQ(v, 0);
-    EXPECT_EQ(get_json_boolean_value(o.j, "z", &v), -1);
-    EXPECT_EQ(get_json_boolean_value(o.j, "none", &v), -1);
+    EXPECT_EQ(get_json_boolean_value(o.get(), "z", &v), -1);
+    EXPECT_EQ(get_json_boolean_value(o.get(), "none", &v), -1);
     EXPECT_TRUE(logged("get_json_boolean_value: bad 'z' object"));
     EXPECT_TRUE(logged("get_json_boolean_value: no 'none' object"));
 }

@@ -98,6 +98,17 @@ std::vector<std::string> lines_of(const std::string &text)
     return out;
 }
 
+bool wait_for(const std::function<bool()> &fn, int timeout_ms)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (!fn()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
 std::vector<std::string> log_messages(const std::string &path)
 {
     std::vector<std::string> out;

@@ -1,6 +1,7 @@
 // Helpers shared by the unit tests.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,9 @@ long file_size(const std::string &path);
 std::vector<std::string> lines_of(const std::string &text);
 // Lines of a log file with their "index date time " prefix taken off.
 std::vector<std::string> log_messages(const std::string &path);
+// Polls fn every 10 ms until it holds or timeout_ms have passed; whether it
+// held.
+bool wait_for(const std::function<bool()> &fn, int timeout_ms = 10000);
 
 // Listens on $ORKAD_ROOT/dev/log the way the system logger would.
 class SyslogSink
@@ -64,6 +68,8 @@ class NotifySocket
 
 // ---- the lab controller -------------------------------------------------
 
+#include "raii.h"
+
 #include <jansson.h>
 #include <memory>
 #include <sys/types.h>
@@ -72,11 +78,8 @@ class NotifySocket
 namespace testkit
 {
 
-struct JsonRelease {
-    void operator()(json_t *j) const { json_decref(j); }
-};
-// An owned jansson reference.
-using Json = std::unique_ptr<json_t, JsonRelease>;
+// An owned jansson reference: the daemon's own owner.
+using Json = json_ptr;
 
 // Parses JSON text; throws std::runtime_error when it does not parse.
 Json json_parse(const std::string &text);

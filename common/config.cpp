@@ -262,9 +262,6 @@ int send_refresh_config(void)
         log_fprint(orkad_log, "%s: cannot build the refresh notice\n", "send_refresh_config");
         return 1;
     }
-    controller_result res = controller_request(controller_call::refresh, "/refresh-config",
-                                               body.get(), (int)strlen(body.get()));
-    if (res.outcome != controller_result::done)
-        return 1;
-    return res.result;
+    return controller_post(controller_call::refresh, "/refresh-config", body.get(),
+                           (int)strlen(body.get()), 1);
 }

@@ -613,6 +613,13 @@ controller_result controller_request(controller_call call, const std::string &pa
     return out;
 }
 
+int controller_post(controller_call call, const std::string &path, const char *body, int length,
+                    int not_sent)
+{
+    controller_result res = controller_request(call, path, body, length);
+    return res.outcome == controller_result::done ? res.result : not_sent;
+}
+
 malloc_ptr<char> command_answer_body(const char *commandId, int code, const char *message,
                                      json_t *data)
 {

@@ -118,6 +118,11 @@ controller_result controller_request(controller_call call, const std::string &pa
                                      const char *body = nullptr, int length = 0,
                                      const char *upload = nullptr, const char *extra = nullptr);
 
+// controller_request for a caller that wants only a number: the last
+// result, or not_sent when nothing was sent.
+int controller_post(controller_call call, const std::string &path, const char *body, int length,
+                    int not_sent);
+
 // The controller's base URL from the settings, whole; "" when none is set.
 // A copy: the caller keeps it however the setting changes.
 std::string get_cloud_controller(void);

@@ -222,11 +222,8 @@ void logging_send(stream_record &stream)
 
 int logging_post(const char *href, const char *data, int length)
 {
-    controller_result res = controller_request(controller_call::syslog, href, data, length);
     // Nowhere to send it: the batch counts as sent.
-    if (res.outcome != controller_result::done)
-        return 0;
-    return res.result;
+    return controller_post(controller_call::syslog, href, data, length, 0);
 }
 
 int logging_flush(int seconds)

@@ -229,11 +229,8 @@ void stats_send(stream_record &stream)
 
 int stats_post(const char *slink, const char *payload, int length)
 {
-    controller_result res = controller_request(controller_call::statistics, slink, payload, length);
     // Without a controller there is nobody to count the period for.
-    if (res.outcome != controller_result::done)
-        return 0;
-    return res.result;
+    return controller_post(controller_call::statistics, slink, payload, length, 0);
 }
 
 void status_hb_provider(json_t *js_hb, bool last_failed)

@@ -298,10 +298,7 @@ void status_send(stream_record &stream)
 
 int status_post(const char *path, const char *payload, int length)
 {
-    controller_result res = controller_request(controller_call::status, path, payload, length);
-    if (res.outcome != controller_result::done)
-        return -1;
-    return res.result;
+    return controller_post(controller_call::status, path, payload, length, -1);
 }
 
 json_t *str_to_json_array(const char *text, char sep)

@@ -227,11 +227,10 @@ void phone_home_call(void)
     url += "&[phone_home]ethaddr=";
     url += env_ethaddr;
 
-    reply *r = alloc_reply();
-    if (http_get(url.c_str(), nullptr, r) == 0)
-        handle_reply(r);
+    reply_ptr r(alloc_reply());
+    if (http_get(url.c_str(), nullptr, r.get()) == 0)
+        handle_reply(r.get());
     phone_home_count = phone_home_count + 1;
-    free_reply(r);
 }
 
 void do_phone_home(void *, void *, void *)

@@ -628,10 +628,8 @@ json_t *json_utf8_string(const char *text)
     if (text == nullptr)
         text = "";
     size_t n = strlen(text);
-    json_t *s = json_stringn_nocheck(text, n);
-    if (s == nullptr || utf8_valid(text, n))
-        return s;
-    json_decref(s);
+    if (utf8_valid(text, n))
+        return json_stringn_nocheck(text, n);
     std::string fixed = utf8_replaced(text, n);
     return json_stringn_nocheck(fixed.data(), fixed.size());
 }

@@ -14,6 +14,8 @@
 #include <memory>
 #include <pthread.h>
 
+time_t (*auth_time)(time_t *now) = time;
+
 namespace
 {
 
@@ -86,7 +88,7 @@ void take_token(const reply *r)
     } else {
         strcpy(access_token, token);
         token_valid = true;
-        expires_at = time(nullptr) + expires_in;
+        expires_at = auth_time(nullptr) + expires_in;
     }
 }
 
@@ -121,7 +123,7 @@ void check_refusal(const reply *r)
 int get_access_token(char *token)
 {
     pthread_mutex_lock(&token_lock);
-    if (token_valid && time(nullptr) < expires_at) {
+    if (token_valid && auth_time(nullptr) < expires_at) {
         strcpy(token, access_token);
         pthread_mutex_unlock(&token_lock);
         return 1;

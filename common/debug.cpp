@@ -22,7 +22,7 @@ void xxdebug_print_with_time(int force, const char *fmt, ...)
         return;
     struct timeval tv;
     gettimeofday(&tv, nullptr);
-    printf("%ld.%06ld ", (long)tv.tv_sec, (long)tv.tv_usec);
+    printf("%lld.%06ld ", (long long)tv.tv_sec, (long)tv.tv_usec); // no 2038 wrap on 32 bits
     va_list ap;
     va_start(ap, fmt);
     vprintf(fmt, ap);

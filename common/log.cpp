@@ -97,6 +97,7 @@ log_t *logs[LOG_HANDLES] = {&orkad_handle, &http_handle,   &cmd_handle,    &sys_
                             &prbd_handle,  &of_handle};
 
 int nolog;
+time_t (*log_clock)(time_t *now) = time;
 
 void log_init(void)
 {
@@ -147,7 +148,7 @@ void log_fprint(log_t *log, const char *fmt, ...)
         return;
     }
 
-    time_t now = time(nullptr);
+    time_t now = log_clock(nullptr);
     struct tm tm;
     localtime_r(&now, &tm);
 
@@ -199,7 +200,8 @@ void debug_print_with_time(int force, const char *fmt, ...)
     if (log->file != nullptr && ftell(log->file) > log->maxsize)
         log_rotate(log);
     if (log->file != nullptr) {
-        fprintf(log->file, "%ld.%06ld ", (long)tv.tv_sec, (long)tv.tv_usec);
+        // long long: a 32-bit long would wrap the seconds in 2038.
+        fprintf(log->file, "%lld.%06ld ", (long long)tv.tv_sec, (long)tv.tv_usec);
         va_list ap;
         va_start(ap, fmt);
         vfprintf(log->file, fmt, ap);

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <pthread.h>
 
 typedef struct log {
@@ -30,6 +31,9 @@ extern log_t *of_log;
 extern log_t *logs[LOG_HANDLES];
 
 extern int nolog;
+
+// The wall clock that stamps each line; tests put it anywhere.
+extern time_t (*log_clock)(time_t *now);
 
 // What a log line shows in place of a secret (the switch's administrator
 // password): the log files go into every diagnostics archive and may be read

@@ -25,6 +25,7 @@ pthread_cond_t stats_ready = PTHREAD_COND_INITIALIZER;
 stream_record stats_stream("stats_sender", stats_send);
 timer_t stats_timer;
 int (*stats_clock_gettime)(clockid_t clock, struct timespec *ts) = clock_gettime;
+time_t (*stats_time)(time_t *now) = time;
 int (*stats_poster)(const char *slink, const char *payload, int length) = stats_post;
 
 namespace
@@ -118,7 +119,7 @@ json_t *stats_document(bool *fatal)
         return nullptr;
     }
     char stamp[STATS_TIME_SIZE] = "";
-    time_t now = time(nullptr);
+    time_t now = stats_time(nullptr);
     struct tm tm;
     if (localtime_r(&now, &tm) == nullptr || strftime(stamp, sizeof(stamp), "%FT%T%z", &tm) == 0 ||
         json_object_set_new(doc.get(), "statisticsTime", json_string(stamp)) != 0) {
@@ -253,7 +254,7 @@ unsigned long st_time(unsigned long fractions)
         }
         no_clock = true;
     }
-    return (unsigned long)time(nullptr) * fractions;
+    return (unsigned long)stats_time(nullptr) * fractions;
 }
 
 int get_stats_interval(void)

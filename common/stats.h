@@ -65,3 +65,5 @@ unsigned long stats_periods(void);
 extern int (*stats_poster)(const char *slink, const char *payload, int length);
 // Where the clock is read; tests point it at a failing one.
 extern int (*stats_clock_gettime)(clockid_t clock, struct timespec *ts);
+// The wall clock of "statisticsTime" and of st_time without a monotonic clock.
+extern time_t (*stats_time)(time_t *now);

@@ -241,8 +241,9 @@ void worker_debug(int)
         pthread_mutex_lock(&t->trace.lock);
         for (int k = 0; k < TRACE_MARKERS; k++) {
             const marker_t *m = &t->trace.marker[(t->trace.index + k) % TRACE_MARKERS];
-            log_fprint(dbg_log, "  @%s.%d (%d.%06d)\n", m->fn ? m->fn : "(null)", m->ln,
-                       (int)m->tv.tv_sec, (int)m->tv.tv_usec);
+            // The seconds in 64 bits: an int wraps in 2038.
+            log_fprint(dbg_log, "  @%s.%d (%lld.%06d)\n", m->fn ? m->fn : "(null)", m->ln,
+                       (long long)m->tv.tv_sec, (int)m->tv.tv_usec);
         }
         pthread_mutex_unlock(&t->trace.lock);
     }

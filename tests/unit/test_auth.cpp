@@ -70,6 +70,7 @@ class AuthTest : public ::testing::Test
         snprintf(env_serial, sizeof(env_serial), "%s", SERIAL);
         platform_sleep = no_sleep;
     }
+    void TearDown() override { auth_time = time; }
     void use_lab() { config_set("system", nullptr, "cloud-controller", lab->base_url.c_str()); }
 
     std::vector<std::string> main_log() { return log_messages(root.at("/rw/orkad.log")); }
@@ -188,6 +189,38 @@ TEST_F(AuthTest, LifetimeJustAboveThirtyTwoBitsLastsOneSecond)
     }
     EXPECT_NE(now, first);
     EXPECT_GE(token_requests(), 2u);
+}
+
+TEST_F(AuthTest, HourTakenBefore2038LastsItsHourAcrossTheWrap)
+{
+    use_lab();
+    lab->set_token(R"({"expires_in":3600})");
+    auth_time = fake_time;
+    fake_now = Y2038_0300;
+    int valid;
+    std::string token = fetch(&valid);
+    EXPECT_EQ(valid, 1);
+    ASSERT_FALSE(token.empty());
+    // Held through the last 32-bit second, the first one after it, and up
+    // to the end of its hour: nobody is asked again.
+    for (time_t t : {Y2038_LAST, Y2038_WRAP, Y2038_WRAP + 1, Y2038_0400 - 1}) {
+        fake_now = t;
+        EXPECT_EQ(fetch(&valid), token) << "at " << (long long)t;
+        EXPECT_EQ(valid, 1);
+    }
+    EXPECT_EQ(token_requests(), 1u);
+    // At 04:00:00 it has run out.
+    fake_now = Y2038_0400;
+    std::string next = fetch(&valid);
+    EXPECT_EQ(valid, 1);
+    EXPECT_NE(next, token);
+    EXPECT_EQ(token_requests(), 2u);
+    // The new one is good for an hour from then.
+    fake_now = Y2038_0400 + 3599;
+    EXPECT_EQ(fetch(&valid), next);
+    fake_now = Y2038_0400 + 3600;
+    EXPECT_NE(fetch(&valid), next);
+    EXPECT_EQ(token_requests(), 3u);
 }
 
 TEST_F(AuthTest, TextLifetimeLeavesTheTokenUnstored)

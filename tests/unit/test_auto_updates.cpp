@@ -224,6 +224,48 @@ TEST_F(UpdatesTest, RetryDelaysGrowByFiveMinutesUpToAnHour)
     EXPECT_EQ(count({{"kind", "current_firmware"}}), 1u);
 }
 
+TEST_F(UpdatesTest, RetryDelaysAcross2038AreTheSameAsBefore)
+{
+    setenv("TZ", "UTC", 1);
+    tzset();
+    // Each failed check is logged; the clock moves on by each wait, from
+    // 2038-01-19T00:00:00Z, so the retries cross the end of 32-bit time.
+    use_lab();
+    // Fourteen replies that cannot be used, then the lab's own: up to date.
+    lab->script(R"({"path":"/api/current-firmware","body":{"firmware":{}},"count":14})");
+    log_clock = fake_time;
+    const time_t start = Y2038_0300 - 3 * 3600;
+    fake_now = start;
+    at_wait = [](size_t n) { fake_now += waits[n - 1]; };
+    deferred_updates(&deferred_running, nullptr, nullptr);
+    log_clock = time;
+    std::vector<unsigned int> minutes;
+    for (unsigned int s : waits)
+        minutes.push_back(s / 60);
+    EXPECT_EQ(minutes,
+              (std::vector<unsigned int>{5, 10, 15, 20, 25, 30, 35, 40, 45, 50, 55, 60, 60, 60}));
+    // Every failure stamped with the moment it happened: before, across and
+    // after 03:14:08.
+    std::vector<std::string> stamps;
+    for (const std::string &l : lines_of(read_file(root.at("/rw/orkad.log"))))
+        if (l.find("check_updates: missing or invalid 'currentFirmware' object") !=
+            std::string::npos)
+            stamps.push_back(l.substr(l.find(' ') + 1, 19));
+    std::vector<std::string> want;
+    time_t t = start;
+    for (size_t i = 0; i < 14; i++) {
+        struct tm tm;
+        char s[32];
+        strftime(s, sizeof(s), "%Y.%m.%d %H:%M:%S", gmtime_r(&t, &tm));
+        want.push_back(s);
+        t += waits[i];
+    }
+    EXPECT_EQ(stamps, want);
+    EXPECT_EQ(want[9], "2038.01.19 03:45:00");
+    EXPECT_EQ(want[13], "2038.01.19 07:30:00");
+    EXPECT_FALSE(deferred_running);
+}
+
 TEST_F(UpdatesTest, RetriesGoOnWhenTheRestartAfterAnInstallReturns)
 {
     use_lab();

@@ -57,6 +57,25 @@ TEST_F(LogTest, LineHasIndexAndLocalTimePrefix)
     EXPECT_EQ(orkad_log->total, (uint64_t)read_file(main_log()).size());
 }
 
+TEST_F(LogTest, LineStampedIn2040ShowsTheDate)
+{
+    setenv("TZ", "UTC", 1);
+    tzset();
+    log_clock = fake_time;
+    fake_now = LEAP_DAY_2040;
+    log_fprint(orkad_log, "leap %d\n", 2040);
+    fake_now = Y2038_WRAP;
+    log_fprint(orkad_log, "first second past 32 bits\n");
+    log_clock = time;
+    auto lines = lines_of(read_file(main_log()));
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_TRUE(std::regex_match(lines[1], std::regex(R"(\d+ 2040\.02\.29 12:34:56 leap 2040)")))
+        << lines[1];
+    EXPECT_TRUE(std::regex_match(
+        lines[2], std::regex(R"(\d+ 2038\.01\.19 03:14:08 first second past 32 bits)")))
+        << lines[2];
+}
+
 TEST_F(LogTest, NothingAddedToFormat)
 {
     log_fprint(orkad_log, "no newline");

@@ -157,6 +157,28 @@ TEST(SyslogEvent, TimestampHeadAndTextAreAsTheSwitchSentThem)
         R"({"sequence":1,"logTime":"2026-02-03T01:02:03+0000","message":"<30>Feb  3 01:02:03 x"})");
 }
 
+TEST(SyslogEvent, LogTimeIn2040CarriesThatYear)
+{
+    setenv("TZ", "UTC", 1);
+    tzset();
+    auto line_at = [](const std::string &dgram, time_t now) {
+        std::vector<char> ev(PLATFORM_SYSLOG_EVENT);
+        int n = platform_syslog_event(dgram.data(), (int)dgram.size(), now, 1, ev.data(),
+                                      (int)ev.size());
+        EXPECT_GT(n, 0) << dgram;
+        return line_of(std::string(ev.data(), n > 0 ? n : 0));
+    };
+    // The switch's stamp has no year: the one of the moment it arrived.
+    EXPECT_EQ(line_at("<13>Feb 29 12:34:56 sw1 app: leap", LEAP_DAY_2040),
+              R"({"sequence":1,"logTime":"2040-02-29T12:34:56+0000",)"
+              R"("message":"<13>Feb 29 12:34:56 sw1 app: leap"})");
+    // A line without a stamp is stamped with its arrival.
+    EXPECT_EQ(line_at("<13>no stamp", LEAP_DAY_2040),
+              R"({"sequence":1,"logTime":"2040-02-29T12:34:56+0000","message":"<13>no stamp"})");
+    EXPECT_EQ(line_at("<13>bare", Y2038_WRAP),
+              R"({"sequence":1,"logTime":"2038-01-19T03:14:08+0000","message":"<13>bare"})");
+}
+
 TEST(SyslogEvent, QuoteAndBackslashAreEscapedForBothDecodingsLineEndsDropped)
 {
     setenv("TZ", "UTC", 1);

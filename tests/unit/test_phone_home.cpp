@@ -444,6 +444,23 @@ TEST_F(PhoneHomeTest, ClockIsSetOnceFromTheReply)
     EXPECT_EQ(clock_calls.size(), 1u);
 }
 
+TEST_F(PhoneHomeTest, ClockIsSetTo2040Exactly)
+{
+    setenv("TZ", "UTC", 1);
+    tzset();
+    SyslogSink sink(root);
+    // 2040-02-29T12:34:56Z: past what 32 bits of seconds can hold.
+    answer(R"({"timeofday":2214131696})");
+    phone_home_call();
+    ASSERT_EQ(clock_calls.size(), 1u);
+    EXPECT_EQ((long long)clock_calls[0].tv_sec, 2214131696LL);
+    EXPECT_EQ(clock_calls[0].tv_usec, 0);
+    std::string line = sink.wait_for("set time-of-day");
+    EXPECT_NE(line.find(": set time-of-day to 2040-02-29 12:34:56 UTC (2214131696)"),
+              std::string::npos)
+        << line;
+}
+
 TEST_F(PhoneHomeTest, ClockLeftAloneWhenSntpSetIt)
 {
     write_file(root.at("/tmp/time_set"), "1\n");

@@ -395,6 +395,25 @@ TEST_F(StatsTest, SecondCommandKeepsPostingToTheFirstHref)
         << body;
 }
 
+TEST_F(StatsTest, StatisticsTimeIn2040)
+{
+    setenv("TZ", "UTC", 1);
+    tzset();
+    stats_proc_net_dev = "/nonexistent";
+    stats_time = fake_time;
+    fake_now = LEAP_DAY_2040;
+    lab->add_link("/st1", "statistics");
+    ASSERT_EQ(set_stats(params(15000, "/st1"), "a"), std::make_pair(0, std::string()));
+    ASSERT_TRUE(wait_logged("stats_send: Started '/st1','15'"));
+    for (int t = 1; t <= 15; t++)
+        tick();
+    Json got = lab->wait_requests({{"kind", "statistics"}});
+    stats_time = time;
+    ASSERT_EQ(json_array_size(got.get()), 1u);
+    EXPECT_EQ(at(got, 0, "body"),
+              R"({"statisticsTime":"2040-02-29T12:34:56+0000","interface":[]})");
+}
+
 TEST_F(StatsTest, DocumentCarriesTheRowsOfThePeriod)
 {
     fake_eth0();

@@ -98,6 +98,15 @@ std::vector<std::string> lines_of(const std::string &text)
     return out;
 }
 
+time_t fake_now;
+
+time_t fake_time(time_t *now)
+{
+    if (now != nullptr)
+        *now = fake_now;
+    return fake_now;
+}
+
 bool wait_for(const std::function<bool()> &fn, int timeout_ms)
 {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);

@@ -1,6 +1,7 @@
 // Helpers shared by the unit tests.
 #pragma once
 
+#include <ctime>
 #include <functional>
 #include <string>
 #include <vector>
@@ -32,6 +33,20 @@ std::vector<std::string> log_messages(const std::string &path);
 // Polls fn every 10 ms until it holds or timeout_ms have passed; whether it
 // held.
 bool wait_for(const std::function<bool()> &fn, int timeout_ms = 10000);
+
+// A wall clock the test sets, for the modules' time seams (auth_time,
+// log_clock, stats_time): fake_time answers fake_now.
+extern time_t fake_now;
+time_t fake_time(time_t *now);
+
+// Moments around the end of 32-bit time (2038-01-19T03:14:07Z is its last
+// second). Cast, not converted: on a target whose time_t is still 32 bits
+// they wrap, and the tests that use them fail there as they should.
+constexpr time_t Y2038_0300 = static_cast<time_t>(2147482800LL);    // 2038-01-19T03:00:00Z
+constexpr time_t Y2038_LAST = static_cast<time_t>(2147483647LL);    // 2038-01-19T03:14:07Z
+constexpr time_t Y2038_WRAP = static_cast<time_t>(2147483648LL);    // 2038-01-19T03:14:08Z
+constexpr time_t Y2038_0400 = static_cast<time_t>(2147486400LL);    // 2038-01-19T04:00:00Z
+constexpr time_t LEAP_DAY_2040 = static_cast<time_t>(2214131696LL); // 2040-02-29T12:34:56Z
 
 // Listens on $ORKAD_ROOT/dev/log the way the system logger would.
 class SyslogSink

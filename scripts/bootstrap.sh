@@ -68,11 +68,43 @@ for try in 1 2 3; do
     [ "$try" -lt 3 ] || echo "bootstrap: package lists incomplete, trying the install anyway" >&2
     sleep 5
 done
-# Multiarch libraries must be at one version on every architecture. When the
-# host carries a version the foreign lists lack (a newer security update, a
-# mirror caught mid-sync), align each such library on the foreign candidate.
-align=()
+# Multiarch libraries must be at one version on every architecture: the
+# host's, the one asked for, and any other whose libraries are already here
+# (arm64 and armhf side by side). When the lists of one architecture lack a
+# version another carries (a security update not yet built for armhf, a
+# mirror caught mid-sync), align each such library on the newest version that
+# every one of them offers; aligning on one architecture's candidate alone
+# would make apt remove the other's libraries to fit.
+align_arches=()
 if [ ${#cross_arches[@]} -gt 0 ]; then
+    align_arches=("${cross_arches[@]}")
+    for a in arm64 armhf; do
+        if [[ " ${align_arches[*]} " != *" $a "* ]] &&
+            dpkg-query -W -f='${Status}' "libcurl4-openssl-dev:$a" 2>/dev/null |
+            grep -q 'install ok installed'; then
+            align_arches+=("$a")
+        fi
+    done
+fi
+common_version()
+{
+    local n=$1 a v
+    local -a offered
+    mapfile -t offered < <(apt-cache madison "$n" | awk -F'|' '{gsub(/ /, "", $2); print $2}')
+    for a in "${align_arches[@]}"; do
+        mapfile -t offered < <(comm -12 <(printf '%s\n' "${offered[@]}" | sort -u) \
+            <(apt-cache madison "$n:$a" | awk -F'|' '{gsub(/ /, "", $2); print $2}' | sort -u))
+    done
+    v=""
+    for a in "${offered[@]}"; do
+        if [ -z "$v" ] || dpkg --compare-versions "$a" gt "$v"; then
+            v=$a
+        fi
+    done
+    echo "$v"
+}
+align=()
+if [ ${#align_arches[@]} -gt 0 ]; then
     for _ in 1 2 3 4 5 6 7 8; do
         out=$(apt-get install -s --allow-downgrades --no-install-recommends \
             "${missing[@]}" "${align[@]}" 2>&1) && break
@@ -80,10 +112,11 @@ if [ ${#cross_arches[@]} -gt 0 ]; then
             awk '{print $2}' | sed 's/:.*//' | sort -u)
         [ -n "$names" ] || break
         for n in $names; do
-            v=$(apt-cache policy "$n:${cross_arches[0]}" | awk '/Candidate:/ {print $2}')
-            [ -n "$v" ] && [ "$v" != "(none)" ] || continue
+            [[ " ${align[*]} " != *" $n="* ]] || continue
+            v=$(common_version "$n")
+            [ -n "$v" ] || continue
             align+=("$n=$v")
-            for a in "${cross_arches[@]}"; do
+            for a in "${align_arches[@]}"; do
                 align+=("$n:$a=$v")
             done
         done

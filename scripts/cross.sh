@@ -2,15 +2,16 @@
 # Cross-builds orkad for an ARM board and proves the ARM binaries run:
 #
 #     scripts/cross.sh arm64 | armhf [--build-only | --daemon-only] [--package]
-#     scripts/cross.sh ci      what CI runs: arm64 built and tested, the armhf
-#                              daemon built, both packaged
+#     scripts/cross.sh ci      what CI runs: arm64 and armhf built, tested and
+#                              packaged
 #
 # Installs what is missing (the cross compilers, the ARCH multiarch libraries,
 # qemu-user; scripts/bootstrap.sh cross ARCH), builds the daemon and the unit
 # tests in build-ARCH/ with the toolchain file from cmake/, then, unless
 # --build-only, runs the unit tests and the entry-point end-to-end tests
 # (version, usage, supervision and restart, signals, log rotation) on the ARM
-# binaries under qemu-user. --daemon-only builds the daemon alone. --package
+# binaries under qemu-user. Every daemon built is checked for 32-bit time
+# interfaces (scripts/check-time64.sh). --daemon-only builds the daemon alone. --package
 # also makes the .deb in build-ARCH/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -18,8 +19,10 @@ cd "$(dirname "$0")/.."
 arch="${1:-}"
 shift || true
 if [ "$arch" = "ci" ]; then
+    # Both architectures' libraries in one go, aligned on one version.
+    bash scripts/bootstrap.sh cross arm64 armhf
     bash "$0" arm64 --package
-    exec bash "$0" armhf --daemon-only --package
+    exec bash "$0" armhf --package
 fi
 case "$arch" in
 arm64) triplet=aarch64-linux-gnu; qemu=qemu-aarch64-static ;;
@@ -61,6 +64,7 @@ size=$(
     rm -f "$tmp"
 )
 echo "cross: $arch orkad stripped: $size bytes"
+bash scripts/check-time64.sh "$triplet" "$dir/common/orkad"
 
 if [ "$package" = 1 ]; then
     cmake --build "$dir" -j"$jobs" --target orkad orkad_package_docs

@@ -68,6 +68,16 @@ class NetTest : public ::testing::Test
         ASSERT_EQ(sh("ip link set eth0 up"), 0);
         ASSERT_EQ(sh("ip link set peer0 up"), 0);
     }
+    // A link passes traffic only once the kernel has attached its queue,
+    // which happens after "up" and can lag by a second or more while many
+    // namespaces come and go; until then the first ARP request is dropped.
+    static bool link_passes_traffic(const std::string &ifname)
+    {
+        std::string show = "ip -o link show dev " + ifname;
+        return wait_for([&] {
+            return sh(show + " | grep -q 'state UP' && ! " + show + " | grep -q 'qdisc noop'") == 0;
+        });
+    }
     // An executable in the device root that records its arguments.
     void recording_tool(const std::string &device_path, const std::string &record, int status)
     {
@@ -341,7 +351,8 @@ TEST_F(NetTest, ClientMacNudgeResolvesARealNeighbour)
         if (write(from_child[1], "r", 1) != 1 || read(to_child[0], &c, 1) != 1)
             _exit(1);
         if (sh("ip link set lo up && ip link set peer0 address 02:00:00:00:00:20 && "
-               "ip addr add 192.0.2.20/24 dev peer0 && ip link set peer0 up") != 0)
+               "ip addr add 192.0.2.20/24 dev peer0 && ip link set peer0 up") != 0 ||
+            !link_passes_traffic("peer0"))
             _exit(1);
         int s = socket(AF_INET, SOCK_DGRAM, 0);
         struct sockaddr_in a = {};
@@ -368,6 +379,7 @@ TEST_F(NetTest, ClientMacNudgeResolvesARealNeighbour)
     ASSERT_EQ(write(to_child[1], "g", 1), 1);
     ASSERT_EQ(read(from_child[0], &c, 1), 1);
     ASSERT_EQ(c, 'b');
+    ASSERT_TRUE(link_passes_traffic("eth0"));
 
     char mac[18] = "";
     EXPECT_EQ(get_client_mac_address("eth0", "192.0.2.20", mac, 1), 0);

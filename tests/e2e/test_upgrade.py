@@ -344,6 +344,8 @@ def test_upgrade_keeps_settings_vpn_and_controller(packages, board, tmp_path, ne
 
         # The older package, started the way the board starts it.
         board.dpkg("-i", "/root/" + old.name)
+        # A fresh install is started by the board's start-up, not by dpkg.
+        assert board.orkads() == []
         board.run(["/etc/init.d/orkad", "start"])
         hb = lab.wait_request(kind="heartbeat", timeout=30)
         serial = hb["json"].get("serial") if isinstance(hb.get("json"), dict) else None

@@ -14,6 +14,7 @@ in its PID namespace, so the real killall, invoke-rc.d and the init script
 reach nothing else, and ending the namespace ends all of them."""
 
 import base64
+import fcntl
 import os
 import shutil
 import signal
@@ -101,17 +102,21 @@ def packages(tmp_path_factory):
         for line in f:
             if line.startswith("CMAKE_BUILD_TYPE:"):
                 build_type = line.split("=", 1)[1].strip() or build_type
-    for argv in (["cmake", "-S", SOURCE, "-B", old_build, f"-DCMAKE_BUILD_TYPE={build_type}",
-                  "-DORKAD_DB_VERSION=8", f"-DORKAD_PACKAGE_VERSION={OLD_VERSION}",
-                  "-DORKAD_E2E=OFF"],
-                 ["cmake", "--build", old_build, "-j2", "--target", "orkad",
-                  "orkad_package_docs"],
-                 ["cmake", "--build", BUILD, "--target", "orkad_package_docs"]):
-        r = subprocess.run(nice(argv), capture_output=True, text=True)
-        assert r.returncode == 0, r.stdout + r.stderr
     (out / "old").mkdir()
     (out / "new").mkdir()
-    return cpack(old_build, out / "old", OLD_VERSION), cpack(BUILD, out / "new", NEW_VERSION)
+    # pytest-xdist may run this module's tests in two workers at once: one
+    # builds the older tree while the other waits, then finds it built.
+    with open(old_build + ".lock", "w") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        for argv in (["cmake", "-S", SOURCE, "-B", old_build,
+                      f"-DCMAKE_BUILD_TYPE={build_type}", "-DORKAD_DB_VERSION=8",
+                      f"-DORKAD_PACKAGE_VERSION={OLD_VERSION}", "-DORKAD_E2E=OFF"],
+                     ["cmake", "--build", old_build, "-j2", "--target", "orkad",
+                      "orkad_package_docs"],
+                     ["cmake", "--build", BUILD, "--target", "orkad_package_docs"]):
+            r = subprocess.run(nice(argv), capture_output=True, text=True)
+            assert r.returncode == 0, r.stdout + r.stderr
+        return cpack(old_build, out / "old", OLD_VERSION), cpack(BUILD, out / "new", NEW_VERSION)
 
 
 class Board:

@@ -133,7 +133,7 @@ class Board:
             os.makedirs(os.path.join(self.root, d), exist_ok=True)
         os.chmod(os.path.join(self.root, "tmp"), 0o1777)
         self.holder = subprocess.Popen(netns.prefix() + [
-            "unshare", "--mount", "--propagation", "private", "--pid", "--fork",
+            "unshare", "--mount", "--propagation", "private", "--pid", "--fork", "--kill-child",
             "python3", "-c", REAPER])
         self.init = wait_until(self._init_pid, what="the root's pid 1")
         self.sh(SETUP, self.root, self.upper, chroot=False)

@@ -50,7 +50,7 @@ unset ASAN_OPTIONS UBSAN_OPTIONS
 # for a daemon, the end-to-end test whose temporary folder it lands in
 # (tests/e2e/conftest.py). The lab's own tests, which never start a daemon,
 # ran above already and are left out here, and so are the 20-daemon fleet and
-# the packaging test (time; docs/hardening.md).
+# the packaging and upgrade tests (time; docs/hardening.md).
 export TSAN_OPTIONS="handle_segv=0:halt_on_error=0:exitcode=66:second_deadlock_stack=1:suppressions=$PWD/tests/tsan.supp"
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DORKAD_TSAN=ON -DORKAD_E2E=OFF
 cmake --build build-tsan -j"$jobs" --target orkad unit_tests
@@ -63,6 +63,7 @@ ORKAD_SANITIZED=1 ORKAD_BIN="$PWD/build-tsan/common/orkad" ORKAD_SOURCE="$PWD" \
     --ignore=tests/e2e/test_lab_dashboard.py --ignore=tests/e2e/test_lab_views.py \
     --ignore=tests/e2e/test_lab_statistics.py --ignore=tests/e2e/test_lab_syslog.py \
     --ignore=tests/e2e/test_lab_fleet.py --ignore=tests/e2e/test_packaging.py \
+    --ignore=tests/e2e/test_upgrade.py \
     --deselect tests/e2e/test_watchdog.py::test_a_slow_controller_never_trips_it
 unset TSAN_OPTIONS
 # The ARM boards: arm64 built, its unit and entry tests run under qemu-user;

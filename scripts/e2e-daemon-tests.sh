@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2034
 # Sourced by scripts/test.sh and scripts/cross.sh: the pytest arguments that
 # leave out of tests/e2e what never starts an orkad. The lab's own tests run
 # once, natively, in the plain suite; a second daemon build (ThreadSanitizer,

@@ -37,8 +37,9 @@ undefined=$("$nm" -D --undefined-only "$bin" | awk '{print $2}' | sed 's/@.*//' 
 # The 64-bit twins glibc added in 2.34, and the plain names they replace:
 # __X_time64 and __X64[_r] stand for X[_r]; X and X64 (the large-file name)
 # are both 32-bit, and a name ending in 64 (stat64) also has its short form.
+# None on a target whose time_t was always 64 bits: grep then finds nothing.
 twins=$("$nm" -D --defined-only "$libc" | awk '{print $3}' |
-    grep -E '^__.*64.*@@?GLIBC_2\.3[4-9]' | sed 's/@.*//' | sort -u)
+    { grep -E '^__.*64.*@@?GLIBC_2\.3[4-9]' || true; } | sed 's/@.*//' | sort -u)
 old=()
 for t in $twins; do
     x=${t#___}

@@ -16,11 +16,15 @@ Run as root, controller and daemon share a network namespace of their own
 otherwise both run on this machine's network and the controller listens on
 127.0.0.1. The daemon runs without the right to set the clock, so a
 phone-home answer that carries the time cannot move this machine's clock.
+
+A daemon built for ARM runs under the program ORKAD_EMULATOR names, as in
+the end-to-end tests: ORKAD_EMULATOR="qemu-aarch64-static -L /".
 """
 
 import argparse
 import json
 import os
+import shlex
 import shutil
 import signal
 import socket
@@ -159,7 +163,8 @@ class Device:
         self.syslog = SyslogFile(self.root, self.syslog_path)
         argv = self.ns_prefix + (
             ["setpriv", "--inh-caps=-sys_time", "--bounding-set=-sys_time"]
-            if can_drop_clock_right() else []) + [os.path.abspath(binary)]
+            if can_drop_clock_right() else []) + \
+            shlex.split(os.environ.get("ORKAD_EMULATOR", "")) + [os.path.abspath(binary)]
         if debug:
             argv.append("-d")
         argv += ["-s", site]

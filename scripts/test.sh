@@ -48,9 +48,11 @@ unset ASAN_OPTIONS UBSAN_OPTIONS
 # ThreadSanitizer: the unit tests and the end-to-end suite with the daemon
 # under test built with it. A report fails the unit test (exit status 66) or,
 # for a daemon, the end-to-end test whose temporary folder it lands in
-# (tests/e2e/conftest.py). The lab's own tests, which never start a daemon,
-# ran above already and are left out here, and so are the 20-daemon fleet and
-# the packaging and upgrade tests (time; docs/hardening.md).
+# (tests/e2e/conftest.py). The tests that never start this daemon
+# (scripts/e2e-daemon-tests.sh) ran above already and are left out here, and
+# so is the 20-daemon fleet (time; docs/hardening.md).
+# shellcheck source=scripts/e2e-daemon-tests.sh
+. scripts/e2e-daemon-tests.sh
 export TSAN_OPTIONS="handle_segv=0:halt_on_error=0:exitcode=66:second_deadlock_stack=1:suppressions=$PWD/tests/tsan.supp"
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DORKAD_TSAN=ON -DORKAD_E2E=OFF
 cmake --build build-tsan -j"$jobs" --target orkad unit_tests
@@ -59,13 +61,9 @@ cmake --build build-tsan -j"$jobs" --target orkad unit_tests
 (cd build-tsan && ctest --output-on-failure -j$((jobs * 2)) -L unit)
 ORKAD_SANITIZED=1 ORKAD_BIN="$PWD/build-tsan/common/orkad" ORKAD_SOURCE="$PWD" \
     /usr/bin/python3 -m pytest -q -n "$jobs" -p no:cacheprovider tests/e2e \
-    --ignore=tests/e2e/test_lab_controller.py --ignore=tests/e2e/test_lab_ctl.py \
-    --ignore=tests/e2e/test_lab_dashboard.py --ignore=tests/e2e/test_lab_views.py \
-    --ignore=tests/e2e/test_lab_statistics.py --ignore=tests/e2e/test_lab_syslog.py \
-    --ignore=tests/e2e/test_lab_fleet.py --ignore=tests/e2e/test_packaging.py \
-    --ignore=tests/e2e/test_upgrade.py \
+    "${e2e_lab_only[@]}" --ignore=tests/e2e/test_lab_fleet.py \
     --deselect tests/e2e/test_watchdog.py::test_a_slow_controller_never_trips_it
 unset TSAN_OPTIONS
-# The ARM boards: arm64 built, its unit and entry tests run under qemu-user;
-# the armhf daemon built.
+# The ARM boards: arm64 and armhf built, their unit, entry and full-road
+# tests run under qemu-user, both packaged.
 bash scripts/cross.sh ci

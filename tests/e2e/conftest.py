@@ -103,6 +103,10 @@ class SyslogSink:
 class Daemon:
     """One orkad: supervisor process, its working child, its device root."""
 
+    # Programs the daemon is started through, after the namespace's and
+    # before the emulator (setpriv, for one).
+    wrapper = []
+
     def __init__(self, root, workdir, netns=None):
         self.root = root
         self.workdir = workdir
@@ -116,7 +120,7 @@ class Daemon:
     def start(self, *args, cores=False, env=None):
         env = dict(os.environ, **(env or {}))
         env["ORKAD_ROOT"] = self.root
-        argv = [*EMULATOR, BIN, *args]
+        argv = [*self.wrapper, *EMULATOR, BIN, *args]
         if self.netns is not None:
             argv = self.netns.prefix() + argv
 

@@ -7,16 +7,13 @@ clock of the machine even when a phone-home answer carries the time."""
 
 import io
 import os
-import resource
 import signal
 import sqlite3
-import subprocess
 import tarfile
 import time
 
 import pytest
 
-import conftest
 import devroot
 from conftest import Daemon, wait_until
 from lab_fixtures import netns_lab  # noqa: F401
@@ -28,18 +25,7 @@ UUID = "e9d6ecc0-23bb-11e3-932d-020000000001"
 class Agent(Daemon):
     """The daemon started as conftest's Daemon does, minus CAP_SYS_TIME."""
 
-    def start(self, *args, cores=False):
-        env = dict(os.environ, ORKAD_ROOT=self.root)
-        argv = self.netns.prefix() + SETPRIV + [conftest.BIN, *args]
-
-        def limits():
-            os.setpgrp()
-            resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
-
-        self.stdout = open(os.path.join(self.workdir, "orkad.stdout"), "w")
-        self.proc = subprocess.Popen(argv, cwd=self.workdir, env=env, stdout=self.stdout,
-                                     stderr=subprocess.STDOUT, preexec_fn=limits)
-        return self
+    wrapper = SETPRIV
 
     # ---- what the daemon left in the device root -------------------------
 

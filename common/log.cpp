@@ -18,7 +18,7 @@ namespace
 
 constexpr int LOG_MAXSIZE = 262144;
 constexpr int LOG_CUTSIZE = 270336;
-constexpr int LOG_MAXFILE = 4;
+constexpr int LOG_MAXFILE = LOG_GENERATIONS;
 
 // The logs carry what the agent is told and sends (settings with the
 // administrator password, bearer tokens, command documents): for the agent
@@ -41,7 +41,7 @@ FILE *open_log_file(const char *path)
 #define LOG_HANDLE(var, path)                                                                      \
     log_t var = {nullptr, path, LOG_MAXSIZE, LOG_CUTSIZE, LOG_MAXFILE, 0, PTHREAD_MUTEX_INITIALIZER}
 
-LOG_HANDLE(orkad_handle, "/rw/orkad");
+LOG_HANDLE(orkad_handle, LOG_MAIN_NAME);
 LOG_HANDLE(http_handle, "/rw/http");
 LOG_HANDLE(cmd_handle, "/rw/command");
 LOG_HANDLE(sys_handle, "/rw/syslog");

@@ -18,6 +18,13 @@ typedef struct log {
 
 #define LOG_HANDLES 10
 
+// The main log's device path without ".log", and how many rotated
+// generations every log keeps beside its current file: generation k >= 1 of
+// the main log is "/rw/orkad<k>.log". orkadctl reads and follows the main log
+// by these.
+#define LOG_MAIN_NAME "/rw/orkad"
+#define LOG_GENERATIONS 4
+
 extern log_t *orkad_log;
 extern log_t *http_log;
 extern log_t *cmd_log;

@@ -61,6 +61,13 @@ class fd_guard
     fd_guard &operator=(const fd_guard &) = delete;
     int get() const { return fd_; }
     bool ok() const { return fd_ >= 0; }
+    // Closes the one held and holds fd instead (a file reopened in place).
+    void reset(int fd = -1)
+    {
+        if (fd_ >= 0)
+            close(fd_);
+        fd_ = fd;
+    }
 
   private:
     int fd_;

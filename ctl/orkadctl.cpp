@@ -380,9 +380,9 @@ void print_stream(const char *name, json_t *s, time_t now)
                   number(json_object_get(s, "posted")) + " posted, " +
                   number(json_object_get(s, "failed")) + " failed");
     if (json_object_get(s, "lines_waiting") != nullptr)
-        row("  waiting", number(json_object_get(s, "lines_waiting")) + " lines, " +
-                             number(json_object_get(s, "batches_waiting")) + " batches, " +
-                             number(json_object_get(s, "dropped")) + " dropped");
+        row("  queued", "lines " + number(json_object_get(s, "lines_waiting")) + ", batches " +
+                            number(json_object_get(s, "batches_waiting")) + ", dropped " +
+                            number(json_object_get(s, "dropped")));
     row("  last",
         joined({when(json_object_get(s, "last"), now), result(json_object_get(s, "result"))}));
 }

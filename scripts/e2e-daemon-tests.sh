@@ -4,10 +4,12 @@
 # once, natively, in the plain suite; a second daemon build (ThreadSanitizer,
 # ARM under qemu-user) changes nothing for them. The packaging and upgrade
 # tests make and unpack native packages, so they stay with the native build
-# too.
+# too. orkadctl's own tests talk to a stand-in daemon and need the native
+# client only.
 e2e_lab_only=(
     --ignore=tests/e2e/test_lab_controller.py --ignore=tests/e2e/test_lab_ctl.py
     --ignore=tests/e2e/test_lab_dashboard.py --ignore=tests/e2e/test_lab_views.py
     --ignore=tests/e2e/test_lab_statistics.py --ignore=tests/e2e/test_lab_syslog.py
     --ignore=tests/e2e/test_packaging.py --ignore=tests/e2e/test_upgrade.py
+    --ignore=tests/e2e/test_orkadctl_client.py
 )

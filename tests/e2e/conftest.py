@@ -22,6 +22,8 @@ from netns import Netns  # noqa: E402
 from syslogsocket import SyslogSocket  # noqa: E402
 
 BIN = os.environ.get("ORKAD_BIN") or os.path.join(SOURCE, "build", "common", "orkad")
+# The operator's client, built beside the daemon (ctl/).
+CTL = os.environ.get("ORKADCTL_BIN") or os.path.join(SOURCE, "build", "ctl", "orkadctl")
 # A cross-built daemon runs under qemu-user: ORKAD_EMULATOR="qemu-aarch64-static -L /".
 EMULATOR = shlex.split(os.environ.get("ORKAD_EMULATOR", ""))
 

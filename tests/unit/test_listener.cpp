@@ -454,7 +454,7 @@ TEST_F(ListenerTest, OnlyRootCanSendToTheUnixSockets)
     umask(old);
     struct stat st;
     ASSERT_EQ(stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0755u);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
 
     pid_t pid = fork();
     ASSERT_GE(pid, 0);

@@ -86,6 +86,36 @@ def check_daemon_fields(a, daemon):
         assert set(s) == keys, name
 
 
+def dump_and_log(daemon):
+    """`dump` and `log -n 3` answer in any state: the dump's lines are the
+    bytes the daemon says it wrote, the log's three lines follow each other
+    in the main log, the newest last."""
+    p = ctl(daemon, "dump")
+    assert p.returncode == 0, p.stderr
+    out = p.stdout.splitlines()
+    m = re.fullmatch(r"dumped into /tmp/debug\.log, bytes (\d+) to (\d+)", out[-1])
+    assert m and int(m[1]) < int(m[2]), out[-1]
+    assert any(re.fullmatch(r"\d+ [\d.]{10} [\d:]{8} log_debug: uptime \d+ seconds", x)
+               for x in out)
+    with open(daemon.path("/tmp/debug.log"), "rb") as f:
+        f.seek(int(m[1]))
+        assert f.read(int(m[2]) - int(m[1])).decode().splitlines() == out[:-1]
+
+    p = ctl(daemon, "log", "-n", "3")
+    assert p.returncode == 0, p.stderr
+    got = p.stdout.splitlines()
+    assert len(got) == 3
+    with open(daemon.path("/rw/orkad.log")) as f:
+        file_lines = f.read().splitlines()
+    # The daemon may have written more since.
+    i = file_lines.index(got[0])
+    assert file_lines[i:i + 3] == got
+    p = ctl(daemon, "--json", "log", "-n", "3")
+    assert p.returncode == 0
+    lines = json.loads(p.stdout)
+    assert len(lines) == 3 and file_lines.index(lines[0]) >= i
+
+
 def no_secrets(daemon, text):
     """Neither the token nor the device's credentials (its serial number is
     both client id and secret) appear in text."""
@@ -134,28 +164,7 @@ def test_no_controller_yet(no_site):
                           + ", nothing pending", "database     schema 9",
                           "problems     no controller"]
 
-    # The dump and the log need no controller.
-    p = ctl(d, "dump")
-    assert p.returncode == 0, p.stderr
-    out = p.stdout.splitlines()
-    m = re.fullmatch(r"dumped into /tmp/debug\.log, bytes (\d+) to (\d+)", out[-1])
-    assert m and int(m[1]) < int(m[2])
-    assert any(re.fullmatch(r"\d+ [\d.]{10} [\d:]{8} log_debug: uptime \d+ seconds", x)
-               for x in out)
-    with open(d.path("/tmp/debug.log"), "rb") as f:
-        f.seek(int(m[1]))
-        assert f.read(int(m[2]) - int(m[1])).decode().splitlines() == out[:-1]
-
-    p = ctl(d, "log", "-n", "3")
-    assert p.returncode == 0
-    with open(d.path("/rw/orkad.log")) as f:
-        file_lines = f.read().splitlines()
-    got = p.stdout.splitlines()
-    assert len(got) == 3
-    # The daemon may have written more since: the three are consecutive
-    # lines of the file, the newest last.
-    i = file_lines.index(got[0])
-    assert file_lines[i:i + 3] == got
+    dump_and_log(d)
 
 
 def test_dump_json(no_site):
@@ -171,6 +180,44 @@ def test_dump_json(no_site):
         f.seek(got["from"])
         assert f.read(got["to"] - got["from"]).decode().splitlines() == got["lines"]
     assert any("log_debug: uptime " in x for x in got["lines"])
+
+
+def test_log_follow_across_the_daemons_own_rotation(no_site):
+    """Datagrams that are not JSON make the daemon log each one whole (about
+    1 KiB a line), so a few hundred carry the main log past its size and
+    the daemon rotates it; the follower shows every line once, in order."""
+    import socket
+    d = no_site
+    sock_path = d.path("/tmp/orkad_socket")
+    wait_until(lambda: os.path.exists(sock_path), what="the socket")
+    f = subprocess.Popen([CTL, "log", "-f", "-n", "0"], env=dict(os.environ, ORKAD_ROOT=d.root),
+                         stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    seen = []
+    reader = threading.Thread(target=lambda: seen.extend(f.stdout), daemon=True)
+    reader.start()
+    try:
+        wait_until(lambda: any("inotify" in os.readlink(f"/proc/{f.pid}/fd/{fd}")
+                               for fd in os.listdir(f"/proc/{f.pid}/fd")),
+                   timeout=5, what="the follower's watch")
+        count = 320
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
+            for i in range(count):
+                s.sendto(f"not json {i:04d} ".encode() + b"z" * 1000, sock_path)
+                if i % 50 == 49:  # let the listener keep up with its queue
+                    d.wait_log(f"not json {i:04d} ")
+        wait_until(lambda: os.path.exists(d.path("/rw/orkad1.log")), what="a rotation")
+        mark = re.compile(r"len = 1014, message = 'not json (\d{4}) z{1000}'")
+
+        def marks():
+            return [int(m[1]) for m in (mark.search(x) for x in list(seen)) if m]
+        wait_until(lambda: len(marks()) >= count, timeout=15, what="every line followed")
+        assert marks() == list(range(count))
+        f.send_signal(signal.SIGINT)
+        assert f.wait(timeout=5) == 0
+    finally:
+        if f.poll() is None:
+            f.kill()
+        f.wait()
 
 
 # ---- heartbeating -----------------------------------------------------------
@@ -206,6 +253,7 @@ def test_heartbeating(heartbeating):
                           f"firmware     {a['firmware']['running']}, nothing pending",
                           "database     schema 9", "problems     none"]
     no_secrets(d, json.dumps(a) + "\n".join(lines))
+    dump_and_log(d)
 
 
 # ---- the controller gone after heartbeats -----------------------------------
@@ -228,8 +276,8 @@ def test_controller_down(heartbeating):
     assert re.fullmatch(r"heartbeat    every 1s, \d+ failed in a row", lines[4])
     assert re.fullmatch(rf"  last       {WHEN}, transport error \(2\)", lines[5])
     assert re.fullmatch(rf"  last ok    {WHEN}", lines[6])
-    problems = lines[lines.index("problems     heartbeats failing"):]
-    assert problems[0] == "problems     heartbeats failing"
+    assert "problems     heartbeats failing" in lines
+    dump_and_log(d)
 
 
 # ---- a stream the controller refuses ------------------------------------------
@@ -252,6 +300,7 @@ def test_a_stream_failing(heartbeating):
     i = lines.index(f"status       every 10s, 0 posted, {s['failed']} failed")
     assert re.fullmatch(rf"  last       {WHEN}, HTTP 500", lines[i + 1])
     assert lines[-1] == "problems     status stream failing"
+    dump_and_log(d)
 
     # The controller takes them again: all well once one got through.
     lab.clear_scripts("/api/status")
@@ -283,6 +332,7 @@ def test_vpn_up(heartbeating, vpn, tmp_path):
         assert a["exit"] == 0
         lines = plain(d, 0)
         assert f"vpn          up, {ip}" in lines
+        dump_and_log(d)
     finally:
         for pid in device_openvpns(d.root):
             try:

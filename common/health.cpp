@@ -398,15 +398,24 @@ json_ptr health_dump(void)
 {
     dump_marks m;
     signals_handler(SIGUSR1, mark_dump, &m);
-    // The file was rotated during the dump when it holds fewer new bytes
-    // than were written: the dump's start went into the rotated file.
-    long from = m.from;
-    if (m.to < m.from || (uint64_t)(m.to - m.from) < m.total_to - m.total_from)
-        from = 0;
-    std::string file =
-        std::string(dbg_log->name != nullptr ? dbg_log->name : "/tmp/debug") + ".log";
+    std::string name = dbg_log->name != nullptr ? dbg_log->name : "/tmp/debug";
+    std::string file = name + ".log";
+    long from = m.from, to = m.to;
+    uint64_t written = m.total_to - m.total_from;
+    // Fewer new bytes in the file than were written: it was rotated during
+    // the dump (a dump is far smaller than a log file, so at most once). The
+    // dump starts where it started, in what is now the first rotated file;
+    // when the rotation came with its last line, all of it is there.
+    if (to < from || (uint64_t)(to - from) < written) {
+        if (to == 0) {
+            file = name + "1.log";
+            to = from + (long)written;
+        } else {
+            from = 0;
+        }
+    }
     return json_ptr(json_pack("{s:b,s:s,s:I,s:I}", "dumped", 1, "file", file.c_str(), "from",
-                              (json_int_t)from, "to", (json_int_t)m.to));
+                              (json_int_t)from, "to", (json_int_t)to));
 }
 
 void health_status_event(const char *event, json_t *params)

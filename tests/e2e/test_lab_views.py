@@ -1,6 +1,6 @@
-"""The lab controller's views for people, in-process: the devices it has
-seen, each device's own ports and statistics, the dashboard's files and the
-archive download."""
+"""The lab controller's views for people: the devices it has seen, each
+device's health, ports and statistics, the dashboard's files and the
+archive download; in-process, and the health view against a real daemon."""
 
 import base64
 import json
@@ -9,7 +9,8 @@ import time
 
 import pytest
 
-from conftest import SOURCE
+from conftest import SOURCE, wait_until
+from lab_fixtures import heartbeating, netns_lab  # noqa: F401
 
 sys.path.insert(0, f"{SOURCE}/lab")
 import controller  # noqa: E402
@@ -331,3 +332,66 @@ def test_health_streams_as_commanded_and_refused(bench):
     bench.post("VX2", "/api/status/sw1", {"port": []}, client="192.0.2.12")
     assert health(bench, "VX1")["streams"]["status"]["posted"] == 1
     assert health(bench, "VX2")["streams"]["status"]["enabled"] is False
+
+
+SERIAL = "VX0123456789"  # the device root's default serial
+
+
+def test_health_of_a_real_daemon_heartbeating(heartbeating):
+    lab = heartbeating.lab
+    lab.wait_requests(3, kind="heartbeat", timeout=20)
+    h = lab.call("GET", f"/devices/{SERIAL}/health")
+    beats = lab.requests(kind="heartbeat")
+    last = [r for r in beats if r["time"] == h["heartbeat"]["last"]][0]
+    hb = h["heartbeat"]
+    assert (hb["answer"], hb["failures"], hb["last_ok"]) == (200, 0, hb["last"])
+    assert hb["count"] == len([r for r in beats if r["time"] <= hb["last"]]) >= 3
+    # The boot environment's one second, plus the pulse itself.
+    assert 0.9 <= hb["gap"] < 2.5 and 0 <= hb["ago"] < 5
+    assert hb["interval"] is None and hb["asked"] is None
+    # The heartbeat's uptime is the switch's, since boot.
+    assert hb["uptime"] == last["json"]["uptime"]
+    with open("/proc/uptime") as f:
+        assert abs(hb["uptime"] - float(f.read().split()[0])) < 10
+    # No tunnel: the first heartbeat said so, and nothing changed since.
+    assert h["vpn"] == {"address": "", "reported": beats[0]["time"]}
+
+    token = lab.requests(kind="token")[-1]
+    assert h["token"]["held"] is True and abs(h["token"]["issued"] - token["time"]) < 1
+    assert h["token"]["expires"] == h["token"]["issued"] + 3600
+    ph = h["phone_home"]
+    assert (ph["count"], ph["answer"]) == (1, 200)
+    assert ph["query"]["[phone_home]serial"] == SERIAL and ph["query"]["[phone_home]boot"] == "0"
+    assert ph["reply"] == {"cloud_controller": lab.base_url}
+    # The version the firmware check named, the one the device root runs.
+    assert (h["firmware"]["running"], h["firmware"]["via"]) == ("1.0.0.1", "current-firmware")
+    assert h["streams"]["status"]["enabled"] is False
+
+    # set.heartbeat: the interval asked and taken, and the pace that follows.
+    cid = lab.queue_command(action="set", context="heartbeat",
+                            params={"interval": 2000, "serviceLink": {"href": "/heartbeat"}})
+    assert lab.wait_result(cid, timeout=10)["code"] == 0
+    hb = lab.call("GET", f"/devices/{SERIAL}/health")["heartbeat"]
+    assert (hb["interval"], hb["asked"], hb["link"], hb["code"]) == (2, 2, "/heartbeat", 0)
+    wait_until(lambda: 1.9 <= lab.call("GET", f"/devices/{SERIAL}/health")["heartbeat"]["gap"]
+               < 3.5, timeout=15, what="heartbeats two seconds apart")
+
+
+def test_health_of_a_real_daemon_whose_status_stream_is_refused(heartbeating):
+    lab = heartbeating.lab
+    lab.fail("/api/status/refused", 500, count=None)
+    cid = lab.queue_command(action="set", context="status",
+                            params={"interval": 10000,
+                                    "serviceLink": {"href": "/status/refused"}})
+    assert lab.wait_result(cid, timeout=10)["code"] == 0
+    refused = lab.wait_request(path="/api/status/refused", status=500, timeout=40)
+    h = lab.call("GET", f"/devices/{SERIAL}/health")
+    st = h["streams"]["status"]
+    assert (st["enabled"], st["interval"], st["link"], st["code"]) == \
+        (True, 10, "/status/refused", 0)
+    assert (st["answer"], st["posted"], st["last_ok"]) == (500, 0, None)
+    assert st["failed"] >= 1 and st["last"] >= refused["time"]
+    # The other streams were never started; the heartbeats go on.
+    assert h["streams"]["statistics"]["enabled"] is False
+    assert h["streams"]["syslog"]["lines"] == 0
+    assert h["heartbeat"]["answer"] == 200 and h["heartbeat"]["failures"] == 0

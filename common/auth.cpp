@@ -1,6 +1,7 @@
 #include "auth.h"
 
 #include "config.h"
+#include "health.h"
 #include "http.h"
 #include "log.h"
 #include "platform_utils.h"
@@ -33,6 +34,7 @@ void clear_token(void)
     access_token[0] = '\0';
     token_valid = false;
     expires_at = 0;
+    health_token(false, 0);
 }
 
 void take_token(const reply *r)
@@ -89,6 +91,7 @@ void take_token(const reply *r)
         strcpy(access_token, token);
         token_valid = true;
         expires_at = auth_time(nullptr) + expires_in;
+        health_token(true, expires_at);
     }
 }
 

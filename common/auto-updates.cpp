@@ -4,6 +4,7 @@
 #include "command.h"
 #include "config.h"
 #include "devroot.h"
+#include "health.h"
 #include "http.h"
 #include "log.h"
 #include "platform_utils.h"
@@ -72,8 +73,12 @@ int handle_reply(const reply *r)
         return -1;
     }
     json_t *download = json_object_get(current, "download");
-    if (!json_is_object(download))
+    if (!json_is_object(download)) {
+        health_firmware_pending(nullptr);
         return 0;
+    }
+    json_t *offered = json_object_get(current, "version");
+    health_firmware_pending(json_is_string(offered) ? json_string_value(offered) : "unknown");
     json_t *href = json_object_get(download, "href");
     if (!json_is_string(href)) {
         log_fprint(orkad_log, "%s: missing or invalid 'href' element in 'download' object\n", fn);

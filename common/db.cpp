@@ -1,6 +1,7 @@
 #include "db.h"
 
 #include "devroot.h"
+#include "health.h"
 #include "log.h"
 #include "raii.h"
 
@@ -65,6 +66,7 @@ void db_get_version(void)
     else
         log_fprint(orkad_log, "db_init: cannot get db.version\n");
     log_fprint(orkad_log, "db_init: db version %d\n", db_version);
+    health_schema(db_version);
 }
 
 void db_migrate(void)

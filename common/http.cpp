@@ -3,6 +3,7 @@
 #include "auth.h"
 #include "debug.h"
 #include "devroot.h"
+#include "health.h"
 #include "log.h"
 #include "lsql.h"
 #include "raii.h"
@@ -563,6 +564,7 @@ controller_result controller_request(controller_call call, const std::string &pa
             char token[ACCESS_TOKEN_SIZE];
             if (!get_access_token(token) && p.needs_token) {
                 out.outcome = controller_result::no_token;
+                health_request(call, out.outcome, out.result);
                 return out;
             }
             bearer = std::string("Authorization: Bearer ") + token;
@@ -610,6 +612,7 @@ controller_result controller_request(controller_call call, const std::string &pa
     if (out.result != 0 && p.after == failure_log::once)
         log_fprint(orkad_log, "%s: err = %d, reply = '%.*s'\n", p.who, out.result, r->length,
                    r->data);
+    health_request(call, out.outcome, out.result);
     return out;
 }
 

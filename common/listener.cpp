@@ -94,7 +94,7 @@ void unix_receiver(void *p1, void *, void *)
     }
     // Only root may send events, whatever umask the agent was started with:
     // the mode set here is the one bind gives the socket file.
-    fchmod(s.get(), 0755);
+    fchmod(s.get(), 0600);
     struct sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
 #pragma GCC diagnostic push

@@ -241,6 +241,15 @@ void log_unlock_all(void)
         pthread_mutex_unlock(&logs[i]->lock);
 }
 
+long log_position(log_t *log, uint64_t *total)
+{
+    pthread_mutex_lock(&log->lock);
+    long pos = log->file != nullptr ? ftell(log->file) : 0;
+    *total = log->total;
+    pthread_mutex_unlock(&log->lock);
+    return pos < 0 ? 0 : pos;
+}
+
 uint64_t log_line_index(void)
 {
     pthread_mutex_lock(&line_index_lock);

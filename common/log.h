@@ -51,5 +51,10 @@ void debug_print_with_time(int force, const char *fmt, ...) __attribute__((forma
 void log_lock_all(void);
 void log_unlock_all(void);
 
+// Where the next byte of log goes in its current file (0 while the handle is
+// silent), and *total the bytes written through it so far; read under the
+// handle's lock, so a line is either wholly before or wholly after.
+long log_position(log_t *log, uint64_t *total);
+
 // The next line index, without taking it (for tests and dumps).
 uint64_t log_line_index(void);

@@ -35,6 +35,9 @@ int overflow;
 std::atomic<int> oversize{0};
 // Lines of batches the controller refused for good; counted by the sender.
 std::atomic<int> refused{0};
+// Lines taken and not yet delivered or given up: added by the receiver, taken
+// off by the sender a batch at a time.
+std::atomic<int> waiting{0};
 queue_t *ready_logs_queue;
 
 int ready_count(void)
@@ -135,6 +138,9 @@ void logging_listener(const char *, json_t *params)
         memcpy(logbuf->buffer + logbuf->length, &len, sizeof(len));
         memcpy(logbuf->buffer + logbuf->length + 4, text, len);
         logbuf->length += 4 + len;
+        // Before the batch can be taken by the sender, so the count never
+        // goes below what waits.
+        waiting.fetch_add(1, std::memory_order_relaxed);
     }
     log_fprint(sys_log, "listener: %.*s\n", len, text);
 }
@@ -198,10 +204,12 @@ void logging_send(stream_record &stream)
                 int err =
                     body ? logging_post(href.c_str(), body.get(), (int)strlen(body.get())) : 2;
                 if (err == 0) {
+                    waiting.fetch_sub(batch_lines(b.get()), std::memory_order_relaxed);
                     idle = 1;
                 } else if (refused_for_good(err)) {
                     int lines = batch_lines(b.get());
                     refused.fetch_add(lines, std::memory_order_relaxed);
+                    waiting.fetch_sub(lines, std::memory_order_relaxed);
                     log_fprint(orkad_log,
                                "logging_send: batch refused (err = %d), dropped %d lines\n", err,
                                lines);
@@ -268,4 +276,9 @@ void logging_counts(int *overflow_out, int *oversize_out, int *ready, int *filli
 int logging_refused(void)
 {
     return refused.load(std::memory_order_relaxed);
+}
+
+int logging_waiting_lines(void)
+{
+    return waiting.load(std::memory_order_relaxed);
 }

@@ -54,3 +54,6 @@ void logging_debug(int sig);
 void logging_counts(int *overflow, int *oversize, int *ready, int *filling);
 // Lines dropped with the batches the controller refused for good.
 int logging_refused(void);
+// Lines received and not yet delivered (in the batch being filled and in
+// those waiting to be sent).
+int logging_waiting_lines(void);

@@ -2,6 +2,7 @@
 
 #include "command.h"
 #include "devroot.h"
+#include "health.h"
 #include "heartbeat.h"
 #include "log.h"
 #include "netutils.h"
@@ -34,12 +35,15 @@ char last_vpn_ip[MGMTVPN_IPADDR_SIZE];
 
 int start_vpn(void)
 {
-    return _sys("%s", start_command);
+    int rc = _sys("%s", start_command);
+    health_vpn_started(rc == 0);
+    return rc;
 }
 
 void stop_vpn(void)
 {
     _sys("%s", stop_command);
+    health_vpn_started(false);
 }
 
 // Writes the configuration as text: it ends at its first NUL byte. A file

@@ -9,6 +9,7 @@
 #include "http.h"
 #include "devroot.h"
 #include "diags.h"
+#include "health.h"
 #include "heartbeat.h"
 #include "listener.h"
 #include "log.h"
@@ -35,7 +36,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
-std::string home_site = "https://phonehome.varnex.net";
+std::string home_site = ORKAD_HOME_SITE;
 int restarts;
 
 namespace
@@ -139,6 +140,7 @@ void signals_monitor(void)
 [[noreturn]] void child_main(void)
 {
     on_exit(exit_handler, nullptr);
+    health_child_started();
     log_init();
     log_fprint(orkad_log, "Agent version: %s\n", ORKAD_VERSION);
     platform_init();
@@ -148,6 +150,7 @@ void signals_monitor(void)
     else
         dev_syslog(LOG_INFO, "device reboot: serial#='%s' firmware='%s'",
                    platform_get_serial_number(), get_firmware_version());
+    health_firmware_running(get_firmware_version());
     platform_apply_updates();
 
     if (curl_global_init(CURL_GLOBAL_SSL) != CURLE_OK) {
@@ -173,6 +176,7 @@ void signals_monitor(void)
 
     http_init();
     listener_init();
+    health_init();
     mgmtvpn_init();
     phone_home();
     auto_updates();

@@ -6,6 +6,7 @@
 #include "config.h"
 #include "debug.h"
 #include "devroot.h"
+#include "health.h"
 #include "http.h"
 #include "log.h"
 #include "lsql.h"
@@ -142,10 +143,15 @@ void unregistered(void)
     config_set("system", nullptr, "varnex-initialized", "no");
     // No controller, no heartbeats.
     config_set("system", nullptr, "cloud-controller", "");
+    health_controller("", controller_source::none);
 }
 
 void take_controller(const char *controller)
 {
+    // The site that answered: the vendor's, or one named on the command
+    // line or in the boot environment.
+    health_controller(controller, home_site == ORKAD_HOME_SITE ? controller_source::phone_home
+                                                               : controller_source::site);
     if (get_cloud_controller() == controller) {
         log_fprint(orkad_log, "phone_home: same controller '%s'\n", controller);
     } else {
@@ -228,8 +234,11 @@ void phone_home_call(void)
     url += env_ethaddr;
 
     reply_ptr r(alloc_reply());
-    if (http_get(url.c_str(), nullptr, r.get()) == 0)
+    int result = http_get(url.c_str(), nullptr, r.get());
+    health_phone_home_result(result);
+    if (result == 0)
         handle_reply(r.get());
+    health_phone_home(phone_home_done ? phone_home_state::done : phone_home_state::failed);
     phone_home_count = phone_home_count + 1;
 }
 
@@ -245,15 +254,19 @@ void do_phone_home(void *, void *, void *)
 
 void phone_home(void)
 {
+    // What an earlier run stored stays in use until someone says otherwise.
+    health_controller(get_cloud_controller(), controller_source::stored);
     if (!debug) {
         char setting[8] = "";
         get_env_variable("phone_home", setting, sizeof(setting));
         if (strcasecmp(setting, "no") == 0) {
             log_fprint(orkad_log, "phone_home: found 'phone_home=%s' in boot env, exiting!\n",
                        setting);
+            health_phone_home(phone_home_state::skipped);
             return;
         }
     }
+    health_phone_home(phone_home_state::asking);
 
     wait_for_address();
     log_fprint(orkad_log, "ipaddr='%s'\n", ip_addr);
@@ -266,6 +279,8 @@ void phone_home(void)
             config_set("system", nullptr, "varnex-initialized", "yes");
             invalidate_access_token();
         }
+        health_controller(env_controller, controller_source::boot);
+        health_phone_home(phone_home_state::done);
         phone_home_done = true;
         return;
     }

@@ -5,10 +5,19 @@
 #include "table.h"
 
 #include <cstdlib>
+#include <mutex>
 
 volatile sigset_t blocked_signals;
 
 static table_t *signals_table;
+
+// One run of a signal's handlers at a time. The dump handlers of every module
+// write several lines each into the debug log and were written for the main
+// thread alone; a SIGUSR1 arriving while the "orkad.dump" event runs them on
+// the listener thread would interleave two dumps (and the reader of the
+// second could not tell its lines apart) and race on the counters and on
+// hits. Serialising the runs keeps every handler as simple as it is.
+static std::mutex signal_runs[NSIG];
 
 void signals_init(void)
 {
@@ -68,15 +77,20 @@ int signals_register(int sig, void (*fn)(int), const char *name)
     return 0;
 }
 
-void signals_handler(int sig)
+void signals_handler(int sig, void (*mark)(void *arg, bool after), void *arg)
 {
     struct handler *h = signals_lookup(sig);
-    if (h == nullptr) {
+    if (h == nullptr || sig <= 0 || sig >= NSIG) {
         log_fprint(orkad_log, "%s: signal %d has no registered handler\n", "signals_handler", sig);
         return;
     }
+    std::lock_guard<std::mutex> run(signal_runs[sig]);
+    if (mark != nullptr)
+        mark(arg, false);
     for (; h != nullptr; h = h->next) {
         h->fn(sig);
         h->hits++;
     }
+    if (mark != nullptr)
+        mark(arg, true);
 }

@@ -16,6 +16,10 @@ extern volatile sigset_t blocked_signals;
 
 void signals_init(void);
 int signals_register(int sig, void (*fn)(int), const char *name);
-void signals_handler(int sig);
+// Runs every handler registered for sig, in registration order, on the
+// calling thread: the main thread's sigwait loop and the "orkad.dump" event
+// both come here. mark, when given, is called with false just before the
+// first handler and with true just after the last, inside the same run.
+void signals_handler(int sig, void (*mark)(void *arg, bool after) = nullptr, void *arg = nullptr);
 // The first handler registered for sig, or null (for dumps and tests).
 struct handler *signals_lookup(int sig);

@@ -27,6 +27,7 @@ import sys
 import tempfile
 import threading
 import time
+import urllib.parse
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import archives  # noqa: E402
@@ -608,11 +609,13 @@ class Lab:
             doc = json.loads(req.body) if req.body.strip() else {}
         except ValueError as e:
             return _json_reply(400, {"error": f"body is not JSON: {e}"})
-        route = CONTROL.get((req.method, req.path))
+        route, params = CONTROL.get((req.method, req.path)), req.params
+        if route is None:
+            route, params = _per_device(req)
         if route is None:
             return _json_reply(404, {"error": f"no control resource {req.method} {req.path}"})
         try:
-            status, value = route(self, doc, req.params)
+            status, value = route(self, doc, params)
         except (ValueError, TypeError, KeyError, binascii.Error) as e:
             return _json_reply(400, {"error": str(e)})
         return _json_reply(status, value)
@@ -853,6 +856,19 @@ CONTROL = {
     ("GET", "/devices"): labdevices.c_devices,
     ("POST", "/devices"): labdevices.c_note_device,
 }
+
+# Resources of one device, /devices/<serial>/...: the serial joins the query.
+PER_DEVICE = {
+    ("GET", "health"): labdevices.c_health,
+}
+
+
+def _per_device(req):
+    parts = req.path.split("/")
+    if len(parts) != 4 or parts[:2] != ["", "devices"] or not parts[2]:
+        return None, None
+    route = PER_DEVICE.get((req.method, parts[3]))
+    return route, dict(req.params, serial=urllib.parse.unquote(parts[2]))
 
 
 def _url_host(host):

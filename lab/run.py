@@ -223,6 +223,22 @@ def parse_args(argv):
     return a
 
 
+# The client that asks a running daemon how it is (built beside the daemon).
+ORKADCTL = os.path.join(SOURCE, "build", "ctl", "orkadctl")
+
+
+def orkadctl_status(root):
+    """The command that asks the daemon of this device root how it is: the
+    client finds the daemon's socket under the root it is given."""
+    return f"ORKAD_ROOT={shlex.quote(root)} " + shlex.join(
+        [*shlex.split(os.environ.get("ORKAD_EMULATOR", "")), ORKADCTL, "status"])
+
+
+# orkadctl asks as root only, and waits for the answer on a socket only root
+# may write to: a daemon run as anyone else cannot answer it.
+NOT_ROOT = "                    (only as root, in a lab run as root)\n"
+
+
 def describe(devices, workdir, lab, relay):
     sock = lab.socket_path
     queue = {"command": {"action": "set", "context": "heartbeat",
@@ -238,7 +254,8 @@ def describe(devices, workdir, lab, relay):
   daemon logs       {d.root}/rw/orkad.log  (also http.log, command.log in {d.root}/rw)
   daemon syslog     {d.syslog_path}
   switch journal    {d.root}/var/switch/journal   (model: {d.root}/var/switch/model.json)
-"""
+  daemon status     {orkadctl_status(d.root)}
+{'' if os.geteuid() == 0 else NOT_ROOT}"""
     else:
         text += f"  switches          {len(devices)}: sw1 .. sw{len(devices)}\n"
         for d in devices:
@@ -247,6 +264,8 @@ def describe(devices, workdir, lab, relay):
         text += ("                    (each root: rw/orkad.log, var/switch/model.json, "
                  "var/switch/journal; syslog in "
                  f"{workdir}/swN/syslog.txt)\n")
+        for d in devices:
+            text += f"  {d.name + ' status':<17} {orkadctl_status(d.root)}\n"
     text += f"""  controller output {workdir}/lab/controller.log
   control API       HTTP over the Unix socket {sock}  (see docs/lab-api.md)
 

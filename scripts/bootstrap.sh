@@ -17,7 +17,7 @@ packages=(
     googletest libgtest-dev libgmock-dev
     python3 python3-pytest python3-pytest-xdist
     chromium chromium-driver python3-selenium
-    dpkg-dev fakeroot lintian file binutils
+    dpkg-dev fakeroot lintian file binutils man-db groff-base
     curl linux-perf
     clang libclang-rt-14-dev
 )

@@ -51,6 +51,20 @@ function ago(t) {
   return `${(s / 3600).toFixed(1)} h ago`;
 }
 
+function clock(t) {
+  return new Date(t * 1000).toLocaleTimeString();
+}
+
+// "12:00:01 (3 s ago)", or "in 59 min" for a time still to come.
+function when(t) {
+  if (!t) return "never";
+  if (t > state.now) {
+    const s = t - state.now;
+    return `${clock(t)} (in ${s < 90 ? s.toFixed(0) + " s" : s < 5400 ? (s / 60).toFixed(0) + " min" : (s / 3600).toFixed(1) + " h"})`;
+  }
+  return `${clock(t)} (${ago(t)})`;
+}
+
 function duration(s) {
   if (s === null || s === undefined) return "";
   const d = Math.floor(s / 86400), h = Math.floor(s % 86400 / 3600), m = Math.floor(s % 3600 / 60);
@@ -102,6 +116,59 @@ function select(serial) {
     r.classList.toggle("selected", r.dataset.serial === serial);
   refreshDevice();
   refreshStatistics();
+}
+
+// ---- health ----------------------------------------------------------------
+
+// What the last set.<context> asked, when the daemon has not (yet) taken it.
+function asked(x) {
+  if (x.asked === null || x.asked === undefined || (x.code === 0 && x.asked === x.interval)) return "";
+  return ` (asked ${x.asked} s: ${x.code === null ? "no answer yet" : "refused, code " + x.code})`;
+}
+
+function answer(code) {
+  return el("td", {class: "answer" + (code === null ? "" : code >= 200 && code < 300 ? " ok" : " failed")},
+    code === null ? "" : code);
+}
+
+function healthRows(h) {
+  const hb = h.heartbeat, tok = h.token, fw = h.firmware, ph = h.phone_home;
+  const query = ph.query ? Object.entries(ph.query).map(([k, v]) => `${k.replace("[phone_home]", "")}=${v}`).join(" ") : "";
+  return [
+    ["heartbeat-last", "Last heartbeat", when(hb.last)],
+    ["heartbeat-answer", "Answered", hb.last === null ? "" :
+      (hb.answer === null ? "no answer (dropped)" : `${hb.answer}`) + (hb.failures ? `, ${hb.failures} refused in a row, last 2xx ${when(hb.last_ok)}` : `, ${hb.count} heartbeats`)],
+    ["heartbeat-interval", "Heartbeat interval",
+      (hb.gap === null ? "" : `${hb.gap.toFixed(1)} s between the last two; `) +
+      (hb.interval === null ? "not set by the lab" : `${hb.interval} s set`) + asked(hb)],
+    ["uptime", "Uptime", hb.uptime === null ? "" : `${duration(hb.uptime)} (${hb.uptime} s, the last heartbeat's)`],
+    ["token", "Token", !tok.issued ? "none issued" :
+      (tok.held ? "held" : "not held") + (tok.expires ? `, expires ${when(tok.expires)}` : ", no expiry")],
+    ["vpn", "VPN address", hb.last === null ? "" : h.vpn.address || "none"],
+    ["firmware", "Firmware", fw.running === null ? "" :
+      `${fw.running} (${fw.via} query, ${when(fw.reported)})` + (fw.offered ? `; offered ${fw.offered}` : "")],
+    ["phone-home", "Phone-home", ph.last === null ? "never" :
+      `${when(ph.last)}, answered ${ph.answer}` + (ph.count > 1 ? `, ${ph.count} queries` : "")],
+    ["phone-home-query", "Phone-home query", query],
+  ].map(([field, label, text]) => el("tr", {"data-field": field}, el("th", {}, label), el("td", {}, text)));
+}
+
+async function refreshHealth() {
+  const h = await api("GET", `/devices/${encodeURIComponent(state.serial)}/health`);
+  // The same controller's clock as GET /devices gives, maybe a moment later.
+  state.now = Math.max(state.now, h.time);
+  $("#health tbody").replaceChildren(...healthRows(h));
+  $("#streams tbody").replaceChildren(...Object.entries(h.streams).map(([name, s]) =>
+    el("tr", {"data-stream": name},
+      el("td", {}, name),
+      el("td", {class: "enabled"}, s.enabled ? "yes" : "no"),
+      el("td", {class: "interval"}, (s.interval === null ? "" : `${s.interval} s`) + asked(s)),
+      el("td", {class: "link"}, s.link || ""),
+      el("td", {class: "last"}, when(s.last)),
+      answer(s.answer),
+      el("td", {class: "posted num"}, s.posted),
+      el("td", {class: "failed num"}, s.failed),
+      el("td", {class: "lines num"}, s.lines === undefined ? "" : s.lines))));
 }
 
 // ---- ports -----------------------------------------------------------------
@@ -258,7 +325,8 @@ async function refreshArchives() {
 
 async function refreshDevice() {
   if (!state.serial) return;
-  await Promise.all([refreshPorts(), refreshSyslog(), refreshArchives(), refreshResults()]);
+  await Promise.all([refreshHealth(), refreshPorts(), refreshSyslog(), refreshArchives(),
+    refreshResults()]);
 }
 
 async function every(ms, fn) {

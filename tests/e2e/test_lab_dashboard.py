@@ -196,3 +196,75 @@ def test_dashboard_plots_statistics_and_offers_archives(runner, browser):
         " s => [s.dataset.interface, s.querySelectorAll('polyline').length])")
     assert shown and {name for name, _ in shown} <= set(series["interfaces"])
     assert {lines for _, lines in shown} == {4}
+
+
+def health_cell(browser, field):
+    got = cells(browser, f'#health tr[data-field="{field}"] td')
+    return got[0] if got else None
+
+
+def stream_row(browser, name):
+    return dict(browser.execute_script(
+        "const r = document.querySelector(`#streams tr[data-stream=\"${arguments[0]}\"]`);"
+        " return r ? Array.from(r.querySelectorAll('td'), (c, i) =>"
+        " [c.className.split(' ')[0] || String(i), c.textContent]) : []", name))
+
+
+def test_dashboard_shows_a_device_s_health(runner, browser):
+    sw1 = runner.device(1)
+    serial = sw1["serial"]
+    health = f"/devices/{serial}/health"
+    browser.get(runner.dashboard)
+    row = f'#devices tr[data-serial="{serial}"]'
+    wait(browser, lambda: browser.find_elements(By.CSS_SELECTOR, row), 20, "the device list")
+    click(browser, row)
+    wait(browser, lambda: health_cell(browser, "heartbeat-last"), 10, "the health table")
+
+    # Heartbeats every second, answered, with the token the lab issued.
+    wait(browser, lambda: (health_cell(browser, "heartbeat-answer") or "").startswith("200, "), 20,
+         "an answered heartbeat")
+    assert health_cell(browser, "heartbeat-last").endswith(" s ago)")
+    h = runner.lab.call("GET", health)
+    assert health_cell(browser, "token").startswith("held, expires ")
+    assert health_cell(browser, "vpn") == (h["vpn"]["address"] or "none")
+    assert health_cell(browser, "firmware").startswith(
+        f"{h['firmware']['running']} (current-firmware query, ")
+    assert health_cell(browser, "phone-home").endswith(", answered 200")
+    assert f"serial={serial} " in health_cell(browser, "phone-home-query")
+    assert health_cell(browser, "uptime").endswith(" s, the last heartbeat's)")
+    assert health_cell(browser, "heartbeat-interval").endswith("not set by the lab")
+
+    # set.heartbeat from the form: the interval the lab set.
+    cid = queue_from_form(browser, "set.heartbeat",
+                          '{"interval": 2000, "serviceLink": {"href": "/heartbeat"}}')
+    wait(browser, lambda: (r := result_row(browser, cid)) and r[3] == "0", 30,
+         "the set.heartbeat result")
+    wait(browser, lambda: health_cell(browser, "heartbeat-interval").endswith("; 2 s set"), 10,
+         "the interval set")
+
+    # The lab refuses sw1's status stream: the page shows the refusal.
+    runner.lab.call("POST", "/scripts", {"path": "/api/status/sw1", "status": 503,
+                                         "count": None})
+    cid = queue_from_form(browser, "set.status",
+                          '{"interval": 10000, "serviceLink": {"href": "/status/sw1"}}')
+    wait(browser, lambda: (r := result_row(browser, cid)) and r[3] == "0", 30,
+         "the set.status result")
+    wait(browser, lambda: stream_row(browser, "status")["interval"] == "10 s", 5,
+         "the interval the daemon took")
+    wait(browser, lambda: stream_row(browser, "status")["answer"] == "503", 45,
+         "the refused status post")
+    st = stream_row(browser, "status")
+    assert (st["0"], st["enabled"], st["link"], st["posted"]) == ("status", "yes", "/status/sw1",
+                                                                  "0")
+    assert int(st["failed"]) >= 1 and st["last"].endswith(" s ago)")
+    assert browser.execute_script(
+        "return document.querySelector('#streams tr[data-stream=\"status\"] td.answer')"
+        ".className") == "answer failed"
+    assert runner.lab.call("GET", health)["streams"]["status"]["answer"] == 503
+    # The streams the lab never started.
+    sx = stream_row(browser, "statistics")
+    assert (sx["enabled"], sx["interval"], sx["last"], sx["answer"]) == ("no", "", "never", "")
+    assert stream_row(browser, "syslog")["lines"] == "0"
+
+    os.makedirs(ARTIFACTS, exist_ok=True)
+    assert browser.save_screenshot(os.path.join(ARTIFACTS, "dashboard-health.png"))

@@ -4,17 +4,23 @@ everything on Ctrl-C."""
 
 import os
 import re
+import shlex
 import shutil
 import signal
 import subprocess
 import sys
+import types
 
 import pytest
 
-from conftest import BIN, SOURCE, processes_with_root, wait_until
+from conftest import BIN, EMULATOR, SOURCE, processes_with_root, wait_until
 from netns import Netns
 
+import fleet  # noqa: E402 - lab/ is on the path (conftest)
+import run  # noqa: E402
+
 RUNNER = os.path.join(SOURCE, "lab", "run.py")
+ORKADCTL = os.path.join(SOURCE, "build", "ctl", "orkadctl")
 
 
 @pytest.fixture
@@ -54,6 +60,9 @@ def test_runner_starts_the_lab_and_stops_on_ctrl_c(runner):
     root = runner.root
     assert f"daemon logs       {root}/rw/orkad.log" in notice
     assert f"switch journal    {root}/var/switch/journal" in notice
+    # How to ask the daemon itself how it is: the client with its device root.
+    status = f"ORKAD_ROOT={root} " + shlex.join([*EMULATOR, ORKADCTL, "status"])
+    assert f"\n  daemon status     {status}\n" in notice
     sock = re.search(r"--unix-socket (\S+) -d '(.*)' http://lab/commands", notice)
     assert sock, notice
     # The runner's own namespace is the one its daemon lives in (other labs may
@@ -89,3 +98,39 @@ def test_runner_starts_the_lab_and_stops_on_ctrl_c(runner):
     for n in ns:
         assert n not in left
     assert processes_with_root(root) == []
+
+
+def described(n, tmp_path):
+    """What the runner says of a lab of n switches, made up here."""
+    devices = []
+    for i in range(1, n + 1):
+        d = run.Device(i, str(tmp_path / f"sw{i}" / "root"), str(tmp_path / f"sw{i}"),
+                       ["ip", "netns", "exec", f"ns{i}"] if n > 1 else [],
+                       fleet.address_of(i), None)
+        d.model, d.serial = fleet.make_model(fleet.sample_model(), i), fleet.serial_of(i)
+        devices.append(d)
+    lab = types.SimpleNamespace(socket_path=str(tmp_path / "lab" / "control.sock"),
+                                base_url="https://192.0.2.1:8443", prefix=["setsid"])
+    return run.describe(devices, str(tmp_path), lab, None)
+
+
+def test_runner_says_how_to_ask_each_switch_of_a_fleet(tmp_path, monkeypatch):
+    monkeypatch.delenv("ORKAD_EMULATOR", raising=False)
+    text = described(3, tmp_path).splitlines()
+    lines = [t for t in text if " status " in t and "orkadctl" in t]
+    assert lines == [f"  sw{i} status        ORKAD_ROOT={tmp_path}/sw{i}/root "
+                     f"{SOURCE}/build/ctl/orkadctl status" for i in (1, 2, 3)]
+    # A daemon run under an emulator has its client run under it too.
+    monkeypatch.setenv("ORKAD_EMULATOR", "qemu-aarch64-static -L /")
+    assert f"  sw2 status        ORKAD_ROOT={tmp_path}/sw2/root qemu-aarch64-static -L / " \
+        f"{SOURCE}/build/ctl/orkadctl status" in described(3, tmp_path).splitlines()
+
+
+def test_runner_says_orkadctl_needs_root(tmp_path, monkeypatch):
+    monkeypatch.delenv("ORKAD_EMULATOR", raising=False)
+    monkeypatch.setattr(run.os, "geteuid", lambda: 1000)
+    text = described(1, tmp_path)
+    assert (f"  daemon status     ORKAD_ROOT={tmp_path}/sw1/root {SOURCE}/build/ctl/orkadctl "
+            "status\n                    (only as root, in a lab run as root)\n") in text
+    monkeypatch.setattr(run.os, "geteuid", lambda: 0)
+    assert "only as root" not in described(1, tmp_path)

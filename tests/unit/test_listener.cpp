@@ -426,6 +426,9 @@ void *refuse_alloc(size_t)
 TEST_F(ListenerTest, RefusedInsertionIsReportedNotRegistered)
 {
     ASSERT_EQ(listener_register("kept", first_cb, nullptr), 0);
+    // The receiver's first line is written before the one looked for.
+    ASSERT_TRUE(
+        wait_logged("'unix:/tmp/orkad_socket' Unix listener started for /tmp/orkad_socket "));
     table_alloc = refuse_alloc;
     int rc = listener_register("lost", second_cb, nullptr);
     table_alloc = malloc;

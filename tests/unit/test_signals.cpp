@@ -4,9 +4,13 @@
 #include "testkit.h"
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <gtest/gtest.h>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 using namespace testkit;
@@ -135,4 +139,57 @@ TEST_F(SignalsTest, RefusedInsertionIsReportedNotRegistered)
     EXPECT_EQ(main_log().back(), "signals_handler: signal 12 has no registered handler");
     EXPECT_EQ(signals_register(SIGUSR2, handler_n<2>, "second"), 0);
     EXPECT_EQ(main_log().back(), "registered new handler 'second' for signal 12");
+}
+
+namespace
+{
+
+std::mutex order_lock;
+std::vector<std::string> order;
+std::atomic<int> inside{0};
+
+void slow_half(int)
+{
+    {
+        std::lock_guard<std::mutex> g(order_lock);
+        order.push_back("begin");
+    }
+    inside++;
+    // Long enough for the other thread's run to start if nothing held it.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    {
+        std::lock_guard<std::mutex> g(order_lock);
+        order.push_back("end");
+    }
+}
+
+void note_mark(void *arg, bool after)
+{
+    static_cast<std::vector<std::string> *>(arg)->push_back(after ? "after" : "before");
+}
+
+} // namespace
+
+// The main loop and the "orkad.dump" event may run SIGUSR1's handlers at the
+// same moment: the second run waits for the first, so two dumps never mix.
+TEST_F(SignalsTest, RunsOfOneSignalFromTwoThreadsDoNotOverlap)
+{
+    ASSERT_EQ(signals_register(SIGUSR1, slow_half, "slow_half"), 0);
+    std::thread other([] { signals_handler(SIGUSR1); });
+    // The other run has started before this one is asked for.
+    ASSERT_TRUE(wait_for([] { return inside.load() == 1; }));
+    signals_handler(SIGUSR1);
+    other.join();
+    EXPECT_EQ(order, (std::vector<std::string>{"begin", "end", "begin", "end"}));
+    EXPECT_EQ(signals_lookup(SIGUSR1)->hits, 2u);
+}
+
+TEST_F(SignalsTest, MarksComeRightBeforeAndAfterTheHandlers)
+{
+    std::vector<std::string> seen;
+    calls.clear();
+    ASSERT_EQ(signals_register(SIGUSR1, handler_n<1>, "h1"), 0);
+    signals_handler(SIGUSR1, note_mark, &seen);
+    EXPECT_EQ(seen, (std::vector<std::string>{"before", "after"}));
+    EXPECT_EQ(calls, std::vector<int>{1});
 }

@@ -358,7 +358,7 @@ std::string source_text(json_t *v)
     if (s == "phone-home")
         return "phone-home";
     if (s == "site")
-        return "phone-home (-s site)";
+        return "phone-home (-s or homesite)";
     if (s == "boot")
         return "boot environment override";
     if (s == "stored")

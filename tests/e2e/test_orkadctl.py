@@ -241,7 +241,7 @@ def test_heartbeating(heartbeating):
     match_lines(lines[:9], [
         r"orkad        1\.2\.0, pid \d+, up \d+s, restarts 0",
         re.escape(f"controller   {lab.base_url}"),
-        re.escape("  from       phone-home (-s site)"),
+        re.escape("  from       phone-home (-s or homesite)"),
         rf"phone-home   done, ok, {WHEN}",
         r"heartbeat    every 1s, 0 failed in a row",
         rf"  last       {WHEN}, ok",

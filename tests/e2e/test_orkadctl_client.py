@@ -295,6 +295,22 @@ def test_the_request_names_our_socket_which_is_root_only_and_gone_after(root, fa
     assert leftover_sockets(root) == []
 
 
+@pytest.mark.parametrize("source,shown", [
+    ("phone-home", "phone-home"), ("site", "phone-home (-s or homesite)"),
+    ("boot", "boot environment override"), ("stored", "settings database"),
+    (None, "unknown")])
+def test_where_the_controller_came_from(root, fake, source, shown):
+    def answer(req):
+        a = heartbeating(int(time.time()))
+        a["controller"]["source"] = source
+        return a
+    fake(answer)
+    p = run(root, "status")
+    assert p.returncode == 0
+    assert p.stdout.splitlines()[1:3] == ["controller   https://192.0.2.1:8443",
+                                          f"  from       {shown}"]
+
+
 def test_long_and_hostile_texts_stay_on_one_short_line(root, fake):
     def answer(req):
         a = heartbeating(int(time.time()))

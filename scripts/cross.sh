@@ -89,7 +89,7 @@ echo "cross: $arch orkad stripped: $size bytes"
 bash scripts/check-time64.sh "$triplet" "$dir/common/orkad"
 
 if [ "$package" = 1 ]; then
-    cmake --build "$dir" -j"$jobs" --target orkad orkad_package_docs
+    cmake --build "$dir" -j"$jobs" --target orkad orkadctl orkad_package_docs
     (cd "$dir" && cpack)
     version=$(sed -n 's/^project(orkad VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
     deb="$dir/orkad_${version}_$arch.deb"

@@ -112,7 +112,7 @@ def packages(tmp_path_factory):
                       f"-DCMAKE_BUILD_TYPE={build_type}", "-DORKAD_DB_VERSION=8",
                       f"-DORKAD_PACKAGE_VERSION={OLD_VERSION}", "-DORKAD_E2E=OFF"],
                      ["cmake", "--build", old_build, "-j2", "--target", "orkad",
-                      "orkad_package_docs"],
+                      "orkadctl", "orkad_package_docs"],
                      ["cmake", "--build", BUILD, "--target", "orkad_package_docs"]):
             r = subprocess.run(nice(argv), capture_output=True, text=True)
             assert r.returncode == 0, r.stdout + r.stderr

@@ -205,7 +205,7 @@ def commit():
     return head + (" with local changes" if dirty else "")
 
 
-def report(a, sizes, libs, direct, cpu, load):
+def report(a, sizes, libs, direct, emulators, cpu, load):
     arches = list(sizes)
     native = arches[0]
     out = [
@@ -274,6 +274,9 @@ def report(a, sizes, libs, direct, cpu, load):
         "| Daemon | CPU per heartbeat (ms), median | each turn (ms) | / native |",
         "|---|---|---|---|",
     ]
+    versions = sorted({subprocess.run([emu[0], "--version"], capture_output=True,
+                                      text=True).stdout.partition("\n")[0]
+                       for emu in emulators if emu})
     base = statistics.median(cpu[native])
     for arch in arches:
         m = statistics.median(cpu[arch])
@@ -281,7 +284,7 @@ def report(a, sizes, libs, direct, cpu, load):
         out.append(f"| {what} | {m * 1e3:.2f} | "
                    + ", ".join(f"{c * 1e3:.2f}" for c in cpu[arch]) + f" | {m / base:.1f} |")
     out += ["", "1-minute load average after each turn: "
-            + ", ".join(f"{x:.2f}" for x in load) + "."]
+            + ", ".join(f"{x:.2f}" for x in load) + ". Emulator: " + "; ".join(versions) + "."]
     return "\n".join(out)
 
 
@@ -326,7 +329,7 @@ def main():
         libs[arch], direct[arch] = libraries(os.path.join(build, "common", "orkad"), arch)
     cpu, load = heartbeats(a, trees)
 
-    text = report(a, sizes, libs, direct, cpu, load)
+    text = report(a, sizes, libs, direct, [e for _, e in trees.values()], cpu, load)
     benchkit.write_section(out, text, BEGIN, END)
     print(text)
 

@@ -65,10 +65,15 @@ big_model = devroot.switch_model
 
 
 class Daemon:
-    """The daemon in a fresh device root and namespace, with a lab controller."""
+    """The daemon in a fresh device root and namespace, with a lab controller.
+    A cross-built daemon runs through its emulator (["qemu-arm-static", "-L",
+    "/"]), as ORKAD_EMULATOR has the end-to-end tests run it; the working
+    child is then the emulator's own child process, so its CPU is the
+    emulated daemon's and the emulator's together."""
 
-    def __init__(self, binary, workdir, name, model=None):
+    def __init__(self, binary, workdir, name, model=None, emulator=()):
         self.binary = binary
+        self.emulator = list(emulator)
         self.workdir = os.path.join(workdir, name)
         os.makedirs(self.workdir)
         self.root = devroot.make_device_root(os.path.join(self.workdir, "root"))
@@ -86,7 +91,8 @@ class Daemon:
     def start(self, site=True):
         """Starts the daemon; returns the wall-clock time it was started at."""
         out = open(os.path.join(self.workdir, "orkad.stdout"), "a")
-        argv = self.ns.prefix() + [self.binary] + (["-s", self.lab.base_url] if site else [])
+        argv = self.ns.prefix() + [*self.emulator, self.binary] + (
+            ["-s", self.lab.base_url] if site else [])
         t0 = time.time()
         self.proc = subprocess.Popen(argv, env=dict(os.environ, ORKAD_ROOT=self.root),
                                      stdout=out, stderr=subprocess.STDOUT,
@@ -94,9 +100,9 @@ class Daemon:
         out.close()
         return t0
 
-    def ready(self):
-        self.child = wait(self._child, 20, "the working child")
-        wait(lambda: self.lab.requests(kind="heartbeat"), 20, "the first heartbeat")
+    def ready(self, timeout=20):
+        self.child = wait(self._child, timeout, "the working child")
+        wait(lambda: self.lab.requests(kind="heartbeat"), timeout, "the first heartbeat")
 
     def _child(self):
         return working_child(self.proc.pid)
@@ -325,14 +331,17 @@ def curl_exchange(d, n):
     return float(out.stdout.strip())
 
 
-def heartbeat_cpu(d, n):
-    """Child CPU seconds over n heartbeats (nothing else switched on)."""
+def heartbeat_cpu(d, n, allocs=True):
+    """Child CPU seconds over n heartbeats (nothing else switched on), and
+    heap calls per heartbeat (None without perf, or unless allocs)."""
     k0 = len(d.lab.requests(kind="heartbeat"))
     wait(lambda: len(d.lab.requests(kind="heartbeat")) > k0, 5, "a heartbeat")
     k1 = len(d.lab.requests(kind="heartbeat"))
     c0 = d.cpu_s()
     wait(lambda: len(d.lab.requests(kind="heartbeat")) >= k1 + n, 2 * n + 10, "heartbeats")
     cpu = (d.cpu_s() - c0) / n
+    if not allocs:
+        return cpu, None
     # Allocations over the next heartbeats, apart: the probes cost CPU.
     al = Allocs(d.child)
     k1 = len(d.lab.requests(kind="heartbeat"))
@@ -407,11 +416,11 @@ def stopped_controller(d, seconds):
     return up, (d.cpu_s() - c0) / seconds
 
 
-def build(build_dir, jobs):
+def build(build_dir, jobs, targets=("orkad", "stats_tick_bench")):
     subprocess.run(["cmake", "-S", SOURCE, "-B", build_dir, "-DCMAKE_BUILD_TYPE=Release",
                     "-DORKAD_E2E=OFF"], check=True, stdout=subprocess.DEVNULL)
-    subprocess.run(["cmake", "--build", build_dir, f"-j{jobs}", "--target", "orkad",
-                    "stats_tick_bench"], check=True, stdout=subprocess.DEVNULL)
+    subprocess.run(["cmake", "--build", build_dir, f"-j{jobs}", "--target", *targets],
+                   check=True, stdout=subprocess.DEVNULL)
     return os.path.join(build_dir, "common", "orkad")
 
 

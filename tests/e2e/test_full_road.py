@@ -8,6 +8,7 @@ import base64
 import json
 import os
 import signal
+import sqlite3
 
 import pytest
 
@@ -23,8 +24,13 @@ LEAK_CHECK = os.environ.get("ORKAD_LEAK_CHECK") == "1"
 # at once, with nobody at the other end.
 CLIENT_OVPN = "dev tun\nremote 127.0.0.1 1194\nifconfig 10.9.0.2 10.9.0.1\nverb 1\n"
 
+# The lab holds the diagnostics upload this long: the management VPN, started
+# just before it and stopped just after, is up meanwhile for a few
+# heartbeats at the new pace (two seconds) to carry its address.
+UPLOAD_HOLD = 6
+
 TWELVE = [
-    ("set", "heartbeat", {"interval": 1000, "serviceLink": {"href": "/heartbeat"}}),
+    ("set", "heartbeat", {"interval": 2000, "serviceLink": {"href": "/heartbeat"}}),
     ("set", "config", {"portConfiguration": [{"id": "5", "admin_status": "down"}]}),
     ("set", "status", {"interval": 10000, "serviceLink": {"href": "/status"}}),
     ("set", "statistics", {"interval": 15000, "serviceLink": {"href": "/statistics"}}),
@@ -32,8 +38,8 @@ TWELVE = [
     ("set", "system", {"location": "bench 4"}),
     ("set", "firmware", {}),
     ("set", "sslVpn", {"clientOvpn": base64.b64encode(CLIENT_OVPN.encode()).decode()}),
-    ("del", "sslVpn", {}),
     ("get", "diagnostics", {"serviceLink": {"href": "/diagnostics"}}),
+    ("del", "sslVpn", {}),
     ("set", "reboot", {"message": "the whole road"}),
     ("del", "config", {}),
 ]
@@ -55,10 +61,34 @@ def write_faults(agent, faults):
     os.replace(path + ".tmp", path)
 
 
+def keep_settings_at_reset(agent):
+    """The device's factory reset, preceded by a copy of the settings database
+    it erases (rw/settings-before-reset.db)."""
+    tool = agent.path("/usr/sbin/varnex-factory-reset")
+    os.rename(tool, tool + ".real")
+    with open(tool, "w") as f:
+        f.write('#!/bin/sh\n'
+                'root="${ORKAD_ROOT:-$(cd "$(dirname "$0")/../.." && pwd)}"\n'
+                'cp "$root/etc/varnex/config/startup.db" "$root/rw/settings-before-reset.db"\n'
+                'exec "$0.real" "$@"\n')
+    os.chmod(tool, 0o755)
+
+
+def setting_in(db, key):
+    con = sqlite3.connect(f"file:{db}?mode=ro", uri=True)
+    try:
+        row = con.execute("SELECT value FROM system WHERE key = ?", (key,)).fetchone()
+    finally:
+        con.close()
+    return row[0] if row else None
+
+
 def test_every_command_in_one_reply(agent):
     lab = agent.lab
     # The reload comes back with an error instead of taking the switch away.
     write_faults(agent, [{"call": "rpcclt_openapiSystemReload", "result": -26}])
+    keep_settings_at_reset(agent)
+    lab.delay("/api/diagnostics", UPLOAD_HOLD)
     agent.start("-s", lab.base_url)
     lab.wait_request(kind="heartbeat", status=200, timeout=20)
 
@@ -107,9 +137,31 @@ def test_every_command_in_one_reply(agent):
     wait_until(lambda: os.path.exists(agent.path("/rw/factory-reset.log")),
                what="the recorded factory reset")
     assert not os.path.exists(agent.path("/etc/varnex/config/startup.db"))
-    lab.wait_request(kind="status", path="/api/status", since=mark, timeout=30)
     agent.syslog.wait_for("reboot initiated: 'the whole road'")
-    agent.wait_log("registered 'set.status' command handler")
+    # set.system stored the property before the reset erased the settings.
+    assert setting_in(agent.path("/rw/settings-before-reset.db"), "system.location") == "bench 4"
+    # The firmware check reached the lab.
+    lab.wait_request(kind="current_firmware", since=mark, timeout=30)
+    # The management VPN's address rode on a heartbeat while it was up.
+    vpn = [h["json"].get("vpnIp") for h in lab.requests(kind="heartbeat", since=mark)
+           if isinstance(h["json"], dict) and "vpnIp" in h["json"]]
+    assert "10.9.0.2" in vpn, vpn
+    # A status document and a line of the switch's syslog, forwarded.
+    assert lab.wait_status_documents(1, timeout=30)
+    lines = lab.call("GET", "/syslog")["lines"]
+    lab.call("POST", "/syslog/send", {"text": "<13>sw1 app: along the full road"})
+    wait_until(lambda: any("along the full road" in json.dumps(ln) for ln in
+                           lab.call("GET", "/syslog", query={"since": len(lines)})["lines"]),
+               timeout=30, what="the forwarded syslog line")
+    # The heartbeat's new pace: after the reset, three heartbeats two seconds
+    # apart (one second before the command). The last wait of the road: none
+    # of these had come when the daemon started.
+    after = lab.mark()
+    beats = lab.wait_requests(3, kind="heartbeat", since=after, timeout=30)[:3]
+    gaps = [b["time"] - a["time"] for a, b in zip(beats, beats[1:])]
+    assert all(1.8 <= g < 5 for g in gaps), gaps
+    # A statistics document, one period (15 s) after the command.
+    lab.wait_request(kind="statistics", path="/api/statistics", since=mark, timeout=60)
 
     # A daemon built with AddressSanitizer looks for leaks once the road is
     # travelled: nothing any command or stream allocated may be left behind.

@@ -42,6 +42,11 @@ class UpdatesTest : public AgentTest
     void SetUp() override
     {
         AgentTest::SetUp();
+        {
+            std::lock_guard<std::mutex> hold(waits_lock);
+            waits.clear();
+        }
+        at_wait = nullptr;
         updates_sleep = record_wait;
         // The simulated switch does not go down on a reload: no minute's wait.
         icos_openapi_sleep = no_switch_wait;
@@ -375,23 +380,20 @@ TEST_F(UpdatesTest, SetFirmwareWithoutIdChecksNothing)
 TEST_F(UpdatesTest, SetFirmwareStartsTheRetriesWhenTheCheckFails)
 {
     use_lab();
-    lab->script(R"({"path":"/api/current-firmware","body":{}})");
-    std::atomic<bool> release{false};
-    at_wait = [&](size_t) {
-        while (!release)
-            usleep(10000);
-    };
+    // Three failing answers: the command's own check, then the retry
+    // thread's first two; its third check finds the firmware up to date.
+    lab->script(R"({"path":"/api/current-firmware","count":3,"body":{}})");
     run_set_firmware(R"({"action":"set","context":"firmware","id":"fw-2"})");
     EXPECT_TRUE(logged("check_updates: missing or invalid 'currentFirmware' object"));
     EXPECT_TRUE(logged("starting deferred_updates"));
-    // The retry thread checks once at once, then waits five minutes.
-    EXPECT_TRUE(wait_for([] {
-                    std::lock_guard<std::mutex> hold(waits_lock);
-                    return waits.size() == 1 && waits[0] == 300;
-                }) ||
-                !deferred_running);
-    release = true;
-    EXPECT_TRUE(wait_for([] { return !deferred_running.load(); }));
+    ASSERT_TRUE(wait_for([] { return !deferred_running.load(); }));
+    // Each failed retry waits, five minutes more each time; the success
+    // ends the thread without a wait.
+    {
+        std::lock_guard<std::mutex> hold(waits_lock);
+        EXPECT_EQ(waits, (std::vector<unsigned int>{300, 600}));
+    }
+    EXPECT_EQ(count({{"kind", "current_firmware"}}), 4u);
 }
 
 TEST_F(UpdatesTest, DeveloperBuildNeverUpdates)

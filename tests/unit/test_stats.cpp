@@ -202,6 +202,11 @@ TEST_F(StatsTest, RegistersCommandAndTick)
     EXPECT_STREQ(h->name, "do_stats");
     EXPECT_EQ(h->fn, do_stats);
     EXPECT_TRUE(logged("registered new handler 'do_stats' for signal 14"));
+    // "set.statistics" is in the dispatcher's table: the name cannot be taken
+    // twice, and a command of that name in a heartbeat reply reaches the
+    // statistics handler, which answers with its own wording.
+    EXPECT_TRUE(logged("registered 'set.statistics' command handler"));
+    EXPECT_EQ(command_register("set.statistics", cmd_set_stats), -1);
     // Nothing runs before the first command.
     EXPECT_FALSE(stats_stream.enabled);
     EXPECT_EQ(get_stats_interval(), 0);
@@ -209,6 +214,14 @@ TEST_F(StatsTest, RegistersCommandAndTick)
     ASSERT_EQ(timer_gettime(stats_timer, &its), 0);
     EXPECT_EQ(its.it_value.tv_sec, 0);
     EXPECT_EQ(its.it_value.tv_nsec, 0);
+
+    use_lab();
+    Json list(json_loads(R"([{"action":"set","context":"statistics","flags":"","id":"reg",)"
+                         R"("params":{"interval":14999}}])",
+                         0, nullptr));
+    process_bundle(list.get(), 1, "/response/s");
+    EXPECT_EQ(answer_for("reg"), std::make_pair(-1, std::string("logging interval out of range")));
+    EXPECT_TRUE(logged("set.statistics: command (set.statistics) received"));
 }
 
 TEST_F(StatsTest, IntervalLimitsKeepTheirOddWording)
@@ -476,9 +489,22 @@ TEST_F(StatsTest, PostRetriesOnlyARefusedToken)
     EXPECT_EQ(stats_post("/st", R"({"a":1})", 7), 0);
 }
 
+// A clock for the documents' "statisticsTime" that tells the periods apart:
+// one second a tick, from 2023-11-14T22:13:20Z.
+time_t tick_time(time_t *now)
+{
+    time_t t = static_cast<time_t>(1700000000LL) + stats_ticks();
+    if (now != nullptr)
+        *now = t;
+    return t;
+}
+
 TEST_F(StatsTest, SenderDropsAPeriodItCouldNotPostAndGoesOn)
 {
+    setenv("TZ", "UTC", 1);
+    tzset();
     fake_eth0();
+    stats_time = tick_time;
     ASSERT_EQ(set_stats(params(15000, "/st"), "a"), std::make_pair(0, std::string()));
     lab->add_link("/st", "statistics");
     // The refusal takes a second to come, as from a struggling controller.
@@ -501,17 +527,41 @@ TEST_F(StatsTest, SenderDropsAPeriodItCouldNotPostAndGoesOn)
     ticks_to(30);
     Json got = lab->wait_requests({{"path", "/api/st"}}, 2);
     ASSERT_EQ(json_array_size(got.get()), 2u);
+    ASSERT_TRUE(slept_again("stats_sender", sleeps));
+    // A third period, posted as well: had the refused one been kept for
+    // another try, it would have gone before this one.
+    ticks_to(34);
+    eth0_at(30000, 400000, 50000);
+    ticks_to(39);
+    eth0_at(35000, 450000, 60000);
+    sleeps = thread_sleeps("stats_sender");
+    ticks_to(45);
+    got = lab->wait_requests({{"path", "/api/st"}}, 3);
+    ASSERT_EQ(json_array_size(got.get()), 3u);
+    ASSERT_TRUE(slept_again("stats_sender", sleeps));
     EXPECT_TRUE(logged("stats_post: err = 500, reply = 'down'"));
+    auto doc = [&](size_t i) { return json_object_get(item(got, i), "json"); };
     EXPECT_EQ(json_integer_value(json_object_get(item(got, 0), "status")), 500);
-    EXPECT_EQ(json_text(json_object_get(json_object_get(item(got, 0), "json"), "interface")),
+    EXPECT_EQ(json_text(json_object_get(doc(0), "interface")),
               R"([{"id":"eth0","rx_max":10000,"rx_avg":10000,"tx_max":2000,"tx_avg":2000}])");
     // The second request is the second period, not the first sent again.
     EXPECT_EQ(json_integer_value(json_object_get(item(got, 1), "status")), 200);
-    EXPECT_EQ(json_text(json_object_get(json_object_get(item(got, 1), "json"), "interface")),
+    EXPECT_EQ(json_text(json_object_get(doc(1), "interface")),
               R"([{"id":"eth0","rx_max":20000,"rx_avg":20000,"tx_max":2000,"tx_avg":2000}])");
-    ASSERT_TRUE(slept_again("stats_sender", sleeps));
-    EXPECT_EQ(count({{"path", "/api/st"}}), 2u);
-    EXPECT_EQ(stats_periods(), 2u);
+    EXPECT_EQ(json_integer_value(json_object_get(item(got, 2), "status")), 200);
+    EXPECT_EQ(json_text(json_object_get(doc(2), "interface")),
+              R"([{"id":"eth0","rx_max":10000,"rx_avg":10000,"tx_max":2000,"tx_avg":2000}])");
+    // Each period once, at the moment it closed: the refused one (tick 15)
+    // never comes again.
+    std::vector<std::string> stamps;
+    for (size_t i = 0; i < 3; i++)
+        stamps.push_back(json_str(doc(i), "statisticsTime"));
+    stats_time = time;
+    EXPECT_EQ(stamps,
+              (std::vector<std::string>{"2023-11-14T22:13:35+0000", "2023-11-14T22:13:50+0000",
+                                        "2023-11-14T22:14:05+0000"}));
+    EXPECT_EQ(count({{"path", "/api/st"}}), 3u);
+    EXPECT_EQ(stats_periods(), 3u);
 }
 
 // ---- wake-ups the tick did not ask for, ticks during a post ---------------

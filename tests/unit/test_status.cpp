@@ -591,9 +591,26 @@ TEST_F(StatusTest, ProviderReportsEveryPortThenOnlyChanges)
 
 TEST_F(StatusTest, ThreeNeighboursGiveTheLastTwoOneOrTwoGiveAll)
 {
+    // The small switch and a fourth port with exactly two neighbours.
+    const std::string two = R"(,
+    {"ifnum": 4, "name": "0/4", "mac": "02:00:00:00:01:04", "link": "up", "admin": "enable",
+     "speed": 8, "duplex": "full",
+     "neighbors": [
+       {"chassis_id": "c4", "chassis_id_subtype": 7, "port_id": "p4", "port_id_subtype": 7,
+        "system_name": "m1", "system_description": "e1", "system_caps_supported": "Bridge",
+        "system_caps_enabled": "Bridge", "mgmt_address": "10.0.4.1"},
+       {"chassis_id": "c5", "chassis_id_subtype": 7, "port_id": "p5", "port_id_subtype": 7,
+        "system_name": "m2", "system_description": "e2", "system_caps_supported": "Bridge",
+        "system_caps_enabled": "Bridge", "mgmt_address": "10.0.4.2"}]}
+  ],
+  "vlans")";
+    const std::string model = replaced(small_model, "\n  ],\n  \"vlans\"", two);
+    ASSERT_NE(model, small_model);
+    write_model(model);
     std::string doc = provide(true);
     Json d = json_parse(doc);
     json_t *ports = json_object_get(d.get(), "port");
+    ASSERT_EQ(json_array_size(ports), 4u) << doc;
     auto names = [&](size_t i) {
         std::vector<std::string> out;
         json_t *n = json_object_get(json_array_get(ports, i), "neighbor");
@@ -604,6 +621,7 @@ TEST_F(StatusTest, ThreeNeighboursGiveTheLastTwoOneOrTwoGiveAll)
     EXPECT_EQ(names(0), std::vector<std::string>{"pi"});
     EXPECT_EQ(names(1), std::vector<std::string>{});
     EXPECT_EQ(names(2), (std::vector<std::string>{"n2", "n3"}));
+    EXPECT_EQ(names(3), (std::vector<std::string>{"m1", "m2"}));
 }
 
 TEST_F(StatusTest, AbsurdPortRecords)

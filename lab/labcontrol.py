@@ -150,11 +150,14 @@ def c_commands(lab, doc, q):
         return 200, copy.deepcopy({"pending": pending, "delivered": delivered})
 
 
-def c_clear_commands(lab, doc, q):
-    with lab.changed:
-        n = len(lab.pending)
-        lab.pending = []
-        return 200, {"cleared": n}
+def _clear(name):
+    """The route that empties one of the lab's lists and says how many it held."""
+    def route(lab, doc, q):
+        with lab.changed:
+            n = len(getattr(lab, name))
+            setattr(lab, name, [])
+            return 200, {"cleared": n}
+    return route
 
 
 def c_add_script(lab, doc, q):
@@ -221,13 +224,6 @@ def c_requests(lab, doc, q):
     return 200, {"requests": found, "last": lab.last["request"]}
 
 
-def c_clear_requests(lab, doc, q):
-    with lab.changed:
-        n = len(lab.requests)
-        lab.requests = []
-        return 200, {"cleared": n}
-
-
 def c_results(lab, doc, q):
     since = int(q.get("since") or 0)
 
@@ -263,7 +259,7 @@ CONTROL = {
     ("POST", "/firmware"): c_set_firmware,
     ("POST", "/commands"): c_queue,
     ("GET", "/commands"): c_commands,
-    ("DELETE", "/commands"): c_clear_commands,
+    ("DELETE", "/commands"): _clear("pending"),
     ("POST", "/scripts"): c_add_script,
     ("GET", "/scripts"): c_scripts,
     ("DELETE", "/scripts"): c_clear_scripts,
@@ -271,7 +267,7 @@ CONTROL = {
     ("POST", "/links"): c_add_link,
     ("DELETE", "/links"): c_del_link,
     ("GET", "/requests"): c_requests,
-    ("DELETE", "/requests"): c_clear_requests,
+    ("DELETE", "/requests"): _clear("requests"),
     ("GET", "/results"): c_results,
     ("GET", "/statistics"): statseries.control_statistics,
     ("GET", "/connection-errors"): c_errors,

@@ -1,6 +1,7 @@
 """HTTP plumbing of the lab controller: threaded servers over TLS, TCP and
 Unix sockets, request bodies (plain or chunked), query strings as the
-daemon writes them, and multipart forms."""
+daemon writes them and the control API's filters on them, multipart forms,
+and JSON replies written compactly, as the controller does."""
 
 import fnmatch
 import http.server

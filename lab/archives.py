@@ -8,11 +8,12 @@ in memory and, when it has a state folder, as a file under
 """
 
 import base64
-import fnmatch
 import hashlib
 import os
 import re
 import time
+
+from labhttp import matches
 
 
 class Archives:
@@ -55,27 +56,16 @@ class Archives:
         return v
 
 
-def _match(pattern, value):
-    # as the controller matches: exact, or with * and ? wildcards
-    if pattern is None:
-        return True
-    if value is None:
-        return False
-    if "*" in pattern or "?" in pattern:
-        return fnmatch.fnmatchcase(value, pattern)
-    return pattern == value
-
-
 def c_archives(lab, doc, q):
     since = int(q.get("since") or 0)
 
     def select():
         return [Archives.view(a) for a in lab.archives.items
                 if a["seq"] > since
-                and _match(q.get("path"), a["path"])
-                and _match(q.get("kind"), a["kind"] or "unknown")
-                and _match(q.get("serial"), a["serial"])]
-    return 200, {"archives": lab._wait_for(select, q), "last": lab.archives.seq}
+                and matches(q.get("path"), a["path"])
+                and matches(q.get("kind"), a["kind"] or "unknown")
+                and matches(q.get("serial"), a["serial"])]
+    return 200, {"archives": lab.wait_for(select, q), "last": lab.archives.seq}
 
 
 def c_archive(lab, doc, q):

@@ -1,8 +1,11 @@
 """HTTP plumbing of the lab controller: threaded servers over TLS, TCP and
 Unix sockets, request bodies (plain or chunked), query strings as the
-daemon writes them, and multipart forms."""
+daemon writes them and the control API's filters on them, multipart forms,
+and JSON replies written compactly, as the controller does."""
 
+import fnmatch
 import http.server
+import json
 import os
 import socket
 import socketserver
@@ -44,6 +47,27 @@ class Reply:
         self.delay = delay
         self.drop = drop
         self.after = None  # called with True/False once the reply was (not) written
+
+
+def compact_json(value):
+    """A JSON text as the controller writes it: no spaces."""
+    return json.dumps(value, separators=(",", ":")).encode()
+
+
+def json_reply(status, value, headers=None):
+    return Reply(status, compact_json(value), headers)
+
+
+def matches(pattern, value):
+    """A query filter: exact, or with * and ? wildcards; no filter (None)
+    takes everything, a filter never takes a missing value."""
+    if pattern is None:
+        return True
+    if value is None:
+        return False
+    if "*" in pattern or "?" in pattern:
+        return fnmatch.fnmatchcase(value, pattern)
+    return pattern == value
 
 
 def parse_query(query):

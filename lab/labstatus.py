@@ -63,7 +63,7 @@ def c_documents(lab, doc, q):
         return [d for d in lab.status.documents
                 if d["seq"] > since and (q.get("path") is None or d["path"] == q["path"])
                 and (q.get("serial") is None or d["serial"] == q["serial"])]
-    found = lab._wait_for(select, q)
+    found = lab.wait_for(select, q)
     return 200, {"documents": found, "last": lab.status.seq}
 
 

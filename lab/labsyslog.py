@@ -102,7 +102,7 @@ def c_syslog(lab, doc, q):
                 and (q.get("path") is None or ln["path"] == q.get("path"))
                 and (q.get("serial") is None or ln["serial"] == q.get("serial"))
                 and (q.get("contains") is None or q.get("contains") in ln["text"])]
-    found = lab._wait_for(select, q)
+    found = lab.wait_for(select, q)
     with lab.changed:
         return 200, {"lines": found, "last": len(lab.syslog.lines),
                      "batches": lab.syslog.batches, "unreadable": lab.syslog.unreadable}

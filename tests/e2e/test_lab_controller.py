@@ -533,6 +533,22 @@ def test_reset(lab, api):
     assert api.heartbeat(token)[0] == 401
 
 
+def test_clearing_the_queue_and_the_request_log(lab, api):
+    lab.queue_commands([{"action": "set", "context": "config"},
+                        {"action": "set", "context": "system"}])
+    api.call("GET", "/nothing")
+    api.call("GET", "/nothing/else")
+    assert lab.clear_commands() == 2
+    assert lab.commands() == {"pending": [], "delivered": []}
+    assert lab.clear_requests() == 2
+    assert lab.requests() == []
+    # Each clears its own list only, and a second time finds it empty.
+    assert lab.clear_commands() == 0
+    lab.queue_command(action="set", context="config")
+    assert lab.clear_requests() == 0
+    assert len(lab.pending_commands()) == 1
+
+
 def test_control_api_refuses_bad_calls(lab):
     from labfixture import LabError
     with pytest.raises(LabError):

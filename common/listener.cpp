@@ -27,6 +27,11 @@ namespace
 // the list without the lock.
 std::atomic<listener_socket_t *> listener_sockets{nullptr};
 std::mutex listener_sockets_lock;
+// Guards every socket's event table and callback chains. A socket's thread
+// starts with its first registration and may be handling an event while the
+// same module registers its next one, so lookups and links are taken under
+// it; callbacks run without it.
+std::mutex listener_tables_lock;
 const char default_socket_name[] = LISTENER_DEFAULT_SOCKET;
 
 const char *choose_name(const char *socket_name)
@@ -60,16 +65,21 @@ void process_message(listener_socket_t *sock, const char *buf, int len)
     }
     const char *name = json_string_value(event);
     json_t *params = json_object_get(msg.get(), "params");
-    struct listener *l =
-        static_cast<struct listener *>(table_lookup(sock->table, name, strlen(name)));
+    struct listener *l;
+    {
+        std::lock_guard<std::mutex> guard(listener_tables_lock);
+        l = static_cast<struct listener *>(table_lookup(sock->table, name, strlen(name)));
+    }
     if (l == nullptr) {
         log_fprint(orkad_log, "listener: no listener registered for event '%s'\n", name);
         return;
     }
-    for (; l != nullptr; l = l->next) {
+    while (l != nullptr) {
         l->fn(name, params);
         // Counted on the receiver's thread, read by whoever looks.
         std::atomic_ref<unsigned int>(l->hits).fetch_add(1, std::memory_order_relaxed);
+        std::lock_guard<std::mutex> guard(listener_tables_lock);
+        l = l->next;
     }
 }
 
@@ -208,6 +218,7 @@ int listener_register(const char *event, listener_fn fn, const char *socket_name
     l->fn = fn;
 
     size_t keylen = strlen(event);
+    std::lock_guard<std::mutex> guard(listener_tables_lock);
     struct listener *first =
         static_cast<struct listener *>(table_lookup(sock->table, event, keylen));
     if (first != nullptr) {
@@ -276,5 +287,6 @@ struct listener *listener_lookup(const char *socket_name, const char *event)
     listener_socket_t *sock = find_socket(choose_name(socket_name));
     if (sock == nullptr)
         return nullptr;
+    std::lock_guard<std::mutex> guard(listener_tables_lock);
     return static_cast<struct listener *>(table_lookup(sock->table, event, strlen(event)));
 }

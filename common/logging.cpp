@@ -38,11 +38,14 @@ std::atomic<int> refused{0};
 // Lines taken and not yet delivered or given up: added by the receiver, taken
 // off by the sender a batch at a time.
 std::atomic<int> waiting{0};
-queue_t *ready_logs_queue;
+// Made by logging_init, after the local listeners are up: an operator's
+// status request may count it from the listener thread before it exists.
+std::atomic<queue_t *> ready_logs_queue{nullptr};
 
 int ready_count(void)
 {
-    return ready_logs_queue != nullptr ? queue_count(ready_logs_queue) : 0;
+    queue_t *q = ready_logs_queue.load(std::memory_order_acquire);
+    return q != nullptr ? queue_count(q) : 0;
 }
 
 // Caller holds logbuf_lock.
@@ -105,8 +108,8 @@ bool refused_for_good(int err)
 
 void logging_init(void)
 {
-    ready_logs_queue = queue_create("ready_logs_queue");
-    if (ready_logs_queue == nullptr)
+    ready_logs_queue.store(queue_create("ready_logs_queue"), std::memory_order_release);
+    if (ready_logs_queue.load(std::memory_order_relaxed) == nullptr)
         log_fprint(orkad_log, "%s: cannot create ready_logs_queue\n", "logging_init");
     command_register("set.logging", cmd_set_logging);
     signals_register(SIGUSR1, logging_debug, "logging_debug");

@@ -502,3 +502,48 @@ TEST_F(ListenerTest, DeeplyNestedDatagramIsDroppedAndTheNextOneProcessed)
     EXPECT_TRUE(logged("listener: error decoding message: maximum parsing depth reached"));
     EXPECT_TRUE(logged("len = " + std::to_string(deep.size()) + ", message = '" + deep + "'"));
 }
+
+namespace
+{
+std::atomic<int> quiet_calls{0};
+void quiet_cb(const char *, json_t *)
+{
+    quiet_calls.fetch_add(1, std::memory_order_relaxed);
+}
+} // namespace
+
+TEST_F(ListenerTest, RegisteringWhileEventsFlowOnTheSocket)
+{
+    // A module registers its events one after the other while the socket's
+    // thread, started by the first, may already be handling one (the
+    // operator's status request comes whenever it comes). The ThreadSanitizer
+    // build fails this test if a lookup and a link ever race.
+    ASSERT_EQ(listener_register("e0", quiet_cb, nullptr), 0);
+    std::atomic<bool> stop{false};
+    std::thread sender([&stop] {
+        const char msg[] = R"({"event":"e0"})";
+        while (!stop.load())
+            listener_internal_send(nullptr, msg, sizeof(msg) - 1);
+    });
+    for (int i = 1; i < 40; i++) {
+        std::string e = "e" + std::to_string(i % 4);
+        ASSERT_EQ(listener_register(e.c_str(), quiet_cb, nullptr), 0);
+    }
+    ASSERT_TRUE(wait_for([] { return quiet_calls.load() > 100; }));
+    stop.store(true);
+    sender.join();
+
+    // Every registration landed: e0 has its first callback and nine more,
+    // e1 to e3 ten each.
+    for (int i = 0; i < 4; i++) {
+        std::string e = "e" + std::to_string(i);
+        int n = 0;
+        for (struct listener *l = listener_lookup(nullptr, e.c_str()); l != nullptr; l = l->next)
+            n++;
+        EXPECT_EQ(n, 10) << e;
+    }
+    int before = quiet_calls.load();
+    const char msg[] = R"({"event":"e3"})";
+    ASSERT_EQ(listener_internal_send(nullptr, msg, sizeof(msg) - 1), 0);
+    EXPECT_EQ(quiet_calls.load() - before, 10);
+}

@@ -994,3 +994,31 @@ TEST_F(LoggingTest, ReceiverThatCannotBindSaysSo)
                        " (errno = 'Address already in use', 98)"));
     close(s);
 }
+
+// The local listeners start before syslog forwarding does, so an operator's
+// status request may count the waiting batches while logging_init is making
+// their queue. The ThreadSanitizer build fails this test if that races.
+class LoggingStartTest : public AgentTest
+{
+};
+
+TEST_F(LoggingStartTest, CountedFromAnotherThreadWhileForwardingStarts)
+{
+    std::atomic<bool> stop{false};
+    std::atomic<int> asks{0};
+    std::thread asker([&] {
+        while (!stop.load()) {
+            int ready = -1, filling = -1;
+            logging_counts(nullptr, nullptr, &ready, &filling);
+            EXPECT_EQ(ready, 0);
+            EXPECT_EQ(filling, 0);
+            asks.fetch_add(1);
+        }
+    });
+    ASSERT_TRUE(wait_for([&] { return asks.load() > 0; }));
+    logging_init();
+    int seen = asks.load();
+    ASSERT_TRUE(wait_for([&] { return asks.load() > seen; }));
+    stop.store(true);
+    asker.join();
+}

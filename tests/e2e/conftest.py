@@ -308,3 +308,15 @@ def pytest_collectreport(report):
     # A whole module skipped (pytest.importorskip at its top).
     if NO_SKIPS and report.skipped:
         _no_skip(report)
+
+
+def cpack(build, out, version):
+    """The package of the build tree at build, made by cpack into out: its path."""
+    r = subprocess.run(["cpack", "--config", os.path.join(build, "CPackConfig.cmake"), "-B",
+                        str(out)], cwd=str(out), capture_output=True, text=True)
+    assert r.returncode == 0, r.stdout + r.stderr
+    arch = subprocess.run(["dpkg", "--print-architecture"], capture_output=True, text=True,
+                          check=True).stdout.strip()
+    deb = out / f"orkad_{version}_{arch}.deb"
+    assert deb.exists(), os.listdir(out)
+    return deb

@@ -12,7 +12,7 @@ import subprocess
 import pytest
 
 import devroot
-from conftest import BIN, EMULATOR, SOURCE, Daemon, processes_with_root, wait_until
+from conftest import BIN, EMULATOR, SOURCE, Daemon, cpack, processes_with_root, wait_until
 from lab_fixtures import LabController
 
 BUILD = os.path.dirname(os.path.dirname(BIN))
@@ -140,14 +140,7 @@ def test_install_boot_component(tmp_path):
 def package(tmp_path_factory):
     native_build()
     out = tmp_path_factory.mktemp("packages")
-    r = subprocess.run(["cpack", "--config", os.path.join(BUILD, "CPackConfig.cmake"),
-                        "-B", str(out)], cwd=str(out), capture_output=True, text=True)
-    assert r.returncode == 0, r.stdout + r.stderr
-    arch = subprocess.run(["dpkg", "--print-architecture"], capture_output=True, text=True,
-                          check=True).stdout.strip()
-    deb = out / f"orkad_1.2.0_{arch}.deb"
-    assert deb.exists(), os.listdir(out)
-    return deb
+    return cpack(BUILD, out, "1.2.0")
 
 
 def deb_field(deb, name):

@@ -25,7 +25,7 @@ import subprocess
 import pytest
 
 import devroot
-from conftest import BIN, EMULATOR, SyslogSink, log_messages, wait_until
+from conftest import BIN, EMULATOR, SyslogSink, cpack, log_messages, wait_until
 from lab_fixtures import LabController
 
 BUILD = os.path.dirname(os.path.dirname(BIN))
@@ -73,17 +73,6 @@ done
 def native_build():
     if EMULATOR or not os.path.exists(os.path.join(BUILD, "CMakeCache.txt")):
         pytest.skip("needs the native build tree")
-
-
-def cpack(build, out, version):
-    r = subprocess.run(["cpack", "--config", os.path.join(build, "CPackConfig.cmake"), "-B",
-                        str(out)], cwd=str(out), capture_output=True, text=True)
-    assert r.returncode == 0, r.stdout + r.stderr
-    arch = subprocess.run(["dpkg", "--print-architecture"], capture_output=True, text=True,
-                          check=True).stdout.strip()
-    deb = out / f"orkad_{version}_{arch}.deb"
-    assert deb.exists(), os.listdir(out)
-    return deb
 
 
 def nice(argv):

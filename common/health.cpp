@@ -1,5 +1,6 @@
 #include "health.h"
 
+#include "db.h"
 #include "devroot.h"
 #include "heartbeat.h"
 #include "listener.h"
@@ -53,7 +54,6 @@ std::atomic<int> phone_result{NO_RESULT};
 std::atomic<bool> token_held{false};
 std::atomic<int64_t> token_expires{0};
 std::atomic<bool> vpn_started{false};
-std::atomic<int> schema{-1};
 
 // The few texts: written seldom (a new controller, a firmware check), copied
 // out under this lock, never held across anything else.
@@ -266,11 +266,6 @@ void health_vpn_started(bool running)
     vpn_started.store(running, std::memory_order_relaxed);
 }
 
-void health_schema(int version)
-{
-    schema.store(version, std::memory_order_relaxed);
-}
-
 void health_firmware_running(const char *version)
 {
     std::lock_guard<std::mutex> hold(text_lock);
@@ -375,7 +370,7 @@ json_ptr health_status(void)
     json_object_set_new(d, "firmware",
                         json_pack("{s:o,s:o}", "running", text_or_null(running), "pending",
                                   pending ? json_string(pending->c_str()) : json_null()));
-    int version = schema.load();
+    int version = db_version.load();
     json_object_set_new(
         d, "database",
         json_pack("{s:o}", "schema", version >= 0 ? json_integer(version) : json_null()));

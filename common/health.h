@@ -45,7 +45,6 @@ void health_phone_home_result(int result);
 void health_controller(const std::string &url, controller_source source);
 void health_token(bool held, time_t expires);
 void health_vpn_started(bool started);
-void health_schema(int version);
 void health_firmware_running(const char *version);
 // null: nothing pending.
 void health_firmware_pending(const char *version);

@@ -3,12 +3,12 @@
 // the controller by the "logging_send" thread that "set.logging" starts.
 #pragma once
 
+#include "platform_utils.h"
 #include "queue.h"
 #include "stream.h"
 
 #include <jansson.h>
 
-#define LOGGING_SOCKET "unix:/tmp/orkad_syslog_socket"
 // Bytes of line records (length word plus text) one batch holds.
 #define LOGBUF_SIZE 4096
 // Longest line forwarded; longer ones are counted as oversize.

@@ -6,7 +6,7 @@
 // status collection.
 #pragma once
 
-#include "status.h"
+#include "port_status.h"
 
 #include <cstdint>
 

@@ -5,7 +5,6 @@
 #include "icos-openapi.h"
 #include "listener.h"
 #include "log.h"
-#include "logging.h"
 #include "lsql.h"
 #include "utils.h"
 #include "work.h"
@@ -21,11 +20,6 @@
 #include <unistd.h>
 
 const char *const firmware_image[2] = {"/mnt/fastpath/image1", "/mnt/fastpath/image2"};
-namespace
-{
-char default_mgmt_ifname[] = "eth0";
-}
-char *mgmt_ifname = default_mgmt_ifname;
 const char localhost[10] = "127.0.0.1";
 
 unsigned int (*platform_sleep)(unsigned int seconds) = sleep;

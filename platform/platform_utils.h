@@ -8,6 +8,9 @@
 #include <jansson.h>
 #include <string>
 
+// The syslog receiver hands each line on as a "syslog" event to the
+// forwarding module's socket.
+constexpr char LOGGING_SOCKET[] = "unix:/tmp/orkad_syslog_socket";
 // The switch sends its syslog to this local UDP port once we ask it to.
 #define PLATFORM_SYSLOG_PORT 46180
 // The receiver reads datagrams of at most 1024 bytes and takes at most 1023
@@ -19,8 +22,6 @@
 #define PLATFORM_SYSLOG_EVENT 8192
 
 extern const char *const firmware_image[2];
-// The management interface; phone-home may point it at another one.
-extern char *mgmt_ifname;
 extern const char localhost[10];
 
 // Every sleep of this unit (factory resets, start-up gates) goes through

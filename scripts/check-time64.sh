@@ -75,7 +75,7 @@ if [ ${#bad[@]} -gt 0 ]; then
     status=1
 fi
 # Sources: curl options and infos whose time is a long.
-if grep -rnE 'CURLINFO_FILETIME\b|CURLOPT_TIMEVALUE\b' common platform openapi; then
+if grep -rnE 'CURLINFO_FILETIME\b|CURLOPT_TIMEVALUE\b' base common platform openapi ctl; then
     echo "check-time64: a time passes libcurl in a long (use the _T / _LARGE form)" >&2
     status=1
 fi

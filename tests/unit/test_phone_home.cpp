@@ -5,6 +5,7 @@
 #include "auth.h"
 #include "auto-updates.h"
 #include "debug.h"
+#include "netutils.h"
 #include "orkad.h"
 #include "phone-home.h"
 

@@ -2,6 +2,7 @@
 #include "db.h"
 #include "icos-openapi.h"
 #include "log.h"
+#include "netutils.h"
 #include "lsql.h"
 #include "platform_utils.h"
 #include "stats_aps.h"

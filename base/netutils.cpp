@@ -22,6 +22,12 @@
 
 namespace
 {
+char default_mgmt_ifname[] = "eth0";
+}
+char *mgmt_ifname = default_mgmt_ifname;
+
+namespace
+{
 
 const char ovs_vsctl[] = "/usr/local/bin/ovs-vsctl";
 const char udhcpc[] = "/sbin/udhcpc";

@@ -1,7 +1,6 @@
 #include "db.h"
 
 #include "devroot.h"
-#include "health.h"
 #include "log.h"
 #include "raii.h"
 
@@ -20,7 +19,7 @@
 // waits for it (DB_BUSY_TIMEOUT_MS) instead of failing.
 sqlite3 *db_main;
 const char *db_startup = "/etc/varnex/config/startup.db";
-int db_version = -1;
+std::atomic<int> db_version{-1};
 
 namespace
 {
@@ -65,13 +64,12 @@ void db_get_version(void)
         db_version = (int)strtol(value->c_str(), nullptr, 10);
     else
         log_fprint(orkad_log, "db_init: cannot get db.version\n");
-    log_fprint(orkad_log, "db_init: db version %d\n", db_version);
-    health_schema(db_version);
+    log_fprint(orkad_log, "db_init: db version %d\n", db_version.load());
 }
 
 void db_migrate(void)
 {
-    log_fprint(orkad_log, "db_init: migrating database from version %d to %d\n", db_version,
+    log_fprint(orkad_log, "db_init: migrating database from version %d to %d\n", db_version.load(),
                DB_VERSION);
 
     if (db_version < 0) {

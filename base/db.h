@@ -3,6 +3,7 @@
 // operations over it. Nothing else in the agent touches SQLite.
 #pragma once
 
+#include <atomic>
 #include <initializer_list>
 #include <optional>
 #include <sqlite3.h>
@@ -39,7 +40,9 @@ struct db_values {
 
 extern sqlite3 *db_main;
 extern const char *db_startup;
-extern int db_version;
+// The schema version read at start-up, -1 until then or when unreadable.
+// Atomic because the status answer reads it from the listener thread.
+extern std::atomic<int> db_version;
 
 // Opens, creates or migrates the settings file; exits with status 1 when it
 // cannot.

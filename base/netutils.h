@@ -3,7 +3,7 @@
 // again, so all of them are reentrant.
 #pragma once
 
-// The management interface, owned by the platform layer ("eth0" by default).
+// The management interface, "eth0" unless phone-home points it at another one.
 extern char *mgmt_ifname;
 
 // ifname: 16 bytes.

@@ -1,56 +1,21 @@
-// Port status: the per-port record the switch adapter fills (platform/
-// icos-openapi) and the status reporter turns into documents.
+// The status stream: the documents the controller asks for with "set.status",
+// made from the port records the switch adapter fills.
 #pragma once
 
+#include "icos-openapi.h"
 #include "stream.h"
 
 #include <jansson.h>
-
-// One remote LLDP device on a port; every text is a heap copy owned by the
-// record.
-typedef struct lldp_neighbor {
-    struct lldp_neighbor *next;
-    char *chassis_id;
-    int chassis_id_subtype; // 1 chassis component ... 4 MAC address ... 7 locally assigned
-    char *port_id;
-    int port_id_subtype; // 1 interface alias ... 5 interface name ... 7 locally assigned
-    char *system_name;
-    char *system_description;
-    char *mgmt_address;
-    char *system_caps_supported;
-    char *system_caps_enabled;
-} lldp_neighbor_t;
-
-// One VLAN the port takes part in; name is a heap copy owned by the record.
-typedef struct vlan_info {
-    struct vlan_info *next;
-    int vid;
-    char *name;
-} vlan_info_t;
-
-// One record per switch interface number; the table is indexed by that
-// number directly and entry 0 is never used.
-typedef struct port_status {
-    bool valid;   // seen by a collection at least once; never cleared
-    bool changed; // set by collection when a field below changed; the reporter clears it
-    bool link_up;
-    bool link_enabled;
-    bool full_duplex;
-    int speed; // Mbit/s, 0 when unknown
-    char port_name[32];
-    char mac_addr[18];
-    lldp_neighbor_t *neighbors;
-    vlan_info_t *vlans;
-} port_status_t;
+#include <memory>
 
 // ---- the status stream ------------------------------------------------------
 
 // Size of the port table: interface numbers 1..127.
-#define STATUS_MAX_PORTS 128
+constexpr int STATUS_MAX_PORTS = 128;
 // The thread's pace is counted in steps of this many seconds.
-#define STATUS_STEP 10
-#define STATUS_MIN_INTERVAL 10
-#define STATUS_MAX_INTERVAL 3600
+constexpr int STATUS_STEP = 10;
+constexpr int STATUS_MIN_INTERVAL = 10;
+constexpr int STATUS_MAX_INTERVAL = 3600;
 
 // Adds members to the outgoing document; last_failed is true when the
 // previous post failed or none has succeeded yet (then everything is sent).
@@ -66,7 +31,7 @@ typedef struct status_provider {
 // 10..3600) and its "status_send" thread.
 extern stream_record status_stream;
 // The table the port provider reports from; allocated on first use.
-extern port_status_t *port_status;
+extern std::unique_ptr<port_status_t[]> port_status;
 extern status_provider_t *status_providers;
 
 // Every wait of the status thread goes through here; tests point it

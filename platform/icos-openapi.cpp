@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <iterator>
 #include <mutex>
 #include <new>
 #include <unistd.h>
@@ -36,19 +36,24 @@ constexpr uint32_t lldp_str_limit = 8192;
 
 const char *const collect_fn = "platform_collect_port_status";
 
-// Copies at most `chars` characters of src into dst, which holds chars + 1.
-void copy_cut(char *dst, size_t chars, const char *src)
-{
-    size_t n = strnlen(src, chars);
-    memcpy(dst, src, n);
-    dst[n] = '\0';
-}
-
 // An input text as OpEN takes it: the size counts the terminator.
 open_buffdesc text_desc(const char *text)
 {
     return open_buffdesc{(uint32_t)strlen(text) + 1, const_cast<char *>(text)};
 }
+
+// An input text cut to at most `chars` characters, with its descriptor.
+struct cut_text {
+    const std::string text;
+    open_buffdesc desc;
+
+    cut_text(const char *src, size_t chars)
+        : text(src, strnlen(src, chars)), desc(text_desc(text.c_str()))
+    {
+    }
+    cut_text(const cut_text &) = delete;
+    cut_text &operator=(const cut_text &) = delete;
+};
 
 // One operation on the switch: holds the client lock from its first OpEN call
 // to its return, and logs a failed call under the operation's name.
@@ -130,50 +135,15 @@ void replace_if_changed(port_status_t *ps, std::vector<T> &stored, std::vector<T
 
 // ---- collection ----------------------------------------------------------
 
+// Mbit/s by OpEN speed value; 100FX counts as 1000 and 20G as 0, which is
+// what the controller has always been sent for these ports. Auto-negotiate,
+// 25G and up are 0 too.
+constexpr int speed_mbits[] = {0, 0, 100, 100, 10, 10, 1000, 1000, 10000, 0, 40000};
+
 int icos_convert_speed(OPEN_PORT_SPEEDS_t speed)
 {
-    // 100FX counts as 1000 and 20G as 0: that is what the controller has
-    // always been sent for these ports.
-    switch (speed) {
-    case OPEN_PORTCTRL_PORTSPEED_HALF_100TX:
-    case OPEN_PORTCTRL_PORTSPEED_FULL_100TX:
-        return 100;
-    case OPEN_PORTCTRL_PORTSPEED_HALF_10T:
-    case OPEN_PORTCTRL_PORTSPEED_FULL_10T:
-        return 10;
-    case OPEN_PORTCTRL_PORTSPEED_FULL_100FX:
-    case OPEN_PORTCTRL_PORTSPEED_FULL_1000SX:
-        return 1000;
-    case OPEN_PORTCTRL_PORTSPEED_FULL_10GSX:
-        return 10000;
-    case OPEN_PORTCTRL_PORTSPEED_FULL_40GSX:
-        return 40000;
-    default:
-        return 0;
-    }
+    return speed >= 0 && (size_t)speed < std::size(speed_mbits) ? speed_mbits[speed] : 0;
 }
-
-// The scratch buffer every LLDP text of one port is read into; the byte past
-// `len` keeps a text that fills the buffer terminated.
-struct lldp_scratch {
-    uint32_t len = 0;
-    open_buffdesc desc{};
-    char buf[lldp_str_limit + 1];
-
-    // Emptied and at full size again before each read.
-    open_buffdesc *fresh()
-    {
-        buf[0] = '\0';
-        buf[len] = '\0';
-        desc = open_buffdesc{len, buf};
-        return &desc;
-    }
-    const char *text()
-    {
-        buf[len] = '\0';
-        return buf;
-    }
-};
 
 // One field of a remote device: the read, the text it fills and the call's
 // name for the failure line.
@@ -194,24 +164,28 @@ open_error_t lldp_text(uint32_t port, uint32_t index, uint32_t stamp, open_buffd
     return get(&icos_openapi_client, port, index, stamp, d);
 }
 
+// The two IDs come with their subtype.
+template <typename S,
+          open_error_t (*get)(openapiClientHandle_t *, uint32_t, uint32_t, uint32_t, S *,
+                              open_buffdesc *),
+          int lldp_neighbor::*subtype>
+open_error_t lldp_id(uint32_t port, uint32_t index, uint32_t stamp, open_buffdesc *d,
+                     lldp_neighbor &n)
+{
+    S value = (S)0;
+    open_error_t r = get(&icos_openapi_client, port, index, stamp, &value, d);
+    n.*subtype = value;
+    return r;
+}
+
 // In the order the switch is asked.
 const lldp_field lldp_fields[] = {
     {"openapiLldpIntfRemoteDeviceChassisIdGet", &lldp_neighbor::chassis_id,
-     [](uint32_t port, uint32_t index, uint32_t stamp, open_buffdesc *d, lldp_neighbor &n) {
-         OPEN_LLDP_CHASSIS_ID_SUBTYPE_t subtype = (OPEN_LLDP_CHASSIS_ID_SUBTYPE_t)0;
-         open_error_t r = rpcclt_openapiLldpIntfRemoteDeviceChassisIdGet(&icos_openapi_client, port,
-                                                                         index, stamp, &subtype, d);
-         n.chassis_id_subtype = subtype;
-         return r;
-     }},
+     lldp_id<OPEN_LLDP_CHASSIS_ID_SUBTYPE_t, rpcclt_openapiLldpIntfRemoteDeviceChassisIdGet,
+             &lldp_neighbor::chassis_id_subtype>},
     {"openapiLldpIntfRemoteDevicePortIdGet", &lldp_neighbor::port_id,
-     [](uint32_t port, uint32_t index, uint32_t stamp, open_buffdesc *d, lldp_neighbor &n) {
-         OPEN_LLDP_PORT_ID_SUBTYPE_t subtype = (OPEN_LLDP_PORT_ID_SUBTYPE_t)0;
-         open_error_t r = rpcclt_openapiLldpIntfRemoteDevicePortIdGet(&icos_openapi_client, port,
-                                                                      index, stamp, &subtype, d);
-         n.port_id_subtype = subtype;
-         return r;
-     }},
+     lldp_id<OPEN_LLDP_PORT_ID_SUBTYPE_t, rpcclt_openapiLldpIntfRemoteDevicePortIdGet,
+             &lldp_neighbor::port_id_subtype>},
     {"openapiLldpIntfRemoteDeviceSystemNameGet", &lldp_neighbor::system_name,
      lldp_text<rpcclt_openapiLldpIntfRemoteDeviceSystemNameGet>},
     {"openapiLldpIntfRemoteDeviceSystemDescGet", &lldp_neighbor::system_description,
@@ -260,16 +234,26 @@ std::vector<lldp_neighbor> icos_collect_neighbors(uint32_t port)
                        __func__, r);
         return list;
     }
-    lldp_scratch scratch;
-    r = rpcclt_openapiLldpMgmtStrLenGet(&icos_openapi_client, &scratch.len);
+    uint32_t len = 0;
+    r = rpcclt_openapiLldpMgmtStrLenGet(&icos_openapi_client, &len);
     if (r != OPEN_E_NONE) {
         log_fprint(orkad_log, "%s: openapiLldpMgmtStrLenGet() failed (result = %d)\n", __func__, r);
         return list;
     }
-    if (scratch.len > lldp_str_limit) {
-        log_fprint(orkad_log, "%s: MgmtStrLen = %d > limit 8192\n", __func__, (int)scratch.len);
+    if (len > lldp_str_limit) {
+        log_fprint(orkad_log, "%s: MgmtStrLen = %d > limit 8192\n", __func__, (int)len);
         return list;
     }
+    // One scratch buffer for every text of this port, emptied and at full
+    // size again before each read. OpEN writes at most `len` bytes, so the
+    // byte past them keeps a text that fills the buffer terminated.
+    char buf[lldp_str_limit + 1];
+    open_buffdesc desc;
+    auto fresh = [&]() {
+        buf[0] = buf[len] = '\0';
+        desc = open_buffdesc{len, buf};
+        return &desc;
+    };
 
     uint32_t rem_index = 0, timestamp = 0;
     while (rpcclt_openapiLldpIntfRemoteDeviceNextGet(&icos_openapi_client, port, &rem_index,
@@ -277,12 +261,12 @@ std::vector<lldp_neighbor> icos_collect_neighbors(uint32_t port)
         lldp_neighbor n;
         const lldp_field *failed = nullptr;
         for (const lldp_field &f : lldp_fields) {
-            r = f.read(port, rem_index, timestamp, scratch.fresh(), n);
-            if (!lldp_read(r, scratch.buf)) {
+            r = f.read(port, rem_index, timestamp, fresh(), n);
+            if (!lldp_read(r, buf)) {
                 failed = &f;
                 break;
             }
-            if (!keep_text(n.*f.text, scratch.text(), __func__))
+            if (!keep_text(n.*f.text, buf, __func__))
                 return list;
         }
         // A neighbour that cannot be read whole is left out; the others
@@ -328,22 +312,6 @@ std::vector<vlan_info> icos_collect_vlans(uint32_t port)
     return list;
 }
 
-template <typename T> void update(port_status_t *ps, T &field, T value)
-{
-    if (field != value) {
-        field = value;
-        ps->changed = true;
-    }
-}
-
-void update_text(port_status_t *ps, char *field, size_t size, const char *value)
-{
-    if (strcmp(field, value) != 0) {
-        copy_cut(field, size - 1, value);
-        ps->changed = true;
-    }
-}
-
 // True when one attribute of a port was read; a failed read is logged and
 // leaves its field as it was.
 bool port_read(open_error_t r, const char *call, uint32_t port)
@@ -354,47 +322,52 @@ bool port_read(open_error_t r, const char *call, uint32_t port)
     return false;
 }
 
+// One attribute of a port, read with `get` and turned into the field's value
+// by `value`; a new value marks the port changed.
+template <typename R, typename T, typename F>
+void update(port_status_t *ps, T &field, const char *call, uint32_t port,
+            open_error_t (*get)(openapiClientHandle_t *, uint32_t, R *), F value)
+{
+    R raw{};
+    if (!port_read(get(&icos_openapi_client, port, &raw), call, port))
+        return;
+    T v = value(raw);
+    if (field != v) {
+        field = v;
+        ps->changed = true;
+    }
+}
+
+// A text attribute, read into a buffer the size of its field.
+template <size_t N>
+void update_text(port_status_t *ps, char (&field)[N], const char *call, uint32_t port,
+                 open_error_t (*get)(openapiClientHandle_t *, uint32_t, open_buffdesc *))
+{
+    char text[N] = "";
+    open_buffdesc d{N, text};
+    if (!port_read(get(&icos_openapi_client, port, &d), call, port))
+        return;
+    text[N - 1] = '\0';
+    if (strcmp(field, text) != 0) {
+        memcpy(field, text, N);
+        ps->changed = true;
+    }
+}
+
 // Reads every attribute of one port; the walk goes on past a failed read.
 void collect_port(port_status_t *ps, uint32_t port)
 {
     ps->valid = true;
 
-    OPEN_LINK_STATE_t link = OPEN_LINK_DOWN;
-    if (port_read(openapiIfLinkStateGet(&icos_openapi_client, port, &link), "openapiIfLinkStateGet",
-                  port))
-        update(ps, ps->link_up, link == OPEN_LINK_UP);
-
-    OPEN_CONTROL_t admin = OPEN_DISABLE;
-    if (port_read(openapiIfAdminStateGet(&icos_openapi_client, port, &admin),
-                  "openapiIfAdminStateGet", port))
-        update(ps, ps->link_enabled, admin == OPEN_ENABLE);
-
-    OPEN_PORT_SPEEDS_t speed = (OPEN_PORT_SPEEDS_t)0;
-    if (port_read(openapiIfSpeedGet(&icos_openapi_client, port, &speed), "openapiIfSpeedGet", port))
-        update(ps, ps->speed, icos_convert_speed(speed));
-
-    OPEN_PORT_DUPLEX_t duplex = OPEN_PORT_DUPLEX_UNKNOWN;
-    if (port_read(rpcclt_openapiIfDuplexModeGet(&icos_openapi_client, port, &duplex),
-                  "openapiIfDuplexModeGet", port))
-        update(ps, ps->full_duplex, duplex == OPEN_PORT_DUPLEX_FULL);
-
-    char mac[18];
-    mac[0] = '\0';
-    open_buffdesc mac_desc{sizeof(mac), mac};
-    if (port_read(rpcclt_openapiIfMacAddrGet(&icos_openapi_client, port, &mac_desc),
-                  "openapiIfMacAddrGet", port)) {
-        mac[sizeof(mac) - 1] = '\0';
-        update_text(ps, ps->mac_addr, sizeof(ps->mac_addr), mac);
-    }
-
-    char name[32];
-    name[0] = '\0';
-    open_buffdesc name_desc{sizeof(name), name};
-    if (port_read(openapiIfNameGet(&icos_openapi_client, port, &name_desc), "openapiIfNameGet",
-                  port)) {
-        name[sizeof(name) - 1] = '\0';
-        update_text(ps, ps->port_name, sizeof(ps->port_name), name);
-    }
+    update(ps, ps->link_up, "openapiIfLinkStateGet", port, openapiIfLinkStateGet,
+           [](OPEN_LINK_STATE_t v) { return v == OPEN_LINK_UP; });
+    update(ps, ps->link_enabled, "openapiIfAdminStateGet", port, openapiIfAdminStateGet,
+           [](OPEN_CONTROL_t v) { return v == OPEN_ENABLE; });
+    update(ps, ps->speed, "openapiIfSpeedGet", port, openapiIfSpeedGet, icos_convert_speed);
+    update(ps, ps->full_duplex, "openapiIfDuplexModeGet", port, rpcclt_openapiIfDuplexModeGet,
+           [](OPEN_PORT_DUPLEX_t v) { return v == OPEN_PORT_DUPLEX_FULL; });
+    update_text(ps, ps->mac_addr, "openapiIfMacAddrGet", port, rpcclt_openapiIfMacAddrGet);
+    update_text(ps, ps->port_name, "openapiIfNameGet", port, openapiIfNameGet);
 
     replace_if_changed(ps, ps->neighbors, icos_collect_neighbors(port));
     replace_if_changed(ps, ps->vlans, icos_collect_vlans(port));
@@ -411,13 +384,6 @@ int icos_set_port_admin_status(int port, OPEN_CONTROL_t state, char *message)
         return -1;
     }
     return 0;
-}
-
-// Port names are fixed on this switch family.
-int icos_set_port_name(int, const char *, char *message)
-{
-    snprintf(message, message_size, "Port names cannot be changed on this device");
-    return -1;
 }
 
 // One identity value, read from the switch once and kept. It counts as read
@@ -474,15 +440,15 @@ int icos_openapi_client_init(void)
 
 void platform_collect_port_status(port_status_t *port_status, int max_port_count)
 {
-    std::lock_guard<std::mutex> hold(icos_openapi_client_lock);
+    switch_op op(__func__);
     uint32_t port = 0;
-    open_error_t r = openapiIfFirstGet(&icos_openapi_client, OPEN_INTF_TYPE_PHY, &port);
+    open_error_t r = openapiIfFirstGet(op.client(), OPEN_INTF_TYPE_PHY, &port);
     while (r == OPEN_E_NONE) {
         if (port == 0 || (long long)port >= (long long)max_port_count)
             log_fprint(orkad_log, "%s: port %d, out of range\n", __func__, (int)port);
         else
             collect_port(&port_status[port], port);
-        r = openapiIfNextGet(&icos_openapi_client, OPEN_INTF_TYPE_PHY, port, &port);
+        r = openapiIfNextGet(op.client(), OPEN_INTF_TYPE_PHY, port, &port);
     }
 }
 
@@ -491,21 +457,20 @@ int platform_set_port_config(const char *id, const char *admin_status, const cha
 {
     int port = id != nullptr ? (int)strtol(id, nullptr, 10) : 0;
     if (admin_status != nullptr) {
-        OPEN_CONTROL_t state;
-        if (strcmp(admin_status, "up") == 0) {
-            state = OPEN_ENABLE;
-        } else if (strcmp(admin_status, "down") == 0) {
-            state = OPEN_DISABLE;
-        } else {
+        bool up = strcmp(admin_status, "up") == 0;
+        if (!up && strcmp(admin_status, "down") != 0) {
             snprintf(message, message_size, "invalid admin_status for port %d", port);
             return -1;
         }
-        if (icos_set_port_admin_status(port, state, message) != 0)
+        if (icos_set_port_admin_status(port, up ? OPEN_ENABLE : OPEN_DISABLE, message) != 0)
             return -1;
     }
-    // An admin change made above stays in effect even when the name fails.
-    if (name != nullptr)
-        return icos_set_port_name(port, name, message);
+    // Port names are fixed on this switch family; an admin change made above
+    // stays in effect.
+    if (name != nullptr) {
+        snprintf(message, message_size, "Port names cannot be changed on this device");
+        return -1;
+    }
     return 0;
 }
 
@@ -553,14 +518,11 @@ int icos_set_sntp(const char *server)
 
 int icos_set_password(const char *user, const char *pass)
 {
-    char user_buf[64 + 1], pass_buf[64 + 1];
-    copy_cut(user_buf, 64, user);
-    copy_cut(pass_buf, 64, pass);
+    cut_text u(user, 64), p(pass, 64);
     switch_op op(__func__);
-    open_buffdesc u = text_desc(user_buf), p = text_desc(pass_buf);
     // The password itself never reaches the log.
-    return op.check(rpcclt_openapiUserSet(op.client(), &u, &p),
-                    "failed to set user/password for '%s'/'%s'", user_buf, LOG_SECRET_MARKER);
+    return op.check(rpcclt_openapiUserSet(op.client(), &u.desc, &p.desc),
+                    "failed to set user/password for '%s'/'%s'", u.text.c_str(), LOG_SECRET_MARKER);
 }
 
 int icos_set_fiber_no_autoneg(void)
@@ -588,30 +550,24 @@ int icos_set_system_prompt(const char *prompt)
     if (op.check(rpcclt_openapiSystemPromptMaxSizeGet(op.client(), &max_size),
                  "cannot get max_size of system prompt") != 0)
         return -1;
-    const std::string cut(prompt, strnlen(prompt, max_size));
-    open_buffdesc p = text_desc(cut.c_str());
-    return op.check(rpcclt_openapiSystemPromptSet(op.client(), &p), "cannot set system prompt");
+    cut_text p(prompt, max_size);
+    return op.check(rpcclt_openapiSystemPromptSet(op.client(), &p.desc),
+                    "cannot set system prompt");
 }
 
 int icos_set_agent_version(const char *name, const char *version)
 {
-    char name_buf[16 + 1], version_buf[19 + 1];
-    copy_cut(name_buf, 16, name);
-    copy_cut(version_buf, 19, version);
+    cut_text n(name, 16), v(version, 19);
     switch_op op(__func__);
-    open_buffdesc n = text_desc(name_buf), v = text_desc(version_buf);
-    return op.check(rpcclt_openapiAppCtrlVersionSet(op.client(), &n, &v),
+    return op.check(rpcclt_openapiAppCtrlVersionSet(op.client(), &n.desc, &v.desc),
                     "cannot set application version");
 }
 
 int icos_set_agent_status(const char *name, const char *status)
 {
-    char name_buf[16 + 1], status_buf[511 + 1];
-    copy_cut(name_buf, 16, name);
-    copy_cut(status_buf, 511, status);
+    cut_text n(name, 16), s(status, 511);
     switch_op op(__func__);
-    open_buffdesc n = text_desc(name_buf), s = text_desc(status_buf);
-    return op.check(rpcclt_openapiAppCtrlStatusSet(op.client(), &n, &s),
+    return op.check(rpcclt_openapiAppCtrlStatusSet(op.client(), &n.desc, &s.desc),
                     "cannot set application status");
 }
 
@@ -689,7 +645,7 @@ int platform_get_support_data(const char *file)
                    (int)size);
         return -1;
     }
-    copy_cut(name.get(), max_filename_len, file);
+    snprintf(name.get(), size, "%s", file);
     open_buffdesc d{(uint32_t)size, name.get()};
     open_error_t r = rpcclt_openapiSupportFileGenerate(op.client(), &d);
     if (r != OPEN_E_NONE) {

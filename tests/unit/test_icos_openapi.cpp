@@ -665,6 +665,100 @@ TEST_F(IcosTest, VlanParticipationFailuresSkipTheVlan)
     EXPECT_EQ(vlans_of(table[1].vlans), vl({{1, "default"}}));
 }
 
+// ---- running out of memory -------------------------------------------------
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// Refuses heap blocks of one size on the thread that asks, so that one chosen
+// text or list of a collection cannot be made.
+extern "C" void *__libc_malloc(size_t);
+static thread_local size_t refused_size = 0;
+static thread_local int refusals = 0;
+extern "C" void *malloc(size_t n)
+{
+    if (refused_size != 0 && n == refused_size) {
+        refusals++;
+        return nullptr;
+    }
+    return __libc_malloc(n);
+}
+
+class IcosMemoryTest : public IcosTest
+{
+  protected:
+    // One collection in which no block of `size` bytes can be had.
+    void collect_refusing(size_t size)
+    {
+        refusals = 0;
+        refused_size = size;
+        collect();
+        refused_size = 0;
+    }
+};
+
+TEST_F(IcosMemoryTest, ANeighbourTextWithoutMemoryEndsThatPortsList)
+{
+    const std::string big(300, 'x'); // the only 300-character text
+    std::string n2 = neighbor("sw02");
+    n2.replace(n2.find("desc sw02"), 9, big);
+    model(model_of({port(1, "\"neighbors\":[" + neighbor("sw01") + "," + n2 + "]"),
+                    port(2, "\"neighbors\":[" + neighbor("sw03") + "]")},
+                   "[]", R"({"lldp_mgmt_str_len":512})"));
+    collect();
+    ASSERT_EQ(names_of(table[1].neighbors), names({"sw01", "sw02"}));
+    EXPECT_EQ(table[1].neighbors[1].system_description, big);
+
+    clear_changed();
+    collect_refusing(big.size() + 1);
+    EXPECT_GT(refusals, 0);
+    EXPECT_EQ(logged_count("icos_collect_neighbors: Out of memory"), 1u);
+    EXPECT_EQ(names_of(table[1].neighbors), names({"sw01"}));
+    EXPECT_TRUE(table[1].changed);
+    EXPECT_EQ(names_of(table[2].neighbors), names({"sw03"}));
+    EXPECT_FALSE(table[2].changed);
+
+    collect();
+    EXPECT_EQ(names_of(table[1].neighbors), names({"sw01", "sw02"}));
+}
+
+TEST_F(IcosMemoryTest, ANeighbourWithoutRoomKeepsTheOnesBeforeIt)
+{
+    model(model_of({port(1, "\"neighbors\":[" + neighbor("sw01") + "," + neighbor("sw02") + "," +
+                                neighbor("sw03") + "]")}));
+    // The list's room for a second record.
+    collect_refusing(2 * sizeof(lldp_neighbor_t));
+    EXPECT_GT(refusals, 0);
+    EXPECT_TRUE(logged("icos_collect_neighbors: cannot allocate lldp_neighbor; out of memory!"));
+    EXPECT_EQ(names_of(table[1].neighbors), names({"sw01"}));
+    collect();
+    EXPECT_EQ(names_of(table[1].neighbors), names({"sw02", "sw03"}));
+}
+
+TEST_F(IcosMemoryTest, AVlanWithoutMemoryEndsThatPortsList)
+{
+    using vl = std::vector<std::pair<int, std::string>>;
+    const std::string big(100, 'v');
+    model(model_of({port(1)}, R"([{"id":1,"name":"default","ports":[1]},
+                                 {"id":20,"name":")" +
+                                  big + R"(","ports":[1]},
+                                 {"id":30,"name":"cameras","ports":[1]}])"));
+    collect();
+    ASSERT_EQ(vlans_of(table[1].vlans), vl({{20, big}, {30, "cameras"}}));
+
+    collect_refusing(big.size() + 1);
+    EXPECT_GT(refusals, 0);
+    EXPECT_TRUE(logged("icos_collect_vlans: Out of memory"));
+    EXPECT_EQ(vlans_of(table[1].vlans), vl({{1, "default"}}));
+
+    collect_refusing(2 * sizeof(vlan_info_t));
+    EXPECT_GT(refusals, 0);
+    EXPECT_TRUE(logged("icos_collect_vlans: cannot allocate vlan_info; out of memory!"));
+    EXPECT_EQ(vlans_of(table[1].vlans), vl({{1, "default"}}));
+
+    collect();
+    EXPECT_EQ(vlans_of(table[1].vlans), vl({{20, big}, {30, "cameras"}}));
+}
+#endif
+
 // ---- port configuration --------------------------------------------------
 
 TEST_F(IcosTest, AdminUpWithANameEnablesThePortAndStillFails)
@@ -901,6 +995,31 @@ TEST_F(IcosTest, ASecondSerialNumberReadComesFromTheCache)
               std::string::npos);
 }
 
+// Callers on several threads at once, before anything is cached: each gets
+// the whole answer, and none reads a cache another is still filling.
+TEST_F(IcosTest, IdentityAskedFromManyThreadsAtOnce)
+{
+    model(R"({"system":{"serial_number":"SN-MANY","machine_model":"VX-MANY",)"
+          R"("mac_address":"02:11:22:33:44:55"}})");
+    std::atomic<int> waiting{8}, right{0};
+    std::vector<std::thread> callers;
+    for (int i = 0; i < 8; i++)
+        callers.emplace_back([&] {
+            waiting--;
+            while (waiting > 0)
+                std::this_thread::yield();
+            const char *sn = icos_get_serial_number();
+            const char *model = platform_get_model_number();
+            const uint8_t *mac = platform_get_system_mac_addr();
+            if (sn != nullptr && strcmp(sn, "SN-MANY") == 0 && model != nullptr &&
+                strcmp(model, "VX-MANY") == 0 && mac != nullptr && mac[0] == 0x02 && mac[5] == 0x55)
+                right++;
+        });
+    for (std::thread &t : callers)
+        t.join();
+    EXPECT_EQ(right, 8);
+}
+
 TEST_F(IcosTest, ModelNumberIsCached)
 {
     model(R"({"system":{"machine_model":"VX-S28P"}})");
@@ -964,6 +1083,22 @@ TEST_F(IcosTest, ReloadSleepsAMinuteAfterTheRequest)
     EXPECT_EQ(last.rfind(line, 0), 0u) << last;
     ASSERT_GE(last.size(), failed.size());
     EXPECT_EQ(last.substr(last.size() - failed.size()), failed);
+}
+
+// The adapter stands on the base and the switch API alone: its header pulls
+// in nothing of the agent (the status stream includes it, not the other way
+// round).
+TEST(IcosHeader, IncludesNothingOfTheAgent)
+{
+    std::string src = __FILE__;
+    src = src.substr(0, src.rfind("/tests/unit/")) + "/platform/icos-openapi.h";
+    const std::string text = read_file(src);
+    ASSERT_FALSE(text.empty()) << src;
+    for (const std::string &line : lines_of(text)) {
+        if (line.rfind("#include", 0) == 0) {
+            EXPECT_EQ(line.find('"'), std::string::npos) << line;
+        }
+    }
 }
 
 TEST(IcosSleep, TheDaemonReallySleeps)

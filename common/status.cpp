@@ -8,7 +8,6 @@
 #include "auth.h"
 #include "command.h"
 #include "http.h"
-#include "icos-openapi.h"
 #include "log.h"
 #include "signals.h"
 #include "utils.h"
@@ -18,10 +17,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <malloc.h>
+#include <new>
 #include <unistd.h>
 
 stream_record status_stream("status_send", status_send);
-port_status_t *port_status;
+std::unique_ptr<port_status_t[]> port_status;
 status_provider_t *status_providers;
 unsigned int (*status_sleep)(unsigned int seconds) = sleep;
 
@@ -52,7 +52,7 @@ bool set_caps(json_t *obj, const char *key, const char *caps)
 }
 
 // One neighbour object, or null after logging the member that failed.
-json_t *neighbor_object(int port, const lldp_neighbor_t *n)
+json_t *neighbor_object(int port, const lldp_neighbor_t &n)
 {
     json_ptr obj(json_object());
     if (!obj) {
@@ -60,23 +60,23 @@ json_t *neighbor_object(int port, const lldp_neighbor_t *n)
         return nullptr;
     }
     const char *failed = nullptr;
-    if (!set_text(obj.get(), "chassis_id", n->chassis_id))
+    if (!set_text(obj.get(), "chassis_id", n.chassis_id.c_str()))
         failed = "chassis_id";
-    else if (!set_number(obj.get(), "chassis_id_subtype", n->chassis_id_subtype))
+    else if (!set_number(obj.get(), "chassis_id_subtype", n.chassis_id_subtype))
         failed = "chassis_id_subtype";
-    else if (!set_text(obj.get(), "port_id", n->port_id))
+    else if (!set_text(obj.get(), "port_id", n.port_id.c_str()))
         failed = "port_id";
-    else if (!set_number(obj.get(), "port_id_subtype", n->port_id_subtype))
+    else if (!set_number(obj.get(), "port_id_subtype", n.port_id_subtype))
         failed = "port_id_subtype";
-    else if (!set_text(obj.get(), "system_name", n->system_name))
+    else if (!set_text(obj.get(), "system_name", n.system_name.c_str()))
         failed = "system_name";
-    else if (!set_text(obj.get(), "system_description", n->system_description))
+    else if (!set_text(obj.get(), "system_description", n.system_description.c_str()))
         failed = "system_description";
-    else if (!set_text(obj.get(), "mgmt_address", n->mgmt_address))
+    else if (!set_text(obj.get(), "mgmt_address", n.mgmt_address.c_str()))
         failed = "mgmt_address";
-    else if (!set_caps(obj.get(), "system_caps_supported", n->system_caps_supported))
+    else if (!set_caps(obj.get(), "system_caps_supported", n.system_caps_supported.c_str()))
         failed = "system_caps_supported";
-    else if (!set_caps(obj.get(), "system_caps_enabled", n->system_caps_enabled))
+    else if (!set_caps(obj.get(), "system_caps_enabled", n.system_caps_enabled.c_str()))
         failed = "system_caps_enabled";
     if (failed != nullptr) {
         log_fprint(orkad_log, "%s: Can't set port %d '%s'\n", port_fn, port, failed);
@@ -87,9 +87,9 @@ json_t *neighbor_object(int port, const lldp_neighbor_t *n)
 
 // The neighbours in list order; a neighbour that cannot be made ends the
 // list there and the port goes out with the ones made so far.
-void add_neighbors(json_t *array, int port, const lldp_neighbor_t *list)
+void add_neighbors(json_t *array, int port, const std::vector<lldp_neighbor_t> &list)
 {
-    for (const lldp_neighbor_t *n = list; n != nullptr; n = n->next) {
+    for (const lldp_neighbor_t &n : list) {
         json_t *obj = neighbor_object(port, n);
         if (obj == nullptr)
             return;
@@ -101,19 +101,19 @@ void add_neighbors(json_t *array, int port, const lldp_neighbor_t *list)
     }
 }
 
-void add_vlans(json_t *array, int port, const vlan_info_t *list)
+void add_vlans(json_t *array, int port, const std::vector<vlan_info_t> &list)
 {
-    for (const vlan_info_t *v = list; v != nullptr; v = v->next) {
+    for (const vlan_info_t &v : list) {
         json_ptr obj(json_object());
         if (!obj) {
             log_fprint(orkad_log, "%s: Can't allocate JSON object\n", port_fn);
             return;
         }
-        if (!set_number(obj.get(), "id", v->vid)) {
+        if (!set_number(obj.get(), "id", v.vid)) {
             log_fprint(orkad_log, "%s: Can't set port %d 'vlan id'\n", port_fn, port);
             return;
         }
-        if (!set_text(obj.get(), "name", v->name)) {
+        if (!set_text(obj.get(), "name", v.name.c_str())) {
             log_fprint(orkad_log, "%s: Can't set port %d 'vlan name'\n", port_fn, port);
             return;
         }
@@ -333,13 +333,13 @@ json_t *str_to_json_array(const char *text, char sep)
 void status_port_provider(json_t *st_obj, bool last_failed)
 {
     if (port_status == nullptr) {
-        port_status = static_cast<port_status_t *>(calloc(STATUS_MAX_PORTS, sizeof(port_status_t)));
+        port_status.reset(new (std::nothrow) port_status_t[STATUS_MAX_PORTS]());
         if (port_status == nullptr) {
             log_fprint(orkad_log, "%s: Failed to allocate port_status\n", port_fn);
             return;
         }
     }
-    platform_collect_port_status(port_status, STATUS_MAX_PORTS);
+    platform_collect_port_status(port_status.get(), STATUS_MAX_PORTS);
 
     json_ptr ports(json_array());
     if (!ports) {

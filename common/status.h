@@ -1,20 +1,21 @@
-// The status stream: the reporter that turns the port records the switch
-// adapter fills (platform/port_status.h) into documents.
+// The status stream: the documents the controller asks for with "set.status",
+// made from the port records the switch adapter fills.
 #pragma once
 
-#include "port_status.h"
+#include "icos-openapi.h"
 #include "stream.h"
 
 #include <jansson.h>
+#include <memory>
 
 // ---- the status stream ------------------------------------------------------
 
 // Size of the port table: interface numbers 1..127.
-#define STATUS_MAX_PORTS 128
+constexpr int STATUS_MAX_PORTS = 128;
 // The thread's pace is counted in steps of this many seconds.
-#define STATUS_STEP 10
-#define STATUS_MIN_INTERVAL 10
-#define STATUS_MAX_INTERVAL 3600
+constexpr int STATUS_STEP = 10;
+constexpr int STATUS_MIN_INTERVAL = 10;
+constexpr int STATUS_MAX_INTERVAL = 3600;
 
 // Adds members to the outgoing document; last_failed is true when the
 // previous post failed or none has succeeded yet (then everything is sent).
@@ -30,7 +31,7 @@ typedef struct status_provider {
 // 10..3600) and its "status_send" thread.
 extern stream_record status_stream;
 // The table the port provider reports from; allocated on first use.
-extern port_status_t *port_status;
+extern std::unique_ptr<port_status_t[]> port_status;
 extern status_provider_t *status_providers;
 
 // Every wait of the status thread goes through here; tests point it

@@ -7,12 +7,15 @@
 #include "openapi.h"
 
 #include <atomic>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <iterator>
 #include <mutex>
+#include <new>
 #include <unistd.h>
+#include <utility>
 
 unsigned int (*icos_openapi_sleep)(unsigned int seconds) = sleep;
 
@@ -26,30 +29,12 @@ openapiClientHandle_t icos_openapi_client;
 std::mutex icos_openapi_client_lock;
 
 // Caller-supplied message buffers are 512 bytes.
-const size_t message_size = 512;
+constexpr size_t message_size = 512;
 
 // Longest LLDP text the agent is prepared to read.
-const uint32_t lldp_str_limit = 8192;
+constexpr uint32_t lldp_str_limit = 8192;
 
 const char *const collect_fn = "platform_collect_port_status";
-
-// Heap copy of a text for a record; a failed copy is logged under the
-// collecting function's name and gives null.
-char *copy_text(const char *text, const char *who)
-{
-    char *copy = strdup(text);
-    if (copy == nullptr)
-        log_fprint(orkad_log, "%s: %s\n", who, "Out of memory");
-    return copy;
-}
-
-// Copies at most `chars` characters of src into dst, which holds chars + 1.
-void copy_cut(char *dst, size_t chars, const char *src)
-{
-    size_t n = strnlen(src, chars);
-    memcpy(dst, src, n);
-    dst[n] = '\0';
-}
 
 // An input text as OpEN takes it: the size counts the terminator.
 open_buffdesc text_desc(const char *text)
@@ -57,83 +42,167 @@ open_buffdesc text_desc(const char *text)
     return open_buffdesc{(uint32_t)strlen(text) + 1, const_cast<char *>(text)};
 }
 
-bool same_text(const char *a, const char *b)
-{
-    if (a == nullptr || b == nullptr)
-        return a == b;
-    return strcmp(a, b) == 0;
-}
+// An input text cut to at most `chars` characters, with its descriptor.
+struct cut_text {
+    const std::string text;
+    open_buffdesc desc;
 
-// ---- neighbour and VLAN records ------------------------------------------
-
-void free_neighbor(lldp_neighbor_t **neighbor)
-{
-    lldp_neighbor_t *n = *neighbor;
-    if (n == nullptr)
-        return;
-    free(n->port_id);
-    free(n->chassis_id);
-    free(n->system_name);
-    free(n->mgmt_address);
-    free(n->system_description);
-    free(n->system_caps_enabled);
-    free(n->system_caps_supported);
-    free(n);
-    *neighbor = nullptr;
-}
-
-void free_vlan(vlan_info_t **vlan)
-{
-    vlan_info_t *v = *vlan;
-    if (v == nullptr)
-        return;
-    free(v->name);
-    free(v);
-    *vlan = nullptr;
-}
-
-// Appends by walking the list head itself to the end, so the head ends up on
-// the record that was last before the append: from the third record on only
-// the last two stay in the list, which is what the status documents carry
-// for a port. The records the head walks past are released here.
-template <typename T> void append_advancing_head(T **list, T *record, void (*release)(T **))
-{
-    if (*list == nullptr) {
-        *list = record;
-        return;
+    cut_text(const char *src, size_t chars)
+        : text(src, strnlen(src, chars)), desc(text_desc(text.c_str()))
+    {
     }
-    while ((*list)->next != nullptr) {
-        T *passed = *list;
-        *list = passed->next;
-        release(&passed);
+    cut_text(const cut_text &) = delete;
+    cut_text &operator=(const cut_text &) = delete;
+};
+
+// One operation on the switch: holds the client lock from its first OpEN call
+// to its return, and logs a failed call under the operation's name.
+class switch_op
+{
+  public:
+    explicit switch_op(const char *fn) : fn_(fn), hold_(icos_openapi_client_lock) {}
+
+    openapiClientHandle_t *client() const { return &icos_openapi_client; }
+
+    // 0 when the call went through; otherwise logs "<fn>: <what> (result =
+    // <r>)" and gives -1.
+    [[gnu::format(printf, 3, 4)]] int check(open_error_t r, const char *what, ...) const
+    {
+        if (r == OPEN_E_NONE)
+            return 0;
+        va_list ap, again;
+        va_start(ap, what);
+        va_copy(again, ap);
+        int n = vsnprintf(nullptr, 0, what, ap);
+        va_end(ap);
+        std::string text(n > 0 ? (size_t)n : 0, '\0');
+        vsnprintf(text.data(), text.size() + 1, what, again);
+        va_end(again);
+        log_fprint(orkad_log, "%s: %s (result = %d)\n", fn_, text.c_str(), r);
+        return -1;
     }
-    (*list)->next = record;
+
+    // Gives the lock back early, before a long wait of the caller.
+    void release() { hold_.unlock(); }
+
+  private:
+    const char *fn_;
+    std::unique_lock<std::mutex> hold_;
+};
+
+// ---- neighbour and VLAN lists --------------------------------------------
+
+// A text for a record; a copy that finds no memory is logged and ends the
+// list being built.
+bool keep_text(std::string &field, const char *text, const char *who)
+{
+    try {
+        field.assign(text);
+        return true;
+    } catch (const std::bad_alloc &) {
+        log_fprint(orkad_log, "%s: %s\n", who, "Out of memory");
+        return false;
+    }
+}
+
+// A port reports the last two records its walk found: from the third on,
+// the oldest drops off the front. False (logged) when there is no memory for
+// the record; the list then stays as it was.
+template <typename T>
+bool append_last_two(std::vector<T> &list, T &&record, const char *who, const char *type)
+{
+    try {
+        if (list.size() == 2)
+            list.erase(list.begin());
+        list.push_back(std::move(record));
+        return true;
+    } catch (const std::bad_alloc &) {
+        log_fprint(orkad_log, "%s: cannot allocate %s; out of memory!\n", who, type);
+        return false;
+    }
+}
+
+// Keeps the stored list when the fresh one says the same, else takes the
+// fresh one and marks the port changed.
+template <typename T>
+void replace_if_changed(port_status_t *ps, std::vector<T> &stored, std::vector<T> &&fresh)
+{
+    if (fresh == stored)
+        return;
+    stored = std::move(fresh);
+    ps->changed = true;
 }
 
 // ---- collection ----------------------------------------------------------
 
+// Mbit/s by OpEN speed value; 100FX counts as 1000 and 20G as 0, which is
+// what the controller has always been sent for these ports. Auto-negotiate,
+// 25G and up are 0 too.
+constexpr int speed_mbits[] = {0, 0, 100, 100, 10, 10, 1000, 1000, 10000, 0, 40000};
+
 int icos_convert_speed(OPEN_PORT_SPEEDS_t speed)
 {
-    // 100FX counts as 1000 and 20G as 0: that is what the controller has
-    // always been sent for these ports.
-    switch (speed) {
-    case OPEN_PORTCTRL_PORTSPEED_HALF_100TX:
-    case OPEN_PORTCTRL_PORTSPEED_FULL_100TX:
-        return 100;
-    case OPEN_PORTCTRL_PORTSPEED_HALF_10T:
-    case OPEN_PORTCTRL_PORTSPEED_FULL_10T:
-        return 10;
-    case OPEN_PORTCTRL_PORTSPEED_FULL_100FX:
-    case OPEN_PORTCTRL_PORTSPEED_FULL_1000SX:
-        return 1000;
-    case OPEN_PORTCTRL_PORTSPEED_FULL_10GSX:
-        return 10000;
-    case OPEN_PORTCTRL_PORTSPEED_FULL_40GSX:
-        return 40000;
-    default:
-        return 0;
-    }
+    return speed >= 0 && (size_t)speed < std::size(speed_mbits) ? speed_mbits[speed] : 0;
 }
+
+// One field of a remote device: the read, the text it fills and the call's
+// name for the failure line.
+struct lldp_field {
+    const char *call;
+    std::string lldp_neighbor::*text;
+    open_error_t (*read)(uint32_t port, uint32_t index, uint32_t stamp, open_buffdesc *d,
+                         lldp_neighbor &n);
+};
+
+typedef open_error_t (*lldp_text_get)(openapiClientHandle_t *, uint32_t, uint32_t, uint32_t,
+                                      open_buffdesc *);
+
+template <lldp_text_get get>
+open_error_t lldp_text(uint32_t port, uint32_t index, uint32_t stamp, open_buffdesc *d,
+                       lldp_neighbor &)
+{
+    return get(&icos_openapi_client, port, index, stamp, d);
+}
+
+// The two IDs come with their subtype.
+template <typename S,
+          open_error_t (*get)(openapiClientHandle_t *, uint32_t, uint32_t, uint32_t, S *,
+                              open_buffdesc *),
+          int lldp_neighbor::*subtype>
+open_error_t lldp_id(uint32_t port, uint32_t index, uint32_t stamp, open_buffdesc *d,
+                     lldp_neighbor &n)
+{
+    S value = (S)0;
+    open_error_t r = get(&icos_openapi_client, port, index, stamp, &value, d);
+    n.*subtype = value;
+    return r;
+}
+
+// In the order the switch is asked.
+const lldp_field lldp_fields[] = {
+    {"openapiLldpIntfRemoteDeviceChassisIdGet", &lldp_neighbor::chassis_id,
+     lldp_id<OPEN_LLDP_CHASSIS_ID_SUBTYPE_t, rpcclt_openapiLldpIntfRemoteDeviceChassisIdGet,
+             &lldp_neighbor::chassis_id_subtype>},
+    {"openapiLldpIntfRemoteDevicePortIdGet", &lldp_neighbor::port_id,
+     lldp_id<OPEN_LLDP_PORT_ID_SUBTYPE_t, rpcclt_openapiLldpIntfRemoteDevicePortIdGet,
+             &lldp_neighbor::port_id_subtype>},
+    {"openapiLldpIntfRemoteDeviceSystemNameGet", &lldp_neighbor::system_name,
+     lldp_text<rpcclt_openapiLldpIntfRemoteDeviceSystemNameGet>},
+    {"openapiLldpIntfRemoteDeviceSystemDescGet", &lldp_neighbor::system_description,
+     lldp_text<rpcclt_openapiLldpIntfRemoteDeviceSystemDescGet>},
+    {"openapiLldpIntfRemoteDeviceSysCapSuppGet", &lldp_neighbor::system_caps_supported,
+     lldp_text<rpcclt_openapiLldpIntfRemoteDeviceSysCapSuppGet>},
+    {"openapiLldpIntfRemoteDeviceSysCapEnabledGet", &lldp_neighbor::system_caps_enabled,
+     lldp_text<rpcclt_openapiLldpIntfRemoteDeviceSysCapEnabledGet>},
+    // A failed address read is logged with the port-ID read's text.
+    {"openapiLldpIntfRemoteDevicePortIdGet", &lldp_neighbor::mgmt_address,
+     [](uint32_t port, uint32_t index, uint32_t stamp, open_buffdesc *d, lldp_neighbor &) {
+         OPEN_AF_t family = OPEN_AF_NONE;
+         uint8_t addr_len = 0;
+         return rpcclt_openapiLldpIntfRemoteDeviceMgmtAddressNextGet(
+             &icos_openapi_client, port, index, stamp, &family, d, &addr_len);
+     }},
+};
 
 // 0 and "unavailable" both count as read; an unavailable field is empty.
 bool lldp_read(open_error_t r, char *buf)
@@ -145,144 +214,78 @@ bool lldp_read(open_error_t r, char *buf)
     return r == OPEN_E_NONE;
 }
 
-typedef open_error_t (*lldp_text_get)(openapiClientHandle_t *, uint32_t, uint32_t, uint32_t,
-                                      open_buffdesc *);
-
 // Reads the LLDP neighbours of one port into a new list. Ports that do not
 // receive LLDP yet are switched on and report their neighbours from the next
 // cycle on.
-lldp_neighbor_t *icos_collect_neighbors(uint32_t port)
+std::vector<lldp_neighbor> icos_collect_neighbors(uint32_t port)
 {
-    lldp_neighbor_t *list = nullptr;
+    std::vector<lldp_neighbor> list;
     OPEN_CONTROL_t mode = OPEN_DISABLE;
     open_error_t r = rpcclt_openapiLldpIntfReceiveModeGet(&icos_openapi_client, port, &mode);
     if (r != OPEN_E_NONE) {
         log_fprint(orkad_log, "%s: openapiLldpIntfReceiveModeGet() failed (result = %d)\n",
                    __func__, r);
-        return nullptr;
+        return list;
     }
     if (mode != OPEN_ENABLE) {
         r = rpcclt_openapiLldpIntfReceiveModeSet(&icos_openapi_client, port, OPEN_ENABLE);
         if (r != OPEN_E_NONE)
             log_fprint(orkad_log, "%s: openapiLldpIntfReceiveModeSet() failed (result = %d)\n",
                        __func__, r);
-        return nullptr;
+        return list;
     }
     uint32_t len = 0;
     r = rpcclt_openapiLldpMgmtStrLenGet(&icos_openapi_client, &len);
     if (r != OPEN_E_NONE) {
         log_fprint(orkad_log, "%s: openapiLldpMgmtStrLenGet() failed (result = %d)\n", __func__, r);
-        return nullptr;
+        return list;
     }
     if (len > lldp_str_limit) {
         log_fprint(orkad_log, "%s: MgmtStrLen = %d > limit 8192\n", __func__, (int)len);
-        return nullptr;
+        return list;
     }
-
-    // One scratch buffer for every text of this port; the byte past `len`
-    // keeps a text that fills the buffer terminated.
+    // One scratch buffer for every text of this port, emptied and at full
+    // size again before each read. OpEN writes at most `len` bytes, so the
+    // byte past them keeps a text that fills the buffer terminated.
     char buf[lldp_str_limit + 1];
     open_buffdesc desc;
-    auto empty = [&]() {
-        buf[0] = '\0';
-        buf[len] = '\0';
-        desc.size = len;
-        desc.pstart = buf;
-    };
-    const char *who = __func__;
-    auto keep = [&]() {
-        buf[len] = '\0';
-        return copy_text(buf, who);
-    };
-
-    static const struct {
-        lldp_text_get get;
-        char *lldp_neighbor_t::*field;
-        const char *name;
-    } texts[] = {
-        {rpcclt_openapiLldpIntfRemoteDeviceSystemNameGet, &lldp_neighbor_t::system_name,
-         "openapiLldpIntfRemoteDeviceSystemNameGet"},
-        {rpcclt_openapiLldpIntfRemoteDeviceSystemDescGet, &lldp_neighbor_t::system_description,
-         "openapiLldpIntfRemoteDeviceSystemDescGet"},
-        {rpcclt_openapiLldpIntfRemoteDeviceSysCapSuppGet, &lldp_neighbor_t::system_caps_supported,
-         "openapiLldpIntfRemoteDeviceSysCapSuppGet"},
-        {rpcclt_openapiLldpIntfRemoteDeviceSysCapEnabledGet, &lldp_neighbor_t::system_caps_enabled,
-         "openapiLldpIntfRemoteDeviceSysCapEnabledGet"},
+    auto fresh = [&]() {
+        buf[0] = buf[len] = '\0';
+        desc = open_buffdesc{len, buf};
+        return &desc;
     };
 
     uint32_t rem_index = 0, timestamp = 0;
     while (rpcclt_openapiLldpIntfRemoteDeviceNextGet(&icos_openapi_client, port, &rem_index,
                                                      &timestamp) == OPEN_E_NONE) {
-        auto *n = static_cast<lldp_neighbor_t *>(calloc(1, sizeof(lldp_neighbor_t)));
-        if (n == nullptr) {
-            log_fprint(orkad_log, "%s: cannot allocate lldp_neighbor; out of memory!\n", __func__);
-            break;
-        }
-        const char *failed = nullptr;
-
-        OPEN_LLDP_CHASSIS_ID_SUBTYPE_t chassis_subtype = (OPEN_LLDP_CHASSIS_ID_SUBTYPE_t)0;
-        empty();
-        r = rpcclt_openapiLldpIntfRemoteDeviceChassisIdGet(&icos_openapi_client, port, rem_index,
-                                                           timestamp, &chassis_subtype, &desc);
-        if (lldp_read(r, buf)) {
-            n->chassis_id_subtype = chassis_subtype;
-            n->chassis_id = keep();
-        } else {
-            failed = "openapiLldpIntfRemoteDeviceChassisIdGet";
-        }
-
-        if (failed == nullptr) {
-            OPEN_LLDP_PORT_ID_SUBTYPE_t port_subtype = (OPEN_LLDP_PORT_ID_SUBTYPE_t)0;
-            empty();
-            r = rpcclt_openapiLldpIntfRemoteDevicePortIdGet(&icos_openapi_client, port, rem_index,
-                                                            timestamp, &port_subtype, &desc);
-            if (lldp_read(r, buf)) {
-                n->port_id_subtype = port_subtype;
-                n->port_id = keep();
-            } else {
-                failed = "openapiLldpIntfRemoteDevicePortIdGet";
-            }
-        }
-
-        for (const auto &t : texts) {
-            if (failed != nullptr)
+        lldp_neighbor n;
+        const lldp_field *failed = nullptr;
+        for (const lldp_field &f : lldp_fields) {
+            r = f.read(port, rem_index, timestamp, fresh(), n);
+            if (!lldp_read(r, buf)) {
+                failed = &f;
                 break;
-            empty();
-            r = t.get(&icos_openapi_client, port, rem_index, timestamp, &desc);
-            if (lldp_read(r, buf))
-                n->*t.field = keep();
-            else
-                failed = t.name;
+            }
+            if (!keep_text(n.*f.text, buf, __func__))
+                return list;
         }
-
-        if (failed == nullptr) {
-            OPEN_AF_t family = OPEN_AF_NONE;
-            uint8_t addr_len = 0;
-            empty();
-            r = rpcclt_openapiLldpIntfRemoteDeviceMgmtAddressNextGet(
-                &icos_openapi_client, port, rem_index, timestamp, &family, &desc, &addr_len);
-            if (lldp_read(r, buf))
-                n->mgmt_address = keep();
-            else
-                // Reported under the port-ID read's name, as it always was.
-                failed = "openapiLldpIntfRemoteDevicePortIdGet";
-        }
-
+        // A neighbour that cannot be read whole is left out; the others
+        // still count.
         if (failed != nullptr) {
-            log_fprint(orkad_log, "%s: %s(%d, %d) result = %d\n", __func__, failed, (int)port,
+            log_fprint(orkad_log, "%s: %s(%d, %d) result = %d\n", __func__, failed->call, (int)port,
                        (int)rem_index, r);
-            free_neighbor(&n);
             continue;
         }
-        append_advancing_head(&list, n, free_neighbor);
+        if (!append_last_two(list, std::move(n), __func__, "lldp_neighbor"))
+            break;
     }
     return list;
 }
 
 // Reads the VLANs one port takes part in into a new list.
-vlan_info_t *icos_collect_vlans(uint32_t port)
+std::vector<vlan_info> icos_collect_vlans(uint32_t port)
 {
-    vlan_info_t *list = nullptr;
+    std::vector<vlan_info> list;
     uint32_t vid = 0;
     while (openapiVlanNextGet(&icos_openapi_client, vid, &vid) == OPEN_E_NONE) {
         uint32_t participating = 0;
@@ -290,12 +293,8 @@ vlan_info_t *icos_collect_vlans(uint32_t port)
                 OPEN_E_NONE ||
             participating == 0)
             continue;
-        auto *v = static_cast<vlan_info_t *>(calloc(1, sizeof(vlan_info_t)));
-        if (v == nullptr) {
-            log_fprint(orkad_log, "%s: cannot allocate vlan_info; out of memory!\n", __func__);
-            break;
-        }
-        v->vid = (int)vid;
+        vlan_info v;
+        v.vid = (int)vid;
         char name[128];
         name[0] = '\0';
         open_buffdesc desc{sizeof(name), name};
@@ -306,135 +305,78 @@ vlan_info_t *icos_collect_vlans(uint32_t port)
             strcpy(name, " ");
         }
         name[sizeof(name) - 1] = '\0';
-        v->name = copy_text(name, __func__);
-        append_advancing_head(&list, v, free_vlan);
+        if (!keep_text(v.name, name, __func__) ||
+            !append_last_two(list, std::move(v), __func__, "vlan_info"))
+            break;
     }
     return list;
 }
 
-// Keeps the stored list when the fresh one says the same, else takes the
-// fresh one and marks the port changed.
-void neighbors_changed(port_status_t *ps, lldp_neighbor_t *fresh)
+// True when one attribute of a port was read; a failed read is logged and
+// leaves its field as it was.
+bool port_read(open_error_t r, const char *call, uint32_t port)
 {
-    bool differ = false;
-    lldp_neighbor_t *a = fresh, *b = ps->neighbors;
-    for (; a != nullptr && b != nullptr && !differ; a = a->next, b = b->next)
-        differ = a->chassis_id_subtype != b->chassis_id_subtype ||
-                 a->port_id_subtype != b->port_id_subtype ||
-                 !same_text(a->chassis_id, b->chassis_id) || !same_text(a->port_id, b->port_id) ||
-                 !same_text(a->system_name, b->system_name) ||
-                 !same_text(a->system_description, b->system_description) ||
-                 !same_text(a->mgmt_address, b->mgmt_address) ||
-                 !same_text(a->system_caps_supported, b->system_caps_supported) ||
-                 !same_text(a->system_caps_enabled, b->system_caps_enabled);
-    if (!differ && a == nullptr && b == nullptr) {
-        free_neighbor_list(&fresh);
-        return;
-    }
-    free_neighbor_list(&ps->neighbors);
-    ps->neighbors = fresh;
-    ps->changed = true;
+    if (r == OPEN_E_NONE)
+        return true;
+    log_fprint(orkad_log, "%s: %s(%d) result = %d\n", collect_fn, call, (int)port, r);
+    return false;
 }
 
-void vlans_changed(port_status_t *ps, vlan_info_t *fresh)
+// One attribute of a port, read with `get` and turned into the field's value
+// by `value`; a new value marks the port changed.
+template <typename R, typename T, typename F>
+void update(port_status_t *ps, T &field, const char *call, uint32_t port,
+            open_error_t (*get)(openapiClientHandle_t *, uint32_t, R *), F value)
 {
-    bool differ = false;
-    vlan_info_t *a = fresh, *b = ps->vlans;
-    for (; a != nullptr && b != nullptr && !differ; a = a->next, b = b->next)
-        differ = a->vid != b->vid || !same_text(a->name, b->name);
-    if (!differ && a == nullptr && b == nullptr) {
-        free_vlan_list(&fresh);
+    R raw{};
+    if (!port_read(get(&icos_openapi_client, port, &raw), call, port))
         return;
-    }
-    free_vlan_list(&ps->vlans);
-    ps->vlans = fresh;
-    ps->changed = true;
-}
-
-template <typename T> void update(port_status_t *ps, T &field, T value)
-{
-    if (field != value) {
-        field = value;
+    T v = value(raw);
+    if (field != v) {
+        field = v;
         ps->changed = true;
     }
 }
 
-void update_text(port_status_t *ps, char *field, size_t size, const char *value)
+// A text attribute, read into a buffer the size of its field.
+template <size_t N>
+void update_text(port_status_t *ps, char (&field)[N], const char *call, uint32_t port,
+                 open_error_t (*get)(openapiClientHandle_t *, uint32_t, open_buffdesc *))
 {
-    if (strcmp(field, value) != 0) {
-        copy_cut(field, size - 1, value);
+    char text[N] = "";
+    open_buffdesc d{N, text};
+    if (!port_read(get(&icos_openapi_client, port, &d), call, port))
+        return;
+    text[N - 1] = '\0';
+    if (strcmp(field, text) != 0) {
+        memcpy(field, text, N);
         ps->changed = true;
     }
 }
 
-// Reads every attribute of one port; a failed read leaves its field as it
-// was and the walk goes on.
+// Reads every attribute of one port; the walk goes on past a failed read.
 void collect_port(port_status_t *ps, uint32_t port)
 {
     ps->valid = true;
 
-    OPEN_LINK_STATE_t link = OPEN_LINK_DOWN;
-    open_error_t r = openapiIfLinkStateGet(&icos_openapi_client, port, &link);
-    if (r != OPEN_E_NONE)
-        log_fprint(orkad_log, "%s: openapiIfLinkStateGet(%d) result = %d\n", collect_fn, (int)port,
-                   r);
-    else
-        update(ps, ps->link_up, link == OPEN_LINK_UP);
+    update(ps, ps->link_up, "openapiIfLinkStateGet", port, openapiIfLinkStateGet,
+           [](OPEN_LINK_STATE_t v) { return v == OPEN_LINK_UP; });
+    update(ps, ps->link_enabled, "openapiIfAdminStateGet", port, openapiIfAdminStateGet,
+           [](OPEN_CONTROL_t v) { return v == OPEN_ENABLE; });
+    update(ps, ps->speed, "openapiIfSpeedGet", port, openapiIfSpeedGet, icos_convert_speed);
+    update(ps, ps->full_duplex, "openapiIfDuplexModeGet", port, rpcclt_openapiIfDuplexModeGet,
+           [](OPEN_PORT_DUPLEX_t v) { return v == OPEN_PORT_DUPLEX_FULL; });
+    update_text(ps, ps->mac_addr, "openapiIfMacAddrGet", port, rpcclt_openapiIfMacAddrGet);
+    update_text(ps, ps->port_name, "openapiIfNameGet", port, openapiIfNameGet);
 
-    OPEN_CONTROL_t admin = OPEN_DISABLE;
-    r = openapiIfAdminStateGet(&icos_openapi_client, port, &admin);
-    if (r != OPEN_E_NONE)
-        log_fprint(orkad_log, "%s: openapiIfAdminStateGet(%d) result = %d\n", collect_fn, (int)port,
-                   r);
-    else
-        update(ps, ps->link_enabled, admin == OPEN_ENABLE);
-
-    OPEN_PORT_SPEEDS_t speed = (OPEN_PORT_SPEEDS_t)0;
-    r = openapiIfSpeedGet(&icos_openapi_client, port, &speed);
-    if (r != OPEN_E_NONE)
-        log_fprint(orkad_log, "%s: openapiIfSpeedGet(%d) result = %d\n", collect_fn, (int)port, r);
-    else
-        update(ps, ps->speed, icos_convert_speed(speed));
-
-    OPEN_PORT_DUPLEX_t duplex = OPEN_PORT_DUPLEX_UNKNOWN;
-    r = rpcclt_openapiIfDuplexModeGet(&icos_openapi_client, port, &duplex);
-    if (r != OPEN_E_NONE)
-        log_fprint(orkad_log, "%s: openapiIfDuplexModeGet(%d) result = %d\n", collect_fn, (int)port,
-                   r);
-    else
-        update(ps, ps->full_duplex, duplex == OPEN_PORT_DUPLEX_FULL);
-
-    char mac[18];
-    mac[0] = '\0';
-    open_buffdesc mac_desc{sizeof(mac), mac};
-    r = rpcclt_openapiIfMacAddrGet(&icos_openapi_client, port, &mac_desc);
-    if (r != OPEN_E_NONE) {
-        log_fprint(orkad_log, "%s: openapiIfMacAddrGet(%d) result = %d\n", collect_fn, (int)port,
-                   r);
-    } else {
-        mac[sizeof(mac) - 1] = '\0';
-        update_text(ps, ps->mac_addr, sizeof(ps->mac_addr), mac);
-    }
-
-    char name[32];
-    name[0] = '\0';
-    open_buffdesc name_desc{sizeof(name), name};
-    r = openapiIfNameGet(&icos_openapi_client, port, &name_desc);
-    if (r != OPEN_E_NONE) {
-        log_fprint(orkad_log, "%s: openapiIfNameGet(%d) result = %d\n", collect_fn, (int)port, r);
-    } else {
-        name[sizeof(name) - 1] = '\0';
-        update_text(ps, ps->port_name, sizeof(ps->port_name), name);
-    }
-
-    neighbors_changed(ps, icos_collect_neighbors(port));
-    vlans_changed(ps, icos_collect_vlans(port));
+    replace_if_changed(ps, ps->neighbors, icos_collect_neighbors(port));
+    replace_if_changed(ps, ps->vlans, icos_collect_vlans(port));
 }
 
 int icos_set_port_admin_status(int port, OPEN_CONTROL_t state, char *message)
 {
-    std::lock_guard<std::mutex> hold(icos_openapi_client_lock);
-    open_error_t r = rpcclt_openapiIfAdminStateSet(&icos_openapi_client, (uint32_t)port, state);
+    switch_op op(__func__);
+    open_error_t r = rpcclt_openapiIfAdminStateSet(op.client(), (uint32_t)port, state);
     if (r != OPEN_E_NONE) {
         snprintf(message, message_size, "Setting admin_status of port %d failed (result = %d)",
                  port, r);
@@ -444,32 +386,37 @@ int icos_set_port_admin_status(int port, OPEN_CONTROL_t state, char *message)
     return 0;
 }
 
-// Port names are fixed on this switch family.
-int icos_set_port_name(int, const char *, char *message)
-{
-    snprintf(message, message_size, "Port names cannot be changed on this device");
-    return -1;
-}
+// One identity value, read from the switch once and kept. It counts as read
+// once its first byte is non-zero, so a MAC address beginning with 00 is
+// asked for again on every call.
+template <size_t N> struct identity_cache {
+    std::atomic<bool> filled{false};
+    unsigned char bytes[N] = {};
+
+    // False (logged) when the read fails; the cache then stays empty. Texts
+    // are kept terminated.
+    bool fill(const char *fn, const char *what, bool text,
+              open_error_t (*get)(openapiClientHandle_t *, open_buffdesc *))
+    {
+        if (filled.load(std::memory_order_acquire))
+            return true;
+        switch_op op(fn);
+        // Another caller may have read it while this one waited for the lock.
+        if (filled.load(std::memory_order_relaxed))
+            return true;
+        open_buffdesc d{N, bytes};
+        if (op.check(get(op.client(), &d), "cannot get %s", what) != 0) {
+            bytes[0] = 0;
+            return false;
+        }
+        if (text)
+            bytes[N - 1] = 0;
+        filled.store(bytes[0] != 0, std::memory_order_release);
+        return true;
+    }
+};
 
 } // namespace
-
-void free_neighbor_list(lldp_neighbor_t **list)
-{
-    while (*list != nullptr) {
-        lldp_neighbor_t *next = (*list)->next;
-        free_neighbor(list);
-        *list = next;
-    }
-}
-
-void free_vlan_list(vlan_info_t **list)
-{
-    while (*list != nullptr) {
-        vlan_info_t *next = (*list)->next;
-        free_vlan(list);
-        *list = next;
-    }
-}
 
 int icos_openapi_client_init(void)
 {
@@ -493,15 +440,15 @@ int icos_openapi_client_init(void)
 
 void platform_collect_port_status(port_status_t *port_status, int max_port_count)
 {
-    std::lock_guard<std::mutex> hold(icos_openapi_client_lock);
+    switch_op op(__func__);
     uint32_t port = 0;
-    open_error_t r = openapiIfFirstGet(&icos_openapi_client, OPEN_INTF_TYPE_PHY, &port);
+    open_error_t r = openapiIfFirstGet(op.client(), OPEN_INTF_TYPE_PHY, &port);
     while (r == OPEN_E_NONE) {
         if (port == 0 || (long long)port >= (long long)max_port_count)
             log_fprint(orkad_log, "%s: port %d, out of range\n", __func__, (int)port);
         else
             collect_port(&port_status[port], port);
-        r = openapiIfNextGet(&icos_openapi_client, OPEN_INTF_TYPE_PHY, port, &port);
+        r = openapiIfNextGet(op.client(), OPEN_INTF_TYPE_PHY, port, &port);
     }
 }
 
@@ -510,21 +457,20 @@ int platform_set_port_config(const char *id, const char *admin_status, const cha
 {
     int port = id != nullptr ? (int)strtol(id, nullptr, 10) : 0;
     if (admin_status != nullptr) {
-        OPEN_CONTROL_t state;
-        if (strcmp(admin_status, "up") == 0) {
-            state = OPEN_ENABLE;
-        } else if (strcmp(admin_status, "down") == 0) {
-            state = OPEN_DISABLE;
-        } else {
+        bool up = strcmp(admin_status, "up") == 0;
+        if (!up && strcmp(admin_status, "down") != 0) {
             snprintf(message, message_size, "invalid admin_status for port %d", port);
             return -1;
         }
-        if (icos_set_port_admin_status(port, state, message) != 0)
+        if (icos_set_port_admin_status(port, up ? OPEN_ENABLE : OPEN_DISABLE, message) != 0)
             return -1;
     }
-    // An admin change made above stays in effect even when the name fails.
-    if (name != nullptr)
-        return icos_set_port_name(port, name, message);
+    // Port names are fixed on this switch family; an admin change made above
+    // stays in effect.
+    if (name != nullptr) {
+        snprintf(message, message_size, "Port names cannot be changed on this device");
+        return -1;
+    }
     return 0;
 }
 
@@ -532,181 +478,105 @@ int platform_set_port_config(const char *id, const char *admin_status, const cha
 
 int icos_add_logging_host(const char *host, int port)
 {
-    std::lock_guard<std::mutex> hold(icos_openapi_client_lock);
+    switch_op op(__func__);
     open_buffdesc h = text_desc(host);
-    open_error_t r = rpcclt_openapiLoggingHostAdd(&icos_openapi_client, &h);
+    open_error_t r = rpcclt_openapiLoggingHostAdd(op.client(), &h);
     // A host the switch already has only needs its port.
-    if (r != OPEN_E_NONE && r != OPEN_E_EXISTS) {
-        log_fprint(orkad_log, "%s: failed to add logging host %s (result = %d)\n", __func__, host,
-                   r);
+    if (op.check(r == OPEN_E_EXISTS ? OPEN_E_NONE : r, "failed to add logging host %s", host) != 0)
         return -1;
-    }
     h = text_desc(host);
-    r = rpcclt_openapiLoggingHostPortSet(&icos_openapi_client, &h, (uint16_t)port);
-    if (r != OPEN_E_NONE) {
-        log_fprint(orkad_log, "%s: failed to set logging host port %d (result = %d)\n", __func__,
-                   port, r);
-        return -1;
-    }
-    return 0;
+    return op.check(rpcclt_openapiLoggingHostPortSet(op.client(), &h, (uint16_t)port),
+                    "failed to set logging host port %d", port);
 }
 
 int icos_set_syslog_mode(bool enabled)
 {
-    std::lock_guard<std::mutex> hold(icos_openapi_client_lock);
-    open_error_t r =
-        rpcclt_openapiSysLogModeSet(&icos_openapi_client, enabled ? OPEN_ENABLE : OPEN_DISABLE);
-    if (r != OPEN_E_NONE) {
-        log_fprint(orkad_log, "%s: failed to set syslog logging mode %d (result = %d)\n", __func__,
-                   (int)enabled, r);
-        return -1;
-    }
-    return 0;
+    switch_op op(__func__);
+    return op.check(rpcclt_openapiSysLogModeSet(op.client(), enabled ? OPEN_ENABLE : OPEN_DISABLE),
+                    "failed to set syslog logging mode %d", (int)enabled);
 }
 
 int icos_set_logging_severity(const char *host, int severity)
 {
-    std::lock_guard<std::mutex> hold(icos_openapi_client_lock);
+    switch_op op(__func__);
     open_buffdesc h = text_desc(host);
-    open_error_t r = rpcclt_openapiLoggingHostSeveritySet(&icos_openapi_client, &h,
-                                                          (OPEN_LOG_SEVERITY_t)severity);
-    if (r != OPEN_E_NONE) {
-        log_fprint(orkad_log, "%s: failed to set logging severity for '%s' to %d (result = %d)\n",
-                   __func__, host, severity, r);
-        return -1;
-    }
-    return 0;
+    return op.check(
+        rpcclt_openapiLoggingHostSeveritySet(op.client(), &h, (OPEN_LOG_SEVERITY_t)severity),
+        "failed to set logging severity for '%s' to %d", host, severity);
 }
 
 int icos_set_sntp(const char *server)
 {
-    std::lock_guard<std::mutex> hold(icos_openapi_client_lock);
+    switch_op op(__func__);
     open_buffdesc s = text_desc(server);
-    open_error_t r = rpcclt_openapiSntpServerAdd(&icos_openapi_client, &s);
-    if (r != OPEN_E_NONE) {
-        log_fprint(orkad_log, "%s: failed to set sntp server '%s' (result = %d)\n", __func__,
-                   server, r);
+    if (op.check(rpcclt_openapiSntpServerAdd(op.client(), &s), "failed to set sntp server '%s'",
+                 server) != 0)
         return -1;
-    }
-    r = rpcclt_openapiSntpClientModeSet(&icos_openapi_client, OPEN_SNTP_CLIENT_UNICAST);
-    if (r != OPEN_E_NONE) {
-        log_fprint(orkad_log, "%s: failed to set sntp client mode (result = %d)\n", __func__, r);
-        return -1;
-    }
-    return 0;
+    return op.check(rpcclt_openapiSntpClientModeSet(op.client(), OPEN_SNTP_CLIENT_UNICAST),
+                    "failed to set sntp client mode");
 }
 
 int icos_set_password(const char *user, const char *pass)
 {
-    char user_buf[64 + 1], pass_buf[64 + 1];
-    copy_cut(user_buf, 64, user);
-    copy_cut(pass_buf, 64, pass);
-    std::lock_guard<std::mutex> hold(icos_openapi_client_lock);
-    open_buffdesc u = text_desc(user_buf), p = text_desc(pass_buf);
-    open_error_t r = rpcclt_openapiUserSet(&icos_openapi_client, &u, &p);
-    if (r != OPEN_E_NONE) {
-        log_fprint(orkad_log, "%s: failed to set user/password for '%s'/'%s' (result = %d)\n",
-                   __func__, user_buf, LOG_SECRET_MARKER, r);
-        return -1;
-    }
-    return 0;
+    cut_text u(user, 64), p(pass, 64);
+    switch_op op(__func__);
+    // The password itself never reaches the log.
+    return op.check(rpcclt_openapiUserSet(op.client(), &u.desc, &p.desc),
+                    "failed to set user/password for '%s'/'%s'", u.text.c_str(), LOG_SECRET_MARKER);
 }
 
 int icos_set_fiber_no_autoneg(void)
 {
     static const uint32_t fiber_ports[] = {25, 26, 27, 28};
     int result = 0;
-    std::lock_guard<std::mutex> hold(icos_openapi_client_lock);
-    for (uint32_t port : fiber_ports) {
-        open_error_t r =
-            rpcclt_openapiIfAutoNegSet(&icos_openapi_client, port, OPEN_PORT_AUTO_NEG_DISABLE);
-        if (r != OPEN_E_NONE) {
-            log_fprint(orkad_log,
-                       "%s: cannot disable auto-negotiation on interface %d' (result = %d)\n",
-                       __func__, (int)port, r);
+    switch_op op(__func__);
+    for (uint32_t port : fiber_ports)
+        if (op.check(rpcclt_openapiIfAutoNegSet(op.client(), port, OPEN_PORT_AUTO_NEG_DISABLE),
+                     "cannot disable auto-negotiation on interface %d'", (int)port) != 0)
             result = -1;
-        }
-    }
     return result;
 }
 
 int icos_save_configuration(void)
 {
-    std::unique_lock<std::mutex> hold(icos_openapi_client_lock);
-    open_error_t r = rpcclt_openapiSaveConfig(&icos_openapi_client);
-    hold.unlock();
-    if (r != OPEN_E_NONE) {
-        log_fprint(orkad_log, "%s: cannot save configuration (result = %d)\n", __func__, r);
-        return -1;
-    }
-    return 0;
+    switch_op op(__func__);
+    return op.check(rpcclt_openapiSaveConfig(op.client()), "cannot save configuration");
 }
 
 int icos_set_system_prompt(const char *prompt)
 {
-    std::lock_guard<std::mutex> hold(icos_openapi_client_lock);
+    switch_op op(__func__);
     uint32_t max_size = 0;
-    open_error_t r = rpcclt_openapiSystemPromptMaxSizeGet(&icos_openapi_client, &max_size);
-    if (r != OPEN_E_NONE) {
-        log_fprint(orkad_log, "%s: cannot get max_size of system prompt (result = %d)\n", __func__,
-                   r);
+    if (op.check(rpcclt_openapiSystemPromptMaxSizeGet(op.client(), &max_size),
+                 "cannot get max_size of system prompt") != 0)
         return -1;
-    }
-    malloc_ptr<char> buf(static_cast<char *>(malloc((size_t)max_size + 1)));
-    if (!buf) {
-        log_fprint(orkad_log, "%s: cannot allocate prompt buffer (%u bytes)\n", __func__,
-                   max_size + 1);
-        return -1;
-    }
-    copy_cut(buf.get(), max_size, prompt);
-    open_buffdesc p = text_desc(buf.get());
-    r = rpcclt_openapiSystemPromptSet(&icos_openapi_client, &p);
-    if (r != OPEN_E_NONE) {
-        log_fprint(orkad_log, "%s: cannot set system prompt (result = %d)\n", __func__, r);
-        return -1;
-    }
-    return 0;
+    cut_text p(prompt, max_size);
+    return op.check(rpcclt_openapiSystemPromptSet(op.client(), &p.desc),
+                    "cannot set system prompt");
 }
 
 int icos_set_agent_version(const char *name, const char *version)
 {
-    char name_buf[16 + 1], version_buf[19 + 1];
-    copy_cut(name_buf, 16, name);
-    copy_cut(version_buf, 19, version);
-    std::unique_lock<std::mutex> hold(icos_openapi_client_lock);
-    open_buffdesc n = text_desc(name_buf), v = text_desc(version_buf);
-    open_error_t r = rpcclt_openapiAppCtrlVersionSet(&icos_openapi_client, &n, &v);
-    hold.unlock();
-    if (r != OPEN_E_NONE) {
-        log_fprint(orkad_log, "%s: cannot set application version (result = %d)\n", __func__, r);
-        return -1;
-    }
-    return 0;
+    cut_text n(name, 16), v(version, 19);
+    switch_op op(__func__);
+    return op.check(rpcclt_openapiAppCtrlVersionSet(op.client(), &n.desc, &v.desc),
+                    "cannot set application version");
 }
 
 int icos_set_agent_status(const char *name, const char *status)
 {
-    char name_buf[16 + 1], status_buf[511 + 1];
-    copy_cut(name_buf, 16, name);
-    copy_cut(status_buf, 511, status);
-    std::unique_lock<std::mutex> hold(icos_openapi_client_lock);
-    open_buffdesc n = text_desc(name_buf), s = text_desc(status_buf);
-    open_error_t r = rpcclt_openapiAppCtrlStatusSet(&icos_openapi_client, &n, &s);
-    hold.unlock();
-    if (r != OPEN_E_NONE) {
-        log_fprint(orkad_log, "%s: cannot set application status (result = %d)\n", __func__, r);
-        return -1;
-    }
-    return 0;
+    cut_text n(name, 16), s(status, 511);
+    switch_op op(__func__);
+    return op.check(rpcclt_openapiAppCtrlStatusSet(op.client(), &n.desc, &s.desc),
+                    "cannot set application status");
 }
 
 int platform_cloud_management_enabled(void)
 {
     icos_openapi_client_init();
     OPEN_CONTROL_t mode = OPEN_DISABLE;
-    std::unique_lock<std::mutex> hold(icos_openapi_client_lock);
-    open_error_t r = rpcclt_openapiCloudManagedModeGet(&icos_openapi_client, &mode);
-    hold.unlock();
+    switch_op op(__func__);
+    open_error_t r = rpcclt_openapiCloudManagedModeGet(op.client(), &mode);
     if (r != OPEN_E_NONE) {
         // Asked before the log files exist, so this goes to standard output.
         printf("%s: cannot get cloud management administrative mode (result = %d)\n", __func__, r);
@@ -719,82 +589,41 @@ int platform_cloud_management_enabled(void)
 int platform_cloud_management_get_url(char *url, int url_size)
 {
     open_buffdesc u{(uint32_t)(url_size < 0 ? 0 : url_size), url};
-    std::unique_lock<std::mutex> hold(icos_openapi_client_lock);
-    open_error_t r = rpcclt_openapiCloudManagedServerUrlGet(&icos_openapi_client, &u);
-    hold.unlock();
-    if (r != OPEN_E_NONE) {
-        log_fprint(orkad_log, "%s: cannot get cloud management server url (result = %d)\n",
-                   __func__, r);
-        return -1;
-    }
-    return 0;
+    switch_op op(__func__);
+    return op.check(rpcclt_openapiCloudManagedServerUrlGet(op.client(), &u),
+                    "cannot get cloud management server url");
 }
-
-// The identity caches count as filled once their first byte is non-zero; a
-// MAC address beginning with 00 is therefore asked for again on every call.
 
 const char *icos_get_serial_number(void)
 {
-    static char serial[256];
-    if (serial[0] != '\0')
-        return serial;
-    open_buffdesc d{sizeof(serial), serial};
-    std::unique_lock<std::mutex> hold(icos_openapi_client_lock);
-    open_error_t r = rpcclt_openapiSystemRegSerialNumGet(&icos_openapi_client, &d);
-    hold.unlock();
-    if (r != OPEN_E_NONE) {
-        serial[0] = '\0';
-        log_fprint(orkad_log, "%s: cannot get serial number (result = %d)\n", __func__, r);
+    static identity_cache<256> serial;
+    if (!serial.fill(__func__, "serial number", true, rpcclt_openapiSystemRegSerialNumGet))
         return nullptr;
-    }
-    serial[sizeof(serial) - 1] = '\0';
-    return serial;
+    return reinterpret_cast<const char *>(serial.bytes);
 }
 
 const char *platform_get_model_number(void)
 {
-    static char model[256];
-    if (model[0] != '\0')
-        return model;
-    open_buffdesc d{sizeof(model), model};
-    std::unique_lock<std::mutex> hold(icos_openapi_client_lock);
-    open_error_t r = rpcclt_openapiSystemRegMachineModelGet(&icos_openapi_client, &d);
-    hold.unlock();
-    if (r != OPEN_E_NONE) {
-        model[0] = '\0';
-        log_fprint(orkad_log, "%s: cannot get model number (result = %d)\n", __func__, r);
+    static identity_cache<256> model;
+    if (!model.fill(__func__, "model number", true, rpcclt_openapiSystemRegMachineModelGet))
         return nullptr;
-    }
-    model[sizeof(model) - 1] = '\0';
-    return model;
+    return reinterpret_cast<const char *>(model.bytes);
 }
 
 const uint8_t *platform_get_system_mac_addr(void)
 {
-    static uint8_t mac[6];
-    if (mac[0] != 0)
-        return mac;
-    open_buffdesc d{sizeof(mac), mac};
-    std::unique_lock<std::mutex> hold(icos_openapi_client_lock);
-    open_error_t r = rpcclt_openapiSystemMacAddrGet(&icos_openapi_client, &d);
-    hold.unlock();
-    if (r != OPEN_E_NONE) {
-        mac[0] = 0;
-        log_fprint(orkad_log, "%s: cannot get system MAC address (result = %d)\n", __func__, r);
+    static identity_cache<6> mac;
+    if (!mac.fill(__func__, "system MAC address", false, rpcclt_openapiSystemMacAddrGet))
         return nullptr;
-    }
-    return mac;
+    return mac.bytes;
 }
 
 int icos_system_reload(void)
 {
-    std::unique_lock<std::mutex> hold(icos_openapi_client_lock);
-    open_error_t r = rpcclt_openapiSystemReload(&icos_openapi_client);
-    hold.unlock();
-    if (r != OPEN_E_NONE) {
-        log_fprint(orkad_log, "%s: could not initiate system restart (result = %d)\n", __func__, r);
+    switch_op op(__func__);
+    if (op.check(rpcclt_openapiSystemReload(op.client()), "could not initiate system restart") != 0)
         return 1;
-    }
+    op.release();
     log_fprint(orkad_log, "%s: system restart initiated successfully.", __func__);
     // The switch takes the agent down with it; until then the caller must
     // not carry on as if nothing happened.
@@ -804,14 +633,11 @@ int icos_system_reload(void)
 
 int platform_get_support_data(const char *file)
 {
-    std::lock_guard<std::mutex> hold(icos_openapi_client_lock);
+    switch_op op(__func__);
     uint32_t max_filename_len = 0;
-    open_error_t r =
-        rpcclt_openapiSystemFileNameMaxLengthGet(&icos_openapi_client, &max_filename_len);
-    if (r != OPEN_E_NONE) {
-        log_fprint(orkad_log, "%s: cannot get max_filename_len (result = %d)\n", __func__, r);
+    if (op.check(rpcclt_openapiSystemFileNameMaxLengthGet(op.client(), &max_filename_len),
+                 "cannot get max_filename_len") != 0)
         return -1;
-    }
     size_t size = (size_t)max_filename_len + 1;
     malloc_ptr<char> name(static_cast<char *>(malloc(size)));
     if (!name) {
@@ -819,9 +645,9 @@ int platform_get_support_data(const char *file)
                    (int)size);
         return -1;
     }
-    copy_cut(name.get(), max_filename_len, file);
+    snprintf(name.get(), size, "%s", file);
     open_buffdesc d{(uint32_t)size, name.get()};
-    r = rpcclt_openapiSupportFileGenerate(&icos_openapi_client, &d);
+    open_error_t r = rpcclt_openapiSupportFileGenerate(op.client(), &d);
     if (r != OPEN_E_NONE) {
         log_fprint(orkad_log, "%s: cannot get support data (result = %d, file = '%s')\n", __func__,
                    r, name.get());

@@ -6,9 +6,51 @@
 // status collection.
 #pragma once
 
-#include "port_status.h"
-
 #include <cstdint>
+#include <string>
+#include <vector>
+
+// One remote LLDP device on a port.
+struct lldp_neighbor {
+    std::string chassis_id;
+    int chassis_id_subtype = 0; // 1 chassis component ... 4 MAC address ... 7 locally assigned
+    std::string port_id;
+    int port_id_subtype = 0; // 1 interface alias ... 5 interface name ... 7 locally assigned
+    std::string system_name;
+    std::string system_description;
+    std::string mgmt_address;
+    std::string system_caps_supported;
+    std::string system_caps_enabled;
+
+    bool operator==(const lldp_neighbor &) const = default;
+};
+using lldp_neighbor_t = lldp_neighbor;
+
+// One VLAN the port takes part in.
+struct vlan_info {
+    int vid = 0;
+    std::string name;
+
+    bool operator==(const vlan_info &) const = default;
+};
+using vlan_info_t = vlan_info;
+
+// One record per switch interface number; the table is indexed by that
+// number directly and entry 0 is never used. A port's neighbours and VLANs
+// are the last two its walk found, in the order the switch gave them.
+struct port_status {
+    bool valid = false;   // seen by a collection at least once; never cleared
+    bool changed = false; // set by collection when a field below changed; the reporter clears it
+    bool link_up = false;
+    bool link_enabled = false;
+    bool full_duplex = false;
+    int speed = 0; // Mbit/s, 0 when unknown
+    char port_name[32] = {};
+    char mac_addr[18] = {};
+    std::vector<lldp_neighbor> neighbors;
+    std::vector<vlan_info> vlans;
+};
+using port_status_t = port_status;
 
 // Registers the OpEN client once and waits, without limit, until the switch's
 // API service answers. 0 on success (also when already registered), -1 when
@@ -24,10 +66,6 @@ void platform_collect_port_status(port_status_t *port_status, int max_port_count
 // receives the reason on failure. 0 on success, -1 on failure.
 int platform_set_port_config(const char *id, const char *admin_status, const char *name,
                              char *message);
-
-// Release whole neighbour and VLAN lists of a port record.
-void free_neighbor_list(lldp_neighbor_t **list);
-void free_vlan_list(vlan_info_t **list);
 
 // Switch settings. 0 on success, -1 on failure unless noted.
 int icos_add_logging_host(const char *host, int port);

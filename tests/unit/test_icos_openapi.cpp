@@ -77,13 +77,6 @@ class IcosTest : public ::testing::Test
         slept.clear();
         icos_openapi_sleep = record_sleep;
     }
-    void TearDown() override
-    {
-        for (port_status_t &p : table) {
-            free_neighbor_list(&p.neighbors);
-            free_vlan_list(&p.vlans);
-        }
-    }
 
     void model(const std::string &json) { write_file(root.at("/var/switch/model.json"), json); }
     void faults(const std::string &json) { write_file(root.at("/var/switch/faults.json"), json); }
@@ -111,19 +104,19 @@ class IcosTest : public ::testing::Test
     }
 };
 
-std::vector<std::string> names_of(const lldp_neighbor_t *n)
+std::vector<std::string> names_of(const std::vector<lldp_neighbor_t> &list)
 {
     std::vector<std::string> out;
-    for (; n != nullptr; n = n->next)
-        out.push_back(n->system_name ? n->system_name : "(null)");
+    for (const lldp_neighbor_t &n : list)
+        out.push_back(n.system_name);
     return out;
 }
 
-std::vector<std::pair<int, std::string>> vlans_of(const vlan_info_t *v)
+std::vector<std::pair<int, std::string>> vlans_of(const std::vector<vlan_info_t> &list)
 {
     std::vector<std::pair<int, std::string>> out;
-    for (; v != nullptr; v = v->next)
-        out.emplace_back(v->vid, v->name ? v->name : "(null)");
+    for (const vlan_info_t &v : list)
+        out.emplace_back(v.vid, v.name);
     return out;
 }
 
@@ -311,15 +304,15 @@ TEST_F(IcosTest, CollectingTwiceWithoutChangeLeavesChangedAlone)
     collect();
     ASSERT_TRUE(table[1].changed);
     ASSERT_TRUE(table[2].changed);
-    lldp_neighbor_t *kept = table[2].neighbors;
-    vlan_info_t *kept_vlans = table[2].vlans;
+    const lldp_neighbor_t *kept = table[2].neighbors.data();
+    const vlan_info_t *kept_vlans = table[2].vlans.data();
     clear_changed();
     collect();
     EXPECT_FALSE(table[1].changed);
     EXPECT_FALSE(table[2].changed);
     // Equal lists are not replaced.
-    EXPECT_EQ(table[2].neighbors, kept);
-    EXPECT_EQ(table[2].vlans, kept_vlans);
+    EXPECT_EQ(table[2].neighbors.data(), kept);
+    EXPECT_EQ(table[2].vlans.data(), kept_vlans);
 
     // And a flag the reporter left set stays set.
     table[1].changed = true;
@@ -387,7 +380,7 @@ TEST_F(IcosTest, AModelEditedWhileCollectionRunsIsPickedUpAtTheNextCollection)
     model(down);
     collect();
     EXPECT_FALSE(table[5].link_up);
-    EXPECT_EQ(table[5].neighbors, nullptr);
+    EXPECT_TRUE(table[5].neighbors.empty());
 }
 
 // ---- LLDP neighbours -----------------------------------------------------
@@ -406,18 +399,18 @@ TEST_F(IcosTest, OnlyTheLastTwoOfThreeNeighboursAreReported)
     EXPECT_EQ(names_of(table[2].neighbors), names({"sw01", "sw02"}));
     EXPECT_EQ(names_of(table[3].neighbors), names({"sw02", "sw03"}));
     EXPECT_EQ(names_of(table[4].neighbors), names({"sw03", "sw04"}));
-    EXPECT_EQ(table[5].neighbors, nullptr);
+    EXPECT_TRUE(table[5].neighbors.empty());
 
-    const lldp_neighbor_t *n = table[1].neighbors;
-    ASSERT_NE(n, nullptr);
-    EXPECT_STREQ(n->chassis_id, "aa:bb:cc:00:00:01");
+    ASSERT_EQ(table[1].neighbors.size(), 1u);
+    const lldp_neighbor_t *n = &table[1].neighbors[0];
+    EXPECT_EQ(n->chassis_id, "aa:bb:cc:00:00:01");
     EXPECT_EQ(n->chassis_id_subtype, 4);
-    EXPECT_STREQ(n->port_id, "gi0/sw01");
+    EXPECT_EQ(n->port_id, "gi0/sw01");
     EXPECT_EQ(n->port_id_subtype, 5);
-    EXPECT_STREQ(n->system_description, "desc sw01");
-    EXPECT_STREQ(n->system_caps_supported, "Bridge, Router");
-    EXPECT_STREQ(n->system_caps_enabled, "Bridge");
-    EXPECT_STREQ(n->mgmt_address, "10.0.0.01");
+    EXPECT_EQ(n->system_description, "desc sw01");
+    EXPECT_EQ(n->system_caps_supported, "Bridge, Router");
+    EXPECT_EQ(n->system_caps_enabled, "Bridge");
+    EXPECT_EQ(n->mgmt_address, "10.0.0.01");
 }
 
 TEST_F(IcosTest, DisabledReceptionIsSwitchedOnAndReportsFromTheNextCycle)
@@ -426,7 +419,7 @@ TEST_F(IcosTest, DisabledReceptionIsSwitchedOnAndReportsFromTheNextCycle)
         {port(7, "\"lldp_receive\":\"disable\",\"neighbors\":[" + neighbor("sw07") + "]")}));
     collect();
     EXPECT_TRUE(table[7].valid);
-    EXPECT_EQ(table[7].neighbors, nullptr);
+    EXPECT_TRUE(table[7].neighbors.empty());
     EXPECT_EQ(
         journal(),
         names(
@@ -447,7 +440,7 @@ TEST_F(IcosTest, ReceptionSwitchOnFailureStillReportsNoNeighbours)
     faults(R"([{"call":"rpcclt_openapiLldpIntfReceiveModeSet","result":-26,"count":1},
                {"call":"rpcclt_openapiLldpIntfReceiveModeGet","port":8,"result":-20}])");
     collect();
-    EXPECT_EQ(table[7].neighbors, nullptr);
+    EXPECT_TRUE(table[7].neighbors.empty());
     EXPECT_TRUE(
         logged("icos_collect_neighbors: openapiLldpIntfReceiveModeSet() failed (result = -26)"));
     EXPECT_EQ(
@@ -455,13 +448,13 @@ TEST_F(IcosTest, ReceptionSwitchOnFailureStillReportsNoNeighbours)
         names(
             {R"({"call":"rpcclt_openapiLldpIntfReceiveModeSet","ifNum":7,"mode":1,"result":-26})"}));
     collect();
-    EXPECT_EQ(table[7].neighbors, nullptr);
+    EXPECT_TRUE(table[7].neighbors.empty());
     collect();
     EXPECT_EQ(names_of(table[7].neighbors), names({"sw07"}));
 
     model(model_of({port(8, "\"neighbors\":[" + neighbor("sw08") + "]")}));
     collect();
-    EXPECT_EQ(table[8].neighbors, nullptr);
+    EXPECT_TRUE(table[8].neighbors.empty());
     EXPECT_TRUE(
         logged("icos_collect_neighbors: openapiLldpIntfReceiveModeGet() failed (result = -20)"));
 }
@@ -471,7 +464,7 @@ TEST_F(IcosTest, ManagementStringLengthLimit)
     model(model_of({port(1, "\"neighbors\":[" + neighbor("sw01") + "]")}, "[]",
                    R"({"lldp_mgmt_str_len":8193})"));
     collect();
-    EXPECT_EQ(table[1].neighbors, nullptr);
+    EXPECT_TRUE(table[1].neighbors.empty());
     EXPECT_TRUE(logged("icos_collect_neighbors: MgmtStrLen = 8193 > limit 8192"));
 
     model(model_of({port(1, "\"neighbors\":[" + neighbor("sw01") + "]")}, "[]",
@@ -482,7 +475,7 @@ TEST_F(IcosTest, ManagementStringLengthLimit)
 
     faults(R"([{"call":"rpcclt_openapiLldpMgmtStrLenGet","result":-21,"count":1}])");
     collect();
-    EXPECT_EQ(table[1].neighbors, nullptr);
+    EXPECT_TRUE(table[1].neighbors.empty());
     EXPECT_TRUE(logged("icos_collect_neighbors: openapiLldpMgmtStrLenGet() failed (result = -21)"));
 }
 
@@ -496,7 +489,7 @@ TEST_F(IcosTest, TextsUpToTheManagementStringLengthAreRead)
                    "[]", R"({"lldp_mgmt_str_len":16})"));
     collect();
     EXPECT_EQ(names_of(table[1].neighbors), names({"fifteen-chars-x"}));
-    EXPECT_EQ(table[2].neighbors, nullptr);
+    EXPECT_TRUE(table[2].neighbors.empty());
     EXPECT_TRUE(logged(
         "icos_collect_neighbors: openapiLldpIntfRemoteDeviceSystemNameGet(2, 1) result = -22"));
 }
@@ -509,19 +502,19 @@ TEST_F(IcosTest, UnavailableFieldsAreEmptyAndOtherErrorsDropOnlyThatNeighbour)
                               R"(,{"chassis_id":"aa:bb:cc:00:00:02","port_id":"gi0/2"})" + "]")}));
     collect();
     ASSERT_EQ(names_of(table[3].neighbors), names({"sw01", ""}));
-    const lldp_neighbor_t *bare = table[3].neighbors->next;
-    EXPECT_STREQ(bare->system_description, "");
-    EXPECT_STREQ(bare->system_caps_supported, "");
-    EXPECT_STREQ(bare->system_caps_enabled, "");
-    EXPECT_STREQ(bare->mgmt_address, "");
-    EXPECT_STREQ(bare->chassis_id, "aa:bb:cc:00:00:02");
+    const lldp_neighbor_t *bare = &table[3].neighbors[1];
+    EXPECT_EQ(bare->system_description, "");
+    EXPECT_EQ(bare->system_caps_supported, "");
+    EXPECT_EQ(bare->system_caps_enabled, "");
+    EXPECT_EQ(bare->mgmt_address, "");
+    EXPECT_EQ(bare->chassis_id, "aa:bb:cc:00:00:02");
 
     // A forced "unavailable" empties a field the neighbour does have.
     faults(
         R"([{"call":"rpcclt_openapiLldpIntfRemoteDeviceChassisIdGet","port":3,"result":-28,"count":1}])");
     collect();
     ASSERT_EQ(names_of(table[3].neighbors), names({"sw01", ""}));
-    EXPECT_STREQ(table[3].neighbors->chassis_id, "");
+    EXPECT_EQ(table[3].neighbors[0].chassis_id, "");
 
     // Any other error drops that neighbour only, whichever field fails.
     struct {
@@ -573,8 +566,8 @@ TEST_F(IcosTest, NeighbourChangesReplaceTheStoredList)
         collect();
         EXPECT_TRUE(table[1].changed) << v;
     }
-    EXPECT_EQ(table[1].neighbors->chassis_id_subtype, 7);
-    EXPECT_STREQ(table[1].neighbors->system_caps_enabled, "Bridge, Router");
+    EXPECT_EQ(table[1].neighbors.at(0).chassis_id_subtype, 7);
+    EXPECT_EQ(table[1].neighbors[0].system_caps_enabled, "Bridge, Router");
 
     clear_changed();
     model(model_of({port(1, "\"neighbors\":[" + variants[1] + "," + neighbor("sw02") + "]")}));
@@ -586,7 +579,7 @@ TEST_F(IcosTest, NeighbourChangesReplaceTheStoredList)
     model(model_of({port(1)}));
     collect();
     EXPECT_TRUE(table[1].changed);
-    EXPECT_EQ(table[1].neighbors, nullptr);
+    EXPECT_TRUE(table[1].neighbors.empty());
 }
 
 // ---- VLANs ---------------------------------------------------------------
@@ -671,6 +664,100 @@ TEST_F(IcosTest, VlanParticipationFailuresSkipTheVlan)
     EXPECT_TRUE(table[1].changed);
     EXPECT_EQ(vlans_of(table[1].vlans), vl({{1, "default"}}));
 }
+
+// ---- running out of memory -------------------------------------------------
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// Refuses heap blocks of one size on the thread that asks, so that one chosen
+// text or list of a collection cannot be made.
+extern "C" void *__libc_malloc(size_t);
+static thread_local size_t refused_size = 0;
+static thread_local int refusals = 0;
+extern "C" void *malloc(size_t n)
+{
+    if (refused_size != 0 && n == refused_size) {
+        refusals++;
+        return nullptr;
+    }
+    return __libc_malloc(n);
+}
+
+class IcosMemoryTest : public IcosTest
+{
+  protected:
+    // One collection in which no block of `size` bytes can be had.
+    void collect_refusing(size_t size)
+    {
+        refusals = 0;
+        refused_size = size;
+        collect();
+        refused_size = 0;
+    }
+};
+
+TEST_F(IcosMemoryTest, ANeighbourTextWithoutMemoryEndsThatPortsList)
+{
+    const std::string big(300, 'x'); // the only 300-character text
+    std::string n2 = neighbor("sw02");
+    n2.replace(n2.find("desc sw02"), 9, big);
+    model(model_of({port(1, "\"neighbors\":[" + neighbor("sw01") + "," + n2 + "]"),
+                    port(2, "\"neighbors\":[" + neighbor("sw03") + "]")},
+                   "[]", R"({"lldp_mgmt_str_len":512})"));
+    collect();
+    ASSERT_EQ(names_of(table[1].neighbors), names({"sw01", "sw02"}));
+    EXPECT_EQ(table[1].neighbors[1].system_description, big);
+
+    clear_changed();
+    collect_refusing(big.size() + 1);
+    EXPECT_GT(refusals, 0);
+    EXPECT_EQ(logged_count("icos_collect_neighbors: Out of memory"), 1u);
+    EXPECT_EQ(names_of(table[1].neighbors), names({"sw01"}));
+    EXPECT_TRUE(table[1].changed);
+    EXPECT_EQ(names_of(table[2].neighbors), names({"sw03"}));
+    EXPECT_FALSE(table[2].changed);
+
+    collect();
+    EXPECT_EQ(names_of(table[1].neighbors), names({"sw01", "sw02"}));
+}
+
+TEST_F(IcosMemoryTest, ANeighbourWithoutRoomKeepsTheOnesBeforeIt)
+{
+    model(model_of({port(1, "\"neighbors\":[" + neighbor("sw01") + "," + neighbor("sw02") + "," +
+                                neighbor("sw03") + "]")}));
+    // The list's room for a second record.
+    collect_refusing(2 * sizeof(lldp_neighbor_t));
+    EXPECT_GT(refusals, 0);
+    EXPECT_TRUE(logged("icos_collect_neighbors: cannot allocate lldp_neighbor; out of memory!"));
+    EXPECT_EQ(names_of(table[1].neighbors), names({"sw01"}));
+    collect();
+    EXPECT_EQ(names_of(table[1].neighbors), names({"sw02", "sw03"}));
+}
+
+TEST_F(IcosMemoryTest, AVlanWithoutMemoryEndsThatPortsList)
+{
+    using vl = std::vector<std::pair<int, std::string>>;
+    const std::string big(100, 'v');
+    model(model_of({port(1)}, R"([{"id":1,"name":"default","ports":[1]},
+                                 {"id":20,"name":")" +
+                                  big + R"(","ports":[1]},
+                                 {"id":30,"name":"cameras","ports":[1]}])"));
+    collect();
+    ASSERT_EQ(vlans_of(table[1].vlans), vl({{20, big}, {30, "cameras"}}));
+
+    collect_refusing(big.size() + 1);
+    EXPECT_GT(refusals, 0);
+    EXPECT_TRUE(logged("icos_collect_vlans: Out of memory"));
+    EXPECT_EQ(vlans_of(table[1].vlans), vl({{1, "default"}}));
+
+    collect_refusing(2 * sizeof(vlan_info_t));
+    EXPECT_GT(refusals, 0);
+    EXPECT_TRUE(logged("icos_collect_vlans: cannot allocate vlan_info; out of memory!"));
+    EXPECT_EQ(vlans_of(table[1].vlans), vl({{1, "default"}}));
+
+    collect();
+    EXPECT_EQ(vlans_of(table[1].vlans), vl({{20, big}, {30, "cameras"}}));
+}
+#endif
 
 // ---- port configuration --------------------------------------------------
 
@@ -908,6 +995,31 @@ TEST_F(IcosTest, ASecondSerialNumberReadComesFromTheCache)
               std::string::npos);
 }
 
+// Callers on several threads at once, before anything is cached: each gets
+// the whole answer, and none reads a cache another is still filling.
+TEST_F(IcosTest, IdentityAskedFromManyThreadsAtOnce)
+{
+    model(R"({"system":{"serial_number":"SN-MANY","machine_model":"VX-MANY",)"
+          R"("mac_address":"02:11:22:33:44:55"}})");
+    std::atomic<int> waiting{8}, right{0};
+    std::vector<std::thread> callers;
+    for (int i = 0; i < 8; i++)
+        callers.emplace_back([&] {
+            waiting--;
+            while (waiting > 0)
+                std::this_thread::yield();
+            const char *sn = icos_get_serial_number();
+            const char *model = platform_get_model_number();
+            const uint8_t *mac = platform_get_system_mac_addr();
+            if (sn != nullptr && strcmp(sn, "SN-MANY") == 0 && model != nullptr &&
+                strcmp(model, "VX-MANY") == 0 && mac != nullptr && mac[0] == 0x02 && mac[5] == 0x55)
+                right++;
+        });
+    for (std::thread &t : callers)
+        t.join();
+    EXPECT_EQ(right, 8);
+}
+
 TEST_F(IcosTest, ModelNumberIsCached)
 {
     model(R"({"system":{"machine_model":"VX-S28P"}})");
@@ -973,6 +1085,22 @@ TEST_F(IcosTest, ReloadSleepsAMinuteAfterTheRequest)
     EXPECT_EQ(last.substr(last.size() - failed.size()), failed);
 }
 
+// The adapter stands on the base and the switch API alone: its header pulls
+// in nothing of the agent (the status stream includes it, not the other way
+// round).
+TEST(IcosHeader, IncludesNothingOfTheAgent)
+{
+    std::string src = __FILE__;
+    src = src.substr(0, src.rfind("/tests/unit/")) + "/platform/icos-openapi.h";
+    const std::string text = read_file(src);
+    ASSERT_FALSE(text.empty()) << src;
+    for (const std::string &line : lines_of(text)) {
+        if (line.rfind("#include", 0) == 0) {
+            EXPECT_EQ(line.find('"'), std::string::npos) << line;
+        }
+    }
+}
+
 TEST(IcosSleep, TheDaemonReallySleeps)
 {
     EXPECT_EQ(initial_sleep, &sleep);
@@ -1020,9 +1148,9 @@ TEST_F(IcosTest, TheSampleSwitch)
     EXPECT_FALSE(table[12].full_duplex);
     EXPECT_FALSE(table[20].link_enabled);
     EXPECT_EQ(names_of(table[5].neighbors), names({"lab-pi-2", "lab-pi-3"}));
-    EXPECT_STREQ(table[25].neighbors->mgmt_address, "2001:db8::1");
+    EXPECT_EQ(table[25].neighbors.at(0).mgmt_address, "2001:db8::1");
     // Port 9 had LLDP reception off: switched on now, neighbours next time.
-    EXPECT_EQ(table[9].neighbors, nullptr);
+    EXPECT_TRUE(table[9].neighbors.empty());
     using vl = std::vector<std::pair<int, std::string>>;
     EXPECT_EQ(vlans_of(table[1].vlans), vl({{10, "office"}, {20, "voice"}}));
     EXPECT_EQ(vlans_of(table[26].vlans), vl({{1, "default"}, {99, "management"}}));

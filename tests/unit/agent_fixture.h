@@ -51,7 +51,7 @@ class AgentTest : public ::testing::Test
         log_init();
         signals_init(); // before any thread, as in the daemon
         command_init();
-        thread_init();
+        thread_init_once();
         db_init();
         http_init();
         platform_sleep = no_sleep;

@@ -13,17 +13,10 @@
 #include <jansson.h>
 #include <vector>
 
-#if !defined(__SANITIZE_ADDRESS__)
-extern "C" void *__libc_malloc(size_t);
-extern "C" void *__libc_calloc(size_t, size_t);
-extern "C" void *__libc_realloc(void *, size_t);
-
-#endif
+#include "../tests/unit/alloc_count.h"
 
 namespace
 {
-bool counting = false;
-long allocations = 0;
 
 double cpu_us()
 {
@@ -38,28 +31,6 @@ double median(std::vector<double> v)
     return v[v.size() / 2];
 }
 } // namespace
-
-// The sanitizer build keeps its own allocator: nothing is counted there.
-#if !defined(__SANITIZE_ADDRESS__)
-extern "C" void *malloc(size_t n)
-{
-    if (counting)
-        allocations++;
-    return __libc_malloc(n);
-}
-extern "C" void *calloc(size_t a, size_t b)
-{
-    if (counting)
-        allocations++;
-    return __libc_calloc(a, b);
-}
-extern "C" void *realloc(void *p, size_t n)
-{
-    if (counting)
-        allocations++;
-    return __libc_realloc(p, n);
-}
-#endif
 
 int main(int argc, char **argv)
 {
@@ -77,14 +48,12 @@ int main(int argc, char **argv)
         // Samples must be at least a millisecond apart to count.
         struct timespec pause = {0, 1500000};
         nanosleep(&pause, nullptr);
-        allocations = 0;
-        counting = true;
+        alloc_count::start();
         double t0 = cpu_us();
         collect_interface_stats();
         double t1 = cpu_us();
-        counting = false;
+        tick_allocations += alloc_count::stop();
         tick.push_back(t1 - t0);
-        tick_allocations += allocations;
 
         if (r % 4 == 3) {
             double c0 = cpu_us();

@@ -38,23 +38,15 @@ constexpr size_t command_count = sizeof(commands) / sizeof(commands[0]);
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    fuzz::start_agent(true);
-    return 0;
-}
+const bool fuzz::pick_needs_commands = true;
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void fuzz::pick_input(uint8_t pick, const uint8_t *data, size_t size)
 {
-    if (size < 1)
-        return 0;
-    const auto &c = commands[data[0] % command_count];
+    const auto &c = commands[pick % command_count];
     json_error_t err;
     // Parsed as the heartbeat parses the reply that carries it.
-    json_t *command =
-        json_loadb_bounded(reinterpret_cast<const char *>(data + 1), size - 1, 0, &err);
+    json_t *command = json_loadb_bounded(reinterpret_cast<const char *>(data), size, 0, &err);
     if (command == nullptr)
-        return 0;
+        return;
     c.fn(strdup(c.name), command, strdup("/fuzz/responses"));
-    return 0;
 }

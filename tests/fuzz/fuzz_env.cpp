@@ -14,6 +14,8 @@
 #include "utils.h"
 #include "work.h"
 
+#include "../unit/sample_env.h"
+
 #include "auto-updates.h"
 #include "diags.h"
 #include "heartbeat.h"
@@ -210,12 +212,7 @@ void start_agent(bool commands)
     db_init();
     http_init();
     listener_init();
-    snprintf(env_serial, sizeof(env_serial), "VX0123456789");
-    snprintf(env_uuid, sizeof(env_uuid), "e9d6ecc0-23bb-11e3-932d-020000000001");
-    snprintf(env_hardware, sizeof(env_hardware), "VX-S28-A1");
-    snprintf(env_country, sizeof(env_country), "US");
-    snprintf(env_boot, sizeof(env_boot), "0");
-    snprintf(env_ethaddr, sizeof(env_ethaddr), "02:00:00:00:00:01");
+    set_sample_env();
     // Known but unreachable: every request goes to exchange() above.
     config_set("system", nullptr, "cloud-controller", "https://controller.invalid");
     if (commands) {

@@ -29,4 +29,10 @@ std::string at(const char *device_path);
 // and outside it).
 void write_file(const std::string &path, const uint8_t *data, size_t size);
 
+// A target built with fuzz_pick.cpp defines these two: whether the agent
+// starts with its command handlers, and what one input does with its first
+// byte (the choice) and the bytes after it (possibly none).
+extern const bool pick_needs_commands;
+void pick_input(uint8_t pick, const uint8_t *data, size_t size);
+
 } // namespace fuzz

@@ -47,21 +47,14 @@ stats_parser_t fields[] = {
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    fuzz::start_agent(false);
-    return 0;
-}
+const bool fuzz::pick_needs_commands = false;
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void fuzz::pick_input(uint8_t pick, const uint8_t *data, size_t size)
 {
-    if (size < 1)
-        return 0;
     // The parsers cut their buffer in place and need its terminator.
-    std::string buf(reinterpret_cast<const char *>(data + 1), size - 1);
-    if (data[0] & 1)
+    std::string buf(reinterpret_cast<const char *>(data), size);
+    if (pick & 1)
         stats_parse_line(buf.data(), fields);
     else
         stats_parse_buf(buf.data(), keys);
-    return 0;
 }

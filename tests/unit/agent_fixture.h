@@ -9,6 +9,7 @@
 #include "log.h"
 #include "lsql.h"
 #include "platform_utils.h"
+#include "sample_env.h"
 #include "signals.h"
 #include "testkit.h"
 #include "work.h"
@@ -51,18 +52,11 @@ class AgentTest : public ::testing::Test
         log_init();
         signals_init(); // before any thread, as in the daemon
         command_init();
-        thread_init();
+        thread_init_once();
         db_init();
         http_init();
         platform_sleep = no_sleep;
-        snprintf(env_serial, sizeof(env_serial), "VX0123456789");
-        snprintf(env_uuid, sizeof(env_uuid), "e9d6ecc0-23bb-11e3-932d-020000000001");
-        snprintf(env_hardware, sizeof(env_hardware), "VX-S28-A1");
-        snprintf(env_country, sizeof(env_country), "US");
-        snprintf(env_boot, sizeof(env_boot), "0");
-        snprintf(env_primary, sizeof(env_primary), "1.0.0.1");
-        snprintf(env_secondary, sizeof(env_secondary), "1.0.0.2");
-        snprintf(env_ethaddr, sizeof(env_ethaddr), "02:00:00:00:00:01");
+        set_sample_env();
     }
 
     void use_lab() { config_set("system", nullptr, "cloud-controller", lab->base_url.c_str()); }

@@ -338,12 +338,19 @@ TEST_F(HeartbeatTest, CountMismatchRunsNothing)
     heartbeat_setup();
     ASSERT_EQ(heartbeat_pulse(), 0);
     EXPECT_TRUE(logged("totalCount (2) != commandList size (3)"));
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    EXPECT_EQ(json_array_size(lab->results().get()), 0u);
-    EXPECT_EQ(heartbeat_interval, 10);
-    EXPECT_STREQ(heartbeat_link, "/heartbeat");
     // Still contact with the controller.
     EXPECT_EQ(switch_statuses(), std::vector<std::string>{"up"});
+    // The next reply's command, which keeps pace and link as they are, is
+    // the first answered: commands run in arrival order, so none of the
+    // refused list was queued.
+    lab->queue_command(R"({"action":"set","context":"heartbeat","id":"after","params":)" +
+                       params(10000, "/heartbeat") + "}");
+    ASSERT_EQ(heartbeat_pulse(), 0);
+    Json res = lab->wait_results({{"command_id", "after"}});
+    ASSERT_EQ(json_array_size(res.get()), 1u);
+    EXPECT_EQ(json_array_size(lab->results().get()), 1u);
+    EXPECT_EQ(heartbeat_interval, 10);
+    EXPECT_STREQ(heartbeat_link, "/heartbeat");
 }
 
 TEST_F(HeartbeatTest, MatchingCountRunsTheCommandsInOrder)
@@ -515,9 +522,7 @@ TEST_F(HeartbeatTest, DeeplyNestedReplyOnTheThreadStackIsADecodingError)
                   },
                   &job, nullptr, nullptr),
               0);
-    for (int i = 0; i < 3000 && !job.done; i++)
-        usleep(10000);
-    ASSERT_TRUE(job.done);
+    ASSERT_TRUE(wait_for([&job] { return job.done.load(); }, 30000));
     EXPECT_EQ(job.result, 0);
     EXPECT_TRUE(logged("error decoding heartbeat data: maximum parsing depth reached"));
     EXPECT_EQ(heartbeat_cloud_missed(), 0);
@@ -536,13 +541,14 @@ std::atomic<bool> parked{false};
 std::atomic<bool> resting{false};
 
 // A quick pace; once parked, the thread waits out the rest of the test
-// process there.
+// process there, asleep: nothing it waits on is torn down at exit.
 unsigned int short_pace(unsigned int)
 {
     usleep(5000);
-    while (parked) {
+    if (parked) {
         resting = true;
-        usleep(100000);
+        for (;;)
+            pause();
     }
     return 0;
 }
@@ -579,9 +585,7 @@ TEST_F(HeartbeatTest, LinkRewrittenWhileTheThreadPulses)
     EXPECT_EQ(heartbeat_interval, 1);
     // No pulse may run into the test's end.
     parked = true;
-    for (int i = 0; i < 400 && !resting; i++)
-        usleep(50000);
-    EXPECT_TRUE(resting);
+    EXPECT_TRUE(wait_for([] { return resting.load(); }, 20000));
 }
 
 namespace

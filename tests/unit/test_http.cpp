@@ -107,7 +107,14 @@ TEST_F(HttpTest, ThirtyThirdBorrowerWaits)
         lent.push_back(alloc_reply());
     std::atomic<reply *> got{nullptr};
     std::thread t([&] { got = alloc_reply(); });
-    std::this_thread::sleep_for(100ms);
+    // The borrower says, in the debug log, that it waits on the empty pool.
+    EXPECT_TRUE(wait_for([this] {
+        for (const std::string &line : log_messages(root.at("/tmp/debug.log")))
+            if (line.rfind("queue_get: wait 'not_empty'", 0) == 0 &&
+                line.find("'free_replies')") != std::string::npos)
+                return true;
+        return false;
+    }));
     EXPECT_EQ(got.load(), nullptr);
     free_reply(lent[7]);
     t.join();

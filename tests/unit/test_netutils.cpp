@@ -503,8 +503,10 @@ TEST_F(NetTest, WaitForDeviceThatExists)
 TEST_F(NetTest, WaitForDeviceThatAppears)
 {
     netns();
-    std::thread later([] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    // The device comes once the probes at 0 s and 1 s have missed it, in
+    // the second before the next one.
+    std::thread later([this] {
+        wait_for([this] { return count("..sleeping..-1, 19") == 2; }, 5000);
         sh("ip link add late0 type veth peer name late1");
     });
     EXPECT_EQ(wait_for_device("late0", 10, 1), 1);

@@ -322,15 +322,19 @@ TEST_F(OrkadTest, LiveCoredumpWhileAnotherThreadWritesTheLog)
     // at that moment would find the lock held by a thread it does not have,
     // never get to its crash, and leave the caller waiting for it for ever.
     std::atomic<bool> held{false};
-    std::thread writer([&held] {
+    std::atomic<bool> dumping{false};
+    // Let go once the dump has begun and its thread sleeps: waiting for
+    // this lock, or, had it forked with the lock held, waiting for its copy.
+    const pid_t dumper = gettid();
+    std::thread writer([&held, &dumping, dumper] {
         pthread_mutex_lock(&orkad_log->lock);
         held = true;
-        usleep(200000);
+        wait_for([&dumping, dumper] { return dumping && thread_asleep(dumper); });
         pthread_mutex_unlock(&orkad_log->lock);
     });
-    while (!held)
-        usleep(1000);
+    EXPECT_TRUE(wait_for([&held] { return held.load(); }));
     alarm(20); // a hang ends the test instead of the run
+    dumping = true;
     live_coredump(SIGUSR2);
     alarm(0);
     writer.join();

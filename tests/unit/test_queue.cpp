@@ -2,6 +2,7 @@
 #include "queue.h"
 #include "testkit.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -81,12 +82,14 @@ TEST_F(QueueTest, GetBlocksUntilAddAndOnlyOneOfTwoConsumersWins)
 {
     std::atomic<int> got{0};
     std::atomic<link_t *> seen{nullptr};
-    auto consumer = [&] {
+    std::atomic<link_t *> took[2] = {nullptr, nullptr};
+    auto consumer = [&](int i) {
         link_t *l = queue_get(q);
+        took[i] = l;
         seen = l;
         got++;
     };
-    std::thread t1(consumer), t2(consumer);
+    std::thread t1(consumer, 0), t2(consumer, 1);
     // Both consumers are asleep on the empty queue.
     auto deadline = std::chrono::steady_clock::now() + 5s;
     auto waiting = [&] {
@@ -107,16 +110,21 @@ TEST_F(QueueTest, GetBlocksUntilAddAndOnlyOneOfTwoConsumersWins)
         std::this_thread::sleep_for(1ms);
     EXPECT_EQ(got.load(), 1);
     EXPECT_EQ(seen.load(), &a.link);
-    // The other one went back to sleep.
-    std::this_thread::sleep_for(50ms);
-    EXPECT_EQ(got.load(), 1);
     EXPECT_EQ(queue_count(q), 0);
 
+    // The other one went back to sleep: it returns with the next item, not
+    // with nothing.
     item b{};
     queue_add_tail(q, &b.link);
     t1.join();
     t2.join();
     EXPECT_EQ(got.load(), 2);
+    std::vector<link_t *> both = {took[0].load(), took[1].load()};
+    std::sort(both.begin(), both.end());
+    std::vector<link_t *> items = {&a.link, &b.link};
+    std::sort(items.begin(), items.end());
+    EXPECT_EQ(both, items);
+    EXPECT_EQ(queue_count(q), 0);
 }
 
 TEST_F(QueueTest, WaitCountersStepByTwo)

@@ -6,11 +6,13 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 using namespace testkit;
@@ -147,6 +149,9 @@ namespace
 std::mutex order_lock;
 std::vector<std::string> order;
 std::atomic<int> inside{0};
+std::mutex gate_lock;
+std::condition_variable gate_cv;
+bool gate_open = false;
 
 void slow_half(int)
 {
@@ -155,8 +160,11 @@ void slow_half(int)
         order.push_back("begin");
     }
     inside++;
-    // Long enough for the other thread's run to start if nothing held it.
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    // Held here until the test has seen the other run start or wait.
+    {
+        std::unique_lock<std::mutex> g(gate_lock);
+        gate_cv.wait(g, [] { return gate_open; });
+    }
     {
         std::lock_guard<std::mutex> g(order_lock);
         order.push_back("end");
@@ -177,9 +185,25 @@ TEST_F(SignalsTest, RunsOfOneSignalFromTwoThreadsDoNotOverlap)
     ASSERT_EQ(signals_register(SIGUSR1, slow_half, "slow_half"), 0);
     std::thread other([] { signals_handler(SIGUSR1); });
     // The other run has started before this one is asked for.
-    ASSERT_TRUE(wait_for([] { return inside.load() == 1; }));
-    signals_handler(SIGUSR1);
+    EXPECT_TRUE(wait_for([] { return inside.load() == 1; }));
+    std::atomic<pid_t> tid{0};
+    std::thread second([&tid] {
+        tid = gettid();
+        signals_handler(SIGUSR1);
+    });
+    // The second run is asleep waiting for the first, or, were nothing
+    // holding it, inside the handler too.
+    EXPECT_TRUE(wait_for([&tid] {
+        pid_t t = tid.load();
+        return inside.load() == 2 || (t != 0 && thread_asleep(t));
+    }));
+    {
+        std::lock_guard<std::mutex> g(gate_lock);
+        gate_open = true;
+    }
+    gate_cv.notify_all();
     other.join();
+    second.join();
     EXPECT_EQ(order, (std::vector<std::string>{"begin", "end", "begin", "end"}));
     EXPECT_EQ(signals_lookup(SIGUSR1)->hits, 2u);
 }

@@ -3,6 +3,7 @@
 // reads, the statistics and heartbeat members, and bad counter input. The
 // kernel's counters, names, attribute files and clock are stand-ins the
 // test controls.
+#include "alloc_count.h"
 #include "log.h"
 #include "stats.h"
 #include "stats_ifs.h"
@@ -968,30 +969,7 @@ TEST_F(StatsIfsTest, ManyInterfacesComingAndGoingLeakNoSlots)
 
 // ---- a tick allocates nothing --------------------------------------------
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-extern "C" void *__libc_malloc(size_t);
-extern "C" void *__libc_calloc(size_t, size_t);
-extern "C" void *__libc_realloc(void *, size_t);
-static thread_local bool counting = false;
-static thread_local int allocations = 0;
-extern "C" void *malloc(size_t n)
-{
-    if (counting)
-        allocations++;
-    return __libc_malloc(n);
-}
-extern "C" void *calloc(size_t a, size_t b)
-{
-    if (counting)
-        allocations++;
-    return __libc_calloc(a, b);
-}
-extern "C" void *realloc(void *p, size_t n)
-{
-    if (counting)
-        allocations++;
-    return __libc_realloc(p, n);
-}
+#if ALLOC_COUNTING
 
 TEST_F(StatsIfsTest, SamplingTickAllocatesNothing)
 {
@@ -1006,17 +984,16 @@ TEST_F(StatsIfsTest, SamplingTickAllocatesNothing)
         c.rx += 5000;
     now_ms = 15000;
     counters(list);
-    counting = true;
-    allocations = 0;
+    alloc_count::start();
     int r = collect_interface_stats();
-    counting = false;
+    long allocations = alloc_count::stop();
     EXPECT_EQ(r, 0);
     EXPECT_EQ(allocations, 0);
     EXPECT_EQ(slot_of("eth7")->rx_max, 1000u);
     // The counter is live: one allocation is seen.
-    counting = true;
+    alloc_count::start();
     void *p = malloc(16);
-    counting = false;
+    allocations = alloc_count::stop();
     free(p);
     EXPECT_EQ(allocations, 1);
 }

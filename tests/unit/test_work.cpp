@@ -214,7 +214,14 @@ TEST_F(WorkTest, ExhaustedPoolTryAllocNullAndAllocBlocks)
 
     std::atomic<work_t *> got{nullptr};
     std::thread waiter([&] { got = work_alloc(); });
-    std::this_thread::sleep_for(50ms);
+    // The waiter says, in the debug log, that it waits on the empty pool.
+    EXPECT_TRUE(eventually([this] {
+        for (const std::string &line : log_messages(root.at("/tmp/debug.log")))
+            if (line.rfind("queue_get: wait 'not_empty'", 0) == 0 &&
+                line.find("'work_free')") != std::string::npos)
+                return true;
+        return false;
+    }));
     EXPECT_EQ(got.load(), nullptr);
     taken.back()->fn = nothing; // dirty it: alloc must hand it back zeroed
     taken.back()->p1 = &got;

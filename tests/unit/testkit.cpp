@@ -1,6 +1,8 @@
 #include "testkit.h"
 
 #include "devroot.h"
+#include "signals.h"
+#include "work.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -122,6 +124,25 @@ bool wait_for(const std::function<bool()> &fn, int timeout_ms)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return true;
+}
+
+bool thread_asleep(pid_t tid)
+{
+    // The state is the first field after the command name's closing bracket.
+    std::string stat = read_file("/proc/self/task/" + std::to_string(tid) + "/stat");
+    size_t close = stat.rfind(')');
+    return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] == 'S';
+}
+
+void thread_init_once()
+{
+    static bool started = false;
+    if (!started) {
+        started = true;
+        thread_init();
+        return;
+    }
+    signals_register(SIGUSR1, worker_debug, "worker_debug");
 }
 
 std::vector<std::string> log_messages(const std::string &path)

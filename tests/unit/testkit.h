@@ -3,6 +3,7 @@
 
 #include <ctime>
 #include <functional>
+#include <sys/types.h>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,17 @@ std::vector<std::string> log_messages(const std::string &path);
 // Polls fn every 10 ms until it holds or timeout_ms have passed; whether it
 // held.
 bool wait_for(const std::function<bool()> &fn, int timeout_ms = 10000);
+// Whether thread `tid` of this process is asleep in the kernel (a lock, a
+// condition, a blocking call): the proof that a thread the test started has
+// got as far as a wait it should be held in.
+bool thread_asleep(pid_t tid);
+
+// thread_init for a test: the work pool and its workers are made once per
+// process. A worker waits on its own pool's queue for ever, so a pool per
+// test would fill the thread table when one process runs every test. Later
+// calls put the workers' SIGUSR1 dump back into the signal table the test
+// has just made, as thread_init would.
+void thread_init_once();
 
 // A wall clock the test sets, for the modules' time seams (auth_time,
 // log_clock, stats_time): fake_time answers fake_now.

@@ -23,13 +23,9 @@ import os
 import sys
 import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-if HERE not in sys.path:
-    sys.path.insert(0, HERE)
+from .labfixture import LabClient, LabError
 
-from labfixture import LabClient, LabError  # noqa: E402
-
-COMMANDS_FILE = os.path.join(HERE, "web", "commands.json")
+COMMANDS_FILE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "web", "commands.json")
 
 
 def commands():

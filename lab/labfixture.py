@@ -25,10 +25,7 @@ import tempfile
 import time
 from urllib.parse import quote, urlencode, urlsplit
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-CONTROLLER = os.path.join(HERE, "controller.py")
-if HERE not in sys.path:
-    sys.path.insert(0, HERE)
+from . import SOURCE, program
 
 
 class LabError(Exception):
@@ -378,7 +375,9 @@ class LabController(LabClient):
                  state_dir=None, ca_dir=None, roots=(), serials=(), auth=True,
                  expires_in=3600, python=None, start=True, start_timeout=15.0):
         super().__init__()
-        self.roots = ([root] if root else []) + list(roots)
+        # The program runs from the top of the source tree: every path it is
+        # given is absolute.
+        self.roots = [os.path.abspath(r) for r in ([root] if root else []) + list(roots)]
         self.host = host
         self.port = port
         self.names = list(names)
@@ -387,9 +386,9 @@ class LabController(LabClient):
         if self.prefix and self.mode != "process":
             raise ValueError("an argv prefix needs mode='process'")
         self._own_state = state_dir is None
-        self.state_dir = state_dir or tempfile.mkdtemp(prefix="orkad-lab-")
+        self.state_dir = os.path.abspath(state_dir or tempfile.mkdtemp(prefix="orkad-lab-"))
         os.makedirs(self.state_dir, exist_ok=True)
-        self.ca_dir = ca_dir
+        self.ca_dir = ca_dir and os.path.abspath(ca_dir)
         self.serials = list(serials)
         self.auth = auth
         self.expires_in = expires_in
@@ -415,7 +414,7 @@ class LabController(LabClient):
     def start(self):
         sock = os.path.join(self.state_dir, "control.sock")
         if self.mode == "thread":
-            import controller
+            from . import controller
             self.server = controller.LabServer(
                 listen=self.host, port=self.port, names=self.names, state_dir=self.state_dir,
                 ca_dir=self.ca_dir, roots=self.roots, control_socket=sock,
@@ -431,10 +430,9 @@ class LabController(LabClient):
         ready = os.path.join(self.state_dir, "controller.json")
         if os.path.exists(ready):
             os.unlink(ready)
-        argv = self.prefix + [self.python, CONTROLLER, "--listen", self.host,
-                              "--port", str(self.port), "--state-dir", self.state_dir,
-                              "--control-socket", sock, "--ready-file", ready,
-                              "--expires-in", str(self.expires_in)]
+        argv = self.prefix + program("controller", self.python) + [
+            "--listen", self.host, "--port", str(self.port), "--state-dir", self.state_dir,
+            "--control-socket", sock, "--ready-file", ready, "--expires-in", str(self.expires_in)]
         if self.ca_dir:
             argv += ["--ca-dir", self.ca_dir]
         for n in self.names:
@@ -447,7 +445,7 @@ class LabController(LabClient):
             argv.append("--no-auth")
         self.log_path = os.path.join(self.state_dir, "controller.log")
         self._log = open(self.log_path, "w")
-        self.proc = subprocess.Popen(argv, stdout=self._log, stderr=subprocess.STDOUT,
+        self.proc = subprocess.Popen(argv, cwd=SOURCE, stdout=self._log, stderr=subprocess.STDOUT,
                                      stdin=subprocess.DEVNULL)
         deadline = time.monotonic() + self.start_timeout
         while not os.path.exists(ready):

@@ -5,9 +5,9 @@ import re
 import signal
 import subprocess
 
-import devroot
-from conftest import BIN, EMULATOR, Daemon, wait_until
-from lab_fixtures import LabController
+from lab import devroot
+from lab.labfixture import LabController
+from tests.e2e.kit import BIN, EMULATOR, Daemon, wait_until
 
 # A phone-home site that refuses at once: these tests are about the process,
 # not the controller, and must not wait on name resolution.

@@ -1,4 +1,4 @@
-"""The lab runner (lab/run.py), the README's main command: it starts the
+"""The lab runner (lab.run), the README's main command: it starts the
 controller, the sample switch and the daemon, says where to look, and stops
 everything on Ctrl-C."""
 
@@ -8,18 +8,15 @@ import shlex
 import shutil
 import signal
 import subprocess
-import sys
 import types
 
 import pytest
 
-from conftest import BIN, EMULATOR, SOURCE, processes_with_root, wait_until
-from netns import Netns
+from lab import fleet, run
+from lab.netns import Netns
+from tests.e2e.kit import BIN, EMULATOR, SOURCE, processes_with_root, wait_until
+from tests.e2e.lab_runner import start
 
-import fleet  # noqa: E402 - lab/ is on the path (conftest)
-import run  # noqa: E402
-
-RUNNER = os.path.join(SOURCE, "lab", "run.py")
 ORKADCTL = os.path.join(SOURCE, "build", "ctl", "orkadctl")
 
 
@@ -28,9 +25,9 @@ def runner(tmp_path):
     if not Netns.available():
         pytest.skip("the lab's network namespace needs root")
     out = open(tmp_path / "run.out", "w+")
-    proc = subprocess.Popen([sys.executable, RUNNER, "--bin", BIN, "--heartbeat", "1",
-                             "--port", "0", "--root", str(tmp_path / "root")],
-                            stdout=out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL)
+    proc = start("run", "--bin", BIN, "--heartbeat", "1", "--port", "0", "--root",
+                 str(tmp_path / "root"), stdout=out, stderr=subprocess.STDOUT,
+                 stdin=subprocess.DEVNULL)
     proc.out_path = str(tmp_path / "run.out")
     proc.root = str(tmp_path / "root")
     yield proc

@@ -18,7 +18,7 @@ import time
 
 import pytest
 
-from conftest import CTL, wait_until
+from tests.e2e.kit import CTL, wait_until
 
 VERSION = "1.2.0"
 NOT_RUNNING = "orkadctl: orkad is not running (nothing listens on {})\n"

@@ -24,9 +24,9 @@ import subprocess
 
 import pytest
 
-import devroot
-from conftest import BIN, EMULATOR, SyslogSink, cpack, log_messages, wait_until
-from lab_fixtures import LabController
+from lab import devroot
+from lab.labfixture import LabController
+from tests.e2e.kit import BIN, EMULATOR, SyslogSink, cpack, log_messages, wait_until
 
 BUILD = os.path.dirname(os.path.dirname(BIN))
 SOURCE = os.environ.get("ORKAD_SOURCE") or os.path.abspath(

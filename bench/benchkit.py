@@ -3,7 +3,11 @@ daemon's working child and its threads by name, and writing one section of
 docs/performance.md."""
 
 import os
+import subprocess
+import sys
 import time
+
+from lab import SOURCE
 
 HEADING = ("# Performance\n\nFigures measured by the scripts in bench/; compare only figures "
            "taken in one run.\n")
@@ -67,3 +71,9 @@ def write_section(path, text, begin, end, first=False):
         body = body.rstrip("\n") + "\n\n" + section
     with open(path, "w") as f:
         f.write(body)
+
+
+def run_script(name, *args):
+    """Runs bench script `name` (bench.stats_tick, ...) with args to its end."""
+    subprocess.run([sys.executable, "-m", f"{__package__}.{name}", *args], cwd=SOURCE,
+                   check=True)

@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """What the daemon costs: memory, CPU per heartbeat, start-up, periodic jobs.
 
 One command measures the release build of the real daemon against the lab
@@ -25,7 +24,7 @@ docs/performance.md. `--quick` (under a minute, run by scripts/test.sh)
 shortens everything and writes to a scratch file unless --out is given: it
 keeps the harness working; its figures mean little.
 
-    sudo python3 bench/daemon_costs.py [--quick] [--build build-release]
+    sudo python3 -m bench.daemon_costs [--quick] [--build build-release]
 """
 
 import argparse
@@ -41,18 +40,13 @@ import tempfile
 import threading
 import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-SOURCE = os.path.dirname(HERE)
-sys.path.insert(0, os.path.join(SOURCE, "lab"))
+from lab import SOURCE, devroot
+from lab.labfixture import LabController
+from lab.netns import Netns
+from lab.syslogsocket import SyslogSocket
 
-import devroot  # noqa: E402
-from labfixture import LabController  # noqa: E402
-from netns import Netns  # noqa: E402
-from syslogsocket import SyslogSocket  # noqa: E402
-
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import benchkit  # noqa: E402
-from benchkit import thread_of, wait, working_child  # noqa: E402
+from . import benchkit
+from .benchkit import thread_of, wait, working_child
 
 BEGIN = "<!-- daemon-costs:begin -->"
 END = "<!-- daemon-costs:end -->"
@@ -623,13 +617,10 @@ def main():
     if a.skip_others:
         return
     if a.quick:
-        subprocess.run([sys.executable, os.path.join(HERE, "stats_tick.py"), "--build", a.build,
-                        "--rounds", "20", "--out", out], check=True)
+        benchkit.run_script("stats_tick", "--build", a.build, "--rounds", "20", "--out", out)
     else:
-        subprocess.run([sys.executable, os.path.join(HERE, "stats_tick.py"), "--build", a.build,
-                        "--out", out], check=True)
-        subprocess.run([sys.executable, os.path.join(HERE, "syslog_forwarding.py"), "--bin",
-                        binary, "--out", out], check=True)
+        benchkit.run_script("stats_tick", "--build", a.build, "--out", out)
+        benchkit.run_script("syslog_forwarding", "--bin", binary, "--out", out)
 
 
 if __name__ == "__main__":

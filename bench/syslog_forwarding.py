@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """What syslog forwarding costs and how much it carries.
 
 Runs the built daemon (build/common/orkad, or --bin) in a network namespace
@@ -16,7 +15,7 @@ and sends syslog datagrams from the lab to the daemon's receiver:
 The figures go into their own section of docs/performance.md. Needs root
 (network namespace). Compare only figures from one run.
 
-    sudo python3 bench/syslog_forwarding.py [--bin build/common/orkad]
+    sudo python3 -m bench.syslog_forwarding [--bin build/common/orkad]
 """
 
 import argparse
@@ -29,18 +28,13 @@ import sys
 import tempfile
 import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-SOURCE = os.path.dirname(HERE)
-sys.path.insert(0, os.path.join(SOURCE, "lab"))
+from lab import SOURCE, devroot
+from lab.labfixture import LabController
+from lab.netns import Netns
+from lab.syslogsocket import SyslogSocket
 
-import devroot  # noqa: E402
-from labfixture import LabController  # noqa: E402
-from netns import Netns  # noqa: E402
-from syslogsocket import SyslogSocket  # noqa: E402
-
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import benchkit  # noqa: E402
-from benchkit import thread_of, wait, working_child  # noqa: E402
+from . import benchkit
+from .benchkit import thread_of, wait, working_child
 
 BEGIN = "<!-- syslog-forwarding:begin -->"
 END = "<!-- syslog-forwarding:end -->"

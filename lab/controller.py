@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """orkad lab controller: the cloud controller side of orkad, for tests and
 for people at a bench.
 

@@ -1,8 +1,7 @@
-#!/usr/bin/env python3
 """Starts the lab: the lab controller, a device root with the sample switch,
 and orkad with the lab as its phone-home site; stops everything on Ctrl-C.
 
-    python3 lab/run.py [--bin build/common/orkad] [--root DIR] [--heartbeat N]
+    python3 -m lab.run [--bin build/common/orkad] [--root DIR] [--heartbeat N]
                        [--devices N] [--dashboard PORT]
 
 With --devices N it starts a fleet: N switches, each with its own network

@@ -296,13 +296,9 @@ def main():
                     " 4 with --quick)")
     ap.add_argument("--turns", type=int, help="measurements of each daemon (default 3;"
                     " 1 with --quick)")
-    ap.add_argument("--out", help="file to write (default docs/performance.md; with --quick a"
-                    " scratch file)")
-    ap.add_argument("--jobs", type=int, default=os.cpu_count())
-    ap.add_argument("--keep", action="store_true", help="keep the device roots and lab folders")
+    benchkit.run_options(ap)
     a = ap.parse_args()
-    if os.geteuid() != 0:
-        sys.exit("needs root: the daemons run in network namespaces of their own")
+    benchkit.need_root("the daemons run in network namespaces of their own")
     arches = a.arch or ["arm64", "armhf"]
     a.heartbeats = a.heartbeats or (4 if a.quick else 30)
     a.turns = a.turns or (1 if a.quick else 3)

@@ -40,7 +40,7 @@ import tempfile
 import threading
 import time
 
-from lab import SOURCE, devroot
+from lab import SOURCE, devroot, orkad
 from lab.labfixture import LabController
 from lab.netns import Netns
 from lab.syslogsocket import SyslogSocket
@@ -137,13 +137,8 @@ class Daemon:
         return self.lab.queue_command(action=action, context=context, params=params)
 
     def stop(self):
-        if self.proc is not None:
-            try:
-                os.killpg(self.proc.pid, signal.SIGKILL)
-            except ProcessLookupError:
-                pass
-            self.proc.wait()
-            self.proc = None
+        orkad.stop(self.proc)
+        self.proc = None
 
     def close(self):
         self.stop()
@@ -535,8 +530,6 @@ def main():
     ap.add_argument("--quick", action="store_true", help="a short run that checks the harness")
     ap.add_argument("--build", default=os.path.join(SOURCE, "build-release"))
     ap.add_argument("--bin", help="use this daemon instead of building one")
-    ap.add_argument("--out", help="file to write (default docs/performance.md; with --quick a"
-                    " scratch file)")
     ap.add_argument("--before", metavar="BIN", help="another build of the daemon (say, of an"
                     " older commit) whose CPU per heartbeat is measured beside this one's")
     ap.add_argument("--before-name", help="how the report names the --before build")
@@ -544,11 +537,9 @@ def main():
                     " (default 600)")
     ap.add_argument("--skip-others", action="store_true", help="do not run stats_tick.py and"
                     " syslog_forwarding.py afterwards")
-    ap.add_argument("--jobs", type=int, default=os.cpu_count())
-    ap.add_argument("--keep", action="store_true", help="keep the device roots and lab folders")
+    benchkit.run_options(ap)
     a = ap.parse_args()
-    if os.geteuid() != 0:
-        sys.exit("needs root: the daemon runs in network namespaces of its own")
+    benchkit.need_root("the daemon runs in network namespaces of its own")
     if a.quick:
         a.early, a.late, a.heartbeats, a.starts, a.stopped = 5.0, 25.0, 4, 1, 3.0
         a.window = 12.0

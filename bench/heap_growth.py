@@ -32,7 +32,7 @@ import tempfile
 import threading
 import time
 
-from lab import SOURCE
+from lab import SOURCE, orkad
 
 from . import benchkit
 from .benchkit import wait
@@ -48,14 +48,6 @@ def heap(pid):
                           "call (int)fflush(0)", "-ex", "call (void)malloc_stats()", "-ex",
                           "call (int)fflush(0)"], capture_output=True, text=True, timeout=60)
     return out
-
-
-def private_dirty(pid):
-    with open(f"/proc/{pid}/smaps_rollup") as f:
-        for line in f:
-            if line.startswith("Private_Dirty:"):
-                return int(line.split()[1])
-    return 0
 
 
 class Probe:
@@ -119,7 +111,7 @@ def run(d, seconds, points, res, name, churning="ports"):
             if delay > 0:
                 time.sleep(delay)
             h = probe.sample()
-            series.append((t, private_dirty(d.child), h))
+            series.append((t, orkad.proc_figure(d.child, "smaps_rollup", "Private_Dirty"), h))
         docs = len(d.lab.status_documents())
     finally:
         lines.stopping.set()

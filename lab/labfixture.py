@@ -44,18 +44,16 @@ class _UnixConnection(http.client.HTTPConnection):
         self.sock = s
 
 
+def given(**members):
+    """The members that have a value: None leaves a member out."""
+    return {k: v for k, v in members.items() if v is not None}
+
+
 def command(action, context, params=None, id=None, flags=None, **more):
     """A command object as the controller queues it; "id" and "flags" are
     filled in by the controller when left out."""
-    c = {"action": action, "context": context}
-    if params is not None:
-        c["params"] = params
-    if id is not None:
-        c["id"] = id
-    if flags is not None:
-        c["flags"] = flags
-    c.update(more)
-    return c
+    return {"action": action, "context": context,
+            **given(params=params, id=id, flags=flags), **more}
 
 
 class LabClient:
@@ -197,14 +195,8 @@ class LabClient:
         """The "expires_in" value (any JSON value) and token length of the
         next tokens, extra members of the token reply; revoke=True makes
         every token issued so far fail with 401."""
-        body = {"revoke": revoke}
-        if expires_in is not None:
-            body["expires_in"] = expires_in
-        if token_length is not None:
-            body["token_length"] = token_length
-        if extra is not None:
-            body["extra"] = extra
-        return self.call("POST", "/token", body)
+        return self.call("POST", "/token", {"revoke": revoke, **given(
+            expires_in=expires_in, token_length=token_length, extra=extra)})
 
     def revoke_tokens(self):
         return self.set_token(revoke=True)
@@ -255,22 +247,33 @@ class LabClient:
     def clear_requests(self):
         return self.call("DELETE", "/requests")["cleared"]
 
-    def wait_requests(self, count=1, timeout=10.0, **filters):
-        """Waits until at least `count` requests match and returns them all;
-        fails with AssertionError at the deadline."""
+    def _wait_for(self, path, key, count, timeout, filters, what, have, answered=False):
+        """Asks GET `path` to hold its answer until at least `count` records
+        (`key` of the answer) match the filters, and returns them all; fails
+        with AssertionError at the deadline, saying what there is (have())."""
         filters = {k: v for k, v in filters.items() if v is not None}
         deadline = time.monotonic() + timeout
         while True:
             left = deadline - time.monotonic()
             wait = max(0.0, min(left, 5.0))
-            found = self.call("GET", "/requests", timeout=wait + 30, query={
-                "wait": f"{wait:.3f}", "count": count, "answered": 1, **filters})["requests"]
+            query = {"wait": f"{wait:.3f}", "count": count, **filters}
+            if answered:
+                query["answered"] = 1
+            found = self.call("GET", path, timeout=wait + 30, query=query)[key]
             if len(found) >= count:
                 return found
             if left <= 0:
-                seen = [(r["method"], r["path"], r["status"]) for r in self.requests()][-20:]
                 raise AssertionError(f"timed out after {timeout}s waiting for {count} "
-                                     f"request(s) {filters}; last received: {seen}")
+                                     f"{what} {filters}; {have(found)}")
+
+    def wait_requests(self, count=1, timeout=10.0, **filters):
+        """Waits until at least `count` requests match and have been answered,
+        and returns them all; fails with AssertionError at the deadline."""
+        def have(_):
+            seen = [(r["method"], r["path"], r["status"]) for r in self.requests()][-20:]
+            return f"last received: {seen}"
+        return self._wait_for("/requests", "requests", count, timeout, filters, "request(s)",
+                              have, answered=True)
 
     def wait_request(self, timeout=10.0, **filters):
         """The first request matching the filters, once it was answered."""
@@ -287,18 +290,8 @@ class LabClient:
         return self.call("GET", "/statistics", query={"id": id, "path": path, "since": since})
 
     def wait_results(self, count=1, timeout=10.0, **filters):
-        filters = {k: v for k, v in filters.items() if v is not None}
-        deadline = time.monotonic() + timeout
-        while True:
-            left = deadline - time.monotonic()
-            wait = max(0.0, min(left, 5.0))
-            found = self.call("GET", "/results", timeout=wait + 30, query={
-                "wait": f"{wait:.3f}", "count": count, **filters})["results"]
-            if len(found) >= count:
-                return found
-            if left <= 0:
-                raise AssertionError(f"timed out after {timeout}s waiting for {count} "
-                                     f"command result(s) {filters}; have {self.results()}")
+        return self._wait_for("/results", "results", count, timeout, filters,
+                              "command result(s)", lambda _: f"have {self.results()}")
 
     def wait_result(self, command_id=None, timeout=10.0, **filters):
         return self.wait_results(1, timeout, command_id=command_id, **filters)[0]
@@ -319,18 +312,8 @@ class LabClient:
         return self.call("DELETE", "/status")["cleared"]
 
     def wait_status_documents(self, count=1, timeout=10.0, **filters):
-        filters = {k: v for k, v in filters.items() if v is not None}
-        deadline = time.monotonic() + timeout
-        while True:
-            left = deadline - time.monotonic()
-            wait = max(0.0, min(left, 5.0))
-            found = self.call("GET", "/status/documents", timeout=wait + 30, query={
-                "wait": f"{wait:.3f}", "count": count, **filters})["documents"]
-            if len(found) >= count:
-                return found
-            if left <= 0:
-                raise AssertionError(f"timed out after {timeout}s waiting for {count} "
-                                     f"status document(s) {filters}; have {len(found)}")
+        return self._wait_for("/status/documents", "documents", count, timeout, filters,
+                              "status document(s)", lambda found: f"have {len(found)}")
 
 
     def archives(self, path=None, kind=None, serial=None, since=None):
@@ -339,18 +322,8 @@ class LabClient:
             "path": path, "kind": kind, "serial": serial, "since": since})["archives"]
 
     def wait_archives(self, count=1, timeout=10.0, **filters):
-        filters = {k: v for k, v in filters.items() if v is not None}
-        deadline = time.monotonic() + timeout
-        while True:
-            left = deadline - time.monotonic()
-            wait = max(0.0, min(left, 5.0))
-            found = self.call("GET", "/archives", timeout=wait + 30, query={
-                "wait": f"{wait:.3f}", "count": count, **filters})["archives"]
-            if len(found) >= count:
-                return found
-            if left <= 0:
-                raise AssertionError(f"timed out after {timeout}s waiting for {count} "
-                                     f"archive(s) {filters}; have {self.archives()}")
+        return self._wait_for("/archives", "archives", count, timeout, filters, "archive(s)",
+                              lambda _: f"have {self.archives()}")
 
     def archive(self, seq):
         """One uploaded file's record and its bytes."""

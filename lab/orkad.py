@@ -31,3 +31,30 @@ def stop(proc, timeout=10):
     except ProcessLookupError:
         pass
     proc.wait(timeout=timeout)
+
+
+def proc_figure(pid, name, key):
+    """The number after "key:" in /proc/<pid>/<name> (status, io,
+    smaps_rollup: lines of "key: value"), 0 when the line is not there."""
+    with open(f"/proc/{pid}/{name}") as f:
+        for line in f:
+            if line.startswith(key + ":"):
+                return int(line.split()[1])
+    return 0
+
+
+def debug_lines(root, prefix):
+    """(index, text) of the lines of the daemon's debug log that start with
+    prefix, oldest first. A dump may be cut by a rotation, so the previous
+    generation is read too; the index orders lines across both."""
+    out = []
+    for name in ("debug1.log", "debug.log"):
+        path = os.path.join(root, "tmp", name)
+        if not os.path.exists(path):
+            continue
+        with open(path, errors="replace") as f:
+            for line in f:
+                parts = line.rstrip("\n").split(" ", 3)
+                if len(parts) == 4 and parts[3].startswith(prefix):
+                    out.append((int(parts[0]), parts[3]))
+    return sorted(out)

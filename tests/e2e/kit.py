@@ -64,6 +64,15 @@ def processes_with_root(root):
     return found
 
 
+def pending(pid, sig):
+    """Whether sig waits in the process's shared pending set."""
+    with open(f"/proc/{pid}/status") as f:
+        for line in f:
+            if line.startswith("ShdPnd:"):
+                return bool(int(line.split()[1], 16) & (1 << (sig - 1)))
+    return False
+
+
 def kill(pids):
     for pid in pids:
         try:
@@ -192,16 +201,18 @@ class Daemon:
             return False
 
     def _task(self, name):
+        """The child's thread `name`, as "task/<tid>" under /proc/<child>."""
         child = self.wait_child()
         tids = self.threads(child).get(name)
         assert tids, f"no thread {name!r} in {self.threads(child)}"
-        return f"/proc/{child}/task/{tids[0]}"
+        return child, f"task/{tids[0]}"
 
     def asleep(self, name):
         """Whether the child's thread `name` sleeps out its interval
         (sleep(3)) rather than doing its work."""
+        child, task = self._task(name)
         try:
-            with open(self._task(name) + "/wchan") as f:
+            with open(f"/proc/{child}/{task}/wchan") as f:
                 return f.read() == "hrtimer_nanosleep"
         except (FileNotFoundError, ProcessLookupError):
             return False
@@ -209,11 +220,8 @@ class Daemon:
     def wakeups(self, name):
         """How often the child's thread `name` has given up the processor of
         its own accord: its sleeps between turns, and each wait on the way."""
-        with open(self._task(name) + "/status") as f:
-            for line in f:
-                if line.startswith("voluntary_ctxt_switches:"):
-                    return int(line.split()[1])
-        return 0
+        child, task = self._task(name)
+        return orkad.proc_figure(child, f"{task}/status", "voluntary_ctxt_switches")
 
     def wait_turns(self, name, turns=2, timeout=15.0):
         """Returns once the child's looping thread `name` has gone to sleep

@@ -8,7 +8,7 @@ import os
 import signal
 import subprocess
 
-from tests.e2e.kit import wait_until
+from tests.e2e.kit import pending, wait_until
 from tests.e2e.vpn import read, run, set_vpn, tunnel_address
 
 START_LINE = ("_sys: '/sbin/openvpn --daemon mgmtvpn --config /etc/openvpn/client.ovpn' "
@@ -58,7 +58,7 @@ def test_tunnel_up_reported_reachable_kept_on_sigterm_and_taken_down(agent, vpn,
 
     # SIGTERM has a handler now, and it leaves the VPN running.
     os.kill(child, signal.SIGTERM)
-    wait_until(lambda: not pending_signal(child, signal.SIGTERM), what="SIGTERM taken")
+    wait_until(lambda: not pending(child, signal.SIGTERM), what="SIGTERM taken")
     os.kill(child, signal.SIGUSR1)
     agent.wait_log("log_debug: uptime ", name="/tmp/debug.log")
     assert not any("signal 15 has no registered handler" in m for m in agent.log())
@@ -86,14 +86,6 @@ def test_tunnel_up_reported_reachable_kept_on_sigterm_and_taken_down(agent, vpn,
     assert sum(1 for m in agent.log() if m == START_LINE) == starts
     assert not agent.openvpns()
     assert tunnel_address(agent.netns) is None
-
-
-def pending_signal(pid, sig):
-    with open(f"/proc/{pid}/status") as f:
-        for line in f:
-            if line.startswith("ShdPnd:"):
-                return bool(int(line.split()[1], 16) & (1 << (sig - 1)))
-    return False
 
 
 def test_a_stored_configuration_comes_back_with_a_restarted_agent(agent, vpn, tmp_path):

@@ -12,6 +12,7 @@ import re
 import signal
 import time
 
+from lab import orkad
 from tests.e2e.kit import Daemon, wait_until
 
 PORT_HEX = f":{46180:04X} "  # the receiver's port as /proc/net/udp shows it
@@ -22,18 +23,7 @@ class Switch(Daemon):
 
     def _dump_lines(self):
         """(line index, text) of the logging dump lines in the debug log."""
-        out = []
-        # A dump may be cut by a rotation: look in the previous generation too.
-        for name in ("/tmp/debug1.log", "/tmp/debug.log"):
-            path = self.path(name)
-            if not os.path.exists(path):
-                continue
-            with open(path, errors="replace") as f:
-                for line in f:
-                    parts = line.rstrip("\n").split(" ", 3)
-                    if len(parts) == 4 and parts[3].startswith("logging_debug: logbuf = "):
-                        out.append((int(parts[0]), parts[3]))
-        return out
+        return orkad.debug_lines(self.root, "logging_debug: logbuf = ")
 
     def dump(self):
         """SIGUSR1 to the working child; the syslog forwarding line of the

@@ -238,20 +238,20 @@ def differences(before, after):
     return sorted(p for p in pb | pa | wb | wa if exists(before, p) != exists(after, p))
 
 
-def settings(db):
+def query(db, sql):
     con = sqlite3.connect(db)
     try:
-        return dict(con.execute("SELECT key, value FROM system"))
+        return con.execute(sql).fetchall()
     finally:
         con.close()
+
+
+def settings(db):
+    return dict(query(db, "SELECT key, value FROM system"))
 
 
 def schema(db):
-    con = sqlite3.connect(db)
-    try:
-        return sorted(con.execute("SELECT type, name, sql FROM sqlite_master"))
-    finally:
-        con.close()
+    return sorted(query(db, "SELECT type, name, sql FROM sqlite_master"))
 
 
 def lintian_errors(deb):

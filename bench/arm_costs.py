@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """The daemon as the ARM boards see it: size, shared libraries, CPU per heartbeat.
 
 For the arm64 and armhf daemons, with the native x86-64 release daemon
@@ -24,7 +23,7 @@ The tables are printed and written to the "On the ARM boards" section of
 docs/performance.md. `--quick` (4 heartbeats, one turn) keeps the harness
 working and writes to a scratch file unless --out is given.
 
-    sudo python3 bench/arm_costs.py [--quick] [--reuse] [--arch arm64 --arch armhf]
+    sudo python3 -m bench.arm_costs [--quick] [--reuse] [--arch arm64 --arch armhf]
 
 It builds the native release daemon (build-release/) and each ARM daemon
 (scripts/cross.sh ARCH --daemon-only, build-ARCH/) first; with --reuse it
@@ -41,13 +40,9 @@ import sys
 import tempfile
 import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-SOURCE = os.path.dirname(HERE)
-sys.path.insert(0, HERE)
+from lab import SOURCE
 
-import benchkit  # noqa: E402
-import binary_size  # noqa: E402
-import daemon_costs  # noqa: E402
+from . import benchkit, binary_size, daemon_costs
 
 INTERP = "(interpreter)"
 BEGIN = "<!-- arm-costs:begin -->"
@@ -301,13 +296,9 @@ def main():
                     " 4 with --quick)")
     ap.add_argument("--turns", type=int, help="measurements of each daemon (default 3;"
                     " 1 with --quick)")
-    ap.add_argument("--out", help="file to write (default docs/performance.md; with --quick a"
-                    " scratch file)")
-    ap.add_argument("--jobs", type=int, default=os.cpu_count())
-    ap.add_argument("--keep", action="store_true", help="keep the device roots and lab folders")
+    benchkit.run_options(ap)
     a = ap.parse_args()
-    if os.geteuid() != 0:
-        sys.exit("needs root: the daemons run in network namespaces of their own")
+    benchkit.need_root("the daemons run in network namespaces of their own")
     arches = a.arch or ["arm64", "armhf"]
     a.heartbeats = a.heartbeats or (4 if a.quick else 30)
     a.turns = a.turns or (1 if a.quick else 3)

@@ -3,7 +3,11 @@ daemon's working child and its threads by name, and writing one section of
 docs/performance.md."""
 
 import os
+import subprocess
+import sys
 import time
+
+from lab import SOURCE
 
 HEADING = ("# Performance\n\nFigures measured by the scripts in bench/; compare only figures "
            "taken in one run.\n")
@@ -49,6 +53,20 @@ def working_child(supervisor):
     return None
 
 
+def run_options(ap):
+    """The options every measuring script takes, on its argument parser."""
+    ap.add_argument("--out", help="file to write (default docs/performance.md; with --quick a"
+                    " scratch file)")
+    ap.add_argument("--jobs", type=int, default=os.cpu_count())
+    ap.add_argument("--keep", action="store_true", help="keep the device roots and lab folders")
+
+
+def need_root(what):
+    """Ends the script unless it runs as root; `what` says why it must."""
+    if os.geteuid() != 0:
+        sys.exit(f"needs root: {what}")
+
+
 def write_section(path, text, begin, end, first=False):
     """Replaces the section between the begin and end markers, or adds it:
     at the end, or first after the heading paragraph."""
@@ -67,3 +85,9 @@ def write_section(path, text, begin, end, first=False):
         body = body.rstrip("\n") + "\n\n" + section
     with open(path, "w") as f:
         f.write(body)
+
+
+def run_script(name, *args):
+    """Runs bench script `name` (bench.stats_tick, ...) with args to its end."""
+    subprocess.run([sys.executable, "-m", f"{__package__}.{name}", *args], cwd=SOURCE,
+                   check=True)

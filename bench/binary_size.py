@@ -1,7 +1,6 @@
-#!/usr/bin/env python3
 """Stripped size of the daemon per architecture, from the build trees.
 
-    python3 bench/binary_size.py [build build-arm64 build-armhf ...]
+    python3 -m bench.binary_size [build build-arm64 build-armhf ...]
 
 Strips a copy of each tree's common/orkad with that tree's strip (the
 toolchain file names the cross one) and writes the "Binary size" section of
@@ -15,7 +14,8 @@ import re
 import subprocess
 import tempfile
 
-SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+from lab import SOURCE
+
 BEGIN = "<!-- binary-size:begin -->"
 END = "<!-- binary-size:end -->"
 

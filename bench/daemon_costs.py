@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """What the daemon costs: memory, CPU per heartbeat, start-up, periodic jobs.
 
 One command measures the release build of the real daemon against the lab
@@ -25,7 +24,7 @@ docs/performance.md. `--quick` (under a minute, run by scripts/test.sh)
 shortens everything and writes to a scratch file unless --out is given: it
 keeps the harness working; its figures mean little.
 
-    sudo python3 bench/daemon_costs.py [--quick] [--build build-release]
+    sudo python3 -m bench.daemon_costs [--quick] [--build build-release]
 """
 
 import argparse
@@ -41,18 +40,13 @@ import tempfile
 import threading
 import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-SOURCE = os.path.dirname(HERE)
-sys.path.insert(0, os.path.join(SOURCE, "lab"))
+from lab import SOURCE, devroot, orkad
+from lab.labfixture import LabController
+from lab.netns import Netns
+from lab.syslogsocket import SyslogSocket
 
-import devroot  # noqa: E402
-from labfixture import LabController  # noqa: E402
-from netns import Netns  # noqa: E402
-from syslogsocket import SyslogSocket  # noqa: E402
-
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import benchkit  # noqa: E402
-from benchkit import thread_of, wait, working_child  # noqa: E402
+from . import benchkit
+from .benchkit import thread_of, wait, working_child
 
 BEGIN = "<!-- daemon-costs:begin -->"
 END = "<!-- daemon-costs:end -->"
@@ -143,13 +137,8 @@ class Daemon:
         return self.lab.queue_command(action=action, context=context, params=params)
 
     def stop(self):
-        if self.proc is not None:
-            try:
-                os.killpg(self.proc.pid, signal.SIGKILL)
-            except ProcessLookupError:
-                pass
-            self.proc.wait()
-            self.proc = None
+        orkad.stop(self.proc)
+        self.proc = None
 
     def close(self):
         self.stop()
@@ -541,8 +530,6 @@ def main():
     ap.add_argument("--quick", action="store_true", help="a short run that checks the harness")
     ap.add_argument("--build", default=os.path.join(SOURCE, "build-release"))
     ap.add_argument("--bin", help="use this daemon instead of building one")
-    ap.add_argument("--out", help="file to write (default docs/performance.md; with --quick a"
-                    " scratch file)")
     ap.add_argument("--before", metavar="BIN", help="another build of the daemon (say, of an"
                     " older commit) whose CPU per heartbeat is measured beside this one's")
     ap.add_argument("--before-name", help="how the report names the --before build")
@@ -550,11 +537,9 @@ def main():
                     " (default 600)")
     ap.add_argument("--skip-others", action="store_true", help="do not run stats_tick.py and"
                     " syslog_forwarding.py afterwards")
-    ap.add_argument("--jobs", type=int, default=os.cpu_count())
-    ap.add_argument("--keep", action="store_true", help="keep the device roots and lab folders")
+    benchkit.run_options(ap)
     a = ap.parse_args()
-    if os.geteuid() != 0:
-        sys.exit("needs root: the daemon runs in network namespaces of its own")
+    benchkit.need_root("the daemon runs in network namespaces of its own")
     if a.quick:
         a.early, a.late, a.heartbeats, a.starts, a.stopped = 5.0, 25.0, 4, 1, 3.0
         a.window = 12.0
@@ -623,13 +608,10 @@ def main():
     if a.skip_others:
         return
     if a.quick:
-        subprocess.run([sys.executable, os.path.join(HERE, "stats_tick.py"), "--build", a.build,
-                        "--rounds", "20", "--out", out], check=True)
+        benchkit.run_script("stats_tick", "--build", a.build, "--rounds", "20", "--out", out)
     else:
-        subprocess.run([sys.executable, os.path.join(HERE, "stats_tick.py"), "--build", a.build,
-                        "--out", out], check=True)
-        subprocess.run([sys.executable, os.path.join(HERE, "syslog_forwarding.py"), "--bin",
-                        binary, "--out", out], check=True)
+        benchkit.run_script("stats_tick", "--build", a.build, "--out", out)
+        benchkit.run_script("syslog_forwarding", "--bin", binary, "--out", out)
 
 
 if __name__ == "__main__":

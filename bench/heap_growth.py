@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """Where the child's memory goes over time: leak or fragmentation.
 
 Runs daemons side by side, each in a namespace of its own with every stream
@@ -9,7 +8,7 @@ freed ("in use") against bytes the heap holds from the kernel ("system").
 Growth of "in use" is memory never given back (a leak or a growing
 structure); growth of "system" alone is fragmentation.
 
-    sudo python3 bench/heap_growth.py --bin build/common/orkad \
+    sudo python3 -m bench.heap_growth --bin build/common/orkad \
         [--variant NAME=BIN ...] [--seconds 300]
 
 Each variant is one daemon: by default the sample 28-port switch and the
@@ -33,12 +32,11 @@ import tempfile
 import threading
 import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, HERE)
+from lab import SOURCE, orkad
 
-import benchkit  # noqa: E402
-from benchkit import wait  # noqa: E402
-from daemon_costs import Churn, Daemon, Lines, all_streams, big_model, machine  # noqa: E402
+from . import benchkit
+from .benchkit import wait
+from .daemon_costs import Churn, Daemon, Lines, all_streams, big_model, machine
 
 BEGIN = "<!-- heap-growth:begin -->"
 END = "<!-- heap-growth:end -->"
@@ -50,14 +48,6 @@ def heap(pid):
                           "call (int)fflush(0)", "-ex", "call (void)malloc_stats()", "-ex",
                           "call (int)fflush(0)"], capture_output=True, text=True, timeout=60)
     return out
-
-
-def private_dirty(pid):
-    with open(f"/proc/{pid}/smaps_rollup") as f:
-        for line in f:
-            if line.startswith("Private_Dirty:"):
-                return int(line.split()[1])
-    return 0
 
 
 class Probe:
@@ -121,7 +111,7 @@ def run(d, seconds, points, res, name, churning="ports"):
             if delay > 0:
                 time.sleep(delay)
             h = probe.sample()
-            series.append((t, private_dirty(d.child), h))
+            series.append((t, orkad.proc_figure(d.child, "smaps_rollup", "Private_Dirty"), h))
         docs = len(d.lab.status_documents())
     finally:
         lines.stopping.set()
@@ -170,7 +160,7 @@ def main():
     ap.add_argument("--seconds", type=float, default=300.0)
     ap.add_argument("--first", type=float, default=60.0)
     ap.add_argument("--only-128", action="store_true", help="leave out the 28-port daemon")
-    ap.add_argument("--out", default=os.path.join(os.path.dirname(HERE), "docs",
+    ap.add_argument("--out", default=os.path.join(SOURCE, "docs",
                                                   "performance.md"))
     a = ap.parse_args()
     if os.geteuid() != 0:

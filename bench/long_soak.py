@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """A year unattended, squeezed: the fault soak (tests/soak) run for hours on
 the release build, at fast paces, on the 128-port switch with four LLDP
 neighbours and four VLANs on every port and the neighbours replaced every
@@ -7,8 +6,8 @@ second, the lab's faults one after another). Once a minute it samples the
 working child's private dirty memory, the C library's heap in use (through
 gdb), its descriptors and its threads.
 
-    sudo python3 bench/long_soak.py [--minutes 120] [--bin build-release/common/orkad]
-    sudo python3 bench/long_soak.py --from-report figures.json   # only write the page
+    sudo python3 -m bench.long_soak [--minutes 120] [--bin build-release/common/orkad]
+    sudo python3 -m bench.long_soak --from-report figures.json   # only write the page
 
 Writes the "Long soak" section of docs/hardening.md (or --out). What it
 judges: after ten minutes of warm-up, how far the floor of each figure moved
@@ -26,12 +25,10 @@ import subprocess
 import sys
 import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-SOURCE = os.path.dirname(HERE)
-sys.path.insert(0, HERE)
+from lab import SOURCE
 
-import benchkit  # noqa: E402
-from daemon_costs import build, machine  # noqa: E402
+from . import benchkit
+from .daemon_costs import build, machine
 
 BEGIN = "<!-- long-soak:begin -->"
 END = "<!-- long-soak:end -->"

@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """CPU of one interface statistics sampling tick and one period end with 8,
 64 and 128 counted interfaces, and the heap allocations of a tick.
 
@@ -9,7 +8,7 @@ hundred samples and a period end every fourth sample, and counts malloc,
 calloc and realloc calls during the samples. The figures go into the
 "Interface statistics" section of docs/performance.md.
 
-    sudo python3 bench/stats_tick.py [--build build] [--rounds 400]
+    sudo python3 -m bench.stats_tick [--build build] [--rounds 400]
 
 Needs root (namespaces) and a release build of the bench program
 (`cmake --build build --target stats_tick_bench`).
@@ -23,8 +22,8 @@ import subprocess
 import sys
 import uuid
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-SOURCE = os.path.dirname(HERE)
+from lab import SOURCE
+
 SIZES = (8, 64, 128)
 SECTION = "## Interface statistics"
 

@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """What syslog forwarding costs and how much it carries.
 
 Runs the built daemon (build/common/orkad, or --bin) in a network namespace
@@ -16,7 +15,7 @@ and sends syslog datagrams from the lab to the daemon's receiver:
 The figures go into their own section of docs/performance.md. Needs root
 (network namespace). Compare only figures from one run.
 
-    sudo python3 bench/syslog_forwarding.py [--bin build/common/orkad]
+    sudo python3 -m bench.syslog_forwarding [--bin build/common/orkad]
 """
 
 import argparse
@@ -24,60 +23,33 @@ import os
 import re
 import shutil
 import signal
-import subprocess
 import sys
 import tempfile
 import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-SOURCE = os.path.dirname(HERE)
-sys.path.insert(0, os.path.join(SOURCE, "lab"))
+from lab import SOURCE, orkad
 
-import devroot  # noqa: E402
-from labfixture import LabController  # noqa: E402
-from netns import Netns  # noqa: E402
-from syslogsocket import SyslogSocket  # noqa: E402
-
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import benchkit  # noqa: E402
-from benchkit import thread_of, wait, working_child  # noqa: E402
+from . import benchkit
+from .benchkit import wait
+from .daemon_costs import Daemon
 
 BEGIN = "<!-- syslog-forwarding:begin -->"
 END = "<!-- syslog-forwarding:end -->"
 TEXT = "sw1 dot1x[412]: port 0/12 authorized, client 02:00:00:00:00:42 vlan 20 ({:06d})"
 
 
-class Bench:
+class Bench(Daemon):
+    """The daemon against the lab, forwarding its syslog every second."""
+
     def __init__(self, binary, workdir):
-        self.workdir = workdir
-        self.root = devroot.make_device_root(os.path.join(workdir, "root"))
-        devroot.update_bootenv(self.root, heartbeat="1")
-        self.ns = Netns(prefix="orkad-bench").create()
-        self.lab = LabController(root=self.root, host=self.ns.gateway, prefix=self.ns.prefix(),
-                                 state_dir=os.path.join(workdir, "lab"))
-        # Somebody has to take the daemon's own syslog datagrams.
-        self.syslog = SyslogSocket(self.root, lambda text: None)
-        out = open(os.path.join(workdir, "orkad.stdout"), "w")
-        self.proc = subprocess.Popen(
-            self.ns.prefix() + [binary, "-s", self.lab.base_url],
-            env=dict(os.environ, ORKAD_ROOT=self.root), stdout=out, stderr=subprocess.STDOUT,
-            preexec_fn=os.setpgrp)
-        self.child = self._wait(self._child, 20, "the working child")
-        self._wait(lambda: self.lab.requests(kind="heartbeat"), 20, "the first heartbeat")
-        self.lab.queue_command(action="set", context="logging",
-                               params={"interval": 1000, "serviceLink": {"href": "/syslog"}})
+        super().__init__(binary, workdir, "syslog")
+        self.start()
+        self.ready()
+        self.command("logging", {"interval": 1000, "serviceLink": {"href": "/syslog"}})
         port = ":%04X " % 46180
-        self._wait(lambda: port in self.ns.run(["cat", "/proc/net/udp"], text=True).stdout, 20,
-                   "the syslog receiver")
+        wait(lambda: port in self.ns.run(["cat", "/proc/net/udp"], text=True).stdout, 20,
+             "the syslog receiver")
         self.seq = 0
-
-    _wait = staticmethod(wait)
-
-    def _child(self):
-        return working_child(self.proc.pid)
-
-    def _tid(self, name, pid=None):
-        return thread_of(pid or self.child, name)
 
     def cpu_ns(self, tid=None):
         """CPU time on the clock of the scheduler: one thread, or the process."""
@@ -90,22 +62,11 @@ class Bench:
 
     def dump(self):
         def last():
-            best = None
-            # A dump may be cut by a rotation: the previous generation too.
-            for name in ("debug1.log", "debug.log"):
-                path = os.path.join(self.root, "tmp", name)
-                if not os.path.exists(path):
-                    continue
-                with open(path, errors="replace") as f:
-                    for line in f:
-                        p = line.rstrip("\n").split(" ", 3)
-                        if len(p) == 4 and p[3].startswith("logging_debug: logbuf = "):
-                            if best is None or int(p[0]) > best[0]:
-                                best = (int(p[0]), p[3])
-            return best
+            found = orkad.debug_lines(self.root, "logging_debug: logbuf = ")
+            return found[-1] if found else None
         before = last()
         os.kill(self.child, signal.SIGUSR1)
-        got = self._wait(lambda: (lambda x: x if x and x != before else None)(last()), 10,
+        got = wait(lambda: (lambda x: x if x and x != before else None)(last()), 10,
                          "the dump")
         m = re.search(r"\((\d+)\), overflow = (\d+), oversize = (\d+), "
                       r"ready-logs-count = (\d+)$", got[1])
@@ -135,18 +96,8 @@ class Bench:
             time.sleep(0.3)
 
     def drain(self, timeout=120):
-        self._wait(lambda: (lambda d: d["ready"] == 0 and d["filling"] == 0)(self.dump()),
+        wait(lambda: (lambda d: d["ready"] == 0 and d["filling"] == 0)(self.dump()),
                    timeout, "the queue to drain", interval=1.0)
-
-    def stop(self):
-        try:
-            os.killpg(self.proc.pid, signal.SIGKILL)
-        except ProcessLookupError:
-            pass
-        self.proc.wait()
-        self.lab.stop()
-        self.syslog.close()
-        self.ns.delete()
 
 
 def line_length():
@@ -178,7 +129,7 @@ def burst(b, count):
 def cpu_case(b, count, stalled):
     if stalled:
         b.lab.script("/api/syslog", count=None, delay=60)
-    rx, tx = b._tid("platform_syslog_reader"), b._tid("logging_send")
+    rx, tx = b.tid("platform_syslog_reader"), b.tid("logging_send")
     c0 = (b.cpu_ns(rx), b.cpu_ns(tx), b.cpu_ns())
     d0 = b.dump()
     b.send(count, 0.0005)
@@ -218,7 +169,7 @@ def main():
         b.drain(150)
         stalled, s_over = cpu_case(b, 4000, True)
     finally:
-        b.stop()
+        b.close()
         if not a.keep:
             shutil.rmtree(work, ignore_errors=True)
 

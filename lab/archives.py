@@ -13,7 +13,7 @@ import os
 import re
 import time
 
-from labhttp import matches
+from .labhttp import matches
 
 
 class Archives:

@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """orkad lab controller: the cloud controller side of orkad, for tests and
 for people at a bench.
 
@@ -13,7 +12,7 @@ This file is the program and its listeners; the state both APIs share is
 in labstate.py, the controller API in labcloud.py, the control API in
 labcontrol.py.
 
-    python3 lab/controller.py --listen 192.0.2.1 --port 8443 --root /tmp/sw1
+    python3 -m lab.controller --listen 192.0.2.1 --port 8443 --root /tmp/sw1
 """
 
 import argparse
@@ -25,12 +24,7 @@ import sys
 import tempfile
 import threading
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import labcloud  # noqa: E402
-import labcontrol  # noqa: E402
-import labhttp  # noqa: E402
-import labpki  # noqa: E402
-import labstate  # noqa: E402
+from . import labcloud, labcontrol, labhttp, labpki, labstate
 
 
 class Lab(labstate.State):

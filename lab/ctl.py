@@ -1,15 +1,14 @@
-#!/usr/bin/env python3
 """Drives a running orkad lab from the command line, through the lab
 controller's control API (docs/lab-api.md): lists devices, queues any of the
 daemon's commands, lists results, follows the forwarded syslog, shows a
 switch's ports and the diagnostics archives.
 
-    python3 lab/ctl.py devices
-    python3 lab/ctl.py send set.status --param interval=10000 --wait 30
-    python3 lab/ctl.py send set.config --params '{"portConfiguration":[{"id":"5","admin_status":"down"}]}'
-    python3 lab/ctl.py ports --serial VX0123456790
-    python3 lab/ctl.py syslog --follow --contains sshd
-    python3 lab/ctl.py say "hello from the switch"
+    python3 -m lab.ctl devices
+    python3 -m lab.ctl send set.status --param interval=10000 --wait 30
+    python3 -m lab.ctl send set.config --params '{"portConfiguration":[{"id":"5","admin_status":"down"}]}'
+    python3 -m lab.ctl ports --serial VX0123456790
+    python3 -m lab.ctl syslog --follow --contains sshd
+    python3 -m lab.ctl say "hello from the switch"
 
 It finds the lab by itself: --lab (a control socket, a control URL such as
 http://127.0.0.1:8480, or a lab runner's lab.json), else $ORKAD_LAB, else
@@ -23,13 +22,9 @@ import os
 import sys
 import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-if HERE not in sys.path:
-    sys.path.insert(0, HERE)
+from .labfixture import LabClient, LabError
 
-from labfixture import LabClient, LabError  # noqa: E402
-
-COMMANDS_FILE = os.path.join(HERE, "web", "commands.json")
+COMMANDS_FILE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "web", "commands.json")
 
 
 def commands():
@@ -261,7 +256,7 @@ def do_archives(lab, a, out):
 
 def parse_args(argv):
     ap = argparse.ArgumentParser(
-        prog="lab/ctl.py", description=__doc__.split("\n\n")[0].replace("\n", " "),
+        prog="python3 -m lab.ctl", description=__doc__.split("\n\n")[0].replace("\n", " "),
         epilog="Commands: " + ", ".join(commands()) + ". See docs/lab-api.md.")
     ap.add_argument("--lab", help="the lab: its control socket, control URL or lab.json "
                     "(default $ORKAD_LAB, else the newest lab started by lab/run.py)")

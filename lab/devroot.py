@@ -4,7 +4,7 @@
 The daemon run with ORKAD_ROOT=<folder> takes every device path under it.
 Used by the end-to-end tests and by the lab runner; run it by hand as
 
-    python3 lab/devroot.py /tmp/sw1 [--serial SN] [--env name=value ...]
+    python3 -m lab.devroot /tmp/sw1 [--serial SN] [--env name=value ...]
 """
 
 import argparse

@@ -14,7 +14,7 @@ import json
 import os
 import uuid
 
-from netns import Netns, _ip
+from .netns import Netns, _ip
 
 SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 GATEWAY = "192.0.2.1"

@@ -13,11 +13,11 @@ import re
 import secrets
 import time
 
-import labhttp
-import labstatus
-import labsyslog
-from labhttp import Reply, json_reply
-from labstate import FIRMWARE_PREFIX, FIXED
+from . import labhttp
+from . import labstatus
+from . import labsyslog
+from .labhttp import Reply, json_reply
+from .labstate import FIRMWARE_PREFIX, FIXED
 
 API = "/api"
 

@@ -13,14 +13,14 @@ import json
 import threading
 import urllib.parse
 
-import archives
-import labdevices
-import labstatus
-import labsyslog
-import labweb
-import statseries
-from labhttp import json_reply, matches
-from labstate import FIXED, LINK_KINDS, Script, phone_home_defaults
+from . import archives
+from . import labdevices
+from . import labstatus
+from . import labsyslog
+from . import labweb
+from . import statseries
+from .labhttp import json_reply, matches
+from .labstate import FIXED, LINK_KINDS, Script, phone_home_defaults
 
 
 def control(lab, req):

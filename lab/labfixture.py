@@ -25,10 +25,7 @@ import tempfile
 import time
 from urllib.parse import quote, urlencode, urlsplit
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-CONTROLLER = os.path.join(HERE, "controller.py")
-if HERE not in sys.path:
-    sys.path.insert(0, HERE)
+from . import SOURCE, program
 
 
 class LabError(Exception):
@@ -47,18 +44,16 @@ class _UnixConnection(http.client.HTTPConnection):
         self.sock = s
 
 
+def given(**members):
+    """The members that have a value: None leaves a member out."""
+    return {k: v for k, v in members.items() if v is not None}
+
+
 def command(action, context, params=None, id=None, flags=None, **more):
     """A command object as the controller queues it; "id" and "flags" are
     filled in by the controller when left out."""
-    c = {"action": action, "context": context}
-    if params is not None:
-        c["params"] = params
-    if id is not None:
-        c["id"] = id
-    if flags is not None:
-        c["flags"] = flags
-    c.update(more)
-    return c
+    return {"action": action, "context": context,
+            **given(params=params, id=id, flags=flags), **more}
 
 
 class LabClient:
@@ -200,14 +195,8 @@ class LabClient:
         """The "expires_in" value (any JSON value) and token length of the
         next tokens, extra members of the token reply; revoke=True makes
         every token issued so far fail with 401."""
-        body = {"revoke": revoke}
-        if expires_in is not None:
-            body["expires_in"] = expires_in
-        if token_length is not None:
-            body["token_length"] = token_length
-        if extra is not None:
-            body["extra"] = extra
-        return self.call("POST", "/token", body)
+        return self.call("POST", "/token", {"revoke": revoke, **given(
+            expires_in=expires_in, token_length=token_length, extra=extra)})
 
     def revoke_tokens(self):
         return self.set_token(revoke=True)
@@ -258,22 +247,33 @@ class LabClient:
     def clear_requests(self):
         return self.call("DELETE", "/requests")["cleared"]
 
-    def wait_requests(self, count=1, timeout=10.0, **filters):
-        """Waits until at least `count` requests match and returns them all;
-        fails with AssertionError at the deadline."""
+    def _wait_for(self, path, key, count, timeout, filters, what, have, answered=False):
+        """Asks GET `path` to hold its answer until at least `count` records
+        (`key` of the answer) match the filters, and returns them all; fails
+        with AssertionError at the deadline, saying what there is (have())."""
         filters = {k: v for k, v in filters.items() if v is not None}
         deadline = time.monotonic() + timeout
         while True:
             left = deadline - time.monotonic()
             wait = max(0.0, min(left, 5.0))
-            found = self.call("GET", "/requests", timeout=wait + 30, query={
-                "wait": f"{wait:.3f}", "count": count, "answered": 1, **filters})["requests"]
+            query = {"wait": f"{wait:.3f}", "count": count, **filters}
+            if answered:
+                query["answered"] = 1
+            found = self.call("GET", path, timeout=wait + 30, query=query)[key]
             if len(found) >= count:
                 return found
             if left <= 0:
-                seen = [(r["method"], r["path"], r["status"]) for r in self.requests()][-20:]
                 raise AssertionError(f"timed out after {timeout}s waiting for {count} "
-                                     f"request(s) {filters}; last received: {seen}")
+                                     f"{what} {filters}; {have(found)}")
+
+    def wait_requests(self, count=1, timeout=10.0, **filters):
+        """Waits until at least `count` requests match and have been answered,
+        and returns them all; fails with AssertionError at the deadline."""
+        def have(_):
+            seen = [(r["method"], r["path"], r["status"]) for r in self.requests()][-20:]
+            return f"last received: {seen}"
+        return self._wait_for("/requests", "requests", count, timeout, filters, "request(s)",
+                              have, answered=True)
 
     def wait_request(self, timeout=10.0, **filters):
         """The first request matching the filters, once it was answered."""
@@ -290,18 +290,8 @@ class LabClient:
         return self.call("GET", "/statistics", query={"id": id, "path": path, "since": since})
 
     def wait_results(self, count=1, timeout=10.0, **filters):
-        filters = {k: v for k, v in filters.items() if v is not None}
-        deadline = time.monotonic() + timeout
-        while True:
-            left = deadline - time.monotonic()
-            wait = max(0.0, min(left, 5.0))
-            found = self.call("GET", "/results", timeout=wait + 30, query={
-                "wait": f"{wait:.3f}", "count": count, **filters})["results"]
-            if len(found) >= count:
-                return found
-            if left <= 0:
-                raise AssertionError(f"timed out after {timeout}s waiting for {count} "
-                                     f"command result(s) {filters}; have {self.results()}")
+        return self._wait_for("/results", "results", count, timeout, filters,
+                              "command result(s)", lambda _: f"have {self.results()}")
 
     def wait_result(self, command_id=None, timeout=10.0, **filters):
         return self.wait_results(1, timeout, command_id=command_id, **filters)[0]
@@ -322,18 +312,8 @@ class LabClient:
         return self.call("DELETE", "/status")["cleared"]
 
     def wait_status_documents(self, count=1, timeout=10.0, **filters):
-        filters = {k: v for k, v in filters.items() if v is not None}
-        deadline = time.monotonic() + timeout
-        while True:
-            left = deadline - time.monotonic()
-            wait = max(0.0, min(left, 5.0))
-            found = self.call("GET", "/status/documents", timeout=wait + 30, query={
-                "wait": f"{wait:.3f}", "count": count, **filters})["documents"]
-            if len(found) >= count:
-                return found
-            if left <= 0:
-                raise AssertionError(f"timed out after {timeout}s waiting for {count} "
-                                     f"status document(s) {filters}; have {len(found)}")
+        return self._wait_for("/status/documents", "documents", count, timeout, filters,
+                              "status document(s)", lambda found: f"have {len(found)}")
 
 
     def archives(self, path=None, kind=None, serial=None, since=None):
@@ -342,18 +322,8 @@ class LabClient:
             "path": path, "kind": kind, "serial": serial, "since": since})["archives"]
 
     def wait_archives(self, count=1, timeout=10.0, **filters):
-        filters = {k: v for k, v in filters.items() if v is not None}
-        deadline = time.monotonic() + timeout
-        while True:
-            left = deadline - time.monotonic()
-            wait = max(0.0, min(left, 5.0))
-            found = self.call("GET", "/archives", timeout=wait + 30, query={
-                "wait": f"{wait:.3f}", "count": count, **filters})["archives"]
-            if len(found) >= count:
-                return found
-            if left <= 0:
-                raise AssertionError(f"timed out after {timeout}s waiting for {count} "
-                                     f"archive(s) {filters}; have {self.archives()}")
+        return self._wait_for("/archives", "archives", count, timeout, filters, "archive(s)",
+                              lambda _: f"have {self.archives()}")
 
     def archive(self, seq):
         """One uploaded file's record and its bytes."""
@@ -378,7 +348,9 @@ class LabController(LabClient):
                  state_dir=None, ca_dir=None, roots=(), serials=(), auth=True,
                  expires_in=3600, python=None, start=True, start_timeout=15.0):
         super().__init__()
-        self.roots = ([root] if root else []) + list(roots)
+        # The program runs from the top of the source tree: every path it is
+        # given is absolute.
+        self.roots = [os.path.abspath(r) for r in ([root] if root else []) + list(roots)]
         self.host = host
         self.port = port
         self.names = list(names)
@@ -387,9 +359,9 @@ class LabController(LabClient):
         if self.prefix and self.mode != "process":
             raise ValueError("an argv prefix needs mode='process'")
         self._own_state = state_dir is None
-        self.state_dir = state_dir or tempfile.mkdtemp(prefix="orkad-lab-")
+        self.state_dir = os.path.abspath(state_dir or tempfile.mkdtemp(prefix="orkad-lab-"))
         os.makedirs(self.state_dir, exist_ok=True)
-        self.ca_dir = ca_dir
+        self.ca_dir = ca_dir and os.path.abspath(ca_dir)
         self.serials = list(serials)
         self.auth = auth
         self.expires_in = expires_in
@@ -415,7 +387,7 @@ class LabController(LabClient):
     def start(self):
         sock = os.path.join(self.state_dir, "control.sock")
         if self.mode == "thread":
-            import controller
+            from . import controller
             self.server = controller.LabServer(
                 listen=self.host, port=self.port, names=self.names, state_dir=self.state_dir,
                 ca_dir=self.ca_dir, roots=self.roots, control_socket=sock,
@@ -431,10 +403,9 @@ class LabController(LabClient):
         ready = os.path.join(self.state_dir, "controller.json")
         if os.path.exists(ready):
             os.unlink(ready)
-        argv = self.prefix + [self.python, CONTROLLER, "--listen", self.host,
-                              "--port", str(self.port), "--state-dir", self.state_dir,
-                              "--control-socket", sock, "--ready-file", ready,
-                              "--expires-in", str(self.expires_in)]
+        argv = self.prefix + program("controller", self.python) + [
+            "--listen", self.host, "--port", str(self.port), "--state-dir", self.state_dir,
+            "--control-socket", sock, "--ready-file", ready, "--expires-in", str(self.expires_in)]
         if self.ca_dir:
             argv += ["--ca-dir", self.ca_dir]
         for n in self.names:
@@ -447,7 +418,7 @@ class LabController(LabClient):
             argv.append("--no-auth")
         self.log_path = os.path.join(self.state_dir, "controller.log")
         self._log = open(self.log_path, "w")
-        self.proc = subprocess.Popen(argv, stdout=self._log, stderr=subprocess.STDOUT,
+        self.proc = subprocess.Popen(argv, cwd=SOURCE, stdout=self._log, stderr=subprocess.STDOUT,
                                      stdin=subprocess.DEVNULL)
         deadline = time.monotonic() + self.start_timeout
         while not os.path.exists(ready):

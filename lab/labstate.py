@@ -15,10 +15,10 @@ import re
 import threading
 import time
 
-import archives
-import labstatus
-import labsyslog
-from labhttp import Reply, compact_json, matches
+from . import archives
+from . import labstatus
+from . import labsyslog
+from .labhttp import Reply, compact_json, matches
 
 # Resources with a fixed place under /api.
 FIXED = {

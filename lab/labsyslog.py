@@ -16,12 +16,13 @@ namespace.
 
 import base64
 import json
-import os
 import re
 import socket
 import subprocess
 import sys
 import time
+
+from . import SOURCE, program
 
 SYSLOG_PORT = 46180
 _DECODER = json.JSONDecoder(strict=False)
@@ -139,7 +140,7 @@ def _send_in(netns, grams, to, repeat, pace):
     """_send run inside the network namespace `netns`."""
     job = {"grams": [base64.b64encode(g).decode() for g in grams], "host": to[0],
            "port": to[1], "repeat": repeat, "pace": pace}
-    r = subprocess.run(["ip", "netns", "exec", netns, sys.executable, os.path.abspath(__file__)],
+    r = subprocess.run(["ip", "netns", "exec", netns, *program("labsyslog")], cwd=SOURCE,
                        input=json.dumps(job), capture_output=True, text=True)
     if r.returncode != 0:
         raise ValueError(f"sending in namespace {netns}: {r.stderr.strip()}")

@@ -7,7 +7,7 @@ Everything the page needs ships in lab/web; it loads nothing from elsewhere.
 import os
 import re
 
-from labhttp import Reply
+from .labhttp import Reply
 
 WEB = os.path.join(os.path.dirname(os.path.abspath(__file__)), "web")
 

@@ -1,8 +1,7 @@
-#!/usr/bin/env python3
 """Starts the lab: the lab controller, a device root with the sample switch,
 and orkad with the lab as its phone-home site; stops everything on Ctrl-C.
 
-    python3 lab/run.py [--bin build/common/orkad] [--root DIR] [--heartbeat N]
+    python3 -m lab.run [--bin build/common/orkad] [--root DIR] [--heartbeat N]
                        [--devices N] [--dashboard PORT]
 
 With --devices N it starts a fleet: N switches, each with its own network
@@ -25,7 +24,6 @@ import argparse
 import json
 import os
 import shlex
-import shutil
 import signal
 import socket
 import subprocess
@@ -34,16 +32,10 @@ import tempfile
 import threading
 import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-SOURCE = os.path.dirname(HERE)
-if HERE not in sys.path:
-    sys.path.insert(0, HERE)
-
-import devroot  # noqa: E402
-import fleet  # noqa: E402
-from labfixture import LabController  # noqa: E402
-from netns import Netns  # noqa: E402
-from syslogsocket import SyslogSocket  # noqa: E402
+from . import SOURCE, devroot, fleet, orkad
+from .labfixture import LabController
+from .netns import Netns
+from .syslogsocket import SyslogSocket
 
 
 class SyslogFile:
@@ -161,10 +153,7 @@ class Device:
     def start(self, binary, site, debug):
         os.makedirs(self.workdir, exist_ok=True)
         self.syslog = SyslogFile(self.root, self.syslog_path)
-        argv = self.ns_prefix + (
-            ["setpriv", "--inh-caps=-sys_time", "--bounding-set=-sys_time"]
-            if can_drop_clock_right() else []) + \
-            shlex.split(os.environ.get("ORKAD_EMULATOR", "")) + [os.path.abspath(binary)]
+        argv = self.ns_prefix + orkad.no_clock() + orkad.emulator() + [os.path.abspath(binary)]
         if debug:
             argv.append("-d")
         argv += ["-s", site]
@@ -175,20 +164,10 @@ class Device:
         out.close()
 
     def stop(self):
-        if self.daemon is not None and self.daemon.poll() is None:
-            # The supervisor restarts a child that ends, so the whole group goes.
-            try:
-                os.killpg(self.daemon.pid, signal.SIGKILL)
-            except ProcessLookupError:
-                pass
-            self.daemon.wait(timeout=10)
+        orkad.stop(self.daemon)
         if self.syslog is not None:
             self.syslog.close()
             self.syslog = None
-
-
-def can_drop_clock_right():
-    return shutil.which("setpriv") is not None
 
 
 def parse_args(argv):
@@ -231,7 +210,7 @@ def orkadctl_status(root):
     """The command that asks the daemon of this device root how it is: the
     client finds the daemon's socket under the root it is given."""
     return f"ORKAD_ROOT={shlex.quote(root)} " + shlex.join(
-        [*shlex.split(os.environ.get("ORKAD_EMULATOR", "")), ORKADCTL, "status"])
+        [*orkad.emulator(), ORKADCTL, "status"])
 
 
 # orkadctl asks as root only, and waits for the answer on a socket only root
@@ -243,7 +222,7 @@ def describe(devices, workdir, lab, relay):
     sock = lab.socket_path
     queue = {"command": {"action": "set", "context": "heartbeat",
                          "params": {"interval": 2000, "serviceLink": {"href": "/heartbeat"}}}}
-    ctl = "python3 lab/ctl.py"
+    ctl = "python3 -m lab.ctl"
     d = devices[0]
     text = "\norkad lab is running.\n\n"
     if relay:
@@ -269,7 +248,7 @@ def describe(devices, workdir, lab, relay):
     text += f"""  controller output {workdir}/lab/controller.log
   control API       HTTP over the Unix socket {sock}  (see docs/lab-api.md)
 
-Drive it from the dashboard, or from the command line (lab/ctl.py finds this lab):
+Drive it from the dashboard, or from the command line (lab.ctl finds this lab):
 
   {ctl} devices
   {ctl} send set.status --param interval=10000 --wait 30

@@ -40,7 +40,7 @@ if [ "$arch" = "ci" ]; then
     # Both daemons as the boards see them (size, libraries, CPU per heartbeat
     # under qemu-user against the native release daemon), briefly: it keeps
     # bench/arm_costs.py working; its figures are not checked.
-    exec /usr/bin/python3 bench/arm_costs.py --quick --reuse
+    exec /usr/bin/python3 -m bench.arm_costs --quick --reuse
 fi
 case "$arch" in
 arm64) triplet=aarch64-linux-gnu; qemu=qemu-aarch64-static ;;

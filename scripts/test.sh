@@ -26,7 +26,7 @@ ORKAD_SOURCE="$PWD" /usr/bin/python3 -m pytest -q -s -p no:cacheprovider tests/s
 # The release build of the daemon is what the bench and the packages use: it
 # must compile too (at -O3 the compiler sees more). The quick bench builds it
 # and keeps the measuring harness working; its figures are not checked.
-/usr/bin/python3 bench/daemon_costs.py --quick --build build-release --jobs "$jobs"
+/usr/bin/python3 -m bench.daemon_costs --quick --build build-release --jobs "$jobs"
 
 # Every input the daemon parses, fuzzed: the seed corpora replayed and each
 # libFuzzer target run briefly (clang, build-fuzz/; tests/fuzz).
@@ -50,7 +50,7 @@ unset ASAN_OPTIONS UBSAN_OPTIONS
 # ThreadSanitizer: the unit tests and the end-to-end suite with the daemon
 # under test built with it. A report fails the unit test (exit status 66) or,
 # for a daemon, the end-to-end test whose temporary folder it lands in
-# (tests/e2e/conftest.py). The tests that never start this daemon
+# (tests/e2e/fixtures.py). The tests that never start this daemon
 # (scripts/e2e-daemon-tests.sh) ran above already and are left out here, and
 # so is the 20-daemon fleet (time; docs/hardening.md).
 # shellcheck source=scripts/e2e-daemon-tests.sh

@@ -1,4 +1,4 @@
-"""The lab runner (lab/run.py) as a test sees it: started as a program with
+"""The lab runner (lab.run) as a test sees it: started as a program with
 its own output file, read back through the state it writes (lab.json) and
 the control API, stopped with Ctrl-C."""
 
@@ -8,23 +8,30 @@ import re
 import shutil
 import signal
 import subprocess
-import sys
 
-from conftest import BIN, SOURCE, wait_until
-from labfixture import LabClient
+import lab
+from lab.labfixture import LabClient
+from tests.e2e.kit import BIN, wait_until
 
-RUNNER = os.path.join(SOURCE, "lab", "run.py")
-CTL = os.path.join(SOURCE, "lab", "ctl.py")
+
+def start(name, *args, **kw):
+    """Lab program `name` (lab.run, lab.ctl, ...) started with args."""
+    return subprocess.Popen(lab.program(name) + list(args), cwd=lab.SOURCE, **kw)
+
+
+def run(name, *args, timeout=60, **kw):
+    """Lab program `name` run to its end with args: its output, as text."""
+    return subprocess.run(lab.program(name) + list(args), cwd=lab.SOURCE, capture_output=True,
+                          text=True, timeout=timeout, **kw)
 
 
 class Runner:
     def __init__(self, tmp_path, devices=1, heartbeat=1, extra=()):
         self.out_path = str(tmp_path / "run.out")
         self.out = open(self.out_path, "w+")
-        self.proc = subprocess.Popen(
-            [sys.executable, RUNNER, "--bin", BIN, "--heartbeat", str(heartbeat),
-             "--port", "0", "--dashboard", "0", "--devices", str(devices), *extra],
-            stdout=self.out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL)
+        self.proc = start("run", "--bin", BIN, "--heartbeat", str(heartbeat), "--port", "0",
+                          "--dashboard", "0", "--devices", str(devices), *extra,
+                          stdout=self.out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL)
         self.devices = devices
         notice = wait_until(lambda: self.proc.poll() is None and "Ctrl-C stops" in self.text()
                             and self.text(), timeout=30 + devices, what="the runner's notice")
@@ -63,8 +70,7 @@ class Runner:
         return up if len(up) >= (count or self.devices) else None
 
     def ctl(self, *args, check=True, timeout=60):
-        r = subprocess.run([sys.executable, CTL, "--lab", self.state_path, *args],
-                           capture_output=True, text=True, timeout=timeout)
+        r = run("ctl", "--lab", self.state_path, *args, timeout=timeout)
         if check and r.returncode != 0:
             raise AssertionError(f"ctl {args} ended {r.returncode}: {r.stdout}{r.stderr}")
         return r

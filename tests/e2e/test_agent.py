@@ -8,70 +8,22 @@ clock of the machine even when a phone-home answer carries the time."""
 import io
 import os
 import signal
-import sqlite3
 import tarfile
-import time
 
 import pytest
 
-import devroot
-from conftest import Daemon, wait_until
-from lab_fixtures import netns_lab  # noqa: F401
+from lab import devroot
+from tests.e2e.kit import NO_CLOCK, wait_until
 
-SETPRIV = ["setpriv", "--inh-caps=-sys_time", "--bounding-set=-sys_time"]
 UUID = "e9d6ecc0-23bb-11e3-932d-020000000001"
 
 
-class Agent(Daemon):
-    """The daemon started as conftest's Daemon does, minus CAP_SYS_TIME."""
-
-    wrapper = SETPRIV
-
-    # ---- what the daemon left in the device root -------------------------
-
-    def setting(self, key):
-        db = self.path("/etc/varnex/config/startup.db")
-        if not os.path.exists(db):
-            return None
-        # Read without taking locks: a reader must never make one of the
-        # daemon's writes fail as busy.
-        con = sqlite3.connect(f"file:{db}?mode=ro&immutable=1", uri=True)
-        try:
-            row = con.execute("SELECT value FROM system WHERE key = ?", (key,)).fetchone()
-        except sqlite3.DatabaseError:
-            return None  # caught in the middle of a write: ask again
-        finally:
-            con.close()
-        return row[0] if row else None
-
-    def statuses(self):
-        """The connection words the agent gave the switch, in order."""
-        return [j["status"].split()[-1] for j in self.journal()
-                if j["call"] == "rpcclt_openapiAppCtrlStatusSet"]
-
-    def count_log(self, text):
-        return sum(1 for m in self.log() if text in m)
-
-    def kill_child(self):
-        child = self.wait_child()
-        os.kill(child, signal.SIGKILL)
-        return self.wait_child(not_pid=child, timeout=15)
-
-
-@pytest.fixture
-def agent(device_root, tmp_path, netns, netns_lab):
-    """Device root with 1-s heartbeats, the lab controller, and the daemon
-    (not started yet) pointed at the lab as its phone-home site."""
-    devroot.update_bootenv(device_root, heartbeat="1")
-    a = Agent(device_root, str(tmp_path), netns)
-    a.lab = netns_lab
-    a.site = netns_lab.base_url
-    yield a
-    a.stop()
-
-
-def heartbeats(lab, path="/api/heartbeat", **kw):
-    return [r for r in lab.requests(path=path, **kw) if r["kind"] == "heartbeat"]
+def drain(lab):
+    """Commands run one at a time, each to its end: once this one is
+    answered, everything queued before it has run."""
+    cid = lab.queue_command(action="set", context="heartbeat",
+                            params={"interval": 1000, "serviceLink": {"href": "/heartbeat"}})
+    assert lab.wait_result(cid)["code"] == 0
 
 
 def tar_image(text="image"):
@@ -88,8 +40,9 @@ def tar_image(text="image"):
 
 
 def test_whole_run(agent):
+    agent = agent(wrapper=NO_CLOCK)
     lab = agent.lab
-    agent.start("-s", agent.site)
+    agent.start("-s", agent.lab.base_url)
 
     ph = lab.wait_request(kind="phone_home")
     assert ph["method"] == "GET"
@@ -162,34 +115,42 @@ def test_whole_run(agent):
 
 
 def test_six_failed_heartbeats_are_tolerated_the_seventh_is_down(agent):
+    agent = agent(wrapper=NO_CLOCK)
     lab = agent.lab
-    agent.start("-s", agent.site)
+    agent.start("-s", agent.lab.base_url)
     lab.wait_request(kind="heartbeat", status=200)
     wait_until(lambda: agent.statuses() == ["up"], what="up")
 
+    # Six failures: the pulse after them goes through, and by then the sixth
+    # was counted with the switch still "up". A failed pulse sends the full
+    # data again.
     mark = lab.mark()
-    lab.fail("/api/heartbeat", 500, count=7)
+    lab.fail("/api/heartbeat", 500, count=6)
     lab.wait_requests(6, path="/api/heartbeat", since=mark, status=500)
-    time.sleep(0.3)
+    ok = lab.wait_request(path="/api/heartbeat", since=mark, status=200)
+    assert ok["json"]["lanIp"] == "192.0.2.10"
     assert agent.statuses() == ["up"]
     assert agent.setting("system.cloud-controller-status") == "up"
 
+    mark = lab.mark()
+    lab.fail("/api/heartbeat", 500, count=7)
     lab.wait_requests(7, path="/api/heartbeat", since=mark, status=500)
     wait_until(lambda: agent.statuses() == ["up", "down"], what="down after the seventh")
     wait_until(lambda: agent.setting("system.cloud-controller-status") == "down", what="db down")
-    # A failed pulse sends the full data again; one success brings "up" back.
+    # One success brings "up" back.
     ok = lab.wait_request(path="/api/heartbeat", since=mark, status=200)
     assert ok["json"]["lanIp"] == "192.0.2.10"
     wait_until(lambda: agent.statuses() == ["up", "down", "up"], what="up again")
     wait_until(lambda: agent.setting("system.cloud-controller-status") == "up", what="db up")
-    # Each word is written on a change only.
-    time.sleep(1.5)
+    # Each word is written on a change only: two more good pulses add none.
+    lab.wait_requests(2, path="/api/heartbeat", since=ok["seq"], status=200)
     assert agent.statuses() == ["up", "down", "up"]
 
 
 def test_refused_token_is_renewed_within_the_pulse(agent):
+    agent = agent(wrapper=NO_CLOCK)
     lab = agent.lab
-    agent.start("-s", agent.site)
+    agent.start("-s", agent.lab.base_url)
     lab.wait_requests(2, kind="heartbeat", status=200)
 
     mark = lab.mark()
@@ -210,8 +171,9 @@ def test_refused_token_is_renewed_within_the_pulse(agent):
 
 
 def test_count_mismatch_runs_nothing(agent):
+    agent = agent(wrapper=NO_CLOCK)
     lab = agent.lab
-    agent.start("-s", agent.site)
+    agent.start("-s", agent.lab.base_url)
     lab.wait_request(kind="heartbeat", status=200)
     cmds = [{"action": "set", "context": "heartbeat", "id": f"c{i}", "flags": "",
              "params": {"interval": 30000, "serviceLink": {"href": f"/x{i}"}}}
@@ -227,8 +189,9 @@ def test_count_mismatch_runs_nothing(agent):
 
 
 def test_set_heartbeat_limits(agent):
+    agent = agent(wrapper=NO_CLOCK)
     lab = agent.lab
-    agent.start("-s", agent.site)
+    agent.start("-s", agent.lab.base_url)
     lab.wait_request(kind="heartbeat", status=200)
 
     def hb(ms, href):
@@ -252,25 +215,25 @@ def test_set_heartbeat_limits(agent):
 
 
 def test_boot_environment_interval_out_of_range(agent):
-    devroot.update_bootenv(agent.root, heartbeat="61")
-    agent.start("-s", agent.site)
+    agent = agent(heartbeat=61, wrapper=NO_CLOCK)
+    agent.start("-s", agent.lab.base_url)
     agent.wait_log("heartbeat: interval value (61) is out of range")
     assert not any("heartbeat: new interval" in m for m in agent.log())
     # The default of 10 s stays.
-    first = agent.lab.wait_request(kind="heartbeat")
-    time.sleep(2.5)
-    assert len(heartbeats(agent.lab)) == 1
+    first, second = agent.lab.wait_requests(2, kind="heartbeat", timeout=25)[:2]
     assert first["status"] == 200
+    assert 9.5 < second["time"] - first["time"] < 12
 
 
 # ---- firmware -----------------------------------------------------------
 
 
 def test_offered_firmware_is_installed_and_the_switch_reloaded(agent):
+    agent = agent(wrapper=NO_CLOCK)
     lab = agent.lab
     image = tar_image("v2")
     lab.set_firmware("2.0.0.0", image=image)
-    agent.start("-s", agent.site)
+    agent.start("-s", agent.lab.base_url)
     lab.wait_request(kind="firmware_image")
     agent.wait_log("check_updates: running /usr/sbin/varnex-updates /tmp/updates.tar")
     wait_until(lambda: any(j["call"] == "rpcclt_openapiSystemReload" for j in agent.journal()),
@@ -290,11 +253,12 @@ def test_offered_firmware_is_installed_and_the_switch_reloaded(agent):
 
 
 def test_failed_installer_is_retried_in_the_background(agent):
+    agent = agent(wrapper=NO_CLOCK)
     lab = agent.lab
     lab.set_firmware("2.0.0.0", image=tar_image())
     with open(agent.path("/etc/varnex-updates.fail"), "w") as f:
         f.write("7\n")
-    agent.start("-s", agent.site)
+    agent.start("-s", agent.lab.base_url)
     agent.wait_log("check_updates: varnex-updates /tmp/updates.tar failed with error code 7")
     agent.wait_log("starting deferred_updates")
     child = agent.wait_child()
@@ -312,9 +276,10 @@ def test_failed_installer_is_retried_in_the_background(agent):
 
 
 def test_reply_without_current_firmware_starts_the_retries(agent):
+    agent = agent(wrapper=NO_CLOCK)
     lab = agent.lab
     lab.script("/api/current-firmware", body={"firmware": {}})
-    agent.start("-s", agent.site)
+    agent.start("-s", agent.lab.base_url)
     agent.wait_log("check_updates: missing or invalid 'currentFirmware' object")
     agent.wait_log("starting deferred_updates")
     # The retry thread checked once more at once, and got the normal answer.
@@ -323,8 +288,9 @@ def test_reply_without_current_firmware_starts_the_retries(agent):
 
 
 def test_set_firmware_answers_first(agent):
+    agent = agent(wrapper=NO_CLOCK)
     lab = agent.lab
-    agent.start("-s", agent.site)
+    agent.start("-s", agent.lab.base_url)
     lab.wait_request(kind="heartbeat", status=200)
     mark = lab.mark()
     cid = lab.queue_command(action="set", context="firmware")
@@ -337,15 +303,15 @@ def test_set_firmware_answers_first(agent):
     bad = lab.wait_results(2, since=res["seq"] - 1)[1]
     assert (bad["code"], bad["message"]) == (-1, "missing or invalid 'id' element in command")
     agent.wait_log("set.firmware: missing or invalid 'id' element in command")
-    time.sleep(0.5)
+    drain(lab)
     assert len(lab.requests(kind="current_firmware", since=mark)) == 1
 
 
 def test_boot_bank_1_reports_the_secondary_version(agent):
+    agent = agent(bootenv={"active": "image2"}, wrapper=NO_CLOCK)
     with open(agent.path("/mnt/fastpath/image2"), "w") as f:
         f.write("version=1.0.0.2\n")
-    devroot.update_bootenv(agent.root, active="image2")
-    agent.start("-s", agent.site)
+    agent.start("-s", agent.lab.base_url)
     fw = agent.lab.wait_request(kind="current_firmware")
     assert fw["query"] == "serial_number=VX0123456789&firmware_version=1.0.0.2"
     ph = agent.lab.requests(kind="phone_home")[0]
@@ -354,14 +320,15 @@ def test_boot_bank_1_reports_the_secondary_version(agent):
 
 
 def test_developer_build_never_updates(agent):
+    agent = agent(wrapper=NO_CLOCK)
     with open(agent.path("/etc/version"), "w") as f:
         f.write("1.0.0.1-developer\n")
     agent.lab.set_firmware("2.0.0.0", image=tar_image())
-    agent.start("-s", agent.site)
+    agent.start("-s", agent.lab.base_url)
     agent.lab.wait_requests(2, kind="heartbeat")
     cid = agent.lab.queue_command(action="set", context="firmware")
     assert agent.lab.wait_result(cid)["code"] == 0
-    time.sleep(0.5)
+    drain(agent.lab)
     assert agent.lab.requests(kind="current_firmware") == []
 
 
@@ -369,25 +336,27 @@ def test_developer_build_never_updates(agent):
 
 
 def test_phone_home_no_in_boot_environment(agent):
-    devroot.update_bootenv(agent.root, phone_home="NO")
-    agent.start("-s", agent.site)
+    agent = agent(bootenv={"phone_home": "NO"}, wrapper=NO_CLOCK)
+    agent.start("-s", agent.lab.base_url)
     agent.wait_log("phone_home: found 'phone_home=NO' in boot env, exiting!")
     agent.wait_log("cloud_controller not set, skipping heartbeats!")
-    agent.wait_child()
-    time.sleep(1.5)
+    # The heartbeat thread goes round its 1-s loop and still finds no
+    # controller: nothing is sent, and the line is not written again.
+    agent.wait_turns("heartbeat")
     assert agent.lab.requests() == []
     assert agent.count_log("cloud_controller not set, skipping heartbeats!") == 1
     assert agent.statuses() == ["down"]
 
 
 def test_phone_home_no_is_ignored_when_debugging(agent):
-    devroot.update_bootenv(agent.root, phone_home="no")
-    agent.start("-d", "-s", agent.site)
+    agent = agent(bootenv={"phone_home": "no"}, wrapper=NO_CLOCK)
+    agent.start("-d", "-s", agent.lab.base_url)
     agent.lab.wait_request(kind="phone_home")
     assert not any("in boot env, exiting" in m for m in agent.log())
 
 
 def test_controller_from_boot_environment_skips_the_query(agent):
+    agent = agent(wrapper=NO_CLOCK)
     devroot.update_bootenv(agent.root, controller=agent.lab.base_url)
     agent.start("-s", "https://192.0.2.99:1")
     agent.wait_log(f"phone_home: using controller from bootenv <{agent.lab.base_url}>")
@@ -397,8 +366,9 @@ def test_controller_from_boot_environment_skips_the_query(agent):
 
 
 def test_unregistered_forgets_the_controller(agent):
+    agent = agent(wrapper=NO_CLOCK)
     lab = agent.lab
-    agent.start("-s", agent.site)
+    agent.start("-s", agent.lab.base_url)
     lab.wait_request(kind="heartbeat", status=200)
     lab.set_phone_home(code="unregistered")
     agent.kill_child()
@@ -410,13 +380,14 @@ def test_unregistered_forgets_the_controller(agent):
     # No controller, no heartbeats.
     agent.wait_log("cloud_controller not set, skipping heartbeats!")
     mark = lab.mark()
-    time.sleep(1.5)
-    assert heartbeats(lab, since=mark) == []
+    agent.wait_turns("heartbeat")
+    assert lab.requests(kind="heartbeat", since=mark) == []
 
 
 def test_decommissioned_new_device_only_slows_down(agent):
+    agent = agent(wrapper=NO_CLOCK)
     agent.lab.set_phone_home(code="decommissioned")
-    agent.start("-s", agent.site)
+    agent.start("-s", agent.lab.base_url)
     agent.wait_log("phone_home_call: in 'decommissioned' state, will continue trying every 10 "
                    "seconds")
     agent.wait_log("starting background 'phone_home' thread")
@@ -425,8 +396,9 @@ def test_decommissioned_new_device_only_slows_down(agent):
 
 
 def test_decommissioned_soft_reset_of_an_initialised_device(agent):
+    agent = agent(wrapper=NO_CLOCK)
     lab = agent.lab
-    agent.start("-s", agent.site)
+    agent.start("-s", agent.lab.base_url)
     lab.wait_request(kind="heartbeat", status=200)
     assert agent.setting("system.varnex-initialized") == "yes"
     lab.set_phone_home(code="decommissioned", reset_mode="soft")
@@ -455,11 +427,12 @@ def test_decommissioned_soft_reset_of_an_initialised_device(agent):
 
 @pytest.mark.parametrize("sntp", [False, True])
 def test_clock_from_phone_home(agent, sntp):
+    agent = agent(wrapper=NO_CLOCK)
     if sntp:
         with open(agent.path("/tmp/time_set"), "w") as f:
             f.write("1\n")
     agent.lab.set_phone_home(timeofday=True)
-    agent.start("-s", agent.site)
+    agent.start("-s", agent.lab.base_url)
     agent.lab.wait_request(kind="heartbeat")
     failed = [m for m in agent.log() if "settimeofday failed" in m]
     if sntp:
@@ -472,19 +445,21 @@ def test_clock_from_phone_home(agent, sntp):
 
 
 def test_invalid_timeofday(agent):
+    agent = agent(wrapper=NO_CLOCK)
     agent.lab.set_phone_home(timeofday="noon")
-    agent.start("-s", agent.site)
+    agent.start("-s", agent.lab.base_url)
     agent.wait_log("phone_home_call: invalid 'timeofday' element")
     agent.lab.wait_request(kind="heartbeat")
 
 
 def test_address_on_dtl0_only(agent, netns):
+    agent = agent(wrapper=NO_CLOCK)
     netns.run(["ip", "addr", "flush", "dev", "eth0"])
     netns.run(["ip", "link", "add", "dtl0", "type", "veth", "peer", "name", "dtl0p"])
     netns.run(["ip", "addr", "add", "192.0.2.20/24", "dev", "dtl0"])
     netns.run(["ip", "link", "set", "dtl0p", "up"])
     netns.run(["ip", "link", "set", "dtl0", "up"])
-    agent.start("-s", agent.site)
+    agent.start("-s", agent.lab.base_url)
     ph = agent.lab.wait_request(kind="phone_home")
     assert ph["params"]["[phone_home]ipaddr"] == "192.0.2.20"
     agent.wait_log("ipaddr='192.0.2.20'")

@@ -4,9 +4,8 @@ server nothing trusts."""
 
 import os
 
-from conftest import wait_until
-from labfixture import LabController
-from lab_fixtures import heartbeating, netns_lab  # noqa: F401
+from lab.labfixture import LabController
+from tests.e2e.kit import stream_command, wait_until
 
 
 def test_hostile_command_id_and_property_name_get_json_answers(heartbeating):
@@ -63,12 +62,9 @@ def test_firmware_from_a_server_nothing_trusts_is_not_installed(heartbeating, ne
         other.stop()
 
 
-def test_a_2_kib_controller_url_from_phone_home_reaches_every_request_whole(
-        device_root, tmp_path, netns, netns_lab):
-    import devroot
-    from conftest import Daemon
-    lab = netns_lab
-    devroot.update_bootenv(device_root, heartbeat="1")
+def test_a_2_kib_controller_url_from_phone_home_reaches_every_request_whole(agent):
+    d = agent()
+    lab = d.lab
     # The controller behind a path, as behind a gateway, so that its URL is
     # 2048 characters long.
     mount = "/" + "m" * (2048 - len(lab.base_url) - 1)
@@ -76,39 +72,31 @@ def test_a_2_kib_controller_url_from_phone_home_reaches_every_request_whole(
     assert len(controller) == 2048
     lab.config(mount=mount)
     lab.set_phone_home(cloud_controller=controller)
-    d = Daemon(device_root, str(tmp_path), netns)
-    try:
-        d.start("-s", lab.base_url)
-        d.wait_log(f"phone_home: new cloud_controller = '{controller}'", timeout=20)
-        lab.wait_request(kind="heartbeat", timeout=20)
-        lab.queue_commands([
-            {"action": "set", "context": "status", "id": "st",
-             "params": {"interval": 10000, "serviceLink": {"href": "/status"}}},
-            {"action": "set", "context": "statistics", "id": "sx",
-             "params": {"interval": 15000, "serviceLink": {"href": "/statistics"}}},
-            {"action": "set", "context": "logging", "id": "lg",
-             "params": {"interval": 1000, "serviceLink": {"href": "/syslog"}}},
-            {"action": "get", "context": "diagnostics", "id": "dg",
-             "params": {"serviceLink": {"href": "/diagnostics"}}},
-            {"action": "set", "context": "firmware", "id": "fw", "params": {}},
-        ])
-        results = {r["commandId"]: r["code"] for r in lab.wait_results(5, 60)}
-        assert results == {"st": 0, "sx": 0, "lg": 0, "dg": 0, "fw": 0}
-        lab.wait_request(kind="status", timeout=30)
-        lab.wait_request(kind="statistics", timeout=40)
-        # The lab runs in the switch's namespace: its datagram reaches the
-        # receiver on 127.0.0.1.
-        lab.call("POST", "/syslog/send", {"text": "<13>Nov 24 10:11:12 sw1 app: far away"})
-        lab.wait_request(kind="syslog", timeout=20)
-        kinds = {}
-        for r in lab.requests():
-            if r["kind"] in (None, "phone_home"):
-                continue
-            kinds.setdefault(r["kind"], []).append(r["full_path"])
-        for kind in ("token", "refresh", "heartbeat", "response", "status", "statistics",
-                     "syslog", "diagnostics", "current_firmware"):
-            assert kind in kinds, (kind, sorted(kinds))
-            for path in kinds[kind]:
-                assert path.startswith(mount + "/api/"), (kind, path[:80])
-    finally:
-        d.stop()
+    d.start("-s", lab.base_url)
+    d.wait_log(f"phone_home: new cloud_controller = '{controller}'", timeout=20)
+    lab.wait_request(kind="heartbeat", timeout=20)
+    lab.queue_commands([
+        stream_command("status", "st"), stream_command("statistics", "sx"),
+        stream_command("logging", "lg"),
+        {"action": "get", "context": "diagnostics", "id": "dg",
+         "params": {"serviceLink": {"href": "/diagnostics"}}},
+        {"action": "set", "context": "firmware", "id": "fw", "params": {}},
+    ])
+    results = {r["commandId"]: r["code"] for r in lab.wait_results(5, 60)}
+    assert results == {"st": 0, "sx": 0, "lg": 0, "dg": 0, "fw": 0}
+    lab.wait_request(kind="status", timeout=30)
+    lab.wait_request(kind="statistics", timeout=40)
+    # The lab runs in the switch's namespace: its datagram reaches the
+    # receiver on 127.0.0.1.
+    lab.call("POST", "/syslog/send", {"text": "<13>Nov 24 10:11:12 sw1 app: far away"})
+    lab.wait_request(kind="syslog", timeout=20)
+    kinds = {}
+    for r in lab.requests():
+        if r["kind"] in (None, "phone_home"):
+            continue
+        kinds.setdefault(r["kind"], []).append(r["full_path"])
+    for kind in ("token", "refresh", "heartbeat", "response", "status", "statistics",
+                 "syslog", "diagnostics", "current_firmware"):
+        assert kind in kinds, (kind, sorted(kinds))
+        for path in kinds[kind]:
+            assert path.startswith(mount + "/api/"), (kind, path[:80])

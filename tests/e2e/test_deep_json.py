@@ -1,16 +1,12 @@
 """Replies nested far deeper than any real document: the daemon refuses them
 as undecodable and goes on, instead of running a thread off its stack."""
 
-from lab_fixtures import netns_lab  # noqa: F401
-from test_agent import agent, heartbeats  # noqa: F401
-
 DEPTH = 3000
 
 
-def test_heartbeat_reply_nested_thousands_deep(agent):  # noqa: F811
+def test_heartbeat_reply_nested_thousands_deep(agent):
+    agent = agent(start=True)
     lab = agent.lab
-    agent.start("-s", agent.site)
-    lab.wait_request(kind="heartbeat", status=200)
     child = agent.wait_child()
 
     mark = lab.mark()
@@ -23,7 +19,7 @@ def test_heartbeat_reply_nested_thousands_deep(agent):  # noqa: F811
                             params={"interval": 1000, "serviceLink": {"href": "/heartbeat"}})
     res = lab.wait_results(1)
     assert [(r["commandId"], r["code"], r["message"]) for r in res] == [(cid, 0, "")]
-    assert len(heartbeats(lab, since=mark, status=200)) >= 2
+    assert len(lab.requests(kind="heartbeat", since=mark, status=200)) >= 2
     assert agent.children() == [child]
     assert agent.count_log("error decoding heartbeat data: maximum parsing depth reached") == 1
     # No restart: the supervisor never had a child to replace.

@@ -5,25 +5,6 @@ archive and uploads it to the lab controller, which keeps it."""
 import io
 import tarfile
 
-import pytest
-
-import devroot
-from conftest import Daemon
-from lab_fixtures import netns_lab  # noqa: F401
-
-
-@pytest.fixture
-def device_root(tmp_path):
-    return devroot.make_device_root(str(tmp_path / "root"), {"heartbeat": "1"})
-
-
-@pytest.fixture
-def agent(device_root, tmp_path, netns, netns_lab):
-    d = Daemon(device_root, str(tmp_path), netns)
-    d.lab = netns_lab
-    yield d
-    d.stop()
-
 
 def diagnostics(id, href=None):
     params = {} if href is None else {"serviceLink": {"href": href}}
@@ -38,9 +19,8 @@ def members(lab, archive):
 
 
 def test_the_archive_reaches_the_controller(agent):
+    agent = agent(start=True)
     lab = agent.lab
-    agent.start("-s", lab.base_url)
-    lab.wait_request(kind="heartbeat")
     lab.queue_command(diagnostics("dg-1", "/diagnostics/sw1"))
     res = lab.wait_result(command_id="dg-1", timeout=30)
     assert (res["code"], res["message"]) == (0, "")
@@ -65,6 +45,7 @@ def test_the_archive_reaches_the_controller(agent):
 
 
 def test_two_at_once_and_one_without_a_link(agent):
+    agent = agent()
     lab = agent.lab
     agent.start("-s", lab.base_url)
     child = agent.wait_child()

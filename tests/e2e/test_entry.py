@@ -5,9 +5,9 @@ import re
 import signal
 import subprocess
 
-import devroot
-from conftest import BIN, EMULATOR, Daemon, wait_until
-from lab_fixtures import LabController
+from lab import devroot
+from lab.labfixture import LabController
+from tests.e2e.kit import BIN, EMULATOR, Daemon, pending, wait_until
 
 # A phone-home site that refuses at once: these tests are about the process,
 # not the controller, and must not wait on name resolution.
@@ -173,15 +173,6 @@ def test_sigusr2_leaves_agent_running_and_one_core(daemon):
         assert len(cores) == 1
 
 
-def _pending(pid, sig):
-    """Whether sig waits in the process's shared pending set."""
-    with open(f"/proc/{pid}/status") as f:
-        for line in f:
-            if line.startswith("ShdPnd:"):
-                return bool(int(line.split()[1], 16) & (1 << (sig - 1)))
-    return False
-
-
 def test_sigterm_does_not_end_the_agent(daemon):
     daemon.start("-s", NO_SITE)
     child = daemon.wait_child()
@@ -189,7 +180,7 @@ def test_sigterm_does_not_end_the_agent(daemon):
     # everything running.
     assert "registered new handler 'mgmtvpn_cleanup' for signal 15" in daemon.log()
     os.kill(child, signal.SIGTERM)
-    wait_until(lambda: not _pending(child, signal.SIGTERM), what="SIGTERM taken by the loop")
+    wait_until(lambda: not pending(child, signal.SIGTERM), what="SIGTERM taken by the loop")
     # The loop runs one signal's handlers at a time, so SIGTERM's are done
     # when the later SIGUSR1's dump appears.
     os.kill(child, signal.SIGUSR1)

@@ -10,12 +10,7 @@ import os
 import signal
 import sqlite3
 
-import pytest
-
-import devroot
-from conftest import wait_until
-from lab_fixtures import netns_lab  # noqa: F401
-from test_agent import Agent
+from tests.e2e.kit import NO_CLOCK, wait_until
 
 # Set for a daemon built with AddressSanitizer (scripts/test.sh).
 LEAK_CHECK = os.environ.get("ORKAD_LEAK_CHECK") == "1"
@@ -43,15 +38,6 @@ TWELVE = [
     ("set", "reboot", {"message": "the whole road"}),
     ("del", "config", {}),
 ]
-
-
-@pytest.fixture
-def agent(device_root, tmp_path, netns, netns_lab):
-    devroot.update_bootenv(device_root, heartbeat="1")
-    a = Agent(device_root, str(tmp_path), netns)
-    a.lab = netns_lab
-    yield a
-    a.stop()
 
 
 def write_faults(agent, faults):
@@ -84,6 +70,7 @@ def setting_in(db, key):
 
 
 def test_every_command_in_one_reply(agent):
+    agent = agent(wrapper=NO_CLOCK)
     lab = agent.lab
     # The reload comes back with an error instead of taking the switch away.
     write_faults(agent, [{"call": "rpcclt_openapiSystemReload", "result": -26}])
@@ -172,6 +159,7 @@ def test_every_command_in_one_reply(agent):
 
 
 def test_one_sigusr1_dumps_every_module_in_handler_order(agent):
+    agent = agent(wrapper=NO_CLOCK)
     lab = agent.lab
     agent.start("-s", lab.base_url)
     lab.wait_request(kind="heartbeat", status=200, timeout=20)

@@ -14,11 +14,11 @@ import time
 
 import pytest
 
-from lab_fixtures import SOURCE, LabController, lab, netns_lab  # noqa: F401
+from lab.labfixture import LabController
+from tests.e2e.lab_runner import run, start
 
 SERIAL = "VX0123456789"  # the device root's default serial
 TOKEN_PATH = "/api/oauth/token?grant_type=client_credentials"
-CONTROLLER = os.path.join(SOURCE, "lab", "controller.py")
 
 
 class Api:
@@ -550,7 +550,7 @@ def test_clearing_the_queue_and_the_request_log(lab, api):
 
 
 def test_control_api_refuses_bad_calls(lab):
-    from labfixture import LabError
+    from lab.labfixture import LabError
     with pytest.raises(LabError):
         lab.call("POST", "/scripts", {"status": 500})
     with pytest.raises(LabError):
@@ -563,7 +563,7 @@ def test_control_api_refuses_bad_calls(lab):
 
 
 def test_program_help():
-    r = subprocess.run([sys.executable, CONTROLLER, "--help"], capture_output=True, text=True)
+    r = run("controller", "--help")
     assert r.returncode == 0
     for opt in ("--listen", "--port", "--root", "--control-socket", "--name", "--no-auth"):
         assert opt in r.stdout
@@ -571,16 +571,15 @@ def test_program_help():
 
 def test_program_prints_its_urls_and_stops(device_root, tmp_path):
     state = tmp_path / "st"
-    proc = subprocess.Popen([sys.executable, CONTROLLER, "--state-dir", str(state),
-                             "--root", device_root, "--control-listen", "127.0.0.1:0"],
-                            stdout=subprocess.PIPE, text=True)
+    proc = start("controller", "--state-dir", str(state), "--root", device_root,
+                 "--control-listen", "127.0.0.1:0", stdout=subprocess.PIPE, text=True)
     try:
         lines = [proc.stdout.readline().strip() for _ in range(4)]
         assert lines[0].startswith("base_url https://127.0.0.1:")
         assert lines[1] == f"control unix:{state}/control.sock"
         assert lines[2].startswith("control http://127.0.0.1:")
         assert lines[3] == f"ca {state}/pki/ca.pem"
-        from labfixture import LabClient
+        from lab.labfixture import LabClient
         tcp = LabClient(url=lines[2].split()[1])
         assert tcp.info()["base_url"] == lines[0].split()[1]
         unix = LabClient(socket_path=f"{state}/control.sock")

@@ -1,29 +1,22 @@
-"""lab/ctl.py against a running lab of two switches: every subcommand's
+"""lab.ctl against a running lab of two switches: every subcommand's
 output, read against what the lab and the switch models hold."""
 
 import json
 import re
-import subprocess
-import sys
 
 import pytest
 
-from conftest import wait_until
-from lab_runner import CTL, Runner
-from netns import Netns
+from tests.e2e.kit import wait_until
+from tests.e2e.lab_runner import run
 
 
 @pytest.fixture(scope="module")
-def runner(tmp_path_factory):
-    if not Netns.available():
-        pytest.skip("the lab's network namespaces need root")
-    r = Runner(tmp_path_factory.mktemp("ctl"), devices=2, heartbeat=1)
-    yield r
-    r.stop()
+def runner(lab_runner):
+    return lab_runner(devices=2)
 
 
 def test_help_names_every_subcommand_and_command():
-    r = subprocess.run([sys.executable, CTL, "--help"], capture_output=True, text=True)
+    r = run("ctl", "--help")
     assert r.returncode == 0
     for sub in ("devices", "commands", "send", "results", "syslog", "say", "ports", "archives"):
         assert sub in r.stdout
@@ -31,14 +24,13 @@ def test_help_names_every_subcommand_and_command():
 
 
 def test_no_lab_is_a_clear_error(tmp_path):
-    r = subprocess.run([sys.executable, CTL, "--lab", str(tmp_path / "none.sock"), "devices"],
-                       capture_output=True, text=True)
+    r = run("ctl", "--lab", str(tmp_path / "none.sock"), "devices")
     assert r.returncode == 2
     assert r.stderr.startswith("ctl: cannot reach the lab:")
 
 
 def test_commands_lists_the_twelve():
-    r = subprocess.run([sys.executable, CTL, "commands"], capture_output=True, text=True)
+    r = run("ctl", "commands")
     names = [line.split()[0] for line in r.stdout.splitlines()]
     assert sorted(names) == sorted([
         "set.heartbeat", "set.status", "set.statistics", "set.logging", "set.config",
@@ -59,8 +51,7 @@ def test_devices_table_and_json(runner):
     devs = json.loads(runner.ctl("--json", "devices").stdout)
     assert {d["serial"] for d in devs} == {runner.device(1)["serial"], runner.device(2)["serial"]}
     # The dashboard's address serves the same control API.
-    via_url = subprocess.run([sys.executable, CTL, "--lab", runner.dashboard, "--json",
-                              "devices"], capture_output=True, text=True, timeout=30)
+    via_url = run("ctl", "--lab", runner.dashboard, "--json", "devices", timeout=30)
     assert {d["serial"] for d in json.loads(via_url.stdout)} == {d["serial"] for d in devs}
 
 

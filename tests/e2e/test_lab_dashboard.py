@@ -11,9 +11,7 @@ import urllib.request
 
 import pytest
 
-from conftest import SOURCE
-from lab_runner import Runner
-from netns import Netns
+from tests.e2e.kit import SOURCE
 
 webdriver = pytest.importorskip("selenium.webdriver")
 from selenium.common.exceptions import StaleElementReferenceException  # noqa: E402
@@ -25,12 +23,8 @@ ARTIFACTS = os.environ.get("ORKAD_ARTIFACTS") or os.path.join(SOURCE, "build", "
 
 
 @pytest.fixture(scope="module")
-def runner(tmp_path_factory):
-    if not Netns.available():
-        pytest.skip("the lab's network namespaces need root")
-    r = Runner(tmp_path_factory.mktemp("dashboard"), devices=3, heartbeat=1)
-    yield r
-    r.stop()
+def runner(lab_runner):
+    return lab_runner(devices=3)
 
 
 @pytest.fixture(scope="module")

@@ -7,9 +7,9 @@ import time
 
 import pytest
 
-from conftest import wait_until
-from lab_runner import Runner
-from netns import Netns
+from lab.netns import Netns
+from tests.e2e.kit import wait_until
+from tests.e2e.lab_runner import Runner
 
 DEVICES = 20
 HEARTBEAT = 2     # seconds: lean on two cores

@@ -7,7 +7,6 @@ import json
 import os
 import ssl
 
-from lab_fixtures import lab  # noqa: F401
 
 SERIAL = "VX0123456789"
 

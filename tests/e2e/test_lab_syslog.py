@@ -7,8 +7,7 @@ import socket
 
 import pytest
 
-from lab_fixtures import lab  # noqa: F401
-import labsyslog
+from lab import labsyslog
 
 
 def test_split_batch_keeps_the_lines_as_sent():
@@ -81,7 +80,7 @@ def test_send_puts_datagrams_on_the_wire(lab):
         assert len(rx.recv(70000)) == 65000
     finally:
         rx.close()
-    from labfixture import LabError
+    from lab.labfixture import LabError
     with pytest.raises(LabError):
         lab.call("POST", "/syslog/send", {"lines": "not a list"})
     with pytest.raises(LabError):

@@ -4,18 +4,13 @@ archive download; in-process, and the health view against a real daemon."""
 
 import base64
 import json
-import sys
 import time
 
 import pytest
 
-from conftest import SOURCE, wait_until
-from lab_fixtures import heartbeating, netns_lab  # noqa: F401
-
-sys.path.insert(0, f"{SOURCE}/lab")
-import controller  # noqa: E402
-import labdevices  # noqa: E402
-from labhttp import Request  # noqa: E402
+from lab import controller, labdevices
+from lab.labhttp import Request
+from tests.e2e.kit import SOURCE, wait_until
 
 
 class Bench:

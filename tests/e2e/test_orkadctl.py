@@ -14,9 +14,9 @@ import time
 
 import pytest
 
-import devroot
-from conftest import CTL, Daemon, wait_until
-from lab_fixtures import heartbeating, netns_lab  # noqa: F401
+from lab import devroot
+from tests.e2e.kit import CTL, stream_command, wait_until
+from tests.e2e.vpn import set_vpn, tunnel_address
 
 WHEN = r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \((\d+s ago|in \d+s)\)"
 
@@ -127,12 +127,9 @@ def no_secrets(daemon, text):
 # ---- no controller yet ------------------------------------------------------
 
 @pytest.fixture
-def no_site(device_root, tmp_path, netns):
+def no_site(daemon, netns):
     """The daemon with a phone-home site that nothing answers."""
-    d = Daemon(device_root, str(tmp_path), netns)
-    d.start("-s", f"https://{netns.gateway}:9")
-    yield d
-    d.stop()
+    return daemon.start("-s", f"https://{netns.gateway}:9")
 
 
 def test_no_controller_yet(no_site):
@@ -312,33 +309,17 @@ def test_a_stream_failing(heartbeating):
 
 # ---- the management VPN up ----------------------------------------------------
 
-@pytest.fixture
-def vpn(netns, tmp_path):
-    from test_mgmtvpn import VpnServer
-    s = VpnServer(netns, str(tmp_path / "vpn"))
-    yield s
-    s.stop()
-
-
 def test_vpn_up(heartbeating, vpn, tmp_path):
-    from test_mgmtvpn import device_openvpns, set_vpn, tunnel_address
     d, lab = heartbeating, heartbeating.lab
-    try:
-        res = set_vpn(lab, vpn.client_config(str(tmp_path / "client.log")))
-        assert (res["code"], res["message"]) == (0, "")
-        ip = wait_until(lambda: tunnel_address(d.netns), 20, what="tun0 address")
-        a = wait_status(d, lambda a: a["vpn"]["state"] == "up", what="the VPN up")
-        assert a["vpn"] == {"state": "up", "address": ip}
-        assert a["exit"] == 0
-        lines = plain(d, 0)
-        assert f"vpn          up, {ip}" in lines
-        dump_and_log(d)
-    finally:
-        for pid in device_openvpns(d.root):
-            try:
-                os.kill(pid, signal.SIGKILL)
-            except ProcessLookupError:
-                pass
+    res = set_vpn(lab, vpn.client_config(str(tmp_path / "client.log")))
+    assert (res["code"], res["message"]) == (0, "")
+    ip = wait_until(lambda: tunnel_address(d.netns), 20, what="tun0 address")
+    a = wait_status(d, lambda a: a["vpn"]["state"] == "up", what="the VPN up")
+    assert a["vpn"] == {"state": "up", "address": ip}
+    assert a["exit"] == 0
+    lines = plain(d, 0)
+    assert f"vpn          up, {ip}" in lines
+    dump_and_log(d)
 
 
 # ---- under load -----------------------------------------------------------------
@@ -354,14 +335,8 @@ def test_answers_within_a_second_under_the_soaks_load(heartbeating):
     with open(model + ".new", "w") as f:
         json.dump(devroot.switch_model(128, 4, 4, 1), f)
     os.replace(model + ".new", model)
-    lab.queue_commands([
-        {"action": "set", "context": "logging", "id": "lg",
-         "params": {"interval": 1000, "serviceLink": {"href": "/syslog"}}},
-        {"action": "set", "context": "status", "id": "st",
-         "params": {"interval": 10000, "serviceLink": {"href": "/status"}}},
-        {"action": "set", "context": "statistics", "id": "sx",
-         "params": {"interval": 15000, "serviceLink": {"href": "/statistics"}}},
-    ])
+    lab.queue_commands([stream_command("logging", "lg"), stream_command("status", "st"),
+                        stream_command("statistics", "sx")])
     lab.wait_results(3, 30)
     stop = threading.Event()
     rounds = []

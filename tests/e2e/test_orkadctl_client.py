@@ -18,7 +18,8 @@ import time
 
 import pytest
 
-from conftest import CTL, wait_until
+from lab.orkad import proc_figure
+from tests.e2e.kit import CTL, wait_until
 
 VERSION = "1.2.0"
 NOT_RUNNING = "orkadctl: orkad is not running (nothing listens on {})\n"
@@ -671,14 +672,6 @@ def test_log_follow_waits_for_a_log_that_is_not_there_yet(root):
         f.stop()
 
 
-def read_bytes(pid):
-    with open(f"/proc/{pid}/io") as f:
-        for line in f:
-            if line.startswith("rchar:"):
-                return int(line.split()[1])
-    return 0
-
-
 def test_log_follow_a_cut_line(root):
     # A line too long for the log is cut back and marked "...", then the
     # file rotates. The follower had read the start of the line already; it
@@ -689,10 +682,10 @@ def test_log_follow_a_cut_line(root):
         assert f.take(1) == [log_line(1)]
         path = os.path.join(root, "rw", "orkad.log")
         head = "2 2024.03.07 14:05:10 "
-        before = read_bytes(f.proc.pid)
+        before = proc_figure(f.proc.pid, "io", "rchar")
         with open(path, "a") as out:
             out.write(head + "y" * 5000)
-        wait_until(lambda: read_bytes(f.proc.pid) - before >= len(head) + 5000, timeout=5,
+        wait_until(lambda: proc_figure(f.proc.pid, "io", "rchar") - before >= len(head) + 5000, timeout=5,
                    what="the follower reading the long line")
         os.truncate(path, os.path.getsize(path) - 4000)
         with open(path, "a") as out:

@@ -11,9 +11,9 @@ import subprocess
 
 import pytest
 
-import devroot
-from conftest import BIN, EMULATOR, SOURCE, Daemon, cpack, processes_with_root, wait_until
-from lab_fixtures import LabController
+from lab import devroot
+from lab.labfixture import LabController
+from tests.e2e.kit import BIN, EMULATOR, SOURCE, Daemon, cpack, processes_with_root, wait_until
 
 BUILD = os.path.dirname(os.path.dirname(BIN))
 
@@ -428,18 +428,6 @@ def board_root(package, tmp_path):
     return str(root)
 
 
-class Packaged(Daemon):
-    """The daemon as the package installed it in the scratch root."""
-
-    def start(self, *args, cores=False):
-        env = dict(os.environ, ORKAD_ROOT=self.root)
-        argv = self.netns.prefix() + [os.path.join(self.root, "usr/sbin/orkad"), *args]
-        self.stdout = open(os.path.join(self.workdir, "orkad.stdout"), "w")
-        self.proc = subprocess.Popen(argv, cwd=self.workdir, env=env, stdout=self.stdout,
-                                     stderr=subprocess.STDOUT, preexec_fn=os.setpgrp)
-        return self
-
-
 def test_packaged_daemon_reaches_its_first_heartbeat(package, tmp_path, netns):
     root = board_root(package, tmp_path)
     before = tree(os.path.join(root, "usr/sbin"))
@@ -450,7 +438,8 @@ def test_packaged_daemon_reaches_its_first_heartbeat(package, tmp_path, netns):
     lab = LabController(root=root, host=netns.gateway, prefix=netns.prefix(),
                         state_dir=str(tmp_path / "lab"))
     try:
-        d = Packaged(root, str(tmp_path), netns)
+        # The daemon as the package installed it in the scratch root.
+        d = Daemon(root, str(tmp_path), netns, binary=os.path.join(root, "usr/sbin/orkad"))
         try:
             d.start("-s", lab.base_url)
             hb = lab.wait_request(kind="heartbeat", timeout=30)

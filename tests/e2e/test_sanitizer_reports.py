@@ -8,7 +8,7 @@ import subprocess
 
 import pytest
 
-import conftest
+from tests.e2e import kit
 
 RACY = r"""
 #include <pthread.h>
@@ -29,7 +29,7 @@ int main(void)
 
 def test_every_process_reports_into_the_tests_folder(thread_sanitizer_reports):
     options = os.environ["TSAN_OPTIONS"].split(":")
-    assert f"log_path={thread_sanitizer_reports}/{conftest.TSAN_REPORT}" in options
+    assert f"log_path={thread_sanitizer_reports}/{kit.TSAN_REPORT}" in options
     assert sum(o.startswith("log_path=") for o in options) == 1
 
 
@@ -44,7 +44,7 @@ def test_a_race_in_a_started_process_is_found(thread_sanitizer_reports, tmp_path
     # Started the way the daemon is: the test's environment, its own process.
     r = subprocess.run([str(exe)], capture_output=True, text=True, timeout=60)
     assert r.stdout == "2\n"
-    found = conftest.sanitizer_reports(str(thread_sanitizer_reports))
+    found = kit.sanitizer_reports(str(thread_sanitizer_reports))
     assert len(found) == 1
     name, text = found[0]
     assert "WARNING: ThreadSanitizer: data race" in text

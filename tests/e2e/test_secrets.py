@@ -13,16 +13,10 @@ import tarfile
 
 import pytest
 
-from conftest import wait_until
-from lab_fixtures import heartbeating, netns_lab  # noqa: F401
+from tests.e2e.kit import wait_until
 
 SECRET = "Zq7-s3cret-pw"
 MARKER = "********"
-
-
-@pytest.fixture
-def switch(heartbeating):
-    return heartbeating
 
 
 def run(lab, context, params, action="set", timeout=30):
@@ -62,8 +56,8 @@ def leftovers(sw):
     return sorted(os.path.basename(p) for p in glob.glob(sw.path("/tmp/diagnostics*")))
 
 
-def test_a_refused_password_reaches_no_log_and_no_archive(switch):
-    sw, lab = switch, switch.lab
+def test_a_refused_password_reaches_no_log_and_no_archive(heartbeating):
+    sw, lab = heartbeating, heartbeating.lab
     with open(sw.path("/var/switch/faults.json"), "w") as f:
         json.dump([{"call": "rpcclt_openapiUserSet", "result": -26}], f)
 
@@ -101,8 +95,8 @@ def test_a_refused_password_reaches_no_log_and_no_archive(switch):
 
 
 @pytest.mark.parametrize("fault", [{"status": 500}, {"drop": "reset"}])
-def test_no_archive_stays_behind_whatever_the_upload(switch, fault):
-    sw, lab = switch, switch.lab
+def test_no_archive_stays_behind_whatever_the_upload(heartbeating, fault):
+    sw, lab = heartbeating, heartbeating.lab
     lab.script("/api/diagnostics/sw1", **fault)
     answer = diagnostics(lab, "/diagnostics/sw1")
     # A refusal and a broken transfer alike are failed uploads.

@@ -7,18 +7,10 @@ still reaches the controller."""
 import sqlite3
 import time
 
-import pytest
-
-from conftest import wait_until
-from lab_fixtures import heartbeating, netns_lab  # noqa: F401
+from tests.e2e.kit import wait_until
 
 PORT_HEX = f":{46180:04X} "  # the receiver's port as /proc/net/udp shows it
 HOLD = 3.0  # seconds the other program keeps the file
-
-
-@pytest.fixture
-def switch(heartbeating):
-    return heartbeating
 
 
 def start_forwarding(sw):
@@ -35,8 +27,8 @@ def note(i):
             "params": {f"e2e-note-{i}": f"value {i}"}}
 
 
-def test_commands_answers_heartbeats_and_syslog_wait_out_a_held_database(switch):
-    sw, lab = switch, switch.lab
+def test_commands_answers_heartbeats_and_syslog_wait_out_a_held_database(heartbeating):
+    sw, lab = heartbeating, heartbeating.lab
     start_forwarding(sw)
 
     # The next heartbeat is answered late: once the daemon has posted it

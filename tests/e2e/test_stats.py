@@ -14,10 +14,7 @@ import time
 
 import pytest
 
-import conftest
-import devroot
-from conftest import Daemon, wait_until
-from lab_fixtures import netns_lab  # noqa: F401
+from tests.e2e.kit import wait_until
 
 # Counted: eth*, vif*, vxlan*, wifi*vap*; never counted: lo, br0, wifi0, uplink.
 PAIRS = [("eth7", "vif7"), ("wifi0vap1", "vxlan3"), ("br0", "wifi0")]
@@ -62,31 +59,28 @@ while True:
 
 
 @pytest.fixture
-def agent(device_root, tmp_path, netns, netns_lab):
-    """Veth pairs in the daemon's namespace, 1-s heartbeats, the lab; the
-    daemon is not started yet."""
+def pairs(netns):
+    """Veth pairs in the daemon's namespace, IPv6 off there."""
     netns.run(["sh", "-c", "echo 1 > /proc/sys/net/ipv6/conf/all/disable_ipv6 && "
                "echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6"])
     for a, b in PAIRS:
         netns.run(["ip", "link", "add", a, "type", "veth", "peer", "name", b])
         netns.run(["ip", "link", "set", a, "up"])
         netns.run(["ip", "link", "set", b, "up"])
-    devroot.update_bootenv(device_root, heartbeat="1")
-    d = Daemon(device_root, str(tmp_path), netns)
-    d.lab = netns_lab
-    d.generator = None
-    yield d
-    if d.generator is not None:
-        d.generator.kill()
-        d.generator.wait()
-    d.stop()
+    return PAIRS
 
 
-def start_traffic(agent):
-    argv = agent.netns.prefix() + ["python3", "-c", GENERATOR] + \
-        [f"{k}={v}" for k, v in RATES.items()]
-    agent.generator = subprocess.Popen(argv, stdout=subprocess.PIPE, text=True)
-    assert agent.generator.stdout.readline().strip() == "sending"
+@pytest.fixture
+def traffic(pairs, netns):
+    """Frames sent out of the pairs at RATES, from before the daemon starts."""
+    argv = netns.prefix() + ["python3", "-c", GENERATOR] + [f"{k}={v}" for k, v in RATES.items()]
+    generator = subprocess.Popen(argv, stdout=subprocess.PIPE, text=True)
+    try:
+        assert generator.stdout.readline().strip() == "sending"
+        yield generator
+    finally:
+        generator.kill()
+        generator.wait()
 
 
 def start_statistics(agent, href, interval_ms=15000):
@@ -111,9 +105,9 @@ def within(value, expected):
     return abs(value - expected) <= TOLERANCE * expected
 
 
-def test_rates_uncounted_interfaces_and_changes(agent):
+def test_rates_uncounted_interfaces_and_changes(agent, traffic):
+    agent = agent()
     lab = agent.lab
-    start_traffic(agent)
     cid = start_statistics(agent, "/stats/dev1")
     res = lab.wait_result(cid, timeout=15)
     assert (res["code"], res["message"]) == (0, "")
@@ -189,7 +183,8 @@ def test_rates_uncounted_interfaces_and_changes(agent):
     assert named <= COUNTED, named
 
 
-def test_tick_keeps_pace_while_a_command_and_the_controller_are_slow(agent):
+def test_tick_keeps_pace_while_a_command_and_the_controller_are_slow(agent, pairs):
+    agent = agent()
     lab = agent.lab
     # The answer to set.statistics takes 20 s: the command runner is held
     # in it through the first period. Every statistics post takes 12 s and

@@ -7,13 +7,8 @@ import http.client
 import json
 import os
 import ssl
-import time
 
-import pytest
-
-import devroot
-from conftest import Daemon, wait_until
-from lab_fixtures import lab, netns_lab  # noqa: F401
+from tests.e2e.kit import wait_until
 
 SERIAL = "VX0123456789"
 
@@ -94,16 +89,6 @@ class Switch:
         return next(p for p in model["ports"] if p["ifnum"] == n)
 
 
-@pytest.fixture
-def agent(device_root, tmp_path, netns, netns_lab):
-    devroot.update_bootenv(device_root, heartbeat="1")
-    d = Daemon(device_root, str(tmp_path), netns)
-    d.lab = netns_lab
-    d.switch = Switch(device_root)
-    yield d
-    d.stop()
-
-
 def set_status(lab, ms, href):
     return lab.queue_command(action="set", context="status",
                              params={"interval": ms, "serviceLink": {"href": href}})
@@ -123,7 +108,8 @@ def start_stream(agent, ms=10000, href="/status"):
 
 
 def test_first_document_then_changes_only(agent):
-    lab, switch = agent.lab, agent.switch
+    agent = agent()
+    lab, switch = agent.lab, Switch(agent.root)
     model = switch.model()
     # Reception on everywhere, so the first cycle already sees every neighbour.
     for p in model["ports"]:
@@ -168,7 +154,8 @@ def test_first_document_then_changes_only(agent):
     wait_until(lambda: "switch simulator: ignoring" in
                open(os.path.join(agent.workdir, "orkad.stdout"), errors="replace").read(),
                timeout=30, what="the simulator refusing the model")
-    time.sleep(1.0)
+    # That pass ends before the model is fixed: the thread sleeps again.
+    wait_until(lambda: agent.asleep("status_send"), what="the end of the pass")
     assert status_docs(lab, since=second["seq"]) == []
     # Fixed again, with port 1 up: reported at the next step.
     switch.port(model, 1)["link"] = "up"
@@ -189,7 +176,8 @@ def test_first_document_then_changes_only(agent):
 
 
 def test_failed_post_refused_token_and_a_second_set_status(agent):
-    lab, switch = agent.lab, agent.switch
+    agent = agent()
+    lab, switch = agent.lab, Switch(agent.root)
     model = switch.model()
     # The first post fails; the next one, a step later, has its token refused
     # and goes again at once with a new one.

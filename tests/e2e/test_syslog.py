@@ -12,11 +12,8 @@ import re
 import signal
 import time
 
-import pytest
-
-import devroot
-from conftest import Daemon, wait_until
-from lab_fixtures import netns_lab  # noqa: F401
+from lab import orkad
+from tests.e2e.kit import Daemon, wait_until
 
 PORT_HEX = f":{46180:04X} "  # the receiver's port as /proc/net/udp shows it
 
@@ -26,18 +23,7 @@ class Switch(Daemon):
 
     def _dump_lines(self):
         """(line index, text) of the logging dump lines in the debug log."""
-        out = []
-        # A dump may be cut by a rotation: look in the previous generation too.
-        for name in ("/tmp/debug1.log", "/tmp/debug.log"):
-            path = self.path(name)
-            if not os.path.exists(path):
-                continue
-            with open(path, errors="replace") as f:
-                for line in f:
-                    parts = line.rstrip("\n").split(" ", 3)
-                    if len(parts) == 4 and parts[3].startswith("logging_debug: logbuf = "):
-                        out.append((int(parts[0]), parts[3]))
-        return out
+        return orkad.debug_lines(self.root, "logging_debug: logbuf = ")
 
     def dump(self):
         """SIGUSR1 to the working child; the syslog forwarding line of the
@@ -54,18 +40,6 @@ class Switch(Daemon):
                       r"ready-logs-count = (\d+)$", text)
         return {"filling": int(m[1]), "overflow": int(m[2]), "oversize": int(m[3]),
                 "ready": int(m[4])}
-
-
-@pytest.fixture
-def switch(device_root, tmp_path, netns, netns_lab):
-    devroot.update_bootenv(device_root, heartbeat="1")
-    d = Switch(device_root, str(tmp_path), netns)
-    d.lab = netns_lab
-    d.start("-s", netns_lab.base_url)
-    wait_until(lambda: netns_lab.requests(kind="heartbeat"), timeout=20,
-               what="the first heartbeat")
-    yield d
-    d.stop()
 
 
 def run_command(lab, context, params, timeout=20.0, results=1):
@@ -95,8 +69,9 @@ def syslog_lines(lab, count=1, timeout=10.0, since=0):
         time.sleep(0.05)
 
 
-def test_lines_arrive_in_order_with_exact_texts(switch):
-    sw, lab = switch, switch.lab
+def test_lines_arrive_in_order_with_exact_texts(agent):
+    sw = agent(Switch, start=True)
+    lab = sw.lab
     start_forwarding(sw)
 
     # A second set.logging changes the interval of the running sender only.
@@ -189,8 +164,9 @@ def strict_posts(lab):
     return out
 
 
-def test_backslashes_quotes_nul_and_bad_utf8_arrive_as_sent(switch):
-    sw, lab = switch, switch.lab
+def test_backslashes_quotes_nul_and_bad_utf8_arrive_as_sent(agent):
+    sw = agent(Switch, start=True)
+    lab = sw.lab
     start_forwarding(sw)
     sent = [
         (b"<13>sw1 app: ends in \\", "<13>sw1 app: ends in \\"),
@@ -214,8 +190,9 @@ def test_backslashes_quotes_nul_and_bad_utf8_arrive_as_sent(switch):
     assert [ln["message"] for ln in strict_posts(lab)[len(sent):]] == ["<13>sw1 app: marker"]
 
 
-def test_refused_batch_is_dropped_and_forwarding_goes_on(switch):
-    sw, lab = switch, switch.lab
+def test_refused_batch_is_dropped_and_forwarding_goes_on(agent):
+    sw = agent(Switch, start=True)
+    lab = sw.lab
     start_forwarding(sw)
     lab.fail("/api/syslog", 403, count=1)
     send(lab, text="<13>sw1 app: refused")
@@ -233,8 +210,9 @@ def test_refused_batch_is_dropped_and_forwarding_goes_on(switch):
     sw.wait_log("logging_debug: refused = 1", name="/tmp/debug.log")
 
 
-def test_receiver_takes_datagrams_on_loopback_only(switch):
-    sw, lab = switch, switch.lab
+def test_receiver_takes_datagrams_on_loopback_only(agent):
+    sw = agent(Switch, start=True)
+    lab = sw.lab
     start_forwarding(sw)
     send(lab, text="<13>sw1 app: on loopback")
     wait_until(lambda: strict_posts(lab), what="the first line")
@@ -250,8 +228,9 @@ def test_receiver_takes_datagrams_on_loopback_only(switch):
     assert f"0100007F{PORT_HEX}" in udp and f"00000000{PORT_HEX}" not in udp
 
 
-def test_outage_keeps_accepted_lines_and_counts_overflow(switch):
-    sw, lab = switch, switch.lab
+def test_outage_keeps_accepted_lines_and_counts_overflow(agent):
+    sw = agent(Switch, start=True)
+    lab = sw.lab
     start_forwarding(sw)
     lab.fail("/api/syslog", 500, count=None)
 
@@ -320,8 +299,9 @@ def accepted(sw):
     return out
 
 
-def test_reboot_answers_then_reloads(switch):
-    sw, lab = switch, switch.lab
+def test_reboot_answers_then_reloads(agent):
+    sw = agent(Switch, start=True)
+    lab = sw.lab
     res = run_command(lab, "reboot", {"message": "e2e maintenance"}, timeout=20)
     assert [(r["code"], r["message"]) for r in res] == [(0, "")]
     wait_until(lambda: sw.calls("rpcclt_openapiSystemReload"), what="the reload on the switch")
@@ -331,8 +311,9 @@ def test_reboot_answers_then_reloads(switch):
     sw.wait_log("icos_system_reload: system restart initiated successfully.")
 
 
-def test_refused_reload_sends_a_second_status_and_system_settings_stick(switch):
-    sw, lab = switch, switch.lab
+def test_refused_reload_sends_a_second_status_and_system_settings_stick(agent):
+    sw = agent(Switch, start=True)
+    lab = sw.lab
     res = run_command(lab, "system", {"password": "n3w-pass", "location": "lab bench",
                                       "bad": 5})
     assert [(r["code"], r["message"]) for r in res] == [(1, "failed to set properties: bad")]

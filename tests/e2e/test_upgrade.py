@@ -24,9 +24,9 @@ import subprocess
 
 import pytest
 
-import devroot
-from conftest import BIN, EMULATOR, SyslogSink, cpack, log_messages, wait_until
-from lab_fixtures import LabController
+from lab import devroot
+from lab.labfixture import LabController
+from tests.e2e.kit import BIN, EMULATOR, SyslogSink, cpack, log_messages, wait_until
 
 BUILD = os.path.dirname(os.path.dirname(BIN))
 SOURCE = os.environ.get("ORKAD_SOURCE") or os.path.abspath(
@@ -238,20 +238,20 @@ def differences(before, after):
     return sorted(p for p in pb | pa | wb | wa if exists(before, p) != exists(after, p))
 
 
-def settings(db):
+def query(db, sql):
     con = sqlite3.connect(db)
     try:
-        return dict(con.execute("SELECT key, value FROM system"))
+        return con.execute(sql).fetchall()
     finally:
         con.close()
+
+
+def settings(db):
+    return dict(query(db, "SELECT key, value FROM system"))
 
 
 def schema(db):
-    con = sqlite3.connect(db)
-    try:
-        return sorted(con.execute("SELECT type, name, sql FROM sqlite_master"))
-    finally:
-        con.close()
+    return sorted(query(db, "SELECT type, name, sql FROM sqlite_master"))
 
 
 def lintian_errors(deb):

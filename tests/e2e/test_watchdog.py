@@ -6,10 +6,9 @@ import signal
 import socket
 import time
 
-import devroot
-from conftest import EMULATOR, wait_until
-from lab_fixtures import netns_lab  # noqa: F401
-from labfixture import command
+from lab import devroot
+from lab.labfixture import command
+from tests.e2e.kit import EMULATOR, wait_until
 
 # One heartbeat a second, and the longest pulse cut to 2 s: a loop that
 # stands still is hung after max(3 x 1 s, 2 s) = 3 s.

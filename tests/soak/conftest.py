@@ -1,28 +1,7 @@
-"""Fixtures of the fault soak: the end-to-end fixtures (device root, network
-namespace, the lab controller inside it) plus the soak's own options."""
-
-import importlib.util
-import os
-import sys
+"""The fault soak's own options; its fixtures are the end-to-end ones
+(tests/e2e/fixtures.py, loaded by tests/conftest.py)."""
 
 import pytest
-
-HERE = os.path.dirname(os.path.abspath(__file__))
-E2E = os.path.normpath(os.path.join(HERE, "..", "e2e"))
-if E2E not in sys.path:
-    sys.path.insert(0, E2E)
-
-# The e2e conftest is loaded under a name of its own so that it does not
-# collide with this one.
-_spec = importlib.util.spec_from_file_location("orkad_e2e_conftest",
-                                               os.path.join(E2E, "conftest.py"))
-e2e = importlib.util.module_from_spec(_spec)
-sys.modules["orkad_e2e_conftest"] = e2e
-_spec.loader.exec_module(e2e)
-
-device_root = e2e.device_root
-netns = e2e.netns
-from lab_fixtures import netns_lab  # noqa: E402,F401
 
 
 def pytest_addoption(parser):

@@ -25,13 +25,8 @@ import statistics
 import subprocess
 import time
 
-import devroot
-import pytest
-
-from conftest import e2e
-
-Daemon = e2e.Daemon
-wait_until = e2e.wait_until
+from lab import devroot
+from tests.e2e.kit import wait_until
 
 PORT_HEX = f":{46180:04X} "  # the receiver's port as /proc/net/udp shows it
 LINE = "<13>Nov 21 10:11:12 sw1 soak: n={:06d}"
@@ -390,26 +385,15 @@ def floor_growth(minutes, key, start_min, end_min, span=5):
     return min(last) - min(first)
 
 
-@pytest.fixture
-def agent(device_root, tmp_path, netns, netns_lab):
-    devroot.update_bootenv(device_root, heartbeat="1")
-    write_model(device_root, 0)
-    d = Daemon(device_root, str(tmp_path), netns)
-    d.lab = netns_lab
-    d.start("-s", netns_lab.base_url)
-    wait_until(lambda: netns_lab.requests(kind="heartbeat", status="200"), timeout=20,
-               what="the first heartbeat")
-    yield d
-    d.stop()
-
-
 def run_command(lab, context, params, timeout=30.0):
     cid = lab.queue_command(action="set", context=context, params=params)
     return lab.wait_results(1, timeout, command_id=cid)
 
 
-def test_fault_soak(agent, soak_options):
-    d, lab = agent, agent.lab
+def test_fault_soak(agent, device_root, soak_options):
+    write_model(device_root, 0)
+    d = agent(start=True)
+    lab = d.lab
     seed = soak_options["seed"]
     if seed is None:
         seed = int(time.time())
@@ -652,10 +636,12 @@ def test_fault_soak(agent, soak_options):
     assert report["commands_answered"] >= len(sent_cmds) // 2
 
 
-def test_crash_recovery(agent, soak_options):
+def test_crash_recovery(agent, device_root, soak_options):
     """kill -9 of the working child, many times in a row: each time the
     supervisor starts a new one and its heartbeat reaches the lab within 2 s."""
-    d, lab = agent, agent.lab
+    write_model(device_root, 0)
+    d = agent(start=True)
+    lab = d.lab
     kills = soak_options["kills"]
     delays = []
     child = d.wait_child()

@@ -1,31 +1,29 @@
-"""Fixtures that run the real orkad in a fresh device root and its own
-network namespace, and read what it leaves behind."""
+"""What the end-to-end tests share: where the daemon under test is, the
+daemon itself in a fresh device root (and its own network namespace), and
+readers of what it leaves behind. The fixtures are in tests/e2e/fixtures.py."""
 
 import json
 import os
 import resource
-import shlex
 import signal
+import sqlite3
 import subprocess
-import sys
 import threading
 import time
 
 import pytest
 
-SOURCE = os.environ.get("ORKAD_SOURCE") or os.path.abspath(
-    os.path.join(os.path.dirname(__file__), "..", ".."))
-sys.path.insert(0, os.path.join(SOURCE, "lab"))
+import lab
+from lab import orkad
+from lab.syslogsocket import SyslogSocket
 
-import devroot  # noqa: E402
-from netns import Netns  # noqa: E402
-from syslogsocket import SyslogSocket  # noqa: E402
-
+SOURCE = os.environ.get("ORKAD_SOURCE") or lab.SOURCE
 BIN = os.environ.get("ORKAD_BIN") or os.path.join(SOURCE, "build", "common", "orkad")
 # The operator's client, built beside the daemon (ctl/).
 CTL = os.environ.get("ORKADCTL_BIN") or os.path.join(SOURCE, "build", "ctl", "orkadctl")
 # A cross-built daemon runs under qemu-user: ORKAD_EMULATOR="qemu-aarch64-static -L /".
-EMULATOR = shlex.split(os.environ.get("ORKAD_EMULATOR", ""))
+EMULATOR = orkad.emulator()
+NO_CLOCK = orkad.NO_CLOCK
 
 
 def wait_until(fn, timeout=10.0, interval=0.02, what="condition"):
@@ -66,6 +64,23 @@ def processes_with_root(root):
     return found
 
 
+def pending(pid, sig):
+    """Whether sig waits in the process's shared pending set."""
+    with open(f"/proc/{pid}/status") as f:
+        for line in f:
+            if line.startswith("ShdPnd:"):
+                return bool(int(line.split()[1], 16) & (1 << (sig - 1)))
+    return False
+
+
+def kill(pids):
+    for pid in pids:
+        try:
+            os.kill(pid, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
+
+
 class SyslogSink:
     """Stands in for the system logger on <root>/dev/log."""
 
@@ -103,16 +118,18 @@ class SyslogSink:
 
 
 class Daemon:
-    """One orkad: supervisor process, its working child, its device root."""
+    """One orkad: supervisor process, its working child, its device root.
 
-    # Programs the daemon is started through, after the namespace's and
-    # before the emulator (setpriv, for one).
-    wrapper = []
+    `wrapper` is what it is started through, after the namespace's prefix
+    and before the emulator (NO_CLOCK, for one); `binary`, another orkad
+    than the one under test (an installed package's), run as it is."""
 
-    def __init__(self, root, workdir, netns=None):
+    def __init__(self, root, workdir, netns=None, wrapper=(), binary=None):
         self.root = root
         self.workdir = workdir
         self.netns = netns
+        self.wrapper = list(wrapper)
+        self.binary = binary
         self.proc = None
         self.syslog = SyslogSink(root)
 
@@ -122,7 +139,8 @@ class Daemon:
     def start(self, *args, cores=False, env=None):
         env = dict(os.environ, **(env or {}))
         env["ORKAD_ROOT"] = self.root
-        argv = [*self.wrapper, *EMULATOR, BIN, *args]
+        program = [self.binary] if self.binary else [*EMULATOR, BIN]
+        argv = [*self.wrapper, *program, *args]
         if self.netns is not None:
             argv = self.netns.prefix() + argv
 
@@ -143,15 +161,20 @@ class Daemon:
         except FileNotFoundError:
             return []
 
-    def thread_names(self, pid):
-        names = []
+    @staticmethod
+    def threads(pid):
+        """{thread name: [its task ids]} of process pid."""
+        found = {}
         try:
             for tid in os.listdir(f"/proc/{pid}/task"):
                 with open(f"/proc/{pid}/task/{tid}/comm") as f:
-                    names.append(f.read().strip())
+                    found.setdefault(f.read().strip(), []).append(int(tid))
         except (FileNotFoundError, ProcessLookupError):
             pass
-        return names
+        return found
+
+    def thread_names(self, pid):
+        return [name for name, tids in self.threads(pid).items() for _ in tids]
 
     def wait_child(self, not_pid=None, timeout=10.0):
         """The working child once its start-up is complete."""
@@ -162,6 +185,12 @@ class Daemon:
             return None
         return wait_until(ready, timeout, what="the working child")
 
+    def kill_child(self):
+        """SIGKILL to the working child; the next one, once it is ready."""
+        child = self.wait_child()
+        os.kill(child, signal.SIGKILL)
+        return self.wait_child(not_pid=child, timeout=15)
+
     @staticmethod
     def _in_loop(pid):
         # The main thread sits in sigwait once start-up is done.
@@ -170,6 +199,36 @@ class Daemon:
                 return "sigtimedwait" in f.read()
         except (FileNotFoundError, ProcessLookupError):
             return False
+
+    def _task(self, name):
+        """The child's thread `name`, as "task/<tid>" under /proc/<child>."""
+        child = self.wait_child()
+        tids = self.threads(child).get(name)
+        assert tids, f"no thread {name!r} in {self.threads(child)}"
+        return child, f"task/{tids[0]}"
+
+    def asleep(self, name):
+        """Whether the child's thread `name` sleeps out its interval
+        (sleep(3)) rather than doing its work."""
+        child, task = self._task(name)
+        try:
+            with open(f"/proc/{child}/{task}/wchan") as f:
+                return f.read() == "hrtimer_nanosleep"
+        except (FileNotFoundError, ProcessLookupError):
+            return False
+
+    def wakeups(self, name):
+        """How often the child's thread `name` has given up the processor of
+        its own accord: its sleeps between turns, and each wait on the way."""
+        child, task = self._task(name)
+        return orkad.proc_figure(child, f"{task}/status", "voluntary_ctxt_switches")
+
+    def wait_turns(self, name, turns=2, timeout=15.0):
+        """Returns once the child's looping thread `name` has gone to sleep
+        and woken up again `turns` times from now."""
+        first = self.wakeups(name)
+        wait_until(lambda: self.wakeups(name) >= first + turns, timeout,
+                   what=f"{turns} turns of the {name} thread")
 
     def leak_check(self, child, timeout=60.0):
         """Has the child, built with AddressSanitizer, look for leaks now
@@ -187,7 +246,7 @@ class Daemon:
         return text if "LeakSanitizer" in text else ""
 
     def journal(self):
-        """Every call the simulated switch served, in order."""
+        """Every write the simulated switch served, in order."""
         path = self.path("/var/switch/journal")
         if not os.path.exists(path):
             return []
@@ -197,21 +256,72 @@ class Daemon:
     def calls(self, name):
         return [j for j in self.journal() if j["call"] == name]
 
+    def statuses(self):
+        """The connection words the agent gave the switch, in order."""
+        return [j["status"].split()[-1] for j in self.calls("rpcclt_openapiAppCtrlStatusSet")]
+
+    def setting(self, key):
+        """A value of the settings database, None when it has none."""
+        db = self.path("/etc/varnex/config/startup.db")
+        if not os.path.exists(db):
+            return None
+        # Read without taking locks: a reader must never make one of the
+        # daemon's writes fail as busy.
+        con = sqlite3.connect(f"file:{db}?mode=ro&immutable=1", uri=True)
+        try:
+            row = con.execute("SELECT value FROM system WHERE key = ?", (key,)).fetchone()
+        except sqlite3.DatabaseError:
+            return None  # caught in the middle of a write: ask again
+        finally:
+            con.close()
+        return row[0] if row else None
+
     def log(self, name="/rw/orkad.log"):
         return log_messages(self.path(name))
+
+    def count_log(self, text, name="/rw/orkad.log"):
+        return sum(1 for m in self.log(name) if text in m)
 
     def wait_log(self, text, name="/rw/orkad.log", timeout=10.0):
         return wait_until(lambda: any(text in m for m in self.log(name)), timeout,
                           what=f"{text!r} in {name}")
 
+    def openvpns(self):
+        """The device root's OpenVPN clients running, by pid."""
+        prog = self.path("/sbin/openvpn")
+        found = []
+        for p in os.listdir("/proc"):
+            if p.isdigit():
+                try:
+                    with open(f"/proc/{p}/cmdline", "rb") as f:
+                        argv0 = f.read().split(b"\0")[0].decode(errors="replace")
+                except OSError:
+                    continue
+                if argv0 == prog:
+                    found.append(int(p))
+        return found
+
     def stop(self):
-        if self.proc is not None and self.proc.poll() is None:
-            try:
-                os.killpg(self.proc.pid, signal.SIGKILL)
-            except ProcessLookupError:
-                pass
-            self.proc.wait(timeout=10)
+        orkad.stop(self.proc)
+        # The VPN client daemonizes away from the daemon's process group.
+        kill(self.openvpns())
         self.syslog.close()
+
+
+# The streams' commands at the pace the lab runs them: interval (ms) and
+# service link.
+STREAMS = {"logging": (1000, "/syslog"), "status": (10000, "/status"),
+           "statistics": (15000, "/statistics")}
+
+
+def stream_command(context, id=None):
+    """The command that starts stream `context` (STREAMS) for lab.queue_commands."""
+    interval, href = STREAMS[context]
+    cmd = {"action": "set", "context": context,
+           "params": {"interval": interval, "serviceLink": {"href": href}}}
+    if id is not None:
+        cmd["id"] = id
+    return cmd
 
 
 # A daemon built with ThreadSanitizer writes each report to a file of its own
@@ -231,83 +341,6 @@ def sanitizer_reports(directory):
             with open(os.path.join(directory, name), errors="replace") as f:
                 found.append((name, f.read()))
     return found
-
-
-@pytest.fixture(autouse=True)
-def thread_sanitizer_reports(tmp_path_factory):
-    reports = tmp_path_factory.mktemp("tsan")
-    saved = os.environ.get("TSAN_OPTIONS")
-    options = [o for o in (saved or "").split(":") if o and not o.startswith("log_path=")]
-    os.environ["TSAN_OPTIONS"] = ":".join(options + [f"log_path={reports}/{TSAN_REPORT}"])
-    yield reports
-    if saved is None:
-        del os.environ["TSAN_OPTIONS"]
-    else:
-        os.environ["TSAN_OPTIONS"] = saved
-    found = sanitizer_reports(str(reports))
-    if found:
-        text = "\n".join(f"--- {name}\n{body}" for name, body in found)
-        pytest.fail(f"ThreadSanitizer reported {len(found)} time(s):\n{text[:20000]}",
-                    pytrace=False)
-
-
-@pytest.fixture
-def device_root(tmp_path):
-    return devroot.make_device_root(str(tmp_path / "root"))
-
-
-@pytest.fixture
-def netns():
-    if not Netns.available():
-        pytest.skip("network namespaces need root")
-    ns = Netns().create()
-    yield ns
-    ns.delete()
-
-
-@pytest.fixture
-def daemon(device_root, tmp_path, netns):
-    d = Daemon(device_root, str(tmp_path), netns)
-    yield d
-    d.stop()
-
-
-def pytest_addoption(parser):
-    parser.addoption("--slow-minutes", type=float, default=0,
-                     help="run the slow-controller watchdog test for this many minutes "
-                     "(default: a few pulses at the worst delay)")
-
-
-def pytest_configure(config):
-    config.addinivalue_line("markers", "fleet: a fleet of switches for a minute (heavy; "
-                            "-m 'not fleet' leaves it out)")
-
-
-# The suite runs as one CTest test, whose pass hides a skip. Where every test
-# can run (the native build as root, scripts/test.sh sets ORKAD_NO_SKIPS=1),
-# a skip is a failure that names the test and its reason.
-NO_SKIPS = os.environ.get("ORKAD_NO_SKIPS") == "1"
-
-
-def _no_skip(report):
-    reason = report.longrepr[2] if isinstance(report.longrepr, tuple) else str(report.longrepr)
-    report.outcome = "failed"
-    report.longrepr = f"skipped, and ORKAD_NO_SKIPS=1 allows no skip: {reason}"
-
-
-@pytest.hookimpl(hookwrapper=True)
-def pytest_runtest_makereport(item, call):
-    outcome = yield
-    report = outcome.get_result()
-    if NO_SKIPS and report.skipped and not hasattr(report, "wasxfail"):
-        _no_skip(report)
-
-
-@pytest.hookimpl(tryfirst=True)
-def pytest_collectreport(report):
-    # A whole module skipped (pytest.importorskip at its top).
-    if NO_SKIPS and report.skipped:
-        _no_skip(report)
 
 
 def cpack(build, out, version):

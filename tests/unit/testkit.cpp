@@ -283,11 +283,10 @@ Lab::Lab(const DeviceRoot &root, const std::vector<std::string> &extra_args, int
         throw std::runtime_error("mkdtemp failed");
     state_dir = tmpl;
     std::string ready = state_dir + "/controller.json";
-    std::vector<std::string> args = {"python3",          ORKAD_SOURCE_DIR "/lab/controller.py",
-                                     "--listen",         "127.0.0.1",
-                                     "--root",           root.path(),
-                                     "--state-dir",      state_dir,
-                                     "--control-listen", "127.0.0.1:0"};
+    // The lab is a package: it runs as a module from the top of the tree.
+    std::vector<std::string> args = {
+        "python3",   "-m",          "lab.controller", "--listen",         "127.0.0.1",  "--root",
+        root.path(), "--state-dir", state_dir,        "--control-listen", "127.0.0.1:0"};
     args.insert(args.end(), extra_args.begin(), extra_args.end());
     std::vector<char *> argv;
     for (std::string &a : args)
@@ -317,6 +316,8 @@ Lab::Lab(const DeviceRoot &root, const std::vector<std::string> &extra_args, int
         dup2(null_fd, 0);
         dup2(out_fd, 1);
         dup2(out_fd, 2);
+        if (chdir(ORKAD_SOURCE_DIR) != 0)
+            _exit(127);
         execvp("python3", argv.data());
         _exit(127);
     }

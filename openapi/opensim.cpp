@@ -33,18 +33,14 @@
 namespace
 {
 
-constexpr const char *model_file = "/var/switch/model.json";
-constexpr const char *faults_file = "/var/switch/faults.json";
+constexpr const char *switch_folder = "/var/switch/"; // where a bare support file name goes
 constexpr const char *journal_file = "/var/switch/journal";
-// Where a support file named without a folder goes.
-constexpr const char *switch_folder = "/var/switch/";
 
 // Values served when the model leaves them out.
 constexpr int default_port_count = 28;
 constexpr const char *default_serial = "VX0123456789";
 constexpr const char *default_model = "VX-S28";
 constexpr const char *default_mac = "02:00:00:00:00:01";
-constexpr const char *default_prompt = "VX-S28";
 constexpr json_int_t default_prompt_max_size = 64;
 constexpr json_int_t default_filename_max_length = 128;
 constexpr json_int_t default_lldp_str_len = 256;
@@ -53,24 +49,24 @@ constexpr json_int_t default_max_sntp_servers = 3;
 constexpr json_int_t default_logging_port = 514;
 constexpr json_int_t default_logging_severity = OPEN_LOG_SEVERITY_ERROR;
 
-// A file the simulator follows: its stat is remembered with the text last taken
-// from it.
-struct watched {
-    explicit watched(const char *device) : device_path(device) {}
+// A file the simulator follows, with the value last taken from it and the stat
+// and text it had then.
+struct followed {
+    followed(const char *device, bool array) : device_path(device), want_array(array) {}
     const char *device_path;
-    std::string path; // mapped path the state below belongs to
+    bool want_array;
+    std::string path; // the mapped path the state below belongs to
     bool present = false;
     struct stat st = {};
     std::string raw;
-    std::string refused; // text that did not parse, reported once
+    std::string refused; // a text that did not parse, reported once
+    json_ptr value;
 };
 
 struct simulator {
     std::mutex lock;
-    watched model_w{watched(model_file)};
-    watched faults_w{watched(faults_file)};
-    json_ptr model;
-    json_ptr faults;
+    followed model{"/var/switch/model.json", false};
+    followed faults{"/var/switch/faults.json", true};
 };
 
 simulator sim;
@@ -86,8 +82,8 @@ bool read_all(const char *path, std::string &out)
     return f && !ferror(f.get());
 }
 
-// The stat a followed file had when it was last read, unless it changed in the
-// last two seconds: its modification time may not have moved since.
+// A file changed within the last two seconds is never taken as unchanged: its
+// modification time may not have moved since.
 bool unchanged(const struct stat &a, const struct stat &b)
 {
     struct timespec now;
@@ -100,60 +96,51 @@ bool unchanged(const struct stat &a, const struct stat &b)
 
 bool make_parents(const std::string &path)
 {
-    for (size_t i = 1; i < path.size(); i++) {
-        if (path[i] != '/')
-            continue;
-        std::string dir = path.substr(0, i);
-        if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST)
+    for (size_t i = path.find('/', 1); i != std::string::npos; i = path.find('/', i + 1))
+        if (mkdir(path.substr(0, i).c_str(), 0755) != 0 && errno != EEXIST)
             return false;
-    }
     return true;
 }
 
 // Re-reads a followed file when it changed. A text that does not parse (a
-// half-written file, a typo) leaves the previous state in place and is tried
+// half-written file, a typo) leaves the previous value in place and is tried
 // again on the next call.
-void refresh(watched &w, json_ptr &value, bool want_array)
+void refresh(followed &w)
 {
     char p[1024];
+    struct stat st;
+    std::string raw;
+    json_error_t err;
     if (devroot_path(w.device_path, p, sizeof(p)) == nullptr)
         return;
     if (w.path != p) {
         // Another device root: nothing of the old one applies.
-        w = watched(w.device_path);
+        w = followed(w.device_path, w.want_array);
         w.path = p;
-        value.reset();
     }
-    struct stat st;
     if (stat(p, &st) != 0) {
         if (w.present) {
             w.present = false;
             w.raw.clear();
-            value.reset();
+            w.value.reset();
         }
         return;
     }
-    if (w.present && unchanged(st, w.st))
-        return;
-    std::string raw;
-    if (!read_all(p, raw))
+    if ((w.present && unchanged(st, w.st)) || !read_all(p, raw))
         return;
     if (w.present && raw == w.raw) {
         w.st = st;
         return;
     }
-    json_error_t err;
     json_ptr j(json_loadb(raw.data(), raw.size(), 0, &err));
-    bool ok = j && (want_array ? json_is_array(j.get()) : json_is_object(j.get()));
-    if (!ok) {
-        if (raw != w.refused) {
-            w.refused = raw;
+    if (!j || (w.want_array ? !json_is_array(j.get()) : !json_is_object(j.get()))) {
+        if (raw != w.refused)
             fprintf(stderr, "switch simulator: ignoring %s: %s\n", p,
-                    j ? (want_array ? "not an array" : "not an object") : err.text);
-        }
+                    j ? (w.want_array ? "not an array" : "not an object") : err.text);
+        w.refused = raw;
         return;
     }
-    value = std::move(j);
+    w.value = std::move(j);
     w.present = true;
     w.st = st;
     w.raw = std::move(raw);
@@ -161,25 +148,19 @@ void refresh(watched &w, json_ptr &value, bool want_array)
 
 // Writes a followed file through a temporary and a rename, so that readers
 // never see half of it, and remembers what was written.
-void save(watched &w, json_t *value)
+void save(followed &w)
 {
-    if (w.path.empty() || !make_parents(w.path))
+    malloc_ptr<char> text(json_dumps(w.value.get(), JSON_INDENT(2) | JSON_PRESERVE_ORDER));
+    if (w.path.empty() || !make_parents(w.path) || !text)
         return;
-    malloc_ptr<char> text(json_dumps(value, JSON_INDENT(2) | JSON_PRESERVE_ORDER));
-    if (!text)
-        return;
-    std::string raw(text.get());
-    raw += '\n';
-    std::string tmp = w.path + ".tmp";
+    std::string raw = std::string(text.get()) + "\n", tmp = w.path + ".tmp";
     {
         file_ptr f(fopen(tmp.c_str(), "wb"));
         if (!f || fwrite(raw.data(), 1, raw.size(), f.get()) != raw.size())
             return;
     }
-    if (rename(tmp.c_str(), w.path.c_str()) != 0)
-        return;
     struct stat st;
-    if (stat(w.path.c_str(), &st) == 0) {
+    if (rename(tmp.c_str(), w.path.c_str()) == 0 && stat(w.path.c_str(), &st) == 0) {
         w.st = st;
         w.present = true;
         w.raw = std::move(raw);
@@ -198,12 +179,6 @@ json_t *member(json_t *obj, const char *key, json_t *(*make)(void))
     return v;
 }
 
-int64_t int_member(json_t *obj, const char *key, int64_t dflt)
-{
-    json_t *v = json_object_get(obj, key);
-    return json_is_integer(v) ? (int64_t)json_integer_value(v) : dflt;
-}
-
 const char *text_member(json_t *obj, const char *key, const char *dflt)
 {
     json_t *v = json_object_get(obj, key);
@@ -213,13 +188,12 @@ const char *text_member(json_t *obj, const char *key, const char *dflt)
 // Texts from the agent need not be UTF-8; the model and journal are.
 json_t *text_value(const std::string &s)
 {
-    if (json_t *v = json_string(s.c_str()))
-        return v;
     std::string clean(s);
     for (char &c : clean)
         if ((unsigned char)c >= 0x80)
             c = '?';
-    return json_string(clean.c_str());
+    json_t *v = json_string(s.c_str());
+    return v != nullptr ? v : json_string(clean.c_str());
 }
 
 // How a number is kept in the model. With words, word[v] names OpEN value v,
@@ -233,16 +207,15 @@ struct spelling {
 
 constexpr spelling plain{{}, -1, INT64_MIN, INT64_MAX};
 constexpr spelling control{{"disable", "enable"}, OPEN_ENABLE, 0, 1};
-constexpr spelling link_state{{"up", "down"}, OPEN_LINK_UP, 0, 1};
-constexpr spelling duplex{{"half", "full"}, OPEN_PORT_DUPLEX_FULL, 0, 1};
-constexpr spelling sntp_mode{{"disabled", "unicast", "broadcast"}, -1, 0, 2};
+constexpr spelling link_words{{"up", "down"}, OPEN_LINK_UP, 0, 1};
+constexpr spelling duplex_words{{"half", "full"}, OPEN_PORT_DUPLEX_FULL, 0, 1};
+constexpr spelling sntp_words{{"disabled", "unicast", "broadcast"}, -1, 0, 2};
 constexpr spelling flag{{}, OPEN_PORT_AUTO_NEG_ENABLE, 0, 1};
 constexpr spelling udp_port{{}, -1, 1, UINT16_MAX};
-constexpr spelling severity{{}, -1, OPEN_LOG_SEVERITY_EMERGENCY, OPEN_LOG_SEVERITY_DEBUG};
-// Only ever a word; anything else is OPEN_INTF_TYPE_OTHER.
-constexpr spelling intf_type{{"phy", "cpu", "lag", "vlan"}, -1, 0, 3};
+constexpr spelling severity_range{{}, -1, OPEN_LOG_SEVERITY_EMERGENCY, OPEN_LOG_SEVERITY_DEBUG};
+constexpr spelling intf_types{{"phy", "cpu", "lag", "vlan"}, -1, 0, 3};
 
-int64_t read_number(json_t *obj, const char *key, int64_t dflt, const spelling &s)
+int64_t number_member(json_t *obj, const char *key, int64_t dflt, const spelling &s = plain)
 {
     json_t *v = json_object_get(obj, key);
     if (json_is_integer(v))
@@ -262,11 +235,12 @@ json_t *spelled(int64_t v, const spelling &s)
     return s.on >= 0 ? json_boolean(v == s.on) : json_integer(v);
 }
 
+// A port's type is only ever a word; one not known is OPEN_INTF_TYPE_OTHER.
 int64_t type_of(json_t *port)
 {
     if (!json_is_string(json_object_get(port, "type")))
         return OPEN_INTF_TYPE_PHY;
-    return read_number(port, "type", OPEN_INTF_TYPE_OTHER, intf_type);
+    return number_member(port, "type", OPEN_INTF_TYPE_OTHER, intf_types);
 }
 
 json_t *build_default_model(void)
@@ -290,7 +264,7 @@ json_t *build_default_model(void)
     return json_pack("{s:{s:s,s:s,s:s,s:s,s:s,s:s,s:I,s:I,s:I},s:o,s:[{s:i,s:s,s:o}]}", "system",
                      "serial_number", default_serial, "machine_model", default_model, "mac_address",
                      default_mac, "cloud_managed_mode", "enable", "cloud_server_url", "", "prompt",
-                     default_prompt, "prompt_max_size", default_prompt_max_size,
+                     default_model, "prompt_max_size", default_prompt_max_size,
                      "filename_max_length", default_filename_max_length, "lldp_mgmt_str_len",
                      default_lldp_str_len, "ports", ports, "vlans", "id", 1, "name", "default",
                      "ports", members);
@@ -312,7 +286,7 @@ struct arg {
     }
     void put(int64_t v) const { put_fn(at, v); }
     int64_t get() const { return get_fn(at); }
-    // The text passed in, false when there is none.
+    // The text passed in; false when there is none.
     bool text_in(std::string &s) const
     {
         if (k != text || buf == nullptr || buf->pstart == nullptr || buf->size == 0)
@@ -348,7 +322,7 @@ struct request {
             return dflt;
         return a->k == arg::out ? a->get() : a->num;
     }
-    // The n-th out argument, null when the caller passed none.
+    // The n-th out argument; null when the caller passed none.
     const arg *out(int n) const
     {
         for (const arg &a : args)
@@ -356,24 +330,23 @@ struct request {
                 return a.at != nullptr ? &a : nullptr;
         return nullptr;
     }
-    open_buffdesc *buffer() const
+    const arg *buffer() const
     {
         for (const arg &a : args)
             if (a.k == arg::text)
-                return a.buf;
+                return &a;
         return nullptr;
     }
-    const arg *last() const { return args.size() > 0 ? args.end() - 1 : nullptr; }
 };
 
 // A text that does not fit the caller's buffer is refused, not cut.
-open_error_t text_out(open_buffdesc *d, const char *s)
+open_error_t text_out(const arg *a, const char *s)
 {
     size_t n = strlen(s);
-    if (d == nullptr || d->pstart == nullptr || n + 1 > d->size)
+    if (a == nullptr || a->buf == nullptr || a->buf->pstart == nullptr || n + 1 > a->buf->size)
         return OPEN_E_PARAM;
-    memcpy(d->pstart, s, n + 1);
-    d->size = (uint32_t)(n + 1);
+    memcpy(a->buf->pstart, s, n + 1);
+    a->buf->size = (uint32_t)(n + 1);
     return OPEN_E_NONE;
 }
 
@@ -408,7 +381,7 @@ static_assert(sizeof(places) / sizeof(places[0]) == (size_t)scope::app + 1);
 
 int64_t id_of(json_t *entry, size_t index, const place &p)
 {
-    return int_member(entry, p.id, p.positional ? (int64_t)index + 1 : -1);
+    return number_member(entry, p.id, p.positional ? (int64_t)index + 1 : -1);
 }
 
 // The place the arguments point at, or null. With `make`, what is missing on
@@ -418,17 +391,16 @@ json_t *locate(json_t *model, scope s, const request &q, bool make)
     const place &p = places[(size_t)s];
     if (s == scope::model)
         return model;
-    json_t *parent = locate(model, p.parent, q, make);
+    json_t *parent = locate(model, p.parent, q, make), *e;
     json_t *list = make ? member(parent, p.name, p.by ? json_array : json_object)
                         : json_object_get(parent, p.name);
     const arg *key = q.find(p.by);
     std::string name;
+    size_t i;
     if (p.by == nullptr)
         return list;
     if (key == nullptr || (key->k == arg::text && !key->text_in(name)))
         return nullptr;
-    size_t i;
-    json_t *e;
     json_array_foreach(list, i, e)
     {
         const char *n = p.id ? text_member(e, p.id, nullptr) : json_string_value(e);
@@ -477,49 +449,47 @@ open_error_t apply(const row &r, json_t *m, const request &q)
 {
     const place &p = places[(size_t)r.where];
     // The system member is made on first use, even by a read.
-    json_t *o = locate(m, r.where, q, r.where == scope::system);
-    const arg *key = q.find(p.by), *last = q.last(), *out0 = q.out(0), *out1 = q.out(1);
+    json_t *o = locate(m, r.where, q, r.where == scope::system), *e;
+    const arg *key = q.find(p.by), *last = q.args.size() ? q.args.end() - 1 : nullptr;
+    const arg *out0 = q.out(0), *out1 = q.out(1);
     std::string t;
+    size_t i;
+    int64_t n = 0, id = -1;
     bool missing = o == nullptr && p.by != nullptr;
     // An entry picked by a text needs a text that is not empty.
     bool unnamed = key != nullptr && key->k == arg::text && !(key->text_in(t) && !t.empty());
     switch (r.kind) {
     case op::check:
         return q.number("usable", 0) != 0 ? OPEN_E_NONE : OPEN_E_PARAM;
-    case op::walk: {
-        json_t *parent = locate(m, p.parent, q, false), *best = nullptr, *e;
+    case op::walk:
+        o = locate(m, p.parent, q, false);
         if (out0 == nullptr || (r.where == scope::neighbor && out1 == nullptr))
             return OPEN_E_PARAM;
         // Nothing is received while LLDP reception is off.
         if (r.where == scope::neighbor &&
-            (parent == nullptr ||
-             read_number(parent, "lldp_receive", OPEN_ENABLE, control) != OPEN_ENABLE))
+            (o == nullptr || number_member(o, "lldp_receive", OPEN_ENABLE, control) != OPEN_ENABLE))
             return OPEN_E_NOT_FOUND;
-        int64_t after = q.number(p.by, -1), id = -1;
-        const arg *type = q.find("type");
-        size_t i;
-        json_array_foreach(json_object_get(parent, p.name), i, e)
+        json_array_foreach(json_object_get(o, p.name), i, e)
         {
-            int64_t n = id_of(e, i, p);
-            if (json_is_object(e) && (type == nullptr || type_of(e) == type->num) && n > after &&
-                n <= (int64_t)UINT32_MAX && (best == nullptr || n < id)) {
-                best = e;
-                id = n;
+            int64_t k = id_of(e, i, p);
+            if (json_is_object(e) && (!q.find("type") || type_of(e) == q.number("type", -1)) &&
+                k > q.number(p.by, -1) && k <= (int64_t)UINT32_MAX && (id < 0 || k < id)) {
+                n = number_member(e, "timestamp", 0);
+                id = k;
             }
         }
-        if (best == nullptr)
+        if (id < 0)
             return OPEN_E_NOT_FOUND;
         out0->put(id);
         if (out1 != nullptr)
-            out1->put(int_member(best, "timestamp", 0));
+            out1->put(n);
         return OPEN_E_NONE;
-    }
     case op::number:
         if (missing)
             return OPEN_E_NOT_FOUND;
         if (out0 == nullptr)
             return OPEN_E_PARAM;
-        out0->put(read_number(o, r.key, r.dflt, *r.form));
+        out0->put(number_member(o, r.key, r.dflt, *r.form));
         return OPEN_E_NONE;
     case op::address:
         if (out0 == nullptr || out1 == nullptr)
@@ -533,24 +503,21 @@ open_error_t apply(const row &r, json_t *m, const request &q)
         if (missing)
             return OPEN_E_NOT_FOUND;
         if (r.extra != nullptr)
-            out0->put(int_member(o, r.extra, r.extra_dflt));
+            out0->put(number_member(o, r.extra, r.extra_dflt));
         // A port the model does not name is called "0/" and its number.
         std::string dflt = r.text ? r.text : "";
         if (r.where == scope::port && strcmp(r.key, "name") == 0)
             dflt += std::to_string(q.number("ifNum", 0));
         const char *s = text_member(o, r.key, r.text ? dflt.c_str() : nullptr);
-        if (s == nullptr)
-            return OPEN_E_UNAVAIL;
-        open_error_t res = text_out(q.buffer(), s);
+        open_error_t res = s == nullptr ? OPEN_E_UNAVAIL : text_out(q.buffer(), s);
         if (res == OPEN_E_NONE && r.kind == op::address) {
-            bool v6 = strchr(s, ':') != nullptr;
-            out0->put(v6 ? OPEN_AF_INET6 : OPEN_AF_INET);
-            out1->put(v6 ? 16 : 4);
+            out0->put(strchr(s, ':') ? OPEN_AF_INET6 : OPEN_AF_INET);
+            out1->put(strchr(s, ':') ? 16 : 4);
         }
         return res;
     }
     case op::mac: {
-        open_buffdesc *b = q.buffer();
+        open_buffdesc *b = q.buffer() ? q.buffer()->buf : nullptr;
         unsigned int x[6];
         char tail;
         if (b == nullptr || b->pstart == nullptr || b->size < 6)
@@ -558,26 +525,22 @@ open_error_t apply(const row &r, json_t *m, const request &q)
         if (sscanf(text_member(o, r.key, r.text), "%2x:%2x:%2x:%2x:%2x:%2x%c", &x[0], &x[1], &x[2],
                    &x[3], &x[4], &x[5], &tail) != 6)
             return OPEN_E_INTERNAL;
-        for (int i = 0; i < 6; i++)
-            ((unsigned char *)b->pstart)[i] = (unsigned char)x[i];
+        for (int k = 0; k < 6; k++)
+            ((unsigned char *)b->pstart)[k] = (unsigned char)x[k];
         b->size = 6;
         return OPEN_E_NONE;
     }
-    case op::member_of: {
+    case op::member_of:
         if (out0 == nullptr)
             return OPEN_E_PARAM;
         if (missing)
             return OPEN_E_NOT_FOUND;
-        int64_t in = 0;
-        size_t i;
-        json_t *e;
         json_array_foreach(json_object_get(o, r.key), i, e)
         {
-            in |= json_is_integer(e) && json_integer_value(e) == q.number("ifNum", -1);
+            n |= json_is_integer(e) && json_integer_value(e) == q.number("ifNum", -1);
         }
-        out0->put(in);
+        out0->put(n);
         return OPEN_E_NONE;
-    }
     case op::set:
         if (missing)
             return unnamed ? OPEN_E_PARAM : OPEN_E_NOT_FOUND;
@@ -587,18 +550,18 @@ open_error_t apply(const row &r, json_t *m, const request &q)
         return OPEN_E_NONE;
     case op::set_text:
         if (unnamed || !last->text_in(t) ||
-            (r.extra != nullptr && (int64_t)t.size() > int_member(o, r.extra, r.extra_dflt)))
+            (r.extra != nullptr && (int64_t)t.size() > number_member(o, r.extra, r.extra_dflt)))
             return OPEN_E_PARAM;
         json_object_set_new(locate(m, r.where, q, true), r.key, text_value(t));
         return OPEN_E_NONE;
-    case op::add: {
-        json_t *parent = locate(m, p.parent, q, false);
+    case op::add:
+        e = locate(m, p.parent, q, false);
         if (unnamed)
             return OPEN_E_PARAM;
         if (o != nullptr)
             return OPEN_E_EXISTS;
-        if ((int64_t)json_array_size(json_object_get(parent, p.name)) >=
-            int_member(parent, r.extra, r.extra_dflt))
+        if ((int64_t)json_array_size(json_object_get(e, p.name)) >=
+            number_member(e, r.extra, r.extra_dflt))
             return OPEN_E_FULL;
         o = locate(m, r.where, q, true);
         if (r.where == scope::host) {
@@ -606,19 +569,17 @@ open_error_t apply(const row &r, json_t *m, const request &q)
             json_object_set_new(o, "severity", json_integer(default_logging_severity));
         }
         return OPEN_E_NONE;
-    }
     case op::count:
-        json_object_set_new(o, r.key, json_integer(int_member(o, r.key, 0) + 1));
+        json_object_set_new(o, r.key, json_integer(number_member(o, r.key, 0) + 1));
         return OPEN_E_NONE;
     case op::support: {
         if (!last->text_in(t) || t.empty() ||
-            (int64_t)t.size() > int_member(o, r.extra, r.extra_dflt))
+            (int64_t)t.size() > number_member(o, r.extra, r.extra_dflt))
             return OPEN_E_PARAM;
-        std::string device_path = t[0] == '/' ? t : switch_folder + t;
         char path[1024];
         malloc_ptr<char> dump(json_dumps(m, JSON_INDENT(2) | JSON_PRESERVE_ORDER));
-        file_ptr f(devroot_path(device_path.c_str(), path, sizeof(path)) ? fopen(path, "w")
-                                                                         : nullptr);
+        t = t[0] == '/' ? t : switch_folder + t;
+        file_ptr f(devroot_path(t.c_str(), path, sizeof(path)) ? fopen(path, "w") : nullptr);
         if (!f || !dump)
             return OPEN_E_FAIL;
         fprintf(f.get(), "Switch support data\nSerial number: %s\nMachine model: %s\n\n%s\n",
@@ -634,24 +595,23 @@ open_error_t apply(const row &r, json_t *m, const request &q)
 // count; OPEN_E_NONE (also when forced) lets the call through.
 open_error_t forced_result(const char *name, int64_t port, int64_t vlan)
 {
-    json_t *faults = sim.faults.get(), *f;
+    json_t *faults = sim.faults.value.get(), *f;
     size_t i;
     json_array_foreach(faults, i, f)
     {
         json_t *count = json_object_get(f, "count");
-        int64_t left = json_is_integer(count) ? (int64_t)json_integer_value(count) : 0;
+        int64_t left = number_member(f, "count", 0), r = number_member(f, "result", OPEN_E_FAIL);
         if (!json_is_object(f) || strcmp(text_member(f, "call", ""), name) != 0 ||
-            (json_object_get(f, "port") && (port < 0 || int_member(f, "port", -2) != port)) ||
-            (json_object_get(f, "vlan") && (vlan < 0 || int_member(f, "vlan", -2) != vlan)) ||
+            (json_object_get(f, "port") && (port < 0 || number_member(f, "port", -2) != port)) ||
+            (json_object_get(f, "vlan") && (vlan < 0 || number_member(f, "vlan", -2) != vlan)) ||
             (count != nullptr && left <= 0))
             continue;
-        int64_t r = int_member(f, "result", OPEN_E_FAIL);
         if (count != nullptr) {
             if (left == 1)
                 json_array_remove(faults, i);
             else
                 json_object_set_new(f, "count", json_integer(left - 1));
-            save(sim.faults_w, faults);
+            save(sim.faults);
         }
         return (open_error_t)r;
     }
@@ -662,14 +622,14 @@ open_error_t forced_result(const char *name, int64_t port, int64_t vlan)
 open_error_t serve(const char *name, const row &r, const request &q)
 {
     std::lock_guard<std::mutex> hold(sim.lock);
-    bool had_file = sim.model_w.present;
-    refresh(sim.model_w, sim.model, false);
-    if (!sim.model_w.present && (!sim.model || had_file))
-        sim.model.reset(build_default_model());
-    refresh(sim.faults_w, sim.faults, true);
+    bool had_file = sim.model.present;
+    refresh(sim.model);
+    if (!sim.model.present && (!sim.model.value || had_file))
+        sim.model.value.reset(build_default_model());
+    refresh(sim.faults);
     open_error_t res = forced_result(name, q.number("ifNum", -1), q.number("vlanNum", -1));
     if (res == OPEN_E_NONE)
-        res = apply(r, sim.model.get(), q);
+        res = apply(r, sim.model.value.get(), q);
     if (r.kind < op::set)
         return res;
     // A forced write is journalled with its result and changes nothing.
@@ -683,13 +643,12 @@ open_error_t serve(const char *name, const row &r, const request &q)
     json_object_set_new(line.get(), "result", json_integer(res));
     malloc_ptr<char> text(json_dumps(line.get(), JSON_COMPACT | JSON_PRESERVE_ORDER));
     char p[1024];
-    if (text && devroot_path(journal_file, p, sizeof(p)) != nullptr && make_parents(p)) {
-        file_ptr f(fopen(p, "a"));
-        if (f)
-            fprintf(f.get(), "%s\n", text.get());
-    }
+    file_ptr f(text && devroot_path(journal_file, p, sizeof(p)) && make_parents(p) ? fopen(p, "a")
+                                                                                   : nullptr);
+    if (f)
+        fprintf(f.get(), "%s\n", text.get());
     if (res == OPEN_E_NONE)
-        save(sim.model_w, sim.model.get());
+        save(sim.model);
     return res;
 }
 
@@ -697,19 +656,23 @@ open_error_t serve(const char *name, const row &r, const request &q)
 
 // ---- the OpEN calls ------------------------------------------------------
 
-// Each call is one row: what it does in the model, and its arguments under
-// their names in openapi.h (faults pick by "ifNum" and "vlanNum"; a write's
-// journal line shows them all).
+// Defines an OpEN function by its row: the name, the parameters as openapi.h
+// declares them, what the call does in the model, and the arguments it hands
+// over. ARG hands one over under its own name, which is what faults pick by
+// ("ifNum", "vlanNum") and what a write's journal line shows.
+// The client handle is not looked at.
+using handle = openapiClientHandle_t;
+#define ARG(x) arg(#x, x)
 #define OPEN_CALL(name, params, what, ...)                                                         \
     open_error_t name params                                                                       \
     {                                                                                              \
-        static constexpr row r = what;                                                             \
+        static constexpr row r what;                                                               \
         return serve(#name, r, {{__VA_ARGS__}});                                                   \
     }
 
 open_error_t openapiClientRegister(const char *clientName, openapiClientHandle_t *client)
 {
-    static constexpr row r{op::check, scope::model};
+    static constexpr row r(op::check, scope::model);
     open_error_t res = serve(__func__, r, {{{"usable", clientName && client}}});
     if (res == OPEN_E_NONE) {
         memset(client, 0, sizeof(*client));
@@ -719,164 +682,126 @@ open_error_t openapiClientRegister(const char *clientName, openapiClientHandle_t
     return res;
 }
 
-OPEN_CALL(rpcclt_openapiConnectivityCheck, (openapiClientHandle_t * client),
-          (row{op::check, scope::model}), {"usable", client != nullptr})
-OPEN_CALL(openapiIfFirstGet, (openapiClientHandle_t *, OPEN_INTF_TYPE_t type, uint32_t *ifNum),
-          (row{op::walk, scope::port}), {"type", type}, {"first", ifNum})
-OPEN_CALL(openapiIfNextGet,
-          (openapiClientHandle_t *, OPEN_INTF_TYPE_t type, uint32_t ifNum, uint32_t *nextIfNum),
-          (row{op::walk, scope::port}), {"type", type}, {"ifNum", ifNum}, {"nextIfNum", nextIfNum})
-OPEN_CALL(openapiIfLinkStateGet,
-          (openapiClientHandle_t *, uint32_t ifNum, OPEN_LINK_STATE_t *linkState),
-          (row{op::number, scope::port, "link", OPEN_LINK_DOWN, &link_state}), {"ifNum", ifNum},
-          {"linkState", linkState})
-OPEN_CALL(openapiIfAdminStateGet,
-          (openapiClientHandle_t *, uint32_t ifNum, OPEN_CONTROL_t *adminState),
-          (row{op::number, scope::port, "admin", OPEN_ENABLE, &control}), {"ifNum", ifNum},
-          {"adminState", adminState})
-OPEN_CALL(rpcclt_openapiIfAdminStateSet,
-          (openapiClientHandle_t *, uint32_t ifNum, OPEN_CONTROL_t adminState),
-          (row{op::set, scope::port, "admin", 0, &control}), {"ifNum", ifNum},
-          {"adminState", adminState})
-OPEN_CALL(openapiIfSpeedGet, (openapiClientHandle_t *, uint32_t ifNum, OPEN_PORT_SPEEDS_t *speed),
-          (row{op::number, scope::port, "speed", OPEN_PORTCTRL_PORTSPEED_FULL_1000SX}),
-          {"ifNum", ifNum}, {"speed", speed})
-OPEN_CALL(rpcclt_openapiIfDuplexModeGet,
-          (openapiClientHandle_t *, uint32_t ifNum, OPEN_PORT_DUPLEX_t *duplexMode),
-          (row{op::number, scope::port, "duplex", OPEN_PORT_DUPLEX_FULL, &duplex}),
-          {"ifNum", ifNum}, {"duplex", duplexMode})
-OPEN_CALL(rpcclt_openapiIfMacAddrGet, (openapiClientHandle_t *, uint32_t ifNum, open_buffdesc *mac),
-          (row{op::text, scope::port, "mac", 0, &plain, "00:00:00:00:00:00"}), {"ifNum", ifNum},
-          {"macAddr", mac})
-OPEN_CALL(openapiIfNameGet, (openapiClientHandle_t *, uint32_t ifNum, open_buffdesc *ifName),
-          (row{op::text, scope::port, "name", 0, &plain, "0/"}), {"ifNum", ifNum},
-          {"ifName", ifName})
-OPEN_CALL(rpcclt_openapiIfAutoNegSet,
-          (openapiClientHandle_t *, uint32_t ifNum, OPEN_PORT_AUTO_NEG_t autoNeg),
-          (row{op::set, scope::port, "autoneg", 0, &flag}), {"ifNum", ifNum}, {"autoNeg", autoNeg})
-OPEN_CALL(rpcclt_openapiLldpIntfReceiveModeGet,
-          (openapiClientHandle_t *, uint32_t ifNum, OPEN_CONTROL_t *mode),
-          (row{op::number, scope::port, "lldp_receive", OPEN_ENABLE, &control}), {"ifNum", ifNum},
-          {"mode", mode})
-OPEN_CALL(rpcclt_openapiLldpIntfReceiveModeSet,
-          (openapiClientHandle_t *, uint32_t ifNum, OPEN_CONTROL_t mode),
-          (row{op::set, scope::port, "lldp_receive", 0, &control}), {"ifNum", ifNum},
-          {"mode", mode})
-OPEN_CALL(rpcclt_openapiLldpMgmtStrLenGet, (openapiClientHandle_t *, uint32_t *strLen),
-          (row{op::number, scope::system, "lldp_mgmt_str_len", default_lldp_str_len}),
-          {"strLen", strLen})
+OPEN_CALL(rpcclt_openapiConnectivityCheck, (handle * client), (op::check, scope::model),
+          {"usable", client != nullptr})
+// The walk's first port is not the "ifNum" a fault picks by.
+OPEN_CALL(openapiIfFirstGet, (handle *, OPEN_INTF_TYPE_t type, uint32_t *ifNum),
+          (op::walk, scope::port), ARG(type), {"first", ifNum})
+OPEN_CALL(openapiIfNextGet, (handle *, OPEN_INTF_TYPE_t type, uint32_t ifNum, uint32_t *nextIfNum),
+          (op::walk, scope::port), ARG(type), ARG(ifNum), ARG(nextIfNum))
+OPEN_CALL(openapiIfLinkStateGet, (handle *, uint32_t ifNum, OPEN_LINK_STATE_t *linkState),
+          (op::number, scope::port, "link", OPEN_LINK_DOWN, &link_words), ARG(ifNum),
+          ARG(linkState))
+OPEN_CALL(openapiIfAdminStateGet, (handle *, uint32_t ifNum, OPEN_CONTROL_t *adminState),
+          (op::number, scope::port, "admin", OPEN_ENABLE, &control), ARG(ifNum), ARG(adminState))
+OPEN_CALL(rpcclt_openapiIfAdminStateSet, (handle *, uint32_t ifNum, OPEN_CONTROL_t adminState),
+          (op::set, scope::port, "admin", 0, &control), ARG(ifNum), ARG(adminState))
+OPEN_CALL(openapiIfSpeedGet, (handle *, uint32_t ifNum, OPEN_PORT_SPEEDS_t *speed),
+          (op::number, scope::port, "speed", OPEN_PORTCTRL_PORTSPEED_FULL_1000SX), ARG(ifNum),
+          ARG(speed))
+OPEN_CALL(rpcclt_openapiIfDuplexModeGet, (handle *, uint32_t ifNum, OPEN_PORT_DUPLEX_t *duplex),
+          (op::number, scope::port, "duplex", OPEN_PORT_DUPLEX_FULL, &duplex_words), ARG(ifNum),
+          ARG(duplex))
+OPEN_CALL(rpcclt_openapiIfMacAddrGet, (handle *, uint32_t ifNum, open_buffdesc *macAddr),
+          (op::text, scope::port, "mac", 0, &plain, "00:00:00:00:00:00"), ARG(ifNum), ARG(macAddr))
+OPEN_CALL(openapiIfNameGet, (handle *, uint32_t ifNum, open_buffdesc *ifName),
+          (op::text, scope::port, "name", 0, &plain, "0/"), ARG(ifNum), ARG(ifName))
+OPEN_CALL(rpcclt_openapiIfAutoNegSet, (handle *, uint32_t ifNum, OPEN_PORT_AUTO_NEG_t autoNeg),
+          (op::set, scope::port, "autoneg", 0, &flag), ARG(ifNum), ARG(autoNeg))
+OPEN_CALL(rpcclt_openapiLldpIntfReceiveModeGet, (handle *, uint32_t ifNum, OPEN_CONTROL_t *mode),
+          (op::number, scope::port, "lldp_receive", OPEN_ENABLE, &control), ARG(ifNum), ARG(mode))
+OPEN_CALL(rpcclt_openapiLldpIntfReceiveModeSet, (handle *, uint32_t ifNum, OPEN_CONTROL_t mode),
+          (op::set, scope::port, "lldp_receive", 0, &control), ARG(ifNum), ARG(mode))
+OPEN_CALL(rpcclt_openapiLldpMgmtStrLenGet, (handle *, uint32_t *strLen),
+          (op::number, scope::system, "lldp_mgmt_str_len", default_lldp_str_len), ARG(strLen))
 OPEN_CALL(rpcclt_openapiLldpIntfRemoteDeviceNextGet,
-          (openapiClientHandle_t *, uint32_t ifNum, uint32_t *remIndex, uint32_t *timestamp),
-          (row{op::walk, scope::neighbor}), {"ifNum", ifNum}, {"remIndex", remIndex},
-          {"timestamp", timestamp})
+          (handle *, uint32_t ifNum, uint32_t *remIndex, uint32_t *timestamp),
+          (op::walk, scope::neighbor), ARG(ifNum), ARG(remIndex), ARG(timestamp))
 OPEN_CALL(rpcclt_openapiLldpIntfRemoteDeviceChassisIdGet,
-          (openapiClientHandle_t *, uint32_t ifNum, uint32_t remIndex, uint32_t,
+          (handle *, uint32_t ifNum, uint32_t remIndex, uint32_t,
            OPEN_LLDP_CHASSIS_ID_SUBTYPE_t *chassisIdSubtype, open_buffdesc *chassisId),
-          (row{op::text, scope::neighbor, "chassis_id", 0, &plain, nullptr, "chassis_id_subtype",
-               OPEN_LLDP_CHASSIS_ID_SUBTYPE_MAC_ADDRESS}),
-          {"ifNum", ifNum}, {"remIndex", remIndex}, {"chassisIdSubtype", chassisIdSubtype},
-          {"chassisId", chassisId})
+          (op::text, scope::neighbor, "chassis_id", 0, &plain, nullptr, "chassis_id_subtype",
+           OPEN_LLDP_CHASSIS_ID_SUBTYPE_MAC_ADDRESS),
+          ARG(ifNum), ARG(remIndex), ARG(chassisIdSubtype), ARG(chassisId))
 OPEN_CALL(rpcclt_openapiLldpIntfRemoteDevicePortIdGet,
-          (openapiClientHandle_t *, uint32_t ifNum, uint32_t remIndex, uint32_t,
+          (handle *, uint32_t ifNum, uint32_t remIndex, uint32_t,
            OPEN_LLDP_PORT_ID_SUBTYPE_t *portIdSubtype, open_buffdesc *portId),
-          (row{op::text, scope::neighbor, "port_id", 0, &plain, nullptr, "port_id_subtype",
-               OPEN_LLDP_PORT_ID_SUBTYPE_INTERFACE_NAME}),
-          {"ifNum", ifNum}, {"remIndex", remIndex}, {"portIdSubtype", portIdSubtype},
-          {"portId", portId})
+          (op::text, scope::neighbor, "port_id", 0, &plain, nullptr, "port_id_subtype",
+           OPEN_LLDP_PORT_ID_SUBTYPE_INTERFACE_NAME),
+          ARG(ifNum), ARG(remIndex), ARG(portIdSubtype), ARG(portId))
 OPEN_CALL(rpcclt_openapiLldpIntfRemoteDeviceSystemNameGet,
-          (openapiClientHandle_t *, uint32_t ifNum, uint32_t remIndex, uint32_t,
-           open_buffdesc *systemName),
-          (row{op::text, scope::neighbor, "system_name"}), {"ifNum", ifNum}, {"remIndex", remIndex},
-          {"systemName", systemName})
+          (handle *, uint32_t ifNum, uint32_t remIndex, uint32_t, open_buffdesc *systemName),
+          (op::text, scope::neighbor, "system_name"), ARG(ifNum), ARG(remIndex), ARG(systemName))
 OPEN_CALL(rpcclt_openapiLldpIntfRemoteDeviceSystemDescGet,
-          (openapiClientHandle_t *, uint32_t ifNum, uint32_t remIndex, uint32_t,
-           open_buffdesc *systemDesc),
-          (row{op::text, scope::neighbor, "system_description"}), {"ifNum", ifNum},
-          {"remIndex", remIndex}, {"systemDesc", systemDesc})
+          (handle *, uint32_t ifNum, uint32_t remIndex, uint32_t, open_buffdesc *systemDesc),
+          (op::text, scope::neighbor, "system_description"), ARG(ifNum), ARG(remIndex),
+          ARG(systemDesc))
 OPEN_CALL(rpcclt_openapiLldpIntfRemoteDeviceSysCapSuppGet,
-          (openapiClientHandle_t *, uint32_t ifNum, uint32_t remIndex, uint32_t,
-           open_buffdesc *sysCapSupp),
-          (row{op::text, scope::neighbor, "system_caps_supported"}), {"ifNum", ifNum},
-          {"remIndex", remIndex}, {"sysCapSupp", sysCapSupp})
+          (handle *, uint32_t ifNum, uint32_t remIndex, uint32_t, open_buffdesc *sysCapSupp),
+          (op::text, scope::neighbor, "system_caps_supported"), ARG(ifNum), ARG(remIndex),
+          ARG(sysCapSupp))
 OPEN_CALL(rpcclt_openapiLldpIntfRemoteDeviceSysCapEnabledGet,
-          (openapiClientHandle_t *, uint32_t ifNum, uint32_t remIndex, uint32_t,
-           open_buffdesc *sysCapEnabled),
-          (row{op::text, scope::neighbor, "system_caps_enabled"}), {"ifNum", ifNum},
-          {"remIndex", remIndex}, {"sysCapEnabled", sysCapEnabled})
+          (handle *, uint32_t ifNum, uint32_t remIndex, uint32_t, open_buffdesc *sysCapEnabled),
+          (op::text, scope::neighbor, "system_caps_enabled"), ARG(ifNum), ARG(remIndex),
+          ARG(sysCapEnabled))
 OPEN_CALL(rpcclt_openapiLldpIntfRemoteDeviceMgmtAddressNextGet,
-          (openapiClientHandle_t *, uint32_t ifNum, uint32_t remIndex, uint32_t,
-           OPEN_AF_t *addressFamily, open_buffdesc *address, uint8_t *addressLength),
-          (row{op::address, scope::neighbor, "mgmt_address"}), {"ifNum", ifNum},
-          {"remIndex", remIndex}, {"addressFamily", addressFamily}, {"address", address},
-          {"addressLength", addressLength})
-OPEN_CALL(openapiVlanNextGet, (openapiClientHandle_t *, uint32_t vlanNum, uint32_t *nextVlanNum),
-          (row{op::walk, scope::vlan}), {"vlanNum", vlanNum}, {"nextVlanNum", nextVlanNum})
+          (handle *, uint32_t ifNum, uint32_t remIndex, uint32_t, OPEN_AF_t *addressFamily,
+           open_buffdesc *address, uint8_t *addressLength),
+          (op::address, scope::neighbor, "mgmt_address"), ARG(ifNum), ARG(remIndex),
+          ARG(addressFamily), ARG(address), ARG(addressLength))
+OPEN_CALL(openapiVlanNextGet, (handle *, uint32_t vlanNum, uint32_t *nextVlanNum),
+          (op::walk, scope::vlan), ARG(vlanNum), ARG(nextVlanNum))
 OPEN_CALL(openapiVlanIfParticipationStatusGet,
-          (openapiClientHandle_t *, uint32_t vlanNum, uint32_t ifNum, uint32_t *participating),
-          (row{op::member_of, scope::vlan, "ports"}), {"vlanNum", vlanNum}, {"ifNum", ifNum},
-          {"participating", participating})
-OPEN_CALL(rpcclt_openapiVlanNameGet,
-          (openapiClientHandle_t *, uint32_t vlanNum, open_buffdesc *vlanName),
-          (row{op::text, scope::vlan, "name", 0, &plain, ""}), {"vlanNum", vlanNum},
-          {"vlanName", vlanName})
-OPEN_CALL(rpcclt_openapiLoggingHostAdd, (openapiClientHandle_t *, open_buffdesc *host),
-          (row{op::add, scope::host, nullptr, 0, &plain, nullptr, "max_hosts",
-               default_max_logging_hosts}),
-          {"host", host})
-OPEN_CALL(rpcclt_openapiLoggingHostPortSet,
-          (openapiClientHandle_t *, open_buffdesc *host, uint16_t port),
-          (row{op::set, scope::host, "port", 0, &udp_port}), {"host", host}, {"port", port})
+          (handle *, uint32_t vlanNum, uint32_t ifNum, uint32_t *participating),
+          (op::member_of, scope::vlan, "ports"), ARG(vlanNum), ARG(ifNum), ARG(participating))
+OPEN_CALL(rpcclt_openapiVlanNameGet, (handle *, uint32_t vlanNum, open_buffdesc *vlanName),
+          (op::text, scope::vlan, "name", 0, &plain, ""), ARG(vlanNum), ARG(vlanName))
+OPEN_CALL(rpcclt_openapiLoggingHostAdd, (handle *, open_buffdesc *host),
+          (op::add, scope::host, nullptr, 0, &plain, nullptr, "max_hosts",
+           default_max_logging_hosts),
+          ARG(host))
+OPEN_CALL(rpcclt_openapiLoggingHostPortSet, (handle *, open_buffdesc *host, uint16_t port),
+          (op::set, scope::host, "port", 0, &udp_port), ARG(host), ARG(port))
 OPEN_CALL(rpcclt_openapiLoggingHostSeveritySet,
-          (openapiClientHandle_t *, open_buffdesc *host, OPEN_LOG_SEVERITY_t level),
-          (row{op::set, scope::host, "severity", 0, &severity}), {"host", host},
-          {"severity", level})
-OPEN_CALL(rpcclt_openapiSysLogModeSet, (openapiClientHandle_t *, OPEN_CONTROL_t mode),
-          (row{op::set, scope::logging, "mode", 0, &control}), {"mode", mode})
-OPEN_CALL(rpcclt_openapiSntpServerAdd, (openapiClientHandle_t *, open_buffdesc *server),
-          (row{op::add, scope::server, nullptr, 0, &plain, nullptr, "max_servers",
-               default_max_sntp_servers}),
-          {"server", server})
-OPEN_CALL(rpcclt_openapiSntpClientModeSet, (openapiClientHandle_t *, OPEN_SNTP_CLIENT_MODE_t mode),
-          (row{op::set, scope::sntp, "client_mode", 0, &sntp_mode}), {"mode", mode})
-OPEN_CALL(rpcclt_openapiUserSet,
-          (openapiClientHandle_t *, open_buffdesc *userName, open_buffdesc *password),
-          (row{op::set_text, scope::user, "password"}), {"userName", userName},
-          {"password", password})
-OPEN_CALL(rpcclt_openapiSaveConfig, (openapiClientHandle_t *),
-          (row{op::count, scope::system, "config_saves"}))
-OPEN_CALL(rpcclt_openapiSystemPromptMaxSizeGet, (openapiClientHandle_t *, uint32_t *maxSize),
-          (row{op::number, scope::system, "prompt_max_size", default_prompt_max_size}),
-          {"maxSize", maxSize})
-OPEN_CALL(rpcclt_openapiSystemPromptSet, (openapiClientHandle_t *, open_buffdesc *prompt),
-          (row{op::set_text, scope::system, "prompt", 0, &plain, nullptr, "prompt_max_size",
-               default_prompt_max_size}),
-          {"prompt", prompt})
+          (handle *, open_buffdesc *host, OPEN_LOG_SEVERITY_t severity),
+          (op::set, scope::host, "severity", 0, &severity_range), ARG(host), ARG(severity))
+OPEN_CALL(rpcclt_openapiSysLogModeSet, (handle *, OPEN_CONTROL_t mode),
+          (op::set, scope::logging, "mode", 0, &control), ARG(mode))
+OPEN_CALL(rpcclt_openapiSntpServerAdd, (handle *, open_buffdesc *server),
+          (op::add, scope::server, nullptr, 0, &plain, nullptr, "max_servers",
+           default_max_sntp_servers),
+          ARG(server))
+OPEN_CALL(rpcclt_openapiSntpClientModeSet, (handle *, OPEN_SNTP_CLIENT_MODE_t mode),
+          (op::set, scope::sntp, "client_mode", 0, &sntp_words), ARG(mode))
+OPEN_CALL(rpcclt_openapiUserSet, (handle *, open_buffdesc *userName, open_buffdesc *password),
+          (op::set_text, scope::user, "password"), ARG(userName), ARG(password))
+OPEN_CALL(rpcclt_openapiSaveConfig, (handle *), (op::count, scope::system, "config_saves"))
+OPEN_CALL(rpcclt_openapiSystemPromptMaxSizeGet, (handle *, uint32_t *maxSize),
+          (op::number, scope::system, "prompt_max_size", default_prompt_max_size), ARG(maxSize))
+OPEN_CALL(rpcclt_openapiSystemPromptSet, (handle *, open_buffdesc *prompt),
+          (op::set_text, scope::system, "prompt", 0, &plain, nullptr, "prompt_max_size",
+           default_prompt_max_size),
+          ARG(prompt))
 OPEN_CALL(rpcclt_openapiAppCtrlVersionSet,
-          (openapiClientHandle_t *, open_buffdesc *appName, open_buffdesc *version),
-          (row{op::set_text, scope::app, "version"}), {"appName", appName}, {"version", version})
-OPEN_CALL(rpcclt_openapiAppCtrlStatusSet,
-          (openapiClientHandle_t *, open_buffdesc *appName, open_buffdesc *status),
-          (row{op::set_text, scope::app, "status"}), {"appName", appName}, {"status", status})
-OPEN_CALL(rpcclt_openapiCloudManagedModeGet, (openapiClientHandle_t *, OPEN_CONTROL_t *mode),
-          (row{op::number, scope::system, "cloud_managed_mode", OPEN_ENABLE, &control}),
-          {"mode", mode})
-OPEN_CALL(rpcclt_openapiCloudManagedServerUrlGet, (openapiClientHandle_t *, open_buffdesc *url),
-          (row{op::text, scope::system, "cloud_server_url", 0, &plain, ""}), {"url", url})
-OPEN_CALL(rpcclt_openapiSystemRegSerialNumGet, (openapiClientHandle_t *, open_buffdesc *serialNum),
-          (row{op::text, scope::system, "serial_number", 0, &plain, default_serial}),
-          {"serialNum", serialNum})
-OPEN_CALL(rpcclt_openapiSystemRegMachineModelGet, (openapiClientHandle_t *, open_buffdesc *model),
-          (row{op::text, scope::system, "machine_model", 0, &plain, default_model}),
-          {"model", model})
-OPEN_CALL(rpcclt_openapiSystemMacAddrGet, (openapiClientHandle_t *, open_buffdesc *macAddr),
-          (row{op::mac, scope::system, "mac_address", 0, &plain, default_mac}),
-          {"macAddr", macAddr})
-OPEN_CALL(rpcclt_openapiSystemReload, (openapiClientHandle_t *),
-          (row{op::count, scope::system, "reloads"}))
-OPEN_CALL(rpcclt_openapiSystemFileNameMaxLengthGet, (openapiClientHandle_t *, uint32_t *maxLen),
-          (row{op::number, scope::system, "filename_max_length", default_filename_max_length}),
-          {"maxLen", maxLen})
-OPEN_CALL(rpcclt_openapiSupportFileGenerate, (openapiClientHandle_t *, open_buffdesc *fileName),
-          (row{op::support, scope::system, nullptr, 0, &plain, nullptr, "filename_max_length",
-               default_filename_max_length}),
-          {"fileName", fileName})
+          (handle *, open_buffdesc *appName, open_buffdesc *version),
+          (op::set_text, scope::app, "version"), ARG(appName), ARG(version))
+OPEN_CALL(rpcclt_openapiAppCtrlStatusSet, (handle *, open_buffdesc *appName, open_buffdesc *status),
+          (op::set_text, scope::app, "status"), ARG(appName), ARG(status))
+OPEN_CALL(rpcclt_openapiCloudManagedModeGet, (handle *, OPEN_CONTROL_t *mode),
+          (op::number, scope::system, "cloud_managed_mode", OPEN_ENABLE, &control), ARG(mode))
+OPEN_CALL(rpcclt_openapiCloudManagedServerUrlGet, (handle *, open_buffdesc *url),
+          (op::text, scope::system, "cloud_server_url", 0, &plain, ""), ARG(url))
+OPEN_CALL(rpcclt_openapiSystemRegSerialNumGet, (handle *, open_buffdesc *serialNum),
+          (op::text, scope::system, "serial_number", 0, &plain, default_serial), ARG(serialNum))
+OPEN_CALL(rpcclt_openapiSystemRegMachineModelGet, (handle *, open_buffdesc *model),
+          (op::text, scope::system, "machine_model", 0, &plain, default_model), ARG(model))
+OPEN_CALL(rpcclt_openapiSystemMacAddrGet, (handle *, open_buffdesc *macAddr),
+          (op::mac, scope::system, "mac_address", 0, &plain, default_mac), ARG(macAddr))
+OPEN_CALL(rpcclt_openapiSystemReload, (handle *), (op::count, scope::system, "reloads"))
+OPEN_CALL(rpcclt_openapiSystemFileNameMaxLengthGet, (handle *, uint32_t *maxLen),
+          (op::number, scope::system, "filename_max_length", default_filename_max_length),
+          ARG(maxLen))
+OPEN_CALL(rpcclt_openapiSupportFileGenerate, (handle *, open_buffdesc *fileName),
+          (op::support, scope::system, nullptr, 0, &plain, nullptr, "filename_max_length",
+           default_filename_max_length),
+          ARG(fileName))

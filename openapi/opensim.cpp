@@ -314,27 +314,17 @@ struct request {
                 return &a;
         return nullptr;
     }
-    // A number argument, or what an out argument holds on the way in.
     int64_t number(const char *name, int64_t dflt) const
     {
         const arg *a = find(name);
-        if (a == nullptr || a->k == arg::text || (a->k == arg::out && a->at == nullptr))
-            return dflt;
-        return a->k == arg::out ? a->get() : a->num;
+        return a != nullptr && a->k == arg::number ? a->num : dflt;
     }
-    // The n-th out argument; null when the caller passed none.
-    const arg *out(int n) const
+    // The n-th argument of a kind; an out the caller left null is none.
+    const arg *nth(arg::kind k, int n) const
     {
         for (const arg &a : args)
-            if (a.k == arg::out && n-- == 0)
-                return a.at != nullptr ? &a : nullptr;
-        return nullptr;
-    }
-    const arg *buffer() const
-    {
-        for (const arg &a : args)
-            if (a.k == arg::text)
-                return &a;
+            if (a.k == k && n-- == 0)
+                return k != arg::out || a.at != nullptr ? &a : nullptr;
         return nullptr;
     }
 };
@@ -449,9 +439,9 @@ open_error_t apply(const row &r, json_t *m, const request &q)
 {
     const place &p = places[(size_t)r.where];
     // The system member is made on first use, even by a read.
-    json_t *o = locate(m, r.where, q, r.where == scope::system), *e;
+    json_t *o = locate(m, r.where, q, r.where == scope::system), *e, *best = nullptr;
     const arg *key = q.find(p.by), *last = q.args.size() ? q.args.end() - 1 : nullptr;
-    const arg *out0 = q.out(0), *out1 = q.out(1);
+    const arg *out0 = q.nth(arg::out, 0), *out1 = q.nth(arg::out, 1), *buf = q.nth(arg::text, 0);
     std::string t;
     size_t i;
     int64_t n = 0, id = -1;
@@ -469,12 +459,14 @@ open_error_t apply(const row &r, json_t *m, const request &q)
         if (r.where == scope::neighbor &&
             (o == nullptr || number_member(o, "lldp_receive", OPEN_ENABLE, control) != OPEN_ENABLE))
             return OPEN_E_NOT_FOUND;
+        // A neighbour walk goes on from the index it was handed back.
+        n = r.where == scope::neighbor ? out0->get() : q.number(p.by, -1);
         json_array_foreach(json_object_get(o, p.name), i, e)
         {
             int64_t k = id_of(e, i, p);
             if (json_is_object(e) && (!q.find("type") || type_of(e) == q.number("type", -1)) &&
-                k > q.number(p.by, -1) && k <= (int64_t)UINT32_MAX && (id < 0 || k < id)) {
-                n = number_member(e, "timestamp", 0);
+                k > n && k <= (int64_t)UINT32_MAX && (id < 0 || k < id)) {
+                best = e;
                 id = k;
             }
         }
@@ -482,26 +474,20 @@ open_error_t apply(const row &r, json_t *m, const request &q)
             return OPEN_E_NOT_FOUND;
         out0->put(id);
         if (out1 != nullptr)
-            out1->put(n);
+            out1->put(number_member(best, "timestamp", 0));
         return OPEN_E_NONE;
     case op::number:
-        if (missing)
-            return OPEN_E_NOT_FOUND;
-        if (out0 == nullptr)
-            return OPEN_E_PARAM;
+        if (missing || out0 == nullptr)
+            return missing ? OPEN_E_NOT_FOUND : OPEN_E_PARAM;
         out0->put(number_member(o, r.key, r.dflt, *r.form));
         return OPEN_E_NONE;
     case op::address:
-        if (out0 == nullptr || out1 == nullptr)
-            return OPEN_E_PARAM;
-        if (out0->get() != OPEN_AF_NONE)
-            return OPEN_E_NOT_FOUND;
+        if (out0 == nullptr || out1 == nullptr || out0->get() != OPEN_AF_NONE)
+            return out0 && out1 ? OPEN_E_NOT_FOUND : OPEN_E_PARAM;
         [[fallthrough]];
     case op::text: {
-        if (r.extra != nullptr && out0 == nullptr)
-            return OPEN_E_PARAM;
-        if (missing)
-            return OPEN_E_NOT_FOUND;
+        if ((r.extra != nullptr && out0 == nullptr) || missing)
+            return out0 || !r.extra ? OPEN_E_NOT_FOUND : OPEN_E_PARAM;
         if (r.extra != nullptr)
             out0->put(number_member(o, r.extra, r.extra_dflt));
         // A port the model does not name is called "0/" and its number.
@@ -509,7 +495,7 @@ open_error_t apply(const row &r, json_t *m, const request &q)
         if (r.where == scope::port && strcmp(r.key, "name") == 0)
             dflt += std::to_string(q.number("ifNum", 0));
         const char *s = text_member(o, r.key, r.text ? dflt.c_str() : nullptr);
-        open_error_t res = s == nullptr ? OPEN_E_UNAVAIL : text_out(q.buffer(), s);
+        open_error_t res = s == nullptr ? OPEN_E_UNAVAIL : text_out(buf, s);
         if (res == OPEN_E_NONE && r.kind == op::address) {
             out0->put(strchr(s, ':') ? OPEN_AF_INET6 : OPEN_AF_INET);
             out1->put(strchr(s, ':') ? 16 : 4);
@@ -517,7 +503,7 @@ open_error_t apply(const row &r, json_t *m, const request &q)
         return res;
     }
     case op::mac: {
-        open_buffdesc *b = q.buffer() ? q.buffer()->buf : nullptr;
+        open_buffdesc *b = buf ? buf->buf : nullptr;
         unsigned int x[6];
         char tail;
         if (b == nullptr || b->pstart == nullptr || b->size < 6)
@@ -531,10 +517,8 @@ open_error_t apply(const row &r, json_t *m, const request &q)
         return OPEN_E_NONE;
     }
     case op::member_of:
-        if (out0 == nullptr)
-            return OPEN_E_PARAM;
-        if (missing)
-            return OPEN_E_NOT_FOUND;
+        if (out0 == nullptr || missing)
+            return out0 ? OPEN_E_NOT_FOUND : OPEN_E_PARAM;
         json_array_foreach(json_object_get(o, r.key), i, e)
         {
             n |= json_is_integer(e) && json_integer_value(e) == q.number("ifNum", -1);
@@ -556,10 +540,8 @@ open_error_t apply(const row &r, json_t *m, const request &q)
         return OPEN_E_NONE;
     case op::add:
         e = locate(m, p.parent, q, false);
-        if (unnamed)
-            return OPEN_E_PARAM;
-        if (o != nullptr)
-            return OPEN_E_EXISTS;
+        if (unnamed || o != nullptr)
+            return unnamed ? OPEN_E_PARAM : OPEN_E_EXISTS;
         if ((int64_t)json_array_size(json_object_get(e, p.name)) >=
             number_member(e, r.extra, r.extra_dflt))
             return OPEN_E_FULL;

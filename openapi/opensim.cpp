@@ -389,7 +389,7 @@ json_t *locate(json_t *model, scope s, const request &q, bool make)
     size_t i;
     if (p.by == nullptr)
         return list;
-    if (key == nullptr || (key->k == arg::text && !key->text_in(name)))
+    if (key == nullptr || key->k == arg::out || (key->k == arg::text && !key->text_in(name)))
         return nullptr;
     json_array_foreach(list, i, e)
     {

@@ -444,3 +444,173 @@ TEST(SimRoots, AnotherDeviceRootIsAnotherSwitch)
     ASSERT_EQ(openapiIfSpeedGet(&client, 1, &s), OPEN_E_NONE);
     EXPECT_EQ(s, OPEN_PORTCTRL_PORTSPEED_FULL_1000SX);
 }
+
+// ---- faults, one kind at a time --------------------------------------------
+
+TEST_F(SimTest, AFaultOnACallAloneForcesEveryWriteOfItAndIsJournalled)
+{
+    faults(R"([{"call":"rpcclt_openapiSaveConfig","result":-20}])");
+    EXPECT_EQ(rpcclt_openapiSaveConfig(&client), OPEN_E_RPC);
+    EXPECT_EQ(rpcclt_openapiSaveConfig(&client), OPEN_E_RPC);
+    EXPECT_EQ(journal(), lines({R"({"call":"rpcclt_openapiSaveConfig","result":-20})",
+                                R"({"call":"rpcclt_openapiSaveConfig","result":-20})"}));
+    // Nothing was applied, so the default switch was never written out.
+    EXPECT_FALSE(file_exists(model_path()));
+    // Without a count the entry stays as it was.
+    EXPECT_EQ(read_file(faults_path()), R"([{"call":"rpcclt_openapiSaveConfig","result":-20}])");
+}
+
+TEST_F(SimTest, AFaultWithoutAResultFailsWithMinus26)
+{
+    faults(R"([{"call":"rpcclt_openapiSysLogModeSet","count":1}])");
+    EXPECT_EQ(rpcclt_openapiSysLogModeSet(&client, OPEN_ENABLE), OPEN_E_FAIL);
+    EXPECT_EQ(rpcclt_openapiSysLogModeSet(&client, OPEN_ENABLE), OPEN_E_NONE);
+    EXPECT_EQ(journal(), lines({R"({"call":"rpcclt_openapiSysLogModeSet","mode":1,"result":-26})",
+                                R"({"call":"rpcclt_openapiSysLogModeSet","mode":1,"result":0})"}));
+}
+
+TEST_F(SimTest, AFaultForAPortHitsOnlyThatPortsWrites)
+{
+    faults(R"([{"call":"rpcclt_openapiIfAutoNegSet","port":26,"result":-26}])");
+    for (uint32_t port = 25; port <= 28; port++)
+        EXPECT_EQ(rpcclt_openapiIfAutoNegSet(&client, port, OPEN_PORT_AUTO_NEG_DISABLE),
+                  port == 26 ? OPEN_E_FAIL : OPEN_E_NONE);
+    EXPECT_EQ(
+        journal(),
+        lines({R"({"call":"rpcclt_openapiIfAutoNegSet","ifNum":25,"autoNeg":0,"result":0})",
+               R"({"call":"rpcclt_openapiIfAutoNegSet","ifNum":26,"autoNeg":0,"result":-26})",
+               R"({"call":"rpcclt_openapiIfAutoNegSet","ifNum":27,"autoNeg":0,"result":0})",
+               R"({"call":"rpcclt_openapiIfAutoNegSet","ifNum":28,"autoNeg":0,"result":0})"}));
+}
+
+TEST_F(SimTest, AFaultForAPortNeverMatchesACallWithoutOne)
+{
+    faults(R"([{"call":"rpcclt_openapiSaveConfig","port":1,"result":-26},
+               {"call":"rpcclt_openapiSysLogModeSet","vlan":1,"result":-26}])");
+    EXPECT_EQ(rpcclt_openapiSaveConfig(&client), OPEN_E_NONE);
+    EXPECT_EQ(rpcclt_openapiSysLogModeSet(&client, OPEN_DISABLE), OPEN_E_NONE);
+    EXPECT_EQ(journal(), lines({R"({"call":"rpcclt_openapiSaveConfig","result":0})",
+                                R"({"call":"rpcclt_openapiSysLogModeSet","mode":0,"result":0})"}));
+}
+
+TEST_F(SimTest, AForcedTextWriteIsJournalledWithItsArgumentsAndNotApplied)
+{
+    faults(R"([{"call":"rpcclt_openapiLoggingHostAdd","result":-23,"count":1}])");
+    open_buffdesc host = text("10.0.0.9");
+    EXPECT_EQ(rpcclt_openapiLoggingHostAdd(&client, &host), OPEN_E_FULL);
+    EXPECT_EQ(rpcclt_openapiLoggingHostPortSet(&client, &host, 514), OPEN_E_NOT_FOUND);
+    EXPECT_EQ(rpcclt_openapiLoggingHostAdd(&client, &host), OPEN_E_NONE);
+    EXPECT_EQ(
+        journal(),
+        lines(
+            {R"({"call":"rpcclt_openapiLoggingHostAdd","host":"10.0.0.9","result":-23})",
+             R"({"call":"rpcclt_openapiLoggingHostPortSet","host":"10.0.0.9","port":514,"result":-29})",
+             R"({"call":"rpcclt_openapiLoggingHostAdd","host":"10.0.0.9","result":0})"}));
+    // An added host starts on port 514 with severity 3.
+    std::string m = read_file(model_path());
+    for (const char *want : {"\"host\": \"10.0.0.9\"", "\"port\": 514", "\"severity\": 3"})
+        EXPECT_NE(m.find(want), std::string::npos) << want;
+}
+
+TEST_F(SimTest, AForcedZeroLetsAWriteThroughAndUsesUpItsCount)
+{
+    faults(R"([{"call":"rpcclt_openapiSystemReload","result":0,"count":1},
+               {"call":"rpcclt_openapiSystemReload","result":-25}])");
+    EXPECT_EQ(rpcclt_openapiSystemReload(&client), OPEN_E_NONE);
+    // The first entry is spent; the second one now matches.
+    EXPECT_EQ(rpcclt_openapiSystemReload(&client), OPEN_E_TIMEOUT);
+    EXPECT_EQ(journal(), lines({R"({"call":"rpcclt_openapiSystemReload","result":0})",
+                                R"({"call":"rpcclt_openapiSystemReload","result":-25})"}));
+    EXPECT_NE(read_file(model_path()).find("\"reloads\": 1"), std::string::npos);
+}
+
+TEST_F(SimTest, AFaultWithoutCountsLeftNeverApplies)
+{
+    faults(R"([{"call":"rpcclt_openapiSaveConfig","result":-26,"count":0},
+               {"call":"rpcclt_openapiSaveConfig","result":-26,"count":"two"}])");
+    EXPECT_EQ(rpcclt_openapiSaveConfig(&client), OPEN_E_NONE);
+    EXPECT_EQ(journal(), lines({R"({"call":"rpcclt_openapiSaveConfig","result":0})"}));
+}
+
+TEST_F(SimTest, AFaultForTheCurrentPortEndsTheInterfaceWalk)
+{
+    faults(R"([{"call":"openapiIfNextGet","port":3,"result":-21,"count":1}])");
+    EXPECT_EQ(walk(OPEN_INTF_TYPE_PHY), range(1, 3));
+    EXPECT_EQ(walk(OPEN_INTF_TYPE_PHY), range(1, 28));
+}
+
+TEST_F(SimTest, AFaultForAVlanAndAPortNeedsBoth)
+{
+    model(R"({"vlans":[{"id":1,"ports":[1,2]},{"id":5,"ports":[2]}]})");
+    faults(R"([{"call":"openapiVlanIfParticipationStatusGet","vlan":5,"port":2,"result":-27}])");
+    uint32_t in = 7;
+    EXPECT_EQ(openapiVlanIfParticipationStatusGet(&client, 5, 2, &in), OPEN_E_DISABLED);
+    // A forced read leaves the caller's value alone.
+    EXPECT_EQ(in, 7u);
+    EXPECT_EQ(openapiVlanIfParticipationStatusGet(&client, 1, 2, &in), OPEN_E_NONE);
+    EXPECT_EQ(in, 1u);
+    EXPECT_EQ(openapiVlanIfParticipationStatusGet(&client, 5, 1, &in), OPEN_E_NONE);
+    EXPECT_EQ(in, 0u);
+    EXPECT_EQ(openapiVlanIfParticipationStatusGet(&client, 9, 1, &in), OPEN_E_NOT_FOUND);
+}
+
+// ---- model details the agent relies on --------------------------------------
+
+TEST_F(SimTest, StatesInWordsBooleansAndNumbers)
+{
+    model(R"({"ports":[{"link":true,"admin":false,"duplex":"half"},
+                       {"link":7,"admin":"disable","duplex":2},
+                       {"link":"sideways","admin":"on","duplex":true}]})");
+    EXPECT_EQ(link(1), OPEN_LINK_UP);
+    EXPECT_EQ(admin(1), OPEN_DISABLE);
+    EXPECT_EQ(link(2), 7);
+    EXPECT_EQ(admin(2), OPEN_DISABLE);
+    EXPECT_EQ(link(3), OPEN_LINK_DOWN);
+    EXPECT_EQ(admin(3), OPEN_ENABLE);
+    OPEN_PORT_DUPLEX_t d;
+    EXPECT_EQ(rpcclt_openapiIfDuplexModeGet(&client, 1, &d), OPEN_E_NONE);
+    EXPECT_EQ(d, OPEN_PORT_DUPLEX_HALF);
+    EXPECT_EQ(rpcclt_openapiIfDuplexModeGet(&client, 2, &d), OPEN_E_NONE);
+    EXPECT_EQ(d, OPEN_PORT_DUPLEX_UNKNOWN);
+    EXPECT_EQ(rpcclt_openapiIfDuplexModeGet(&client, 3, &d), OPEN_E_NONE);
+    EXPECT_EQ(d, OPEN_PORT_DUPLEX_FULL);
+
+    EXPECT_EQ(rpcclt_openapiSntpClientModeSet(&client, OPEN_SNTP_CLIENT_BROADCAST), OPEN_E_NONE);
+    EXPECT_EQ(rpcclt_openapiSntpClientModeSet(&client, (OPEN_SNTP_CLIENT_MODE_t)3), OPEN_E_PARAM);
+    EXPECT_NE(read_file(model_path()).find("\"client_mode\": \"broadcast\""), std::string::npos);
+}
+
+TEST_F(SimTest, AMacAddressThatDoesNotParseIsAnInternalError)
+{
+    model(R"({"system":{"mac_address":"02:00:00:00:00"}})");
+    uint8_t mac[6];
+    open_buffdesc m{sizeof(mac), mac};
+    EXPECT_EQ(rpcclt_openapiSystemMacAddrGet(&client, &m), OPEN_E_INTERNAL);
+    m.size = 5;
+    EXPECT_EQ(rpcclt_openapiSystemMacAddrGet(&client, &m), OPEN_E_PARAM);
+}
+
+TEST_F(SimTest, ASupportFileNamedByADevicePathGoesThere)
+{
+    mkdir(root.at("/tmp").c_str(), 0755);
+    open_buffdesc file = text("/tmp/support-data.txt");
+    EXPECT_EQ(rpcclt_openapiSupportFileGenerate(&client, &file), OPEN_E_NONE);
+    std::string data = read_file(root.at("/tmp/support-data.txt"));
+    EXPECT_EQ(data.rfind("Switch support data\nSerial number: VX0123456789\n"
+                         "Machine model: VX-S28\n\n{\n",
+                         0),
+              0u);
+    EXPECT_EQ(
+        journal(),
+        lines(
+            {R"({"call":"rpcclt_openapiSupportFileGenerate","fileName":"/tmp/support-data.txt","result":0})"}));
+}
+
+TEST_F(SimTest, AMemberOfTheWrongKindIsLeftAlone)
+{
+    model(R"({"logging":5,"applications":"none"})");
+    open_buffdesc host = text("10.0.0.9"), app = text("tq_agent"), version = text("1.0");
+    EXPECT_EQ(rpcclt_openapiLoggingHostAdd(&client, &host), OPEN_E_NONE);
+    EXPECT_EQ(rpcclt_openapiAppCtrlVersionSet(&client, &app, &version), OPEN_E_NONE);
+    EXPECT_EQ(read_file(model_path()), "{\n  \"logging\": 5,\n  \"applications\": \"none\"\n}\n");
+}

@@ -11,11 +11,13 @@
 // Each OpEN call is one row: the place in the model it works on, what it does
 // there, with which member and default. One body serves every row: it brings
 // both files up to date, lets a fault answer instead, does the row's work and
-// journals the writes.
+// journals the writes. Following the files and reading and writing the
+// model's JSON are in simmodel.cpp.
 #include "openapi.h"
 
 #include "devroot.h"
 #include "raii.h"
+#include "simmodel.h"
 
 #include <jansson.h>
 
@@ -33,35 +35,7 @@
 namespace
 {
 
-constexpr const char *switch_folder = "/var/switch/"; // where a bare support file name goes
-constexpr const char *journal_file = "/var/switch/journal";
-
-// Values served when the model leaves them out.
-constexpr int default_port_count = 28;
-constexpr const char *default_serial = "VX0123456789";
-constexpr const char *default_model = "VX-S28";
-constexpr const char *default_mac = "02:00:00:00:00:01";
-constexpr json_int_t default_prompt_max_size = 64;
-constexpr json_int_t default_filename_max_length = 128;
-constexpr json_int_t default_lldp_str_len = 256;
-constexpr json_int_t default_max_logging_hosts = 8;
-constexpr json_int_t default_max_sntp_servers = 3;
-constexpr json_int_t default_logging_port = 514;
-constexpr json_int_t default_logging_severity = OPEN_LOG_SEVERITY_ERROR;
-
-// A file the simulator follows, with the value last taken from it and the stat
-// and text it had then.
-struct followed {
-    followed(const char *device, bool array) : device_path(device), want_array(array) {}
-    const char *device_path;
-    bool want_array;
-    std::string path; // the mapped path the state below belongs to
-    bool present = false;
-    struct stat st = {};
-    std::string raw;
-    std::string refused; // a text that did not parse, reported once
-    json_ptr value;
-};
+using namespace opensim;
 
 struct simulator {
     std::mutex lock;
@@ -70,205 +44,6 @@ struct simulator {
 };
 
 simulator sim;
-
-bool read_all(const char *path, std::string &out)
-{
-    file_ptr f(fopen(path, "rb"));
-    char buf[8192];
-    size_t n;
-    out.clear();
-    while (f && (n = fread(buf, 1, sizeof(buf), f.get())) > 0)
-        out.append(buf, n);
-    return f && !ferror(f.get());
-}
-
-// A file changed within the last two seconds is never taken as unchanged: its
-// modification time may not have moved since.
-bool unchanged(const struct stat &a, const struct stat &b)
-{
-    struct timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
-           a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
-           a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec &&
-           now.tv_sec - std::max(a.st_mtim.tv_sec, a.st_ctim.tv_sec) >= 2;
-}
-
-bool make_parents(const std::string &path)
-{
-    for (size_t i = path.find('/', 1); i != std::string::npos; i = path.find('/', i + 1))
-        if (mkdir(path.substr(0, i).c_str(), 0755) != 0 && errno != EEXIST)
-            return false;
-    return true;
-}
-
-// Re-reads a followed file when it changed. A text that does not parse (a
-// half-written file, a typo) leaves the previous value in place and is tried
-// again on the next call.
-void refresh(followed &w)
-{
-    char p[1024];
-    struct stat st;
-    std::string raw;
-    json_error_t err;
-    if (devroot_path(w.device_path, p, sizeof(p)) == nullptr)
-        return;
-    if (w.path != p) {
-        // Another device root: nothing of the old one applies.
-        w = followed(w.device_path, w.want_array);
-        w.path = p;
-    }
-    if (stat(p, &st) != 0) {
-        if (w.present) {
-            w.present = false;
-            w.raw.clear();
-            w.value.reset();
-        }
-        return;
-    }
-    if ((w.present && unchanged(st, w.st)) || !read_all(p, raw))
-        return;
-    if (w.present && raw == w.raw) {
-        w.st = st;
-        return;
-    }
-    json_ptr j(json_loadb(raw.data(), raw.size(), 0, &err));
-    if (!j || (w.want_array ? !json_is_array(j.get()) : !json_is_object(j.get()))) {
-        if (raw != w.refused)
-            fprintf(stderr, "switch simulator: ignoring %s: %s\n", p,
-                    j ? (w.want_array ? "not an array" : "not an object") : err.text);
-        w.refused = raw;
-        return;
-    }
-    w.value = std::move(j);
-    w.present = true;
-    w.st = st;
-    w.raw = std::move(raw);
-}
-
-// Writes a followed file through a temporary and a rename, so that readers
-// never see half of it, and remembers what was written.
-void save(followed &w)
-{
-    malloc_ptr<char> text(json_dumps(w.value.get(), JSON_INDENT(2) | JSON_PRESERVE_ORDER));
-    if (w.path.empty() || !make_parents(w.path) || !text)
-        return;
-    std::string raw = std::string(text.get()) + "\n", tmp = w.path + ".tmp";
-    {
-        file_ptr f(fopen(tmp.c_str(), "wb"));
-        if (!f || fwrite(raw.data(), 1, raw.size(), f.get()) != raw.size())
-            return;
-    }
-    struct stat st;
-    if (rename(tmp.c_str(), w.path.c_str()) == 0 && stat(w.path.c_str(), &st) == 0) {
-        w.st = st;
-        w.present = true;
-        w.raw = std::move(raw);
-    }
-}
-
-// ---- the model -----------------------------------------------------------
-
-json_t *member(json_t *obj, const char *key, json_t *(*make)(void))
-{
-    json_t *v = json_object_get(obj, key);
-    if (v == nullptr && json_is_object(obj)) {
-        v = make();
-        json_object_set_new(obj, key, v);
-    }
-    return v;
-}
-
-const char *text_member(json_t *obj, const char *key, const char *dflt)
-{
-    json_t *v = json_object_get(obj, key);
-    return json_is_string(v) ? json_string_value(v) : dflt;
-}
-
-// Texts from the agent need not be UTF-8; the model and journal are.
-json_t *text_value(const std::string &s)
-{
-    std::string clean(s);
-    for (char &c : clean)
-        if ((unsigned char)c >= 0x80)
-            c = '?';
-    json_t *v = json_string(s.c_str());
-    return v != nullptr ? v : json_string(clean.c_str());
-}
-
-// How a number is kept in the model. With words, word[v] names OpEN value v,
-// and a boolean may stand for the first two: true for `on`, false for the
-// other. Without words it is a boolean when `on` is set, else the number
-// itself. Writes accept lo..hi.
-struct spelling {
-    const char *word[4];
-    int64_t on, lo, hi;
-};
-
-constexpr spelling plain{{}, -1, INT64_MIN, INT64_MAX};
-constexpr spelling control{{"disable", "enable"}, OPEN_ENABLE, 0, 1};
-constexpr spelling link_words{{"up", "down"}, OPEN_LINK_UP, 0, 1};
-constexpr spelling duplex_words{{"half", "full"}, OPEN_PORT_DUPLEX_FULL, 0, 1};
-constexpr spelling sntp_words{{"disabled", "unicast", "broadcast"}, -1, 0, 2};
-constexpr spelling flag{{}, OPEN_PORT_AUTO_NEG_ENABLE, 0, 1};
-constexpr spelling udp_port{{}, -1, 1, UINT16_MAX};
-constexpr spelling severity_range{{}, -1, OPEN_LOG_SEVERITY_EMERGENCY, OPEN_LOG_SEVERITY_DEBUG};
-constexpr spelling intf_types{{"phy", "cpu", "lag", "vlan"}, -1, 0, 3};
-
-int64_t number_member(json_t *obj, const char *key, int64_t dflt, const spelling &s = plain)
-{
-    json_t *v = json_object_get(obj, key);
-    if (json_is_integer(v))
-        return (int64_t)json_integer_value(v);
-    if (json_is_boolean(v) && s.word[0] != nullptr)
-        return json_is_true(v) ? s.on : 1 - s.on;
-    for (int64_t i = 0; i < 4 && json_is_string(v); i++)
-        if (s.word[i] != nullptr && strcmp(json_string_value(v), s.word[i]) == 0)
-            return i;
-    return dflt;
-}
-
-json_t *spelled(int64_t v, const spelling &s)
-{
-    if (s.word[0] != nullptr)
-        return json_string(s.word[v]);
-    return s.on >= 0 ? json_boolean(v == s.on) : json_integer(v);
-}
-
-// A port's type is only ever a word; one not known is OPEN_INTF_TYPE_OTHER.
-int64_t type_of(json_t *port)
-{
-    if (!json_is_string(json_object_get(port, "type")))
-        return OPEN_INTF_TYPE_PHY;
-    return number_member(port, "type", OPEN_INTF_TYPE_OTHER, intf_types);
-}
-
-json_t *build_default_model(void)
-{
-    json_t *ports = json_array();
-    json_t *members = json_array();
-    for (int i = 1; i <= default_port_count; i++) {
-        char name[16], mac[18];
-        snprintf(name, sizeof(name), "0/%d", i);
-        snprintf(mac, sizeof(mac), "02:00:00:00:01:%02x", i);
-        // 24 copper gigabit ports and four 10G fibre uplinks.
-        int speed =
-            i <= 24 ? OPEN_PORTCTRL_PORTSPEED_FULL_1000SX : OPEN_PORTCTRL_PORTSPEED_FULL_10GSX;
-        json_array_append_new(ports,
-                              json_pack("{s:i,s:s,s:s,s:s,s:s,s:i,s:s,s:b,s:s,s:[]}", "ifnum", i,
-                                        "name", name, "mac", mac, "link", "down", "admin", "enable",
-                                        "speed", speed, "duplex", "full", "autoneg", 1,
-                                        "lldp_receive", "enable", "neighbors"));
-        json_array_append_new(members, json_integer(i));
-    }
-    return json_pack("{s:{s:s,s:s,s:s,s:s,s:s,s:s,s:I,s:I,s:I},s:o,s:[{s:i,s:s,s:o}]}", "system",
-                     "serial_number", default_serial, "machine_model", default_model, "mac_address",
-                     default_mac, "cloud_managed_mode", "enable", "cloud_server_url", "", "prompt",
-                     default_model, "prompt_max_size", default_prompt_max_size,
-                     "filename_max_length", default_filename_max_length, "lldp_mgmt_str_len",
-                     default_lldp_str_len, "ports", ports, "vlans", "id", 1, "name", "default",
-                     "ports", members);
-}
 
 // ---- the arguments of a call ---------------------------------------------
 

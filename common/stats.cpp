@@ -20,8 +20,11 @@
 
 std::mutex stats_lock;
 std::mutex collector_lock;
-std::condition_variable collector_ready;
-std::condition_variable stats_ready;
+// Never destroyed: the collector and the sender may still wait on them when
+// the process exits, and destroying a condition variable that has waiters
+// blocks for good.
+std::condition_variable &collector_ready = *new std::condition_variable;
+std::condition_variable &stats_ready = *new std::condition_variable;
 stream_record stats_stream("stats_sender", stats_send);
 timer_t stats_timer;
 int (*stats_clock_gettime)(clockid_t clock, struct timespec *ts) = clock_gettime;

@@ -36,8 +36,8 @@ extern std::mutex collector_lock;
 // interval) is due. The threads wait on them under a lock of the tick's own
 // and only for a tick that is due, so a wake-up with nothing due is slept
 // through and a tick that comes while a thread is busy is not lost.
-extern std::condition_variable collector_ready;
-extern std::condition_variable stats_ready;
+extern std::condition_variable &collector_ready;
+extern std::condition_variable &stats_ready;
 // The stream "set.statistics" turns on: its switch and interval, read by the
 // tick handler and the statistics threads on every pass, and its
 // "stats_sender" thread.

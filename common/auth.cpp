@@ -13,7 +13,7 @@
 #include <ctime>
 #include <jansson.h>
 #include <memory>
-#include <pthread.h>
+#include <mutex>
 
 time_t (*auth_time)(time_t *now) = time;
 
@@ -23,7 +23,7 @@ namespace
 constexpr int MAX_EXPIRES_IN = 86400;
 constexpr int FALLBACK_EXPIRES_IN = 60;
 
-pthread_mutex_t token_lock = PTHREAD_MUTEX_INITIALIZER;
+std::mutex token_lock;
 char access_token[ACCESS_TOKEN_SIZE];
 bool token_valid;
 time_t expires_at;
@@ -125,10 +125,9 @@ void check_refusal(const reply *r)
 
 int get_access_token(char *token)
 {
-    pthread_mutex_lock(&token_lock);
+    std::lock_guard<std::mutex> hold(token_lock);
     if (token_valid && auth_time(nullptr) < expires_at) {
         strcpy(token, access_token);
-        pthread_mutex_unlock(&token_lock);
         return 1;
     }
     clear_token();
@@ -138,8 +137,7 @@ int get_access_token(char *token)
         snprintf(credentials, sizeof(credentials), "%s:%s", env_serial, env_serial);
         secret64 = base64_encode(credentials, nullptr);
         if (secret64 == nullptr) {
-            log_fprint(orkad_log, "%s: base64_encode returned NULL\n", "get_access_token");
-            pthread_mutex_unlock(&token_lock);
+            log_fprint(orkad_log, "%s: base64_encode returned NULL\n", __func__);
             token[0] = '\0';
             return 0;
         }
@@ -151,8 +149,7 @@ int get_access_token(char *token)
         controller_request(controller_call::token, "/oauth/token?grant_type=client_credentials", "",
                            0, nullptr, basic.c_str());
     if (res.outcome == controller_result::no_controller) {
-        log_fprint(orkad_log, "%s: controller not set yet!\n", "get_access_token");
-        pthread_mutex_unlock(&token_lock);
+        log_fprint(orkad_log, "%s: controller not set yet!\n", __func__);
         token[0] = '\0';
         return 0;
     }
@@ -162,14 +159,11 @@ int get_access_token(char *token)
         check_refusal(res.body.get());
 
     strcpy(token, access_token);
-    int valid = token_valid ? 1 : 0;
-    pthread_mutex_unlock(&token_lock);
-    return valid;
+    return token_valid ? 1 : 0;
 }
 
 void invalidate_access_token(void)
 {
-    pthread_mutex_lock(&token_lock);
+    std::lock_guard<std::mutex> hold(token_lock);
     clear_token();
-    pthread_mutex_unlock(&token_lock);
 }

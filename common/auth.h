@@ -3,7 +3,7 @@
 
 #include <ctime>
 
-#define ACCESS_TOKEN_SIZE 256
+constexpr int ACCESS_TOKEN_SIZE = 256;
 
 // Copies the token (or "") into a 256-byte buffer; 1 when a valid token was
 // copied, 0 otherwise.

@@ -15,7 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <pthread.h>
+#include <mutex>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,44 +32,44 @@ const char installer[] = "/usr/sbin/varnex-updates " UPDATES_IMAGE " > /rw/varne
 
 // One check at a time: phone-home, set.firmware and the retry thread may
 // all ask at once, and a check may hold a whole download.
-pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+std::mutex check_lock;
 
 int install(const char *href)
 {
-    const char *fn = "check_updates";
-    log_fprint(orkad_log, "%s: downloading new firmware, url = '%s'\n", fn, href);
+    log_fprint(orkad_log, "%s: downloading new firmware, url = '%s'\n", "check_updates", href);
     if (http_download_file(href, UPDATES_IMAGE) != 0)
         return -1;
-    log_fprint(orkad_log, "%s: running /usr/sbin/varnex-updates " UPDATES_IMAGE "\n", fn);
+    log_fprint(orkad_log, "%s: running /usr/sbin/varnex-updates " UPDATES_IMAGE "\n",
+               "check_updates");
     int rc = dev_system(installer);
     int status = (rc != -1 && WIFEXITED(rc)) ? WEXITSTATUS(rc) : -1;
     if (status != 0) {
         // The image stays where it is; the next download overwrites it.
         log_fprint(orkad_log, "%s: varnex-updates " UPDATES_IMAGE " failed with error code %d\n",
-                   fn, status);
+                   "check_updates", status);
         return status;
     }
-    log_fprint(orkad_log, "%s: update successfully completed, restarting system.", fn);
+    log_fprint(orkad_log, "%s: update successfully completed, restarting system.", "check_updates");
     int rc_reboot = platform_reboot();
     // Still here: the new image is not running yet. That is no "up to date",
     // so whoever asked (the retries above all) must try again.
-    log_fprint(orkad_log, "%s: system did not restart after the update (result = %d)\n", fn,
-               rc_reboot);
+    log_fprint(orkad_log, "%s: system did not restart after the update (result = %d)\n",
+               "check_updates", rc_reboot);
     return -1;
 }
 
 int handle_reply(const reply *r)
 {
-    const char *fn = "check_updates";
     json_error_t err;
     json_ptr root(json_loadb_bounded(r->data, r->length, 0, &err));
     if (!root) {
-        log_fprint(orkad_log, "%s: error decoding auto-updates data: %s\n", fn, err.text);
+        log_fprint(orkad_log, "%s: error decoding auto-updates data: %s\n", "check_updates",
+                   err.text);
         return -1;
     }
     json_t *current = json_object_get(root.get(), "currentFirmware");
     if (!json_is_object(current)) {
-        log_fprint(orkad_log, "%s: missing or invalid 'currentFirmware' object\n", fn);
+        log_fprint(orkad_log, "%s: missing or invalid 'currentFirmware' object\n", "check_updates");
         return -1;
     }
     json_t *download = json_object_get(current, "download");
@@ -81,7 +81,8 @@ int handle_reply(const reply *r)
     health_firmware_pending(json_is_string(offered) ? json_string_value(offered) : "unknown");
     json_t *href = json_object_get(download, "href");
     if (!json_is_string(href)) {
-        log_fprint(orkad_log, "%s: missing or invalid 'href' element in 'download' object\n", fn);
+        log_fprint(orkad_log, "%s: missing or invalid 'href' element in 'download' object\n",
+                   "check_updates");
         return -1;
     }
     return install(json_string_value(href));
@@ -96,7 +97,7 @@ void auto_updates(void)
 
 int check_updates(void)
 {
-    pthread_mutex_lock(&lock);
+    std::lock_guard<std::mutex> hold(check_lock);
     int result = -1;
     // The version of the bank we booted from.
     const char *version = strcmp(env_boot, "0") == 0 ? env_primary : env_secondary;
@@ -108,7 +109,6 @@ int check_updates(void)
         if (result == 0)
             result = handle_reply(res.body.get());
     }
-    pthread_mutex_unlock(&lock);
     return result;
 }
 

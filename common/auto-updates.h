@@ -5,6 +5,8 @@
 #include <atomic>
 #include <jansson.h>
 
+// Where the image is downloaded; a macro, for it is pasted into the
+// installer's command line and its log lines.
 #define UPDATES_IMAGE "/tmp/updates.tar"
 
 // Set while a retry thread runs (claimed by the starter, so two starts in a

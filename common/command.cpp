@@ -41,10 +41,10 @@ void command_init(void)
 {
     cmd_processor_table = table_create("cmd_processor_table", 32);
     if (cmd_processor_table == nullptr)
-        log_fprint(orkad_log, "%s: cannot create command table\n", "command_init");
+        log_fprint(orkad_log, "%s: cannot create command table\n", __func__);
     cmd_work_queue = queue_create("cmd_work_queue");
     if (cmd_work_queue == nullptr)
-        log_fprint(orkad_log, "%s: cannot create command queue\n", "command_init");
+        log_fprint(orkad_log, "%s: cannot create command queue\n", __func__);
     thread_start("command_runner", command_runner, nullptr, nullptr, nullptr);
 }
 
@@ -56,7 +56,7 @@ int command_register(const char *name, cmd_fn fn)
     malloc_ptr<struct cmd_processor> cp(
         static_cast<struct cmd_processor *>(calloc(1, sizeof(struct cmd_processor))));
     if (!cp) {
-        log_fprint(orkad_log, "%s: out of memory\n", "command_register");
+        log_fprint(orkad_log, "%s: out of memory\n", __func__);
         return -1;
     }
     // Bounded copy: every command name in use is far shorter than 40.

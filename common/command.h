@@ -14,10 +14,10 @@
 // controller itself.
 typedef void (*cmd_fn)(char *name, json_t *command, char *response_link);
 
-#define CMD_NAME_SIZE 40
+constexpr int CMD_NAME_SIZE = 40;
 // A command's "id" is kept to 41 characters; its answer's message to 511.
-#define CMD_ID_SIZE 42
-#define CMD_MESSAGE_SIZE 512
+constexpr int CMD_ID_SIZE = 42;
+constexpr int CMD_MESSAGE_SIZE = 512;
 
 struct cmd_processor {
     char name[CMD_NAME_SIZE];
@@ -27,8 +27,8 @@ struct cmd_processor {
 
 // Bits computed from a command's "flags" text; they do not change how
 // commands run.
-#define CMD_FLAG_CHAIN 1
-#define CMD_FLAG_LAST 2
+constexpr int CMD_FLAG_CHAIN = 1;
+constexpr int CMD_FLAG_LAST = 2;
 
 void command_init(void);
 int command_register(const char *name, cmd_fn fn);

@@ -102,7 +102,7 @@ void config_init(void)
     char url[256] = "";
     if (platform_cloud_management_get_url(url, sizeof(url)) == 0 && url[0] != '\0') {
         env_homesite = url;
-        log_fprint(orkad_log, "%s: homesite = url:'%s'\n", "config_init", url);
+        log_fprint(orkad_log, "%s: homesite = url:'%s'\n", __func__, url);
     }
 
     get_env_variable("uuid", env_uuid, sizeof(env_uuid));
@@ -234,10 +234,10 @@ void cmd_del_config(char *name, json_t *command, char *resp_href)
     // Answer first: once reset, the device cannot tell the controller.
     if (cmd.answer(0) == 0) {
         if (mode != nullptr && strcmp(mode, "soft") == 0) {
-            log_fprint(orkad_log, "%s: performing soft reset\n", "cmd_del_config");
+            log_fprint(orkad_log, "%s: performing soft reset\n", __func__);
             platform_factory_reset_soft();
         } else {
-            log_fprint(orkad_log, "%s: performing default/normal reset\n", "cmd_del_config");
+            log_fprint(orkad_log, "%s: performing default/normal reset\n", __func__);
             platform_factory_reset();
         }
     }
@@ -254,12 +254,12 @@ int send_refresh_config(void)
         json_object_set_new(doc.get(), "reason",
                             json_string(restarts > 0 ? "restart" : "reboot")) != 0 ||
         json_object_set(doc.get(), "capabilities", capabilities.get()) != 0) {
-        log_fprint(orkad_log, "%s: cannot build the refresh notice\n", "send_refresh_config");
+        log_fprint(orkad_log, "%s: cannot build the refresh notice\n", __func__);
         return 1;
     }
     malloc_ptr<char> body(json_dumps(doc.get(), JSON_COMPACT | JSON_PRESERVE_ORDER));
     if (!body) {
-        log_fprint(orkad_log, "%s: cannot build the refresh notice\n", "send_refresh_config");
+        log_fprint(orkad_log, "%s: cannot build the refresh notice\n", __func__);
         return 1;
     }
     return controller_post(controller_call::refresh, "/refresh-config", body.get(),

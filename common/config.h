@@ -35,6 +35,9 @@ typedef struct lan_status {
 void config_init(void);
 void cmd_set_config(char *name, json_t *command, char *resp_href);
 void cmd_del_config(char *name, json_t *command, char *resp_href);
+// 0, or -1 with the answer's message in message (CMD_MESSAGE_SIZE bytes).
 int set_port_config(json_t *ports, char *message);
 int set_lan_config(json_t *lan, char *message);
+// 1 when nothing was sent (no controller, no token, no notice could be
+// built), else the last post's result as http_post gives it.
 int send_refresh_config(void);

@@ -9,7 +9,7 @@
 #include "utils.h"
 
 #include <cstdio>
-#include <pthread.h>
+#include <mutex>
 
 namespace
 {
@@ -19,12 +19,12 @@ const char gzip_command[] = "/bin/gzip -9 " DIAGS_TAR " > /dev/null 2>&1";
 const char upload_failed[] = "failed to upload diagnostics data";
 
 // Collections share fixed file names in /tmp, so one runs at a time.
-pthread_mutex_t diags_lock = PTHREAD_MUTEX_INITIALIZER;
+std::mutex diags_lock;
 
 // Collects the archive and uploads it to href on the controller; 0 or -1.
 int collect_and_upload(const char *href)
 {
-    pthread_mutex_lock(&diags_lock);
+    std::lock_guard<std::mutex> hold(diags_lock);
     dev_remove(DIAGS_ARCHIVE);
     platform_get_support_data(DIAGS_SUPPORT_FILE);
     // The dump script's own status says nothing: what counts is the tar it
@@ -36,7 +36,6 @@ int collect_and_upload(const char *href)
         // and settings all the same.
         dev_remove(DIAGS_TAR);
         dev_remove(DIAGS_ARCHIVE);
-        pthread_mutex_unlock(&diags_lock);
         return -1;
     }
     controller_result res =
@@ -46,7 +45,6 @@ int collect_and_upload(const char *href)
     // offered to the controller it has no reason to stay, and a failed
     // upload is asked for again with a new collection.
     dev_remove(DIAGS_ARCHIVE);
-    pthread_mutex_unlock(&diags_lock);
     return rc;
 }
 

@@ -5,9 +5,10 @@
 
 #include <jansson.h>
 
-#define DIAGS_SUPPORT_FILE "/tmp/platform-tech-support.txt"
+constexpr char DIAGS_SUPPORT_FILE[] = "/tmp/platform-tech-support.txt";
+// A macro: pasted into the gzip command line.
 #define DIAGS_TAR "/tmp/diagnostics.tar"
-#define DIAGS_ARCHIVE "/tmp/diagnostics.tar.gz"
+constexpr char DIAGS_ARCHIVE[] = "/tmp/diagnostics.tar.gz";
 
 void diags_init(void);
 void cmd_get_diagnostics(char *command, json_t *js_command, char *resp_href);

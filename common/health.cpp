@@ -17,7 +17,9 @@
 #include <atomic>
 #include <climits>
 #include <csignal>
+#include <cstddef>
 #include <cstring>
+#include <iterator>
 #include <mutex>
 #include <optional>
 #include <sys/un.h>
@@ -90,39 +92,19 @@ json_t *text_or_null(const std::string &text)
     return text.empty() ? json_null() : json_string(text.c_str());
 }
 
-const char *source_name(controller_source s)
+// The answer's name of an enum value: names[] follows the enum's order;
+// a value out of its range gets the first.
+template <typename E, size_t N> const char *name_of(E value, const char *const (&names)[N])
 {
-    switch (s) {
-    case controller_source::none:
-        return nullptr;
-    case controller_source::phone_home:
-        return "phone-home";
-    case controller_source::boot:
-        return "boot";
-    case controller_source::site:
-        return "site";
-    case controller_source::stored:
-        return "stored";
-    }
-    return nullptr;
+    auto i = static_cast<size_t>(value);
+    return i < N ? names[i] : names[0];
 }
 
-const char *phone_state_name(int s)
-{
-    switch (static_cast<phone_home_state>(s)) {
-    case phone_home_state::idle:
-        return "idle";
-    case phone_home_state::asking:
-        return "asking";
-    case phone_home_state::done:
-        return "done";
-    case phone_home_state::failed:
-        return "failed";
-    case phone_home_state::skipped:
-        return "skipped";
-    }
-    return "idle";
-}
+// Null for none: the answer says null.
+const char *const source_names[] = {nullptr, "phone-home", "boot", "site", "stored"};
+const char *const phone_state_names[] = {"idle", "asking", "done", "failed", "skipped"};
+static_assert(std::size(source_names) == static_cast<size_t>(controller_source::stored) + 1);
+static_assert(std::size(phone_state_names) == static_cast<size_t>(phone_home_state::skipped) + 1);
 
 const call_figures &of(controller_call call)
 {
@@ -319,17 +301,17 @@ json_ptr health_status(void)
                         since >= 0 ? json_integer(monotonic_seconds() - since) : json_null());
     json_object_set_new(d, "restarts", json_integer(restarts));
 
-    const char *src = source_name(from);
+    const char *src = name_of(from, source_names);
     json_object_set_new(d, "controller",
                         json_pack("{s:o,s:o}", "url", text_or_null(url), "source",
                                   src != nullptr ? json_string(src) : json_null()));
-    json_object_set_new(d, "phone_home",
-                        json_pack("{s:s,s:o,s:o}", "state", phone_state_name(phone_state.load()),
-                                  "last", time_or_null(phone_last.load()), "result",
-                                  result_or_null(phone_result.load())));
+    json_object_set_new(
+        d, "phone_home",
+        json_pack("{s:s,s:o,s:o}", "state", name_of(phone_state.load(), phone_state_names), "last",
+                  time_or_null(phone_last.load()), "result", result_or_null(phone_result.load())));
 
     const call_figures &hb = of(controller_call::heartbeat);
-    int interval = std::atomic_ref<int>(heartbeat_interval).load(std::memory_order_relaxed);
+    int interval = heartbeat_interval.load(std::memory_order_relaxed);
     json_object_set_new(d, "heartbeat",
                         json_pack("{s:i,s:o,s:o,s:o,s:i}", "interval", interval, "last",
                                   time_or_null(hb.last.load()), "result",

@@ -19,16 +19,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <pthread.h>
+#include <mutex>
 #include <sys/syscall.h>
 #include <sys/sysinfo.h>
 #include <syslog.h>
 #include <unistd.h>
 
 std::atomic<heartbeat_provider *> heartbeat_providers{nullptr};
-int heartbeat_interval = 10;
+std::atomic<int> heartbeat_interval{10};
 char heartbeat_link[HEARTBEAT_LINK_SIZE] = "/heartbeat";
-uint64_t heartbeat_count;
+std::atomic<uint64_t> heartbeat_count{0};
 unsigned int (*heartbeat_sleep)(unsigned int seconds) = sleep;
 
 namespace
@@ -40,18 +40,18 @@ constexpr int MAX_INTERVAL = 60;
 
 // The link is rewritten by "set.heartbeat" on the command thread while the
 // heartbeat thread builds its URL from it.
-pthread_mutex_t heartbeat_link_lock = PTHREAD_MUTEX_INITIALIZER;
+std::mutex heartbeat_link_lock;
 
 // The interval and the count are single words written by one thread and read
 // by others; nothing else depends on their order.
 int interval_now(void)
 {
-    return std::atomic_ref<int>(heartbeat_interval).load(std::memory_order_relaxed);
+    return heartbeat_interval.load(std::memory_order_relaxed);
 }
 
 void set_interval(int seconds)
 {
-    std::atomic_ref<int>(heartbeat_interval).store(seconds, std::memory_order_relaxed);
+    heartbeat_interval.store(seconds, std::memory_order_relaxed);
 }
 
 bool last_failed = true;
@@ -105,19 +105,27 @@ void pulse_succeeded(void)
     cloud_missed = 0;
 }
 
+// The member key of obj when it has the type; null after logging the
+// complaint.
+json_t *member(json_t *obj, const char *key, json_type type, const char *complaint)
+{
+    json_t *value = json_object_get(obj, key);
+    if (value == nullptr || json_typeof(value) != type) {
+        log_fprint(orkad_log, "%s\n", complaint);
+        return nullptr;
+    }
+    return value;
+}
+
 void run_commands(const reply *r)
 {
-    json_error_t err;
-    json_ptr root(json_loadb_bounded(r->data, r->length, 0, &err));
-    if (!root) {
-        log_fprint(orkad_log, "error decoding heartbeat data: %s\n", err.text);
+    json_ptr root = reply_json(r, "heartbeat");
+    if (!root)
         return;
-    }
-    json_t *total = json_object_get(root.get(), "totalCount");
-    if (!json_is_integer(total)) {
-        log_fprint(orkad_log, "Missing or non-integer 'totalCount' item\n");
+    json_t *total =
+        member(root.get(), "totalCount", JSON_INTEGER, "Missing or non-integer 'totalCount' item");
+    if (total == nullptr)
         return;
-    }
     int count = (int)json_integer_value(total);
     if (count == 0)
         return;
@@ -127,21 +135,18 @@ void run_commands(const reply *r)
     log_fprint(orkad_log, "reply = '%.*s'\n", shown.length(), shown.data());
     log_fprint(cmd_log, "commands = '%.*s'\n", shown.length(), shown.data());
 
-    json_t *link = json_object_get(root.get(), "responseLink");
-    if (!json_is_object(link)) {
-        log_fprint(orkad_log, "Missing or non-object 'responseLink' item\n");
+    json_t *link = member(root.get(), "responseLink", JSON_OBJECT,
+                          "Missing or non-object 'responseLink' item");
+    if (link == nullptr)
         return;
-    }
-    json_t *href = json_object_get(link, "href");
-    if (!json_is_string(href)) {
-        log_fprint(orkad_log, "Missing or invalid 'href' element in 'responseLink' object\n");
+    json_t *href = member(link, "href", JSON_STRING,
+                          "Missing or invalid 'href' element in 'responseLink' object");
+    if (href == nullptr)
         return;
-    }
-    json_t *list = json_object_get(root.get(), "commandList");
-    if (!json_is_array(list)) {
-        log_fprint(orkad_log, "Missing or non-array 'commandList' item\n");
+    json_t *list =
+        member(root.get(), "commandList", JSON_ARRAY, "Missing or non-array 'commandList' item");
+    if (list == nullptr)
         return;
-    }
     int size = (int)json_array_size(list);
     // A list that does not match its count may be cut short: run none of it.
     if (size != count) {
@@ -155,25 +160,9 @@ void run_commands(const reply *r)
 
 int heartbeat_register_provider(const char *name, heartbeat_fn fn)
 {
-    auto *p = static_cast<heartbeat_provider *>(calloc(1, sizeof(heartbeat_provider)));
-    if (p == nullptr) {
-        log_fprint(orkad_log, "%s: cannot allocate 'heartbeat_provider' structure for '%s'\n",
-                   "heartbeat_register_provider", name);
-        return -1;
-    }
-    p->name = name;
-    p->fn = fn;
     // Providers come also from other threads ("set.statistics" on the
-    // command runner) while the heartbeat thread walks the list. A record is
-    // complete before it is published at the head, and never changes after;
-    // the release here pairs with the pulse's acquire.
-    p->next = heartbeat_providers.load(std::memory_order_relaxed);
-    while (!heartbeat_providers.compare_exchange_weak(p->next, p, std::memory_order_release,
-                                                      std::memory_order_relaxed))
-        ;
-    log_fprint(orkad_log, "%s: registered '%s' heartbeat provider\n", "heartbeat_register_provider",
-               name);
-    return 0;
+    // command runner) while the heartbeat thread walks the list.
+    return provider_push(heartbeat_providers, name, fn, __func__, "heartbeat");
 }
 
 int heartbeat_pulse(void)
@@ -192,7 +181,7 @@ int heartbeat_pulse(void)
 
     json_ptr hb_obj(json_object());
     if (!hb_obj) {
-        log_fprint(orkad_log, "%s: Can't allocate JSON object\n", "heartbeat_pulse");
+        log_fprint(orkad_log, "%s: Can't allocate JSON object\n", __func__);
         return -1;
     }
     for (heartbeat_provider *p = heartbeat_providers.load(std::memory_order_acquire); p != nullptr;
@@ -201,7 +190,7 @@ int heartbeat_pulse(void)
     malloc_ptr<char> payload(json_dumps(hb_obj.get(), JSON_COMPACT | JSON_PRESERVE_ORDER));
     int length = 0;
     if (!payload)
-        log_fprint(orkad_log, "%s: failed to convert hb_obj to payload\n", "heartbeat_pulse");
+        log_fprint(orkad_log, "%s: failed to convert hb_obj to payload\n", __func__);
     else
         length = (int)strlen(payload.get());
     hb_obj.reset();
@@ -209,10 +198,12 @@ int heartbeat_pulse(void)
         log_fprint(orkad_log, "length = %d, payload = '%s'\n", length,
                    payload ? payload.get() : "");
 
-    pthread_mutex_lock(&heartbeat_link_lock);
-    std::string path = heartbeat_link;
-    pthread_mutex_unlock(&heartbeat_link_lock);
-    std::atomic_ref<uint64_t>(heartbeat_count).fetch_add(1, std::memory_order_relaxed);
+    std::string path;
+    {
+        std::lock_guard<std::mutex> hold(heartbeat_link_lock);
+        path = heartbeat_link;
+    }
+    heartbeat_count.fetch_add(1, std::memory_order_relaxed);
 
     controller_result res =
         controller_request(controller_call::heartbeat, path, payload.get(), length);
@@ -278,19 +269,18 @@ void cmd_set_heartbeat(char *command, json_t *js_command, char *resp_href)
         return cmd.refuse("the 'href' element in params is too large");
     // Not stored: a restarted agent starts from the defaults again.
     set_interval(cmd.seconds);
-    pthread_mutex_lock(&heartbeat_link_lock);
-    snprintf(heartbeat_link, sizeof(heartbeat_link), "%s", cmd.service_href);
-    pthread_mutex_unlock(&heartbeat_link_lock);
+    {
+        std::lock_guard<std::mutex> hold(heartbeat_link_lock);
+        snprintf(heartbeat_link, sizeof(heartbeat_link), "%s", cmd.service_href);
+    }
     dev_syslog(LOG_INFO, "Heartbeat interval=%d seconds, link='%s'", cmd.seconds, cmd.service_href);
     cmd.answer(0);
 }
 
 void heartbeat_debug(int)
 {
-    log_fprint(dbg_log, "%s: heartbeat_interval = %d, heartbeat_count = %llu\n", "heartbeat_debug",
-               interval_now(),
-               (unsigned long long)std::atomic_ref<uint64_t>(heartbeat_count)
-                   .load(std::memory_order_relaxed));
+    log_fprint(dbg_log, "%s: heartbeat_interval = %d, heartbeat_count = %llu\n", __func__,
+               interval_now(), (unsigned long long)heartbeat_count.load(std::memory_order_relaxed));
 }
 
 int heartbeat_cloud_connected(void)

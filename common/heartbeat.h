@@ -3,29 +3,26 @@
 // controller's "up"/"down" status.
 #pragma once
 
+#include "provider.h"
+
 #include <atomic>
 #include <cstdint>
 #include <jansson.h>
 
-#define HEARTBEAT_LINK_SIZE 128
+constexpr int HEARTBEAT_LINK_SIZE = 128;
 
 // Adds members to the outgoing document; last_failed is true when the
 // previous pulse failed or none has succeeded yet.
 typedef void (*heartbeat_fn)(json_t *hb_obj, bool last_failed);
+typedef provider_record<heartbeat_fn> heartbeat_provider;
 
-typedef struct heartbeat_provider {
-    struct heartbeat_provider *next;
-    const char *name; // not copied: callers pass literals
-    heartbeat_fn fn;
-} heartbeat_provider;
-
-// The last registered first. The list only grows: a provider is pushed at
-// the head, complete, and never changes or goes away, so a walk from the head
-// (loaded with acquire) needs no lock.
+// The last registered first (provider_push).
 extern std::atomic<heartbeat_provider *> heartbeat_providers;
-extern int heartbeat_interval;
+// Set by "set.heartbeat" on the command runner, read by the heartbeat
+// thread and the status answer.
+extern std::atomic<int> heartbeat_interval;
 extern char heartbeat_link[HEARTBEAT_LINK_SIZE];
-extern uint64_t heartbeat_count;
+extern std::atomic<uint64_t> heartbeat_count;
 
 // Every wait between pulses goes through here; tests point it elsewhere.
 extern unsigned int (*heartbeat_sleep)(unsigned int seconds);

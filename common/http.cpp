@@ -122,20 +122,29 @@ slist_ptr set_headers(CURL *c, const char *const *headers)
 enum class method { get, post, put };
 
 // An upload counts when the transfer went through and the server took it.
-int upload_result(const char *fn, CURL *c, CURLcode rc)
+int upload_result(const char *who, CURL *c, CURLcode rc)
 {
     if (rc != CURLE_OK) {
-        log_fprint(orkad_log, "%s: curl error: (CURLcode = %d) '%s'\n", fn, (int)rc,
+        log_fprint(orkad_log, "%s: curl error: (CURLcode = %d) '%s'\n", who, (int)rc,
                    curl_easy_strerror(rc));
         return -1;
     }
     long code = 0;
     curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &code);
     if (code < 200 || code > 299) {
-        log_fprint(orkad_log, "%s: upload refused, response code = %ld\n", fn, code);
+        log_fprint(orkad_log, "%s: upload refused, response code = %ld\n", who, code);
         return -1;
     }
     return 0;
+}
+
+// The file an upload sends, open for reading; null after logging why not.
+file_ptr open_upload(const char *who, const char *path)
+{
+    file_ptr file(dev_fopen(path, "r"));
+    if (!file)
+        log_fprint(orkad_log, "%s: unable to open file '%s' (%s)\n", who, path, strerror(errno));
+    return file;
 }
 
 // One curl handle per calling thread, kept between requests and reset after
@@ -177,7 +186,8 @@ struct reset_after {
 int http_request(method m, const char *url, const char *data, int length,
                  const char *const *headers, reply *r, long *status = nullptr)
 {
-    const char *fn = m == method::get ? "http_get" : m == method::post ? "http_post" : "http_put";
+    // The public function the request came through names it in the log.
+    const char *who = m == method::get ? "http_get" : m == method::post ? "http_post" : "http_put";
     if (http_exchange != nullptr)
         return http_exchange(url, data, length, r);
     thread_local thread_handle handle;
@@ -217,7 +227,7 @@ int http_request(method m, const char *url, const char *data, int length,
     if (m == method::put)
         log_fprint(http_log, "http_put: url = '%s'\n", url);
     else
-        log_fprint(http_log, "%s: %08x url = '%s'\n", fn, addr32(r), url);
+        log_fprint(http_log, "%s: %08x url = '%s'\n", who, addr32(r), url);
 
     if (data != nullptr) {
         if (m == method::put)
@@ -226,7 +236,7 @@ int http_request(method m, const char *url, const char *data, int length,
                        length > PUT_LOG_LIMIT ? PUT_LOG_LIMIT : length, data,
                        length > PUT_LOG_LIMIT ? "..." : "");
         else
-            log_fprint(http_log, "%s: %08x l = %d, data = '%.*s'\n", fn, addr32(r), length, length,
+            log_fprint(http_log, "%s: %08x l = %d, data = '%.*s'\n", who, addr32(r), length, length,
                        data);
         curl_easy_setopt(c, CURLOPT_POSTFIELDS, data);
         curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE, (long)length);
@@ -237,16 +247,16 @@ int http_request(method m, const char *url, const char *data, int length,
             if (m == method::put)
                 log_fprint(http_log, "http_post: header '%s'\n", headers[i]);
             else
-                log_fprint(http_log, "%s: %08x header '%s'\n", fn, addr32(r), headers[i]);
+                log_fprint(http_log, "%s: %08x header '%s'\n", who, addr32(r), headers[i]);
         }
     }
     slist_ptr list = set_headers(c, headers);
 
     CURLcode rc = curl_easy_perform(c);
     if (rc != CURLE_OK) {
-        log_fprint(http_log, "%s: %08x curl_easy_perform() failed: (CURLcode = %d) %s\n", fn,
+        log_fprint(http_log, "%s: %08x curl_easy_perform() failed: (CURLcode = %d) %s\n", who,
                    addr32(r), (int)rc, curl_easy_strerror(rc));
-        log_fprint(http_log, "%s: %08x curl error-buffer = '%s'\n", fn, addr32(r), errbuf);
+        log_fprint(http_log, "%s: %08x curl error-buffer = '%s'\n", who, addr32(r), errbuf);
         // A changed resolver configuration is picked up by the next attempt.
         res_init();
         return 2;
@@ -266,9 +276,9 @@ int http_request(method m, const char *url, const char *data, int length,
             log_fprint(orkad_log, "reply = '%.*s'\n", shown.length(), shown.data());
         }
     } else {
-        log_fprint(http_log, "%s: %08x reply = '%.*s'\n", fn, addr32(r), shown.length(),
+        log_fprint(http_log, "%s: %08x reply = '%.*s'\n", who, addr32(r), shown.length(),
                    shown.data());
-        log_fprint(http_log, "%s: %08x response code = %ld\n", fn, addr32(r), code);
+        log_fprint(http_log, "%s: %08x response code = %ld\n", who, addr32(r), code);
     }
     return ok ? 0 : (int)code;
 }
@@ -308,7 +318,7 @@ void http_init(void)
 {
     free_replies = queue_create("free_replies");
     if (free_replies == nullptr) {
-        log_fprint(orkad_log, "%s: cannot create 'free_replies' queue\n", "http_init");
+        log_fprint(orkad_log, "%s: cannot create 'free_replies' queue\n", __func__);
         exit(1);
     }
     for (int i = 0; i < REPLY_POOL_SIZE; i++) {
@@ -343,6 +353,15 @@ void free_reply(reply *r)
     queue_add_head(free_replies, &r->link);
 }
 
+json_ptr reply_json(const reply *r, const char *what)
+{
+    json_error_t err;
+    json_ptr root(json_loadb_bounded(r->data, r->length, 0, &err));
+    if (!root)
+        log_fprint(orkad_log, "error decoding %s data: %s\n", what, err.text);
+    return root;
+}
+
 std::string get_cloud_controller(void)
 {
     return config_get("system", nullptr, "cloud-controller").value_or("");
@@ -365,19 +384,18 @@ int http_put(const char *url, const char *data, int length, const char *const *h
 
 int http_download_file(const char *url, const char *path)
 {
-    const char *fn = "http_download_file";
-    log_fprint(orkad_log, "%s: filename = '%s', url = '%s'\n", fn, path, url);
+    log_fprint(orkad_log, "%s: filename = '%s', url = '%s'\n", __func__, path, url);
     int result = -1;
     for (int attempt = 1; attempt <= DOWNLOAD_ATTEMPTS; attempt++) {
         file_ptr file(dev_fopen(path, "w"));
         if (!file) {
-            log_fprint(orkad_log, "%s: unable to open file '%s' for writing (%s)\n", fn, path,
+            log_fprint(orkad_log, "%s: unable to open file '%s' for writing (%s)\n", __func__, path,
                        strerror(errno));
             return result;
         }
         easy_ptr curl(curl_easy_init());
         if (!curl) {
-            log_fprint(orkad_log, "%s: failed to get a curl handle\n", fn);
+            log_fprint(orkad_log, "%s: failed to get a curl handle\n", __func__);
             continue;
         }
         CURL *c = curl.get();
@@ -404,16 +422,16 @@ int http_download_file(const char *url, const char *path)
             result = 0;
         } else if (rc == CURLE_OK) {
             // An error page is no image.
-            log_fprint(orkad_log, "%s: server answered %ld, url = '%s'\n", fn, code, url);
+            log_fprint(orkad_log, "%s: server answered %ld, url = '%s'\n", __func__, code, url);
             again = true;
         } else {
-            log_fprint(http_log, "%s: curl_easy_perform() failed: (CURLcode = %d) %s\n", fn,
+            log_fprint(http_log, "%s: curl_easy_perform() failed: (CURLcode = %d) %s\n", __func__,
                        (int)rc, curl_easy_strerror(rc));
-            log_fprint(http_log, "%s: curl error-buffer = '%s'\n", fn, errbuf);
+            log_fprint(http_log, "%s: curl error-buffer = '%s'\n", __func__, errbuf);
             again = true;
         }
         curl.reset();
-        log_fprint(orkad_log, "%s: done!  err = %d\n", fn, (int)rc);
+        log_fprint(orkad_log, "%s: done!  err = %d\n", __func__, (int)rc);
         if (!again)
             break;
     }
@@ -422,12 +440,9 @@ int http_download_file(const char *url, const char *path)
 
 int http_upload_file(const char *url, const char *path, const char *const *headers)
 {
-    const char *fn = "http_upload_file";
-    file_ptr file(dev_fopen(path, "r"));
-    if (!file) {
-        log_fprint(orkad_log, "%s: unable to open file '%s' (%s)\n", fn, path, strerror(errno));
+    file_ptr file = open_upload(__func__, path);
+    if (!file)
         return -1;
-    }
     easy_ptr curl(curl_easy_init());
     if (!curl)
         return -1;
@@ -441,20 +456,19 @@ int http_upload_file(const char *url, const char *path, const char *const *heade
         curl_easy_setopt(c, CURLOPT_VERBOSE, 0L);
     slist_ptr list = set_headers(c, headers);
     CURLcode rc = curl_easy_perform(c);
-    return upload_result(fn, c, rc);
+    return upload_result(__func__, c, rc);
 }
 
 int http_upload_file_multipart(const char *url, const char *path, const char *const *headers)
 {
-    const char *fn = "http_upload_file_multipart";
-    file_ptr file(dev_fopen(path, "r"));
-    if (!file) {
-        log_fprint(orkad_log, "%s: unable to open file '%s' (%s)\n", fn, path, strerror(errno));
+    // curl reads the file by its name; opening it first says whether it is
+    // there at all.
+    file_ptr file = open_upload(__func__, path);
+    if (!file)
         return -1;
-    }
     easy_ptr curl(curl_easy_init());
     if (!curl) {
-        log_fprint(orkad_log, "%s: curl_easy_init() failed\n", fn);
+        log_fprint(orkad_log, "%s: curl_easy_init() failed\n", __func__);
         return -1;
     }
     CURL *c = curl.get();
@@ -474,10 +488,10 @@ int http_upload_file_multipart(const char *url, const char *path, const char *co
     curl_easy_setopt(c, CURLOPT_URL, url);
     trust_device_bundle(c);
     curl_easy_setopt(c, CURLOPT_HTTPPOST, form);
-    log_fprint(orkad_log, "%s: uploading '%s' to '%s'\n", fn, path, url);
+    log_fprint(orkad_log, "%s: uploading '%s' to '%s'\n", __func__, path, url);
     CURLcode rc = curl_easy_perform(c);
-    log_fprint(orkad_log, "%s: done\n", fn);
-    int result = upload_result(fn, c, rc);
+    log_fprint(orkad_log, "%s: done\n", __func__);
+    int result = upload_result(__func__, c, rc);
     curl.reset();
     curl_formfree(form);
 #pragma GCC diagnostic pop
@@ -644,7 +658,6 @@ malloc_ptr<char> command_answer_body(const char *commandId, int code, const char
 int send_command_status(const char *path, const char *commandId, int code, const char *message,
                         json_t *data)
 {
-    const char *fn = "send_command_status";
     std::string base = get_cloud_controller();
     if (base.empty())
         return 1;
@@ -652,7 +665,7 @@ int send_command_status(const char *path, const char *commandId, int code, const
     malloc_ptr<char> body = command_answer_body(commandId, code, message, data);
     size_t n = body ? strlen(body.get()) : 0;
     if (!body || n >= ANSWER_BODY_LIMIT) {
-        log_fprint(cmd_log, "%s: reply to %s exceeded the buffer size %d\n", fn, url.c_str(),
+        log_fprint(cmd_log, "%s: reply to %s exceeded the buffer size %d\n", __func__, url.c_str(),
                    (int)ANSWER_BODY_LIMIT);
         return 1;
     }

@@ -8,10 +8,10 @@
 #include <jansson.h>
 #include <string>
 
-#define REPLY_POOL_SIZE 32
-#define REPLY_BUFFER_SIZE 1500
+constexpr int REPLY_POOL_SIZE = 32;
+constexpr int REPLY_BUFFER_SIZE = 1500;
 // The ceiling of one GET, POST or PUT, connecting included.
-#define HTTP_TIMEOUT_SECONDS 30
+constexpr int HTTP_TIMEOUT_SECONDS = 30;
 
 typedef struct reply {
     link_t link;
@@ -26,6 +26,9 @@ extern queue_t *free_replies;
 void http_init(void);
 reply *alloc_reply(void);
 void free_reply(reply *r);
+// The reply's body as JSON (nesting bounded); null after logging
+// "error decoding <what> data: <reason>".
+json_ptr reply_json(const reply *r, const char *what);
 
 // 0 for a 2xx status, the status otherwise, 1 when no handle could be made,
 // 2 when the transfer failed.

@@ -110,7 +110,7 @@ void logging_init(void)
 {
     ready_logs_queue.store(queue_create("ready_logs_queue"), std::memory_order_release);
     if (ready_logs_queue.load(std::memory_order_relaxed) == nullptr)
-        log_fprint(orkad_log, "%s: cannot create ready_logs_queue\n", "logging_init");
+        log_fprint(orkad_log, "%s: cannot create ready_logs_queue\n", __func__);
     command_register("set.logging", cmd_set_logging);
     signals_register(SIGUSR1, logging_debug, "logging_debug");
     listener_register("syslog", logging_listener, LOGGING_SOCKET);
@@ -166,8 +166,7 @@ void cmd_set_logging(char *command, json_t *js_command, char *resp_href)
 
     int err = platform_start_logging();
     if (err != 0)
-        log_fprint(orkad_log, "%s: platform_start_logging() failed, err = %d\n", "cmd_set_logging",
-                   err);
+        log_fprint(orkad_log, "%s: platform_start_logging() failed, err = %d\n", __func__, err);
 
     // A running thread takes the new interval up at its next pass and keeps
     // the link it was started with.
@@ -179,7 +178,7 @@ void logging_send(stream_record &stream)
     // The interval and the switch are read on every pass: set.logging and
     // logging_flush change them while we run.
     const std::string href = stream.href();
-    log_fprint(orkad_log, "logging_send: Started '%d','%s','%d'\n", stream.interval.load(),
+    log_fprint(orkad_log, "%s: Started '%d','%s','%d'\n", __func__, stream.interval.load(),
                href.c_str(), (int)stream.enabled.load());
     if (stream.enabled) {
         int idle = 0;
@@ -199,9 +198,8 @@ void logging_send(stream_record &stream)
                     std::lock_guard<std::mutex> hold(logbuf_lock);
                     lost = overflow;
                 }
-                log_fprint(orkad_log,
-                           "logging_send: overflow = %d, oversize = %d, ready-logs-count = %d\n",
-                           lost, oversize.load(std::memory_order_relaxed), ready_count());
+                log_fprint(orkad_log, "%s: overflow = %d, oversize = %d, ready-logs-count = %d\n",
+                           __func__, lost, oversize.load(std::memory_order_relaxed), ready_count());
                 malloc_ptr<char> body = build_body(b.get());
                 // Out of memory: the batch waits for the next pass.
                 int err =
@@ -213,12 +211,11 @@ void logging_send(stream_record &stream)
                     int lines = batch_lines(b.get());
                     refused.fetch_add(lines, std::memory_order_relaxed);
                     waiting.fetch_sub(lines, std::memory_order_relaxed);
-                    log_fprint(orkad_log,
-                               "logging_send: batch refused (err = %d), dropped %d lines\n", err,
-                               lines);
+                    log_fprint(orkad_log, "%s: batch refused (err = %d), dropped %d lines\n",
+                               __func__, err, lines);
                     idle++;
                 } else {
-                    log_fprint(orkad_log, "logging_send: post errors (err = %d)\n", err);
+                    log_fprint(orkad_log, "%s: post errors (err = %d)\n", __func__, err);
                     // Retried first, so the controller still gets them in order.
                     queue_add_head(ready_logs_queue, &b.release()->link);
                     idle++;
@@ -227,7 +224,7 @@ void logging_send(stream_record &stream)
             logging_sleep(1);
         } while (stream.enabled);
     }
-    log_fprint(orkad_log, "logging_send: Stopped\n");
+    log_fprint(orkad_log, "%s: Stopped\n", __func__);
     stream.id = -1;
 }
 
@@ -253,14 +250,13 @@ int logging_flush(int seconds)
 void logging_debug(int)
 {
     std::lock_guard<std::mutex> hold(logbuf_lock);
-    log_fprint(dbg_log, "%s: logging_enabled = %d, logging_interval = %d\n", "logging_debug",
+    log_fprint(dbg_log, "%s: logging_enabled = %d, logging_interval = %d\n", __func__,
                (int)logging_stream.enabled, logging_stream.interval.load());
     log_fprint(dbg_log,
                "%s: logbuf = %p (%d), overflow = %d, oversize = %d, ready-logs-count = %d\n",
-               "logging_debug", static_cast<void *>(logbuf), logbuf != nullptr ? logbuf->length : 0,
+               __func__, static_cast<void *>(logbuf), logbuf != nullptr ? logbuf->length : 0,
                overflow, oversize.load(std::memory_order_relaxed), ready_count());
-    log_fprint(dbg_log, "%s: refused = %d\n", "logging_debug",
-               refused.load(std::memory_order_relaxed));
+    log_fprint(dbg_log, "%s: refused = %d\n", __func__, refused.load(std::memory_order_relaxed));
 }
 
 void logging_counts(int *overflow_out, int *oversize_out, int *ready, int *filling)

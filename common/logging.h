@@ -10,11 +10,11 @@
 #include <jansson.h>
 
 // Bytes of line records (length word plus text) one batch holds.
-#define LOGBUF_SIZE 4096
+constexpr int LOGBUF_SIZE = 4096;
 // Longest line forwarded; longer ones are counted as oversize.
-#define LOGGING_MAX_LINE 512
+constexpr int LOGGING_MAX_LINE = 512;
 // Batches that may wait before new lines are dropped as overflow.
-#define LOGGING_MAX_READY 64
+constexpr int LOGGING_MAX_READY = 64;
 
 // One forwarded line inside a batch. Records are packed back to back, so a
 // length word is not aligned: read and write it with memcpy.
@@ -45,7 +45,10 @@ void logging_listener(const char *event, json_t *params);
 void cmd_set_logging(char *command, json_t *js_command, char *resp_href);
 // Body of the "logging_send" thread.
 void logging_send(stream_record &stream);
+// The last post's result as http_post gives it; 0 when there is no
+// controller (the batch counts as sent).
 int logging_post(const char *href, const char *data, int length);
+// Sends what waits, for at most about `seconds`; the batches still waiting.
 int logging_flush(int seconds);
 void logging_debug(int sig);
 

@@ -90,7 +90,7 @@ void mgmtvpn_init(void)
     stored.reset();
     stop_vpn();
     if (start_vpn() != 0)
-        log_fprint(orkad_log, "%s: %s\n", "mgmtvpn_init", start_failed);
+        log_fprint(orkad_log, "%s: %s\n", __func__, start_failed);
 }
 
 void mgmtvpn_cleanup(int) {}
@@ -106,8 +106,7 @@ void mgmtvpn_heartbeat_provider(json_t *hb_obj, bool last_failed)
     get_ipv4_address(mgmtvpn_ifname, ip);
     if (last_failed || strcmp(ip, last_vpn_ip) != 0) {
         if (json_object_set_new(hb_obj, "vpnIp", json_string(ip)) != 0)
-            log_fprint(orkad_log, "%s: cannot add '%s' to heartbeat data\n",
-                       "mgmtvpn_heartbeat_provider", "vpnIp");
+            log_fprint(orkad_log, "%s: cannot add '%s' to heartbeat data\n", __func__, "vpnIp");
     }
     memcpy(last_vpn_ip, ip, sizeof(last_vpn_ip));
 }

@@ -5,9 +5,10 @@
 
 #include <jansson.h>
 
+// A macro: pasted into the OpenVPN command line.
 #define MGMTVPN_CONFIG "/etc/openvpn/client.ovpn"
-#define MGMTVPN_IFNAME_SIZE 32
-#define MGMTVPN_IPADDR_SIZE 16
+constexpr int MGMTVPN_IFNAME_SIZE = 32;
+constexpr int MGMTVPN_IPADDR_SIZE = 16;
 
 // The tunnel interface ("tun0") and its address as last read by
 // mgmtvpn_connected().

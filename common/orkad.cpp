@@ -128,7 +128,7 @@ void leak_check_init(void) {}
 
 void signals_monitor(void)
 {
-    log_fprint(orkad_log, "signals_monitor: started\n");
+    log_fprint(orkad_log, "%s: started\n", __func__);
     for (;;) {
         int sig;
         if (sigwait(const_cast<sigset_t *>(&blocked_signals), &sig) != 0)

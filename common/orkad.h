@@ -3,9 +3,9 @@
 
 #include <string>
 
-#define ORKAD_VERSION "1.2.0"
+constexpr char ORKAD_VERSION[] = "1.2.0";
 // The vendor's phone-home site, used unless another is named.
-#define ORKAD_HOME_SITE "https://phonehome.varnex.net"
+constexpr char ORKAD_HOME_SITE[] = "https://phonehome.varnex.net";
 
 // The phone-home site: the command line's, the boot environment's or the
 // vendor's default.

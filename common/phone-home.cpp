@@ -74,7 +74,6 @@ void wait_for_address(void)
 
 void set_clock(json_t *root)
 {
-    const char *fn = "phone_home_call";
     // SNTP is the better clock; ours is only a first guess, taken once.
     if (time_set || sntp_time_set())
         return;
@@ -82,13 +81,14 @@ void set_clock(json_t *root)
     if (tod == nullptr)
         return;
     if (!json_is_integer(tod)) {
-        log_fprint(orkad_log, "%s: invalid 'timeofday' element\n", fn);
+        log_fprint(orkad_log, "%s: invalid 'timeofday' element\n", "phone_home_call");
         return;
     }
     struct timeval tv = {};
     tv.tv_sec = (time_t)json_integer_value(tod);
     if (phone_home_settimeofday(&tv, nullptr) != 0) {
-        log_fprint(orkad_log, "%s: settimeofday failed, (%s)\n", fn, strerror(errno));
+        log_fprint(orkad_log, "%s: settimeofday failed, (%s)\n", "phone_home_call",
+                   strerror(errno));
         return;
     }
     time_set = true;
@@ -100,7 +100,6 @@ void set_clock(json_t *root)
 
 void decommissioned(json_t *root)
 {
-    const char *fn = "phone_home_call";
     // Only a device that had been set up is wiped; a new one just waits.
     if (config_get("system", nullptr, "varnex-initialized") == "yes") {
         json_t *mode = json_object_get(root, "reset-mode");
@@ -108,16 +107,17 @@ void decommissioned(json_t *root)
             log_fprint(orkad_log,
                        "%s: in 'decommissioned' state, performing soft factory-reset and "
                        "reboot...\n",
-                       fn);
+                       "phone_home_call");
             // A soft reset that comes back has failed: the full one follows.
             platform_factory_reset_soft();
         } else if (mode != nullptr && !json_is_string(mode)) {
-            log_fprint(orkad_log, "%s: invalid 'reset-mode' element\n", fn);
+            log_fprint(orkad_log, "%s: invalid 'reset-mode' element\n", "phone_home_call");
         }
         log_fprint(orkad_log,
-                   "%s: in 'decommissioned' state, performing factory-reset and reboot...\n", fn);
+                   "%s: in 'decommissioned' state, performing factory-reset and reboot...\n",
+                   "phone_home_call");
         platform_factory_reset();
-        log_fprint(orkad_log, "%s: unable to perform factory-reset!\n", fn);
+        log_fprint(orkad_log, "%s: unable to perform factory-reset!\n", "phone_home_call");
     }
     if (phone_home_interval == DECOMMISSIONED_SLOW)
         return;
@@ -130,7 +130,7 @@ void decommissioned(json_t *root)
         phone_home_interval = DECOMMISSIONED_SLOW;
     }
     log_fprint(orkad_log, "%s: in 'decommissioned' state, will continue trying every %d seconds\n",
-               fn, phone_home_interval);
+               "phone_home_call", phone_home_interval);
 }
 
 void unregistered(void)
@@ -168,12 +168,9 @@ void take_controller(const char *controller)
 
 void handle_reply(const reply *r)
 {
-    json_error_t err;
-    json_ptr root(json_loadb_bounded(r->data, r->length, 0, &err));
-    if (!root) {
-        log_fprint(orkad_log, "error decoding phone-home data: %s\n", err.text);
+    json_ptr root = reply_json(r, "phone-home");
+    if (!root)
         return;
-    }
     set_clock(root.get());
 
     json_t *code = json_object_get(root.get(), "code");
@@ -210,28 +207,26 @@ void phone_home_call(void)
     get_ipv4_address(ifname, ip_addr);
 
     // The site takes the values as they are: nothing here is URL-encoded.
-    std::string url = controller_url(home_site, "/phone_home?[phone_home]serial=");
-    url += env_serial;
-    url += "&[phone_home]uuid=";
-    url += env_uuid;
-    url += "&[phone_home]hardware=";
-    url += env_hardware;
-    url += "&[phone_home]country=";
-    url += env_country;
-    url += "&[phone_home]boot=";
-    url += env_boot;
-    url += "&[phone_home]primary=";
-    url += env_primary;
-    url += "&[phone_home]secondary=";
-    url += env_secondary;
-    url += "&[phone_home]ipaddr=";
-    url += ip_addr;
-    url += "&[phone_home]tz=";
-    url += tz;
-    url += "&[phone_home]utcoffset=";
-    url += std::to_string(offset);
-    url += "&[phone_home]ethaddr=";
-    url += env_ethaddr;
+    const std::string utcoffset = std::to_string(offset);
+    const struct {
+        const char *name;
+        const char *value;
+    } query[] = {
+        {"serial", env_serial},           {"uuid", env_uuid},       {"hardware", env_hardware},
+        {"country", env_country},         {"boot", env_boot},       {"primary", env_primary},
+        {"secondary", env_secondary},     {"ipaddr", ip_addr},      {"tz", tz},
+        {"utcoffset", utcoffset.c_str()}, {"ethaddr", env_ethaddr},
+    };
+    std::string url = controller_url(home_site, "/phone_home");
+    char sep = '?';
+    for (const auto &q : query) {
+        url += sep;
+        url += "[phone_home]";
+        url += q.name;
+        url += '=';
+        url += q.value;
+        sep = '&';
+    }
 
     reply_ptr r(alloc_reply());
     int result = http_get(url.c_str(), nullptr, r.get());
@@ -260,7 +255,7 @@ void phone_home(void)
         char setting[8] = "";
         get_env_variable("phone_home", setting, sizeof(setting));
         if (strcasecmp(setting, "no") == 0) {
-            log_fprint(orkad_log, "phone_home: found 'phone_home=%s' in boot env, exiting!\n",
+            log_fprint(orkad_log, "%s: found 'phone_home=%s' in boot env, exiting!\n", __func__,
                        setting);
             health_phone_home(phone_home_state::skipped);
             return;
@@ -272,7 +267,7 @@ void phone_home(void)
     log_fprint(orkad_log, "ipaddr='%s'\n", ip_addr);
 
     if (!env_controller.empty()) {
-        log_fprint(orkad_log, "phone_home: using controller from bootenv <%s>\n",
+        log_fprint(orkad_log, "%s: using controller from bootenv <%s>\n", __func__,
                    env_controller.c_str());
         if (get_cloud_controller() != env_controller) {
             config_set("system", nullptr, "cloud-controller", env_controller.c_str());

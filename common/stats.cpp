@@ -18,10 +18,13 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-pthread_mutex_t stats_lock = PTHREAD_MUTEX_INITIALIZER;
-pthread_mutex_t collector_lock = PTHREAD_MUTEX_INITIALIZER;
-pthread_cond_t collector_ready = PTHREAD_COND_INITIALIZER;
-pthread_cond_t stats_ready = PTHREAD_COND_INITIALIZER;
+std::mutex stats_lock;
+std::mutex collector_lock;
+// Never destroyed: the collector and the sender may still wait on them when
+// the process exits, and destroying a condition variable that has waiters
+// blocks for good.
+std::condition_variable &collector_ready = *new std::condition_variable;
+std::condition_variable &stats_ready = *new std::condition_variable;
 stream_record stats_stream("stats_sender", stats_send);
 timer_t stats_timer;
 int (*stats_clock_gettime)(clockid_t clock, struct timespec *ts) = clock_gettime;
@@ -31,14 +34,16 @@ int (*stats_poster)(const char *slink, const char *payload, int length) = stats_
 namespace
 {
 
-#define STATS_TIME_SIZE 32
+constexpr size_t STATS_TIME_SIZE = 32;
 
 struct itimerspec itimer;
 bool timer_created = false;
 // Only the tick handler writes it, on the signal thread; others read it.
 std::atomic<unsigned int> ticks{0};
 bool no_clock = false;
-int collector = -1;
+// The collector thread's number, -1 before the first command; shown by the
+// debug dump on the signal thread.
+std::atomic<int> collector{-1};
 int hb_provider = -1;
 // Statistics documents handed to stats_post, for the debug dump.
 std::atomic<unsigned long> documents{0};
@@ -51,32 +56,30 @@ std::atomic<unsigned long> documents{0};
 // slow controller) make it act once more as soon as it is free, not once per
 // missed tick: the next document then covers the whole time since the last
 // one.
-pthread_mutex_t tick_lock = PTHREAD_MUTEX_INITIALIZER;
+std::mutex tick_lock;
 bool sample_due = false;
 bool period_due = false;
 
 // Sleeps until the tick sets *due, then clears it. Wake-ups with nothing
 // due (spurious ones, or a broadcast) go back to sleep.
-void wait_due(pthread_cond_t *ready, bool *due)
+void wait_due(std::condition_variable &ready, bool &due)
 {
-    pthread_mutex_lock(&tick_lock);
-    while (!*due)
-        pthread_cond_wait(ready, &tick_lock);
-    *due = false;
-    pthread_mutex_unlock(&tick_lock);
+    std::unique_lock<std::mutex> hold(tick_lock);
+    ready.wait(hold, [&due] { return due; });
+    due = false;
 }
 
 // Starts what the first valid command starts; the threads and the provider
 // only once. Returns 0, or -1 with the message set.
 int stats_start(cmd_envelope &cmd)
 {
-    const char *fn = "stats_start";
     // Before the collector starts: it runs while the stream is on.
     stats_stream.turn_on(cmd.seconds);
     if (collector < 0)
         collector = thread_start("stats_collector", stats_collector, nullptr, nullptr, nullptr);
     else
-        log_fprint(orkad_log, "%s: stats collector is already running, tid %d\n", fn, collector);
+        log_fprint(orkad_log, "%s: stats collector is already running, tid %d\n", __func__,
+                   collector.load());
     if (collector < 0) {
         snprintf(cmd.message, sizeof(cmd.message), "failed to start the stats collector");
         return -1;
@@ -85,7 +88,7 @@ int stats_start(cmd_envelope &cmd)
     int sender = stats_stream.start(cmd.service_href, &running);
     // The running sender keeps posting where the first command said.
     if (running)
-        log_fprint(orkad_log, "%s: stats sender is already running, tid %d\n", fn, sender);
+        log_fprint(orkad_log, "%s: stats sender is already running, tid %d\n", __func__, sender);
     if (sender < 0) {
         snprintf(cmd.message, sizeof(cmd.message), "failed to start the stats sender");
         return -1;
@@ -94,16 +97,16 @@ int stats_start(cmd_envelope &cmd)
         if (heartbeat_register_provider("status", status_hb_provider) == 0)
             hb_provider = 0;
         else
-            log_fprint(orkad_log, "%s: failed to register status heartbeat provider", fn);
+            log_fprint(orkad_log, "%s: failed to register status heartbeat provider", __func__);
     } else {
-        log_fprint(orkad_log, "%s: status heartbeat provider is already registered\n", fn);
+        log_fprint(orkad_log, "%s: status heartbeat provider is already registered\n", __func__);
     }
     itimer.it_value.tv_sec = 1;
     itimer.it_value.tv_nsec = 0;
     itimer.it_interval.tv_sec = 1;
     itimer.it_interval.tv_nsec = 0;
     if (timer_created && timer_settime(stats_timer, 0, &itimer, nullptr) != 0)
-        log_fprint(orkad_log, "%s: error %d arming the statistics timer\n", fn, errno);
+        log_fprint(orkad_log, "%s: error %d arming the statistics timer\n", __func__, errno);
     return 0;
 }
 
@@ -111,10 +114,9 @@ int stats_start(cmd_envelope &cmd)
 // *fatal is set when not even the object could be made.
 json_t *stats_document(bool *fatal)
 {
-    const char *fn = "stats_send";
     json_ptr doc(json_object());
     if (!doc) {
-        log_fprint(orkad_log, "%s: Can't allocate JSON object\n", fn);
+        log_fprint(orkad_log, "%s: Can't allocate JSON object\n", "stats_send");
         *fatal = true;
         return nullptr;
     }
@@ -123,17 +125,20 @@ json_t *stats_document(bool *fatal)
     struct tm tm;
     if (localtime_r(&now, &tm) == nullptr || strftime(stamp, sizeof(stamp), "%FT%T%z", &tm) == 0 ||
         json_object_set_new(doc.get(), "statisticsTime", json_string(stamp)) != 0) {
-        log_fprint(orkad_log, "%s: Error adding timestamp <%s>\n", fn, stamp);
+        log_fprint(orkad_log, "%s: Error adding timestamp <%s>\n", "stats_send", stamp);
         return nullptr;
     }
-    pthread_mutex_lock(&stats_lock);
-    pthread_mutex_lock(&collector_lock);
-    calc_stats_for_interfaces();
-    pthread_mutex_unlock(&collector_lock);
-    int err = stats_interfaces(doc.get());
-    pthread_mutex_unlock(&stats_lock);
+    int err;
+    {
+        std::lock_guard<std::mutex> rows(stats_lock);
+        {
+            std::lock_guard<std::mutex> table(collector_lock);
+            calc_stats_for_interfaces();
+        }
+        err = stats_interfaces(doc.get());
+    }
     if (err != 0) {
-        log_fprint(orkad_log, "%s: JSON, error adding interface stats\n", fn);
+        log_fprint(orkad_log, "%s: JSON, error adding interface stats\n", "stats_send");
         return nullptr;
     }
     return doc.release();
@@ -145,8 +150,7 @@ void stats_init(void)
 {
     int err = init_stats_ifs();
     if (err != 0)
-        log_fprint(orkad_log, "%s: error %d initializing interface statistics\n", "stats_init",
-                   err);
+        log_fprint(orkad_log, "%s: error %d initializing interface statistics\n", __func__, err);
     command_register("set.statistics", cmd_set_stats);
     signals_register(SIGALRM, do_stats, "do_stats");
     // Default notification: every expiry raises SIGALRM, which only the
@@ -154,7 +158,7 @@ void stats_init(void)
     if (timer_create(CLOCK_REALTIME, nullptr, &stats_timer) == 0)
         timer_created = true;
     else
-        log_fprint(orkad_log, "%s: error %d creating the statistics timer\n", "stats_init", errno);
+        log_fprint(orkad_log, "%s: error %d creating the statistics timer\n", __func__, errno);
 }
 
 void cmd_set_stats(char *command, json_t *js_command, char *resp_href)
@@ -178,37 +182,35 @@ void do_stats(int)
     bool period = interval > 0 && tick % (unsigned int)interval == 0;
     if (!sample && !period)
         return;
-    pthread_mutex_lock(&tick_lock);
+    std::lock_guard<std::mutex> hold(tick_lock);
     if (sample) {
         sample_due = true;
-        pthread_cond_signal(&collector_ready);
+        collector_ready.notify_one();
     }
     if (period) {
         period_due = true;
-        pthread_cond_signal(&stats_ready);
+        stats_ready.notify_one();
     }
-    pthread_mutex_unlock(&tick_lock);
 }
 
 void stats_collector(void *, void *, void *)
 {
-    log_fprint(orkad_log, "%s: Started\n", "stats_collector");
+    log_fprint(orkad_log, "%s: Started\n", __func__);
     while (stats_stream.enabled) {
-        wait_due(&collector_ready, &sample_due);
-        pthread_mutex_lock(&collector_lock);
+        wait_due(collector_ready, sample_due);
+        std::lock_guard<std::mutex> hold(collector_lock);
         collect_interface_stats();
-        pthread_mutex_unlock(&collector_lock);
     }
 }
 
 void stats_send(stream_record &stream)
 {
-    const char *fn = "stats_send";
     const std::string slink = stream.href();
-    log_fprint(orkad_log, "%s: Started '%s','%d'\n", fn, slink.c_str(), stream.interval.load());
-    log_fprint(orkad_log, "%s: my TID: %d\n", fn, (int)syscall(SYS_gettid));
+    log_fprint(orkad_log, "%s: Started '%s','%d'\n", __func__, slink.c_str(),
+               stream.interval.load());
+    log_fprint(orkad_log, "%s: my TID: %d\n", __func__, (int)syscall(SYS_gettid));
     while (stream.enabled) {
-        wait_due(&stats_ready, &period_due);
+        wait_due(stats_ready, period_due);
 
         bool fatal = false;
         json_ptr doc(stats_document(&fatal));
@@ -218,7 +220,7 @@ void stats_send(stream_record &stream)
             continue;
         malloc_ptr<char> payload(json_dumps(doc.get(), JSON_COMPACT | JSON_PRESERVE_ORDER));
         if (!payload) {
-            log_fprint(orkad_log, "%s: json_dumps() has failed\n", fn);
+            log_fprint(orkad_log, "%s: json_dumps() has failed\n", __func__);
             continue;
         }
         documents++;
@@ -236,9 +238,8 @@ int stats_post(const char *slink, const char *payload, int length)
 
 void status_hb_provider(json_t *js_hb, bool last_failed)
 {
-    pthread_mutex_lock(&stats_lock);
+    std::lock_guard<std::mutex> hold(stats_lock);
     stats_hb_if(js_hb, last_failed);
-    pthread_mutex_unlock(&stats_lock);
 }
 
 unsigned long st_time(unsigned long fractions)
@@ -264,9 +265,8 @@ int get_stats_interval(void)
 
 int stats_parse_buf(char *buf, stats_parser_t *ctrl)
 {
-    const char *fn = "stats_parse_buf";
     if (buf == nullptr || ctrl == nullptr) {
-        log_fprint(orkad_log, "%s: Null buffer or control array!\n", fn);
+        log_fprint(orkad_log, "%s: Null buffer or control array!\n", __func__);
         return 0;
     }
     int matches = 0;
@@ -288,7 +288,8 @@ int stats_parse_buf(char *buf, stats_parser_t *ctrl)
             e++;
         if (e->func != nullptr) {
             if (e->func(e, value) != 0)
-                log_fprint(orkad_log, "%s: match func failed for <%s> val <%s>\n", fn, line, value);
+                log_fprint(orkad_log, "%s: match func failed for <%s> val <%s>\n", __func__, line,
+                           value);
             else
                 matches++;
         } else if (e->match != nullptr) {
@@ -302,7 +303,7 @@ int stats_parse_buf(char *buf, stats_parser_t *ctrl)
 int stats_parse_line(char *buf, stats_parser_t *ctrl)
 {
     if (buf == nullptr || ctrl == nullptr) {
-        log_fprint(orkad_log, "%s: Null line buffer or control array!\n", "stats_parse_line");
+        log_fprint(orkad_log, "%s: Null line buffer or control array!\n", __func__);
         return 0;
     }
     int count = 0;
@@ -333,12 +334,14 @@ unsigned long stats_periods(void)
 
 void stats_debug(int)
 {
-    pthread_mutex_lock(&stats_lock);
-    int rows = num_stats;
-    pthread_mutex_unlock(&stats_lock);
+    int rows;
+    {
+        std::lock_guard<std::mutex> hold(stats_lock);
+        rows = num_stats;
+    }
     log_fprint(dbg_log,
                "%s: enabled = %d, interval = %d, ticks = %u, collector = %d, sender = %d, "
                "rows = %d, documents = %lu\n",
-               "stats_debug", stats_stream.enabled ? 1 : 0, stats_stream.interval.load(),
-               ticks.load(), collector, stats_stream.id.load(), rows, documents.load());
+               __func__, stats_stream.enabled ? 1 : 0, stats_stream.interval.load(), ticks.load(),
+               collector.load(), stats_stream.id.load(), rows, documents.load());
 }

@@ -29,7 +29,7 @@ namespace
 
 // fgets-sized pieces of a file read through one descriptor and a buffer on
 // the stack, so that a sampling tick never touches the heap.
-#define STATS_LINE_SIZE 256
+constexpr size_t STATS_LINE_SIZE = 256;
 
 class piece_reader
 {
@@ -182,11 +182,10 @@ int init_stats_ifs(void)
 
 int collect_interface_stats(void)
 {
-    const char *fn = "collect_interface_stats";
     unsigned long t = stats_clock(1000);
     fd_guard fd(open(stats_proc_net_dev, O_RDONLY | O_CLOEXEC));
     if (!fd.ok()) {
-        log_fprint(orkad_log, "%s: error %d opening %s\n", fn, errno, stats_proc_net_dev);
+        log_fprint(orkad_log, "%s: error %d opening %s\n", __func__, errno, stats_proc_net_dev);
         return 1;
     }
     piece_reader reader(fd.get());
@@ -201,7 +200,7 @@ int collect_interface_stats(void)
             // The two header lines have no colon; a line with one that
             // still does not parse is a counter line we cannot use.
             if (n >= 1 && strchr(line, ':') != nullptr && stats_counted_if(ifname))
-                log_fprint(orkad_log, "%s: unreadable counters for <%s>, line skipped\n", fn,
+                log_fprint(orkad_log, "%s: unreadable counters for <%s>, line skipped\n", __func__,
                            ifname);
             continue;
         }
@@ -209,14 +208,15 @@ int collect_interface_stats(void)
             continue;
         unsigned int ifidx = stats_if_nametoindex(ifname);
         if (ifidx == 0) {
-            log_fprint(orkad_log, "%s: error %d getting index of interface <%s>\n", fn, errno,
+            log_fprint(orkad_log, "%s: error %d getting index of interface <%s>\n", __func__, errno,
                        ifname);
             continue;
         }
         bool fresh = false;
         int slot = find_slot(ifidx, &fresh);
         if (slot < 0) {
-            log_fprint(orkad_log, "%s: error, interface table overflow, skipped %s\n", fn, ifname);
+            log_fprint(orkad_log, "%s: error, interface table overflow, skipped %s\n", __func__,
+                       ifname);
             continue;
         }
         if_counters_t *c = &stats_collection[slot];
@@ -285,9 +285,8 @@ int calc_stats_for_interfaces(void)
 
 int get_value_from_file(int ii, const char *file, int var_bit)
 {
-    const char *fn = "get_value_from_file";
     if (ii < 0 || ii >= num_stats) {
-        log_fprint(orkad_log, "%s: invalid interface position index %d\n", fn, ii);
+        log_fprint(orkad_log, "%s: invalid interface position index %d\n", __func__, ii);
         return -1;
     }
     if_status_t *ifs = &stats[ii].ifs;
@@ -303,7 +302,7 @@ int get_value_from_file(int ii, const char *file, int var_bit)
         field = ifs->duplex;
         break;
     default:
-        log_fprint(orkad_log, "%s: invalid variable bit 0x%x\n", fn, (unsigned int)var_bit);
+        log_fprint(orkad_log, "%s: invalid variable bit 0x%x\n", __func__, (unsigned int)var_bit);
         return -2;
     }
     int both = var_bit | (var_bit << 8);
@@ -314,8 +313,8 @@ int get_value_from_file(int ii, const char *file, int var_bit)
     fd_guard fd(open(path, O_RDONLY | O_CLOEXEC));
     if (!fd.ok()) {
         if (field[0] != '\0')
-            log_fprint(orkad_log, "%s: error %d opening %s, %s of <%s> unknown now\n", fn, errno,
-                       path, file, stats[ii].ifname);
+            log_fprint(orkad_log, "%s: error %d opening %s, %s of <%s> unknown now\n", __func__,
+                       errno, path, file, stats[ii].ifname);
         field[0] = '\0';
         ifs->flags &= ~both;
         return -4;
@@ -329,8 +328,8 @@ int get_value_from_file(int ii, const char *file, int var_bit)
     while (r < 0 && errno == EINTR);
     if (r < 0) {
         if (old[0] != '\0')
-            log_fprint(orkad_log, "%s: error %d reading %s, %s of <%s> unknown now\n", fn, errno,
-                       path, file, stats[ii].ifname);
+            log_fprint(orkad_log, "%s: error %d reading %s, %s of <%s> unknown now\n", __func__,
+                       errno, path, file, stats[ii].ifname);
         field[0] = '\0';
         ifs->flags &= ~both;
         return -5;
@@ -403,7 +402,6 @@ int stats_interfaces(json_t *object)
 
 void stats_hb_if(json_t *js_hb, bool last_failed)
 {
-    const char *fn = "stats_hb_if";
     json_ptr array;
     bool failed = false;
     for (int ii = 0; ii < num_stats; ii++) {
@@ -418,45 +416,43 @@ void stats_hb_if(json_t *js_hb, bool last_failed)
         if (!array) {
             array.reset(json_array());
             if (!array) {
-                log_fprint(orkad_log, "%s: Failed to allocate JSON array\n", fn);
+                log_fprint(orkad_log, "%s: Failed to allocate JSON array\n", __func__);
                 failed = true;
                 continue;
             }
         }
         json_ptr item(json_object());
         if (!item) {
-            log_fprint(orkad_log, "%s: Can't allocate JSON object\n", fn);
+            log_fprint(orkad_log, "%s: Can't allocate JSON object\n", __func__);
             failed = true;
             continue;
         }
         if (json_object_set_new(item.get(), "id", json_string(name)) != 0) {
-            log_fprint(orkad_log, "%s: Can't set interface id for <%s>\n", fn, name);
+            log_fprint(orkad_log, "%s: Can't set interface id for <%s>\n", __func__, name);
             failed = true;
             continue;
         }
-        if ((ifs->flags & (IFS_STATUS_CHANGED << 8)) &&
-            json_object_set_new(item.get(), "status", json_string(ifs->status)) != 0) {
-            log_fprint(orkad_log, "%s: Can't set interface status <%s> for <%s>\n", fn, ifs->status,
-                       name);
-            failed = true;
-            continue;
+        const struct {
+            int bit;
+            const char *key;
+            const char *value;
+        } changes[] = {{IFS_STATUS_CHANGED, "status", ifs->status},
+                       {IFS_SPEED_CHANGED, "speed", ifs->speed},
+                       {IFS_DUPLEX_CHANGED, "duplex", ifs->duplex}};
+        for (const auto &c : changes) {
+            if ((ifs->flags & (c.bit << 8)) &&
+                json_object_set_new(item.get(), c.key, json_string(c.value)) != 0) {
+                log_fprint(orkad_log, "%s: Can't set interface %s <%s> for <%s>\n", __func__, c.key,
+                           c.value, name);
+                failed = true;
+                break;
+            }
         }
-        if ((ifs->flags & (IFS_SPEED_CHANGED << 8)) &&
-            json_object_set_new(item.get(), "speed", json_string(ifs->speed)) != 0) {
-            log_fprint(orkad_log, "%s: Can't set interface speed <%s> for <%s>\n", fn, ifs->speed,
-                       name);
-            failed = true;
+        if (failed)
             continue;
-        }
-        if ((ifs->flags & (IFS_DUPLEX_CHANGED << 8)) &&
-            json_object_set_new(item.get(), "duplex", json_string(ifs->duplex)) != 0) {
-            log_fprint(orkad_log, "%s: Can't set interface duplex <%s> for <%s>\n", fn, ifs->duplex,
-                       name);
-            failed = true;
-            continue;
-        }
         if (json_array_append(array.get(), item.get()) != 0) {
-            log_fprint(orkad_log, "%s: JSON error adding interface <%s> to array\n", fn, name);
+            log_fprint(orkad_log, "%s: JSON error adding interface <%s> to array\n", __func__,
+                       name);
             failed = true;
             continue;
         }

@@ -6,17 +6,17 @@
 #include <cstdint>
 #include <jansson.h>
 
-#define STATS_IF_SLOTS 128
-#define STATS_IFNAME_SIZE 17
-#define STATS_ATTR_SIZE 8
+constexpr int STATS_IF_SLOTS = 128;
+constexpr int STATS_IFNAME_SIZE = 17;
+constexpr int STATS_ATTR_SIZE = 8;
 
 // Change bits of if_status_t.flags: set by the attribute reader, and the
 // same facts waiting for a heartbeat in the byte above.
-#define IFS_STATUS_CHANGED 0x01
-#define IFS_SPEED_CHANGED 0x02
-#define IFS_DUPLEX_CHANGED 0x04
-#define IFS_CHANGE_BITS 0x00ff
-#define IFS_WAITING_BITS 0xff00
+constexpr int IFS_STATUS_CHANGED = 0x01;
+constexpr int IFS_SPEED_CHANGED = 0x02;
+constexpr int IFS_DUPLEX_CHANGED = 0x04;
+constexpr int IFS_CHANGE_BITS = 0x00ff;
+constexpr int IFS_WAITING_BITS = 0xff00;
 
 // One sampling slot, keyed by kernel interface index (0: free).
 typedef struct if_counters {
@@ -58,11 +58,20 @@ extern unsigned int (*stats_if_nametoindex)(const char *ifname);
 extern char *(*stats_if_indextoname)(unsigned int ifindex, char *ifname);
 extern unsigned long (*stats_clock)(unsigned long fractions);
 
+// 0.
 int init_stats_ifs(void);
+// 0, or 1 when the kernel's counters cannot be opened.
 int collect_interface_stats(void);
+// 0.
 int calc_stats_for_interfaces(void);
+// Adds the "interface" array to object: 0; 1 when object is null or the
+// array cannot be made, 2 when a row or one of its members cannot, 3 when a
+// row cannot be appended, 4 when the array cannot be added to object.
 int stats_interfaces(json_t *object);
 void stats_hb_if(json_t *js_hb, bool last_failed);
+// Reads one attribute of row ii into its field: 0; -1 for a position out of
+// the table, -2 for an unknown var_bit, -4 when the file cannot be opened,
+// -5 when it cannot be read, -6 when it holds no value the attribute takes.
 int get_value_from_file(int ii, const char *file, int var_bit);
 if_stats_t *stats_find_if(const char *ifname);
 if_stats_t *stats_get_if(int pos);

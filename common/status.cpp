@@ -22,7 +22,7 @@
 
 stream_record status_stream("status_send", status_send);
 std::unique_ptr<port_status_t[]> port_status;
-status_provider_t *status_providers;
+std::atomic<status_provider_t *> status_providers{nullptr};
 unsigned int (*status_sleep)(unsigned int seconds) = sleep;
 
 namespace
@@ -190,7 +190,8 @@ sent send_document(const char *slink, bool last_failed, int *result)
         log_fprint(orkad_log, "%s: Can't allocate JSON object\n", "status_send");
         return sent::nothing;
     }
-    for (status_provider_t *p = status_providers; p != nullptr; p = p->next)
+    for (status_provider_t *p = status_providers.load(std::memory_order_acquire); p != nullptr;
+         p = p->next)
         p->fn(st_obj.get(), last_failed);
     // Nothing changed since the last post: no document at all.
     if (json_object_size(st_obj.get()) == 0)
@@ -217,24 +218,12 @@ void status_init(void)
 
 int status_register_provider(const char *name, status_fn fn)
 {
-    auto *p = static_cast<status_provider_t *>(calloc(1, sizeof(status_provider_t)));
-    if (p == nullptr) {
-        log_fprint(orkad_log, "%s: cannot allocate 'status_provider' structure for '%s'\n",
-                   "status_register_provider", name);
-        return -1;
-    }
-    p->name = name;
-    p->fn = fn;
-    p->next = status_providers;
-    status_providers = p;
-    log_fprint(orkad_log, "%s: registered '%s' status provider\n", "status_register_provider",
-               name);
-    return 0;
+    return provider_push(status_providers, name, fn, __func__, "status");
 }
 
 void status_debug(int)
 {
-    log_fprint(dbg_log, "%s: status_enabled = %d, status_interval = %d\n", "status_debug",
+    log_fprint(dbg_log, "%s: status_enabled = %d, status_interval = %d\n", __func__,
                (int)status_stream.enabled.load(), status_stream.interval.load());
 }
 
@@ -251,7 +240,7 @@ void cmd_set_status(char *command, json_t *js_command, char *resp_href)
 void status_send(stream_record &stream)
 {
     const std::string slink = stream.href();
-    log_fprint(orkad_log, "%s: Started '%d','%s','%d'\n", "status_send", stream.interval.load(),
+    log_fprint(orkad_log, "%s: Started '%d','%s','%d'\n", __func__, stream.interval.load(),
                slink.c_str(), (int)stream.enabled.load());
 
     // timer counts the seconds since the last successful post, in steps.
@@ -273,7 +262,7 @@ void status_send(stream_record &stream)
                 break;
             case sent::ok:
                 if (!show_err)
-                    log_fprint(orkad_log, "%s: post successful\n", "status_send");
+                    log_fprint(orkad_log, "%s: post successful\n", __func__);
                 show_err = true;
                 last_failed = false;
                 timer = STATUS_STEP;
@@ -281,7 +270,7 @@ void status_send(stream_record &stream)
             case sent::failed:
                 // Only the first of a run of failures is worth a line.
                 if (show_err)
-                    log_fprint(orkad_log, "%s: post errors (err = %d)\n", "status_send", result);
+                    log_fprint(orkad_log, "%s: post errors (err = %d)\n", __func__, result);
                 show_err = false;
                 last_failed = true;
                 timer += STATUS_STEP;
@@ -292,7 +281,7 @@ void status_send(stream_record &stream)
         }
         status_sleep(STATUS_STEP);
     }
-    log_fprint(orkad_log, "%s: Stopped\n", "status_send");
+    log_fprint(orkad_log, "%s: Stopped\n", __func__);
     stream.id = -1;
 }
 
@@ -305,7 +294,7 @@ json_t *str_to_json_array(const char *text, char sep)
 {
     json_t *array = json_array();
     if (array == nullptr) {
-        log_fprint(orkad_log, "%s: Failed to allocate JSON array\n", "str_to_json_array");
+        log_fprint(orkad_log, "%s: Failed to allocate JSON array\n", __func__);
         return nullptr;
     }
     if (text == nullptr)
@@ -320,7 +309,7 @@ json_t *str_to_json_array(const char *text, char sep)
             p++;
         json_t *s = json_stringn(p, (size_t)(end - p));
         if (s == nullptr || json_array_append_new(array, s) != 0) {
-            log_fprint(orkad_log, "%s: Can't add new string to caps array\n", "str_to_json_array");
+            log_fprint(orkad_log, "%s: Can't add new string to caps array\n", __func__);
             return array;
         }
         if (*end == '\0')
@@ -335,7 +324,7 @@ void status_port_provider(json_t *st_obj, bool last_failed)
     if (port_status == nullptr) {
         port_status.reset(new (std::nothrow) port_status_t[STATUS_MAX_PORTS]());
         if (port_status == nullptr) {
-            log_fprint(orkad_log, "%s: Failed to allocate port_status\n", port_fn);
+            log_fprint(orkad_log, "%s: Failed to allocate port_status\n", __func__);
             return;
         }
     }
@@ -343,7 +332,7 @@ void status_port_provider(json_t *st_obj, bool last_failed)
 
     json_ptr ports(json_array());
     if (!ports) {
-        log_fprint(orkad_log, "%s: Failed to allocate JSON array\n", port_fn);
+        log_fprint(orkad_log, "%s: Failed to allocate JSON array\n", __func__);
         return;
     }
     for (int i = 0; i < STATUS_MAX_PORTS; i++) {
@@ -355,7 +344,7 @@ void status_port_provider(json_t *st_obj, bool last_failed)
         if (obj == nullptr)
             break;
         if (json_array_append_new(ports.get(), obj) != 0) {
-            log_fprint(orkad_log, "%s: JSON error adding port %d to array\n", port_fn, i);
+            log_fprint(orkad_log, "%s: JSON error adding port %d to array\n", __func__, i);
             break;
         }
         ps->changed = false;
@@ -363,5 +352,5 @@ void status_port_provider(json_t *st_obj, bool last_failed)
     if (json_array_size(ports.get()) == 0)
         return;
     if (json_object_set_new(st_obj, "port", ports.release()) != 0)
-        log_fprint(orkad_log, "%s: cannot add '%s' to status data\n", port_fn, "port");
+        log_fprint(orkad_log, "%s: cannot add '%s' to status data\n", __func__, "port");
 }

@@ -3,8 +3,10 @@
 #pragma once
 
 #include "icos-openapi.h"
+#include "provider.h"
 #include "stream.h"
 
+#include <atomic>
 #include <jansson.h>
 #include <memory>
 
@@ -20,19 +22,15 @@ constexpr int STATUS_MAX_INTERVAL = 3600;
 // Adds members to the outgoing document; last_failed is true when the
 // previous post failed or none has succeeded yet (then everything is sent).
 typedef void (*status_fn)(json_t *st_obj, bool last_failed);
-
-typedef struct status_provider {
-    struct status_provider *next;
-    const char *name; // not copied: callers pass literals
-    status_fn fn;
-} status_provider_t;
+typedef provider_record<status_fn> status_provider_t;
 
 // The stream "set.status" turns on: its switch, its interval (seconds,
 // 10..3600) and its "status_send" thread.
 extern stream_record status_stream;
 // The table the port provider reports from; allocated on first use.
 extern std::unique_ptr<port_status_t[]> port_status;
-extern status_provider_t *status_providers;
+// The last registered first (provider_push).
+extern std::atomic<status_provider_t *> status_providers;
 
 // Every wait of the status thread goes through here; tests point it
 // elsewhere.

@@ -6,7 +6,7 @@
 #include <jansson.h>
 
 // Room for the names of failed properties in a "set.system" answer.
-#define SET_SYSTEM_FAILED_SIZE 384
+constexpr size_t SET_SYSTEM_FAILED_SIZE = 384;
 
 // The wait after a reboot request that returned; tests point it elsewhere.
 extern unsigned int (*system_sleep)(unsigned int seconds);

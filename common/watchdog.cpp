@@ -266,7 +266,7 @@ void watchdog_init(void)
         mmap(nullptr, sizeof(board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (p == MAP_FAILED) {
         // The agent still runs and is still restarted when it ends.
-        dev_syslog(LOG_ERR, "watchdog_init: cannot map the watchdog board (%s)", strerror(errno));
+        dev_syslog(LOG_ERR, "%s: cannot map the watchdog board (%s)", __func__, strerror(errno));
     } else {
         shared = new (p) board();
     }

@@ -62,12 +62,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     } else {
         fuzz::write_file(dev_path, data + 1, size - 1);
         now += 5000;
-        pthread_mutex_lock(&stats_lock);
-        pthread_mutex_lock(&collector_lock);
+        std::lock_guard<std::mutex> rows(stats_lock);
+        std::lock_guard<std::mutex> table(collector_lock);
         collect_interface_stats();
         calc_stats_for_interfaces();
-        pthread_mutex_unlock(&collector_lock);
-        pthread_mutex_unlock(&stats_lock);
     }
     return 0;
 }

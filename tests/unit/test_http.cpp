@@ -306,6 +306,22 @@ TEST_F(HttpTest, UploadOfMissingFileFails)
                                  "(No such file or directory)");
 }
 
+TEST_F(HttpTest, ReplyJsonDecodesTheBodyOrSaysWhyNot)
+{
+    reply_ptr r(alloc_reply());
+    const char good[] = "{\"totalCount\":1}";
+    ASSERT_EQ(ReceiveFn((void *)good, 1, strlen(good), r.get()), strlen(good));
+    json_ptr root = reply_json(r.get(), "heartbeat");
+    ASSERT_TRUE(root);
+    EXPECT_EQ(json_integer_value(json_object_get(root.get(), "totalCount")), 1);
+
+    r->length = 0;
+    const char bad[] = "{\"totalCount\":";
+    ASSERT_EQ(ReceiveFn((void *)bad, 1, strlen(bad), r.get()), strlen(bad));
+    EXPECT_FALSE(reply_json(r.get(), "phone-home"));
+    EXPECT_EQ(main_log().back().rfind("error decoding phone-home data: ", 0), 0u);
+}
+
 TEST_F(HttpTest, StatusOf511BytesIsSentAndFourFailuresGiveTheLastResult)
 {
     config_set("system", nullptr, "cloud-controller", "http://127.0.0.1:9");

@@ -581,8 +581,8 @@ TEST_F(StatsTest, WakeUpWithoutATickClosesNoPeriodAndTakesNoSample)
             [] { return thread_in_futex("stats_sender") && thread_in_futex("stats_collector"); }));
         long sender = thread_sleeps("stats_sender");
         long collector = thread_sleeps("stats_collector");
-        pthread_cond_broadcast(&stats_ready);
-        pthread_cond_broadcast(&collector_ready);
+        stats_ready.notify_all();
+        collector_ready.notify_all();
         ASSERT_TRUE(slept_again("stats_sender", sender)) << "round " << round;
         ASSERT_TRUE(slept_again("stats_collector", collector)) << "round " << round;
         EXPECT_EQ(posted(), 0u) << "round " << round;

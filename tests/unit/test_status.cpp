@@ -351,15 +351,15 @@ TEST_F(StatusTest, InitRegistersCommandSignalAndProvider)
               pos("status_register_provider: registered 'status_port_provider' status provider"));
     EXPECT_LT(pos("status_register_provider: registered 'status_port_provider' status provider"),
               (long)log.size());
-    ASSERT_NE(status_providers, nullptr);
-    EXPECT_STREQ(status_providers->name, "status_port_provider");
-    EXPECT_EQ(status_providers->fn, status_port_provider);
+    ASSERT_NE(status_providers.load(), nullptr);
+    EXPECT_STREQ(status_providers.load()->name, "status_port_provider");
+    EXPECT_EQ(status_providers.load()->fn, status_port_provider);
 
     // Newest first.
     status_register_provider(
         "extra", [](json_t *obj, bool) { json_object_set_new(obj, "extra", json_string("x")); });
-    EXPECT_STREQ(status_providers->name, "extra");
-    EXPECT_STREQ(status_providers->next->name, "status_port_provider");
+    EXPECT_STREQ(status_providers.load()->name, "extra");
+    EXPECT_STREQ(status_providers.load()->next->name, "status_port_provider");
 
     status_debug(SIGUSR1);
     auto d = log_messages(root.at("/tmp/debug.log"));

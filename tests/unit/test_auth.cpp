@@ -59,9 +59,7 @@ class AuthLabTest : public ::testing::Test
 
     void SetUp() override
     {
-        std::string cmd =
-            "python3 " ORKAD_SOURCE_DIR "/lab/devroot.py " + root.path() + " > /dev/null";
-        ASSERT_EQ(system(cmd.c_str()), 0);
+        ASSERT_TRUE(root.build());
         lab = std::make_unique<Lab>(root);
         log_init();
         signals_init();

@@ -44,20 +44,10 @@ class DiagsLabTest : public AgentLabTest
     Answer result_of(const std::string &id) { return answer_for(id); }
     Answer only_result() { return answer_for(""); }
 
-    std::vector<std::string> journal_calls(const std::string &call)
-    {
-        std::vector<std::string> out;
-        for (auto &line : lines_of(read_file(root.at("/var/switch/journal")))) {
-            Json j = json_parse(line);
-            if (json_str(j.get(), "call") == call)
-                out.push_back(line);
-        }
-        return out;
-    }
     bool collected_anything()
     {
         auto log = main_log();
-        return !journal_calls("rpcclt_openapiSupportFileGenerate").empty() ||
+        return !journal_lines_of(root, "rpcclt_openapiSupportFileGenerate").empty() ||
                std::any_of(log.begin(), log.end(), [](const std::string &l) {
                    return l.find("varnex-diagnostic-dump") != std::string::npos;
                });
@@ -118,7 +108,7 @@ TEST_F(DiagsLabTest, CollectsCompressesAndUploadsTheArchive)
     EXPECT_EQ(json_object_get(item(res, 0), "data"), nullptr);
 
     // The switch wrote its support data under the fixed name.
-    auto gen = journal_calls("rpcclt_openapiSupportFileGenerate");
+    auto gen = journal_lines_of(root, "rpcclt_openapiSupportFileGenerate");
     ASSERT_EQ(gen.size(), 1u);
     EXPECT_NE(gen[0].find("/tmp/platform-tech-support.txt"), std::string::npos);
     EXPECT_TRUE(logged(dump_line));

@@ -605,7 +605,7 @@ TEST_F(LoggingLabTest, OneSenderKeepsItsLinkAndTakesTheNewInterval)
     EXPECT_EQ(senders, 1);
 
     // The switch was pointed at us once.
-    auto journal = lines_of(read_file(root.at("/var/switch/journal")));
+    auto journal = journal_lines(root);
     ASSERT_EQ(journal.size(), 4u);
     EXPECT_EQ(json_str(json_parse(journal[0]).get(), "call"), "rpcclt_openapiLoggingHostAdd");
 

@@ -31,10 +31,6 @@ class SimTest : public ::testing::Test
     std::string faults_path() { return root.at("/var/switch/faults.json"); }
     void model(const std::string &json) { write_file(model_path(), json); }
     void faults(const std::string &json) { write_file(faults_path(), json); }
-    std::vector<std::string> journal()
-    {
-        return lines_of(read_file(root.at("/var/switch/journal")));
-    }
 
     std::vector<uint32_t> walk(OPEN_INTF_TYPE_t type)
     {
@@ -128,7 +124,7 @@ TEST_F(SimTest, WritesAreAppliedSavedAndJournalled)
     EXPECT_EQ(admin(3), OPEN_DISABLE);
     EXPECT_EQ(admin(4), OPEN_ENABLE);
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         lines({R"({"call":"rpcclt_openapiIfAdminStateSet","ifNum":3,"adminState":0,"result":0})"}));
     // The default switch was written out with the change, so it survives.
     std::string saved = read_file(model_path());
@@ -139,8 +135,8 @@ TEST_F(SimTest, WritesAreAppliedSavedAndJournalled)
     EXPECT_EQ(rpcclt_openapiIfAdminStateSet(&client, 40, OPEN_ENABLE), OPEN_E_NOT_FOUND);
     EXPECT_EQ(rpcclt_openapiIfAdminStateSet(&client, 3, (OPEN_CONTROL_t)5), OPEN_E_PARAM);
     EXPECT_EQ(admin(3), OPEN_DISABLE);
-    EXPECT_EQ(journal().size(), 3u);
-    EXPECT_EQ(journal()[1],
+    EXPECT_EQ(journal_lines(root).size(), 3u);
+    EXPECT_EQ(journal_lines(root)[1],
               R"({"call":"rpcclt_openapiIfAdminStateSet","ifNum":40,"adminState":1,"result":-29})");
 }
 
@@ -166,7 +162,7 @@ TEST_F(SimTest, EveryWriteIsJournalled)
     EXPECT_EQ(rpcclt_openapiSystemReload(&client), OPEN_E_NONE);
     EXPECT_EQ(rpcclt_openapiSupportFileGenerate(&client, &file), OPEN_E_NONE);
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         lines({
             R"({"call":"rpcclt_openapiLldpIntfReceiveModeSet","ifNum":2,"mode":0,"result":0})",
             R"({"call":"rpcclt_openapiLoggingHostAdd","host":"10.0.0.9","result":0})",
@@ -245,7 +241,7 @@ TEST_F(SimTest, AForcedWriteFailureIsJournalledAndNotApplied)
     EXPECT_EQ(rpcclt_openapiIfAdminStateSet(&client, 6, OPEN_DISABLE), OPEN_E_FAIL);
     EXPECT_EQ(admin(6), OPEN_ENABLE);
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         lines(
             {R"({"call":"rpcclt_openapiIfAdminStateSet","ifNum":6,"adminState":0,"result":-26})"}));
     EXPECT_FALSE(file_exists(model_path()));
@@ -423,7 +419,7 @@ TEST_F(SimTest, TextsThatAreNotUtf8AreJournalledReadably)
     open_buffdesc user = text("adm\xffn"), pass = text("p");
     EXPECT_EQ(rpcclt_openapiUserSet(&client, &user, &pass), OPEN_E_NONE);
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         lines(
             {R"({"call":"rpcclt_openapiUserSet","userName":"adm?n","password":"p","result":0})"}));
 }

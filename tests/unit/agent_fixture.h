@@ -19,6 +19,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -36,6 +37,25 @@ inline unsigned int no_sleep(unsigned int)
 // The agent's cloud-link start-up in a fresh device root. Requests to the
 // controller are answered in process (CannedController); a suite that needs
 // a real server (TLS, HTTP, the lab's scripts) derives from AgentLabTest.
+// A sleep seam that records the seconds asked of it and sleeps not at all;
+// at_wait, when set, hears the count so far after each.
+inline std::mutex waits_lock;
+inline std::vector<unsigned int> waits;
+inline std::function<void(size_t)> at_wait;
+
+inline unsigned int record_wait(unsigned int seconds)
+{
+    size_t n;
+    {
+        std::lock_guard<std::mutex> hold(waits_lock);
+        waits.push_back(seconds);
+        n = waits.size();
+    }
+    if (at_wait)
+        at_wait(n);
+    return 0;
+}
+
 class AgentTest : public ::testing::Test
 {
   protected:
@@ -134,11 +154,7 @@ class AgentTest : public ::testing::Test
     }
 
     std::vector<std::string> main_log() { return log_messages(root.at("/rw/orkad.log")); }
-    bool logged(const std::string &line)
-    {
-        auto m = main_log();
-        return std::find(m.begin(), m.end(), line) != m.end();
-    }
+    bool logged(const std::string &line) { return testkit::logged(root, line); }
     size_t count_logged(const std::string &line)
     {
         auto m = main_log();

@@ -14,23 +14,6 @@ using namespace agent_test;
 namespace
 {
 
-std::mutex waits_lock;
-std::vector<unsigned int> waits;
-std::function<void(size_t)> at_wait;
-
-unsigned int record_wait(unsigned int seconds)
-{
-    size_t n;
-    {
-        std::lock_guard<std::mutex> hold(waits_lock);
-        waits.push_back(seconds);
-        n = waits.size();
-    }
-    if (at_wait)
-        at_wait(n);
-    return 0;
-}
-
 unsigned int no_switch_wait(unsigned int)
 {
     return 0;

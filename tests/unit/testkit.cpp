@@ -186,6 +186,12 @@ std::string journal_value(const DeviceRoot &root, size_t i, const char *member)
                                 : "<absent>";
 }
 
+bool logged(const DeviceRoot &root, const std::string &line)
+{
+    std::vector<std::string> m = log_messages(root.at("/rw/orkad.log"));
+    return std::find(m.begin(), m.end(), line) != m.end();
+}
+
 NotifySocket::NotifySocket(const std::string &address)
 {
     fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);

@@ -35,6 +35,8 @@ long file_size(const std::string &path);
 std::vector<std::string> lines_of(const std::string &text);
 // Lines of a log file with their "index date time " prefix taken off.
 std::vector<std::string> log_messages(const std::string &path);
+// Whether the main log ($ORKAD_ROOT/rw/orkad.log) has this message.
+bool logged(const DeviceRoot &root, const std::string &line);
 // Polls fn every 10 ms until it holds or timeout_ms have passed; whether it
 // held.
 bool wait_for(const std::function<bool()> &fn, int timeout_ms = 10000);

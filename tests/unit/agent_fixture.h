@@ -1,5 +1,5 @@
-// A device root, the lab controller and the agent's cloud-link start-up, for
-// the heartbeat, phone-home and firmware-update tests.
+// A device root, a controller (in process or the lab) and the agent's
+// cloud-link start-up, for the tests of the modules that talk to it.
 #pragma once
 
 #include "command.h"
@@ -20,6 +20,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,21 +35,46 @@ inline unsigned int no_sleep(unsigned int)
     return 0;
 }
 
+// The agent's cloud-link start-up in a fresh device root. Requests to the
+// controller are answered in process (CannedController); a suite that needs
+// a real server (TLS, HTTP, the lab's scripts) derives from AgentLabTest.
+// A sleep seam that records the seconds asked of it and sleeps not at all;
+// at_wait, when set, hears the count so far after each.
+inline std::mutex waits_lock;
+inline std::vector<unsigned int> waits;
+inline std::function<void(size_t)> at_wait;
+
+inline unsigned int record_wait(unsigned int seconds)
+{
+    size_t n;
+    {
+        std::lock_guard<std::mutex> hold(waits_lock);
+        waits.push_back(seconds);
+        n = waits.size();
+    }
+    if (at_wait)
+        at_wait(n);
+    return 0;
+}
+
 class AgentTest : public ::testing::Test
 {
   protected:
     DeviceRoot root;
+    std::unique_ptr<CannedController> controller;
     std::unique_ptr<Lab> lab;
 
-    // Extra arguments for lab/devroot.py, e.g. "--env heartbeat=30".
-    virtual std::string devroot_args() { return ""; }
+    // Extra options for the device root, e.g. {"--env", "heartbeat=30"}.
+    virtual std::vector<std::string> devroot_args() { return {}; }
+    virtual bool with_lab() { return false; }
 
     void SetUp() override
     {
-        std::string cmd = "python3 " ORKAD_SOURCE_DIR "/lab/devroot.py " + root.path() + " " +
-                          devroot_args() + " > /dev/null";
-        ASSERT_EQ(system(cmd.c_str()), 0);
-        lab = std::make_unique<Lab>(root);
+        ASSERT_TRUE(root.build(devroot_args()));
+        if (with_lab())
+            lab = std::make_unique<Lab>(root);
+        else
+            controller = std::make_unique<CannedController>();
         log_init();
         signals_init(); // before any thread, as in the daemon
         command_init();
@@ -59,7 +85,8 @@ class AgentTest : public ::testing::Test
         set_sample_env();
     }
 
-    void use_lab() { config_set("system", nullptr, "cloud-controller", lab->base_url.c_str()); }
+    std::string base_url() const { return lab ? lab->base_url : CannedController::base_url; }
+    void use_controller() { config_set("system", nullptr, "cloud-controller", base_url().c_str()); }
 
     // One answer the agent posted for a command: code and message.
     using Answer = std::pair<int, std::string>;
@@ -77,9 +104,16 @@ class AgentTest : public ::testing::Test
     // of them came or the wait ended.
     std::vector<Answer> answers_for(const std::string &id, int count = 1)
     {
+        std::vector<Answer> out;
+        if (!lab) {
+            auto got = id.empty() ? controller->wait_answers((size_t)count)
+                                  : controller->wait_answers(id, (size_t)count);
+            for (auto &a : got)
+                out.push_back({a.code, a.message});
+            return out;
+        }
         Json res = id.empty() ? lab->wait_results({}, count)
                               : lab->wait_results({{"command_id", id}}, count);
-        std::vector<Answer> out;
         for (size_t i = 0; i < json_array_size(res.get()); i++)
             out.push_back(
                 {(int)json_integer_value(json_object_get(json_array_get(res.get(), i), "code")),
@@ -95,12 +129,11 @@ class AgentTest : public ::testing::Test
         return all.empty() ? Answer{99, "<no result>"} : all.back();
     }
 
-    // Runs "action.context" with this id and params (JSON text) against the
-    // lab; its answer.
+    // Runs "action.context" with this id and params (JSON text); its answer.
     Answer run_command(cmd_fn fn, const char *action, const char *context, const std::string &id,
                        const std::string &params, const char *link = "/response/t")
     {
-        use_lab();
+        use_controller();
         std::string name = std::string(action) + "." + context;
         run_handler(fn, name.c_str(),
                     std::string(R"({"action":")") + action + R"(","context":")" + context +
@@ -115,11 +148,7 @@ class AgentTest : public ::testing::Test
     }
 
     std::vector<std::string> main_log() { return log_messages(root.at("/rw/orkad.log")); }
-    bool logged(const std::string &line)
-    {
-        auto m = main_log();
-        return std::find(m.begin(), m.end(), line) != m.end();
-    }
+    bool logged(const std::string &line) { return testkit::logged(root, line); }
     size_t count_logged(const std::string &line)
     {
         auto m = main_log();
@@ -139,29 +168,27 @@ class AgentTest : public ::testing::Test
     std::vector<std::string> switch_statuses()
     {
         std::vector<std::string> out;
-        for (auto &line : lines_of(read_file(root.at("/var/switch/journal")))) {
-            Json j = json_parse(line);
-            if (json_str(j.get(), "call") != "rpcclt_openapiAppCtrlStatusSet")
-                continue;
-            std::string s = json_str(j.get(), "status");
+        for (auto &line : journal_lines_of(root, "rpcclt_openapiAppCtrlStatusSet")) {
+            std::string s = json_str(json_parse(line).get(), "status");
             while (!s.empty() && (s.back() == '\n' || s.back() == ' '))
                 s.pop_back();
             out.push_back(s.substr(s.rfind(' ') + 1));
         }
         return out;
     }
-    bool switch_reloaded()
-    {
-        for (auto &line : lines_of(read_file(root.at("/var/switch/journal"))))
-            if (json_str(json_parse(line).get(), "call") == "rpcclt_openapiSystemReload")
-                return true;
-        return false;
-    }
+    bool switch_reloaded() { return !journal_lines_of(root, "rpcclt_openapiSystemReload").empty(); }
 
     size_t count(const Lab::Query &filters)
     {
         return json_array_size(lab->requests(filters).get());
     }
+};
+
+// The same, against the lab controller (lab/controller.py) over HTTPS.
+class AgentLabTest : public AgentTest
+{
+  protected:
+    bool with_lab() override { return true; }
 };
 
 // Member `key` of element i of a JSON array, as text ("" when absent).

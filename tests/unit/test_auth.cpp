@@ -51,7 +51,7 @@ std::string base64(const std::string &in)
     return out;
 }
 
-class AuthTest : public ::testing::Test
+class AuthLabTest : public ::testing::Test
 {
   protected:
     DeviceRoot root;
@@ -59,9 +59,7 @@ class AuthTest : public ::testing::Test
 
     void SetUp() override
     {
-        std::string cmd =
-            "python3 " ORKAD_SOURCE_DIR "/lab/devroot.py " + root.path() + " > /dev/null";
-        ASSERT_EQ(system(cmd.c_str()), 0);
+        ASSERT_TRUE(root.build());
         lab = std::make_unique<Lab>(root);
         log_init();
         signals_init();
@@ -71,7 +69,10 @@ class AuthTest : public ::testing::Test
         platform_sleep = no_sleep;
     }
     void TearDown() override { auth_time = time; }
-    void use_lab() { config_set("system", nullptr, "cloud-controller", lab->base_url.c_str()); }
+    void use_controller()
+    {
+        config_set("system", nullptr, "cloud-controller", lab->base_url.c_str());
+    }
 
     std::vector<std::string> main_log() { return log_messages(root.at("/rw/orkad.log")); }
     std::string main_log_text() { return read_file(root.at("/rw/orkad.log")); }
@@ -94,9 +95,9 @@ class AuthTest : public ::testing::Test
 
 } // namespace
 
-TEST_F(AuthTest, LifetimeOfADayIsKept)
+TEST_F(AuthLabTest, LifetimeOfADayIsKept)
 {
-    use_lab();
+    use_controller();
     lab->set_token(R"({"expires_in":86400})");
     int valid;
     std::string first = fetch(&valid);
@@ -114,9 +115,9 @@ TEST_F(AuthTest, LifetimeOfADayIsKept)
     EXPECT_EQ(main_log_text().find("out of range"), std::string::npos);
 }
 
-TEST_F(AuthTest, LifetimeAboveADayBecomesAMinute)
+TEST_F(AuthLabTest, LifetimeAboveADayBecomesAMinute)
 {
-    use_lab();
+    use_controller();
     lab->set_token(R"({"expires_in":86401})");
     int valid;
     std::string token = fetch(&valid);
@@ -128,9 +129,9 @@ TEST_F(AuthTest, LifetimeAboveADayBecomesAMinute)
     EXPECT_EQ(token_requests(), 1u);
 }
 
-TEST_F(AuthTest, NegativeLifetimeBecomesAMinute)
+TEST_F(AuthLabTest, NegativeLifetimeBecomesAMinute)
 {
-    use_lab();
+    use_controller();
     lab->set_token(R"({"expires_in":-5})");
     int valid;
     std::string token = fetch(&valid);
@@ -141,9 +142,9 @@ TEST_F(AuthTest, NegativeLifetimeBecomesAMinute)
     EXPECT_EQ(token_requests(), 1u);
 }
 
-TEST_F(AuthTest, LifetimeOfZeroIsStoredButExpiredAtOnce)
+TEST_F(AuthLabTest, LifetimeOfZeroIsStoredButExpiredAtOnce)
 {
-    use_lab();
+    use_controller();
     lab->set_token(R"({"expires_in":0})");
     int valid;
     std::string first = fetch(&valid);
@@ -155,9 +156,9 @@ TEST_F(AuthTest, LifetimeOfZeroIsStoredButExpiredAtOnce)
     EXPECT_EQ(token_requests(), 2u);
 }
 
-TEST_F(AuthTest, LifetimeIsTheThirtyTwoBitsThatWereChecked)
+TEST_F(AuthLabTest, LifetimeIsTheThirtyTwoBitsThatWereChecked)
 {
-    use_lab();
+    use_controller();
     // 2^32 passes the check as 0: stored, but already expired.
     lab->set_token(R"({"expires_in":4294967296})");
     int valid;
@@ -171,9 +172,9 @@ TEST_F(AuthTest, LifetimeIsTheThirtyTwoBitsThatWereChecked)
     EXPECT_EQ(main_log_text().find("out of range"), std::string::npos);
 }
 
-TEST_F(AuthTest, LifetimeJustAboveThirtyTwoBitsLastsOneSecond)
+TEST_F(AuthLabTest, LifetimeJustAboveThirtyTwoBitsLastsOneSecond)
 {
-    use_lab();
+    use_controller();
     // 2^32 + 1 passes the check as 1: the token must run out a second
     // after it was taken, not live for ever.
     lab->set_token(R"({"expires_in":4294967297})");
@@ -194,9 +195,9 @@ TEST_F(AuthTest, LifetimeJustAboveThirtyTwoBitsLastsOneSecond)
     EXPECT_EQ(token_requests(), 2u);
 }
 
-TEST_F(AuthTest, HourTakenBefore2038LastsItsHourAcrossTheWrap)
+TEST_F(AuthLabTest, HourTakenBefore2038LastsItsHourAcrossTheWrap)
 {
-    use_lab();
+    use_controller();
     lab->set_token(R"({"expires_in":3600})");
     auth_time = fake_time;
     fake_now = Y2038_0300;
@@ -226,9 +227,9 @@ TEST_F(AuthTest, HourTakenBefore2038LastsItsHourAcrossTheWrap)
     EXPECT_EQ(token_requests(), 3u);
 }
 
-TEST_F(AuthTest, TextLifetimeLeavesTheTokenUnstored)
+TEST_F(AuthLabTest, TextLifetimeLeavesTheTokenUnstored)
 {
-    use_lab();
+    use_controller();
     lab->set_token(R"({"expires_in":"soon"})");
     int valid;
     EXPECT_EQ(fetch(&valid), "");
@@ -244,9 +245,9 @@ TEST_F(AuthTest, TextLifetimeLeavesTheTokenUnstored)
     EXPECT_EQ(token_requests(), 2u);
 }
 
-TEST_F(AuthTest, MissingLifetimeLeavesTheTokenUnstored)
+TEST_F(AuthLabTest, MissingLifetimeLeavesTheTokenUnstored)
 {
-    use_lab();
+    use_controller();
     lab->script(R"({"path":"/api/oauth/token","body":{"access_token":"abc"}})");
     int valid;
     EXPECT_EQ(fetch(&valid), "");
@@ -254,9 +255,9 @@ TEST_F(AuthTest, MissingLifetimeLeavesTheTokenUnstored)
     EXPECT_EQ(main_log().back(), "missing or invalid 'expires_in' element");
 }
 
-TEST_F(AuthTest, TokenOf255CharactersIsStored)
+TEST_F(AuthLabTest, TokenOf255CharactersIsStored)
 {
-    use_lab();
+    use_controller();
     lab->set_token(R"({"token_length":255})");
     int valid;
     std::string token = fetch(&valid);
@@ -265,9 +266,9 @@ TEST_F(AuthTest, TokenOf255CharactersIsStored)
     EXPECT_EQ(token, json_str(json_array_get(lab->tokens().get(), 0), "token"));
 }
 
-TEST_F(AuthTest, TokenOf256CharactersIsRefused)
+TEST_F(AuthLabTest, TokenOf256CharactersIsRefused)
 {
-    use_lab();
+    use_controller();
     lab->set_token(R"({"token_length":256})");
     int valid;
     EXPECT_EQ(fetch(&valid), "");
@@ -275,9 +276,9 @@ TEST_F(AuthTest, TokenOf256CharactersIsRefused)
     EXPECT_EQ(main_log().back(), "access token too large, should be less than 256 bytes");
 }
 
-TEST_F(AuthTest, MissingOrWrongTypedTokenIsNotStored)
+TEST_F(AuthLabTest, MissingOrWrongTypedTokenIsNotStored)
 {
-    use_lab();
+    use_controller();
     lab->script(R"({"path":"/api/oauth/token","body":{"access_token":5,"expires_in":60}})");
     int valid;
     EXPECT_EQ(fetch(&valid), "");
@@ -292,9 +293,9 @@ TEST_F(AuthTest, MissingOrWrongTypedTokenIsNotStored)
     EXPECT_EQ(main_log().back(), "missing or invalid 'access_token' element");
 }
 
-TEST_F(AuthTest, MessageMemberIsLogged)
+TEST_F(AuthLabTest, MessageMemberIsLogged)
 {
-    use_lab();
+    use_controller();
     lab->set_token(R"({"extra":{"message":"welcome back, switch"}})");
     int valid;
     fetch(&valid);
@@ -308,9 +309,9 @@ TEST_F(AuthTest, MessageMemberIsLogged)
     EXPECT_TRUE(logged("expected string type for 'message' element"));
 }
 
-TEST_F(AuthTest, BodyThatIsNotJsonLogsTheDecodingError)
+TEST_F(AuthLabTest, BodyThatIsNotJsonLogsTheDecodingError)
 {
-    use_lab();
+    use_controller();
     const std::string body = "this is {not json";
     lab->script(R"({"path":"/api/oauth/token","status":200,"text":")" + body + "\"}");
     json_error_t err;
@@ -323,9 +324,9 @@ TEST_F(AuthTest, BodyThatIsNotJsonLogsTheDecodingError)
     EXPECT_NE(main_log_text().find(expected), std::string::npos) << main_log_text();
 }
 
-TEST_F(AuthTest, RefusalWithAnotherErrorChangesNothing)
+TEST_F(AuthLabTest, RefusalWithAnotherErrorChangesNothing)
 {
-    use_lab();
+    use_controller();
     lab->script(R"({"path":"/api/oauth/token","status":400,"body":{"error":"invalid_scope"}})");
     size_t before = main_log().size();
     int valid;
@@ -339,9 +340,9 @@ TEST_F(AuthTest, RefusalWithAnotherErrorChangesNothing)
     EXPECT_EQ(token_requests(), 2u);
 }
 
-TEST_F(AuthTest, RefusalWithoutErrorOrJson)
+TEST_F(AuthLabTest, RefusalWithoutErrorOrJson)
 {
-    use_lab();
+    use_controller();
     lab->script(R"({"path":"/api/oauth/token","status":400,"body":{"error":7}})");
     int valid;
     fetch(&valid);
@@ -362,9 +363,9 @@ TEST_F(AuthTest, RefusalWithoutErrorOrJson)
     EXPECT_FALSE(file_exists(root.at("/rw/factory-reset.log")));
 }
 
-TEST_F(AuthTest, DeactivatedAccountResetsTheDevice)
+TEST_F(AuthLabTest, DeactivatedAccountResetsTheDevice)
 {
-    use_lab();
+    use_controller();
     lab->script(
         R"({"path":"/api/oauth/token","status":400,"body":{"error":"account_deactivated"}})");
     int valid;
@@ -382,9 +383,9 @@ TEST_F(AuthTest, DeactivatedAccountResetsTheDevice)
     EXPECT_FALSE(file_exists(root.at("/etc/varnex/config/startup.db")));
 }
 
-TEST_F(AuthTest, ConcurrentCallersWithAnExpiredTokenMakeOneRequest)
+TEST_F(AuthLabTest, ConcurrentCallersWithAnExpiredTokenMakeOneRequest)
 {
-    use_lab();
+    use_controller();
     // First a token that is expired by the time anyone asks again.
     lab->set_token(R"({"expires_in":0})");
     int valid;
@@ -408,9 +409,9 @@ TEST_F(AuthTest, ConcurrentCallersWithAnExpiredTokenMakeOneRequest)
     EXPECT_EQ(token_requests(), 2u);
 }
 
-TEST_F(AuthTest, BasicCredentialsAreTheSerialTwice)
+TEST_F(AuthLabTest, BasicCredentialsAreTheSerialTwice)
 {
-    use_lab();
+    use_controller();
     int valid;
     fetch(&valid);
     ASSERT_EQ(valid, 1);
@@ -426,7 +427,7 @@ TEST_F(AuthTest, BasicCredentialsAreTheSerialTwice)
     EXPECT_EQ(json_str(rec, "serial"), SERIAL);
 }
 
-TEST_F(AuthTest, NoControllerNoToken)
+TEST_F(AuthLabTest, NoControllerNoToken)
 {
     int valid;
     EXPECT_EQ(fetch(&valid), "");
@@ -436,9 +437,9 @@ TEST_F(AuthTest, NoControllerNoToken)
     EXPECT_EQ(token_requests(), 0u);
 }
 
-TEST_F(AuthTest, InvalidateForcesANewRequest)
+TEST_F(AuthLabTest, InvalidateForcesANewRequest)
 {
-    use_lab();
+    use_controller();
     int valid;
     std::string first = fetch(&valid);
     EXPECT_EQ(fetch(&valid), first);
@@ -451,9 +452,9 @@ TEST_F(AuthTest, InvalidateForcesANewRequest)
     EXPECT_EQ(queue_count(free_replies), 32);
 }
 
-TEST_F(AuthTest, WrongCaFailsEveryRequest)
+TEST_F(AuthLabTest, WrongCaFailsEveryRequest)
 {
-    use_lab();
+    use_controller();
     // Any bundle without the lab's CA will do: the system's.
     write_file(root.at("/etc/ca-bundle.pem"), read_file("/etc/ssl/certs/ca-certificates.crt"));
     int valid;
@@ -495,9 +496,9 @@ TEST_F(AuthTest, WrongCaFailsEveryRequest)
         0u);
 }
 
-TEST_F(AuthTest, DeeplyNestedBodiesAreRefusedBeforeParsing)
+TEST_F(AuthLabTest, DeeplyNestedBodiesAreRefusedBeforeParsing)
 {
-    use_lab();
+    use_controller();
     const std::string body = std::string(3000, '[') + std::string(3000, ']');
     lab->script(R"({"path":"/api/oauth/token","status":200,"text":")" + body + "\"}");
     int valid;

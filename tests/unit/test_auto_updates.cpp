@@ -14,29 +14,12 @@ using namespace agent_test;
 namespace
 {
 
-std::mutex waits_lock;
-std::vector<unsigned int> waits;
-std::function<void(size_t)> at_wait;
-
-unsigned int record_wait(unsigned int seconds)
-{
-    size_t n;
-    {
-        std::lock_guard<std::mutex> hold(waits_lock);
-        waits.push_back(seconds);
-        n = waits.size();
-    }
-    if (at_wait)
-        at_wait(n);
-    return 0;
-}
-
 unsigned int no_switch_wait(unsigned int)
 {
     return 0;
 }
 
-class UpdatesTest : public AgentTest
+class UpdatesLabTest : public AgentLabTest
 {
   protected:
     void SetUp() override
@@ -96,15 +79,15 @@ class UpdatesTest : public AgentTest
 
 } // namespace
 
-TEST_F(UpdatesTest, RegistersSetFirmware)
+TEST_F(UpdatesLabTest, RegistersSetFirmware)
 {
     auto_updates();
     EXPECT_TRUE(logged("registered 'set.firmware' command handler"));
 }
 
-TEST_F(UpdatesTest, UpToDateMeansNoDownload)
+TEST_F(UpdatesLabTest, UpToDateMeansNoDownload)
 {
-    use_lab();
+    use_controller();
     EXPECT_EQ(check_updates(), 0);
     EXPECT_EQ(count({{"kind", "current_firmware"}}), 1u);
     EXPECT_EQ(first_query(), "serial_number=VX0123456789&firmware_version=1.0.0.1");
@@ -116,23 +99,23 @@ TEST_F(UpdatesTest, UpToDateMeansNoDownload)
     EXPECT_FALSE(file_exists(root.at("/tmp/updates.tar")));
 }
 
-TEST_F(UpdatesTest, BootBankOneSendsTheSecondaryVersion)
+TEST_F(UpdatesLabTest, BootBankOneSendsTheSecondaryVersion)
 {
-    use_lab();
+    use_controller();
     snprintf(env_boot, sizeof(env_boot), "1");
     EXPECT_EQ(check_updates(), 0);
     EXPECT_EQ(first_query(), "serial_number=VX0123456789&firmware_version=1.0.0.2");
 }
 
-TEST_F(UpdatesTest, NoControllerIsAFailureWithoutARequest)
+TEST_F(UpdatesLabTest, NoControllerIsAFailureWithoutARequest)
 {
     EXPECT_EQ(check_updates(), -1);
     EXPECT_EQ(count({}), 0u);
 }
 
-TEST_F(UpdatesTest, RepliesThatCannotBeUsed)
+TEST_F(UpdatesLabTest, RepliesThatCannotBeUsed)
 {
-    use_lab();
+    use_controller();
     lab->script(R"({"path":"/api/current-firmware","body":{"firmware":{}}})");
     EXPECT_EQ(check_updates(), -1);
     EXPECT_TRUE(logged("check_updates: missing or invalid 'currentFirmware' object"));
@@ -159,9 +142,9 @@ TEST_F(UpdatesTest, RepliesThatCannotBeUsed)
     EXPECT_EQ(count({{"kind", "firmware_image"}}), 0u);
 }
 
-TEST_F(UpdatesTest, OfferedImageIsInstalledAndTheSwitchReloaded)
+TEST_F(UpdatesLabTest, OfferedImageIsInstalledAndTheSwitchReloaded)
 {
-    use_lab();
+    use_controller();
     std::string image = make_image();
     offer(image);
     // The reload returns here (the simulated switch stays up), so the update
@@ -184,9 +167,9 @@ TEST_F(UpdatesTest, OfferedImageIsInstalledAndTheSwitchReloaded)
     EXPECT_EQ(runs[0].substr(runs[0].size() - arg.size()), arg);
 }
 
-TEST_F(UpdatesTest, FailedInstallerGivesItsStatus)
+TEST_F(UpdatesLabTest, FailedInstallerGivesItsStatus)
 {
-    use_lab();
+    use_controller();
     offer(make_image());
     fail_installer(7);
     EXPECT_EQ(check_updates(), 7);
@@ -200,9 +183,9 @@ TEST_F(UpdatesTest, FailedInstallerGivesItsStatus)
     EXPECT_EQ(installs().size(), 1u);
 }
 
-TEST_F(UpdatesTest, ImageThatIsNoArchiveIsRefusedByTheInstaller)
+TEST_F(UpdatesLabTest, ImageThatIsNoArchiveIsRefusedByTheInstaller)
 {
-    use_lab();
+    use_controller();
     offer("not an archive");
     EXPECT_EQ(check_updates(), 3);
     EXPECT_TRUE(logged("check_updates: varnex-updates /tmp/updates.tar failed with error code 3"));
@@ -210,13 +193,13 @@ TEST_F(UpdatesTest, ImageThatIsNoArchiveIsRefusedByTheInstaller)
     EXPECT_FALSE(switch_reloaded());
 }
 
-TEST_F(UpdatesTest, RetryDelaysGrowByFiveMinutesUpToAnHour)
+TEST_F(UpdatesLabTest, RetryDelaysGrowByFiveMinutesUpToAnHour)
 {
     // No controller: every check fails until the fourteenth wait brings one.
     at_wait = [this](size_t n) {
         EXPECT_TRUE(deferred_running);
         if (n == 14)
-            use_lab();
+            use_controller();
     };
     deferred_updates(&deferred_running, nullptr, nullptr);
     std::vector<unsigned int> minutes;
@@ -230,13 +213,13 @@ TEST_F(UpdatesTest, RetryDelaysGrowByFiveMinutesUpToAnHour)
     EXPECT_EQ(count({{"kind", "current_firmware"}}), 1u);
 }
 
-TEST_F(UpdatesTest, RetryDelaysAcross2038AreTheSameAsBefore)
+TEST_F(UpdatesLabTest, RetryDelaysAcross2038AreTheSameAsBefore)
 {
     setenv("TZ", "UTC", 1);
     tzset();
     // Each failed check is logged; the clock moves on by each wait, from
     // 2038-01-19T00:00:00Z, so the retries cross the end of 32-bit time.
-    use_lab();
+    use_controller();
     // Fourteen replies that cannot be used, then the lab's own: up to date.
     lab->script(R"({"path":"/api/current-firmware","body":{"firmware":{}},"count":14})");
     log_clock = fake_time;
@@ -272,9 +255,9 @@ TEST_F(UpdatesTest, RetryDelaysAcross2038AreTheSameAsBefore)
     EXPECT_FALSE(deferred_running);
 }
 
-TEST_F(UpdatesTest, RetriesGoOnWhenTheRestartAfterAnInstallReturns)
+TEST_F(UpdatesLabTest, RetriesGoOnWhenTheRestartAfterAnInstallReturns)
 {
-    use_lab();
+    use_controller();
     offer(make_image());
     // The first retry finds the device current at last.
     at_wait = [this](size_t n) {
@@ -289,7 +272,7 @@ TEST_F(UpdatesTest, RetriesGoOnWhenTheRestartAfterAnInstallReturns)
     EXPECT_FALSE(deferred_running);
 }
 
-TEST_F(UpdatesTest, SecondStartOnlyLogs)
+TEST_F(UpdatesLabTest, SecondStartOnlyLogs)
 {
     std::atomic<bool> release{false};
     at_wait = [&](size_t) {
@@ -308,7 +291,7 @@ TEST_F(UpdatesTest, SecondStartOnlyLogs)
     EXPECT_EQ(count_logged("starting deferred_updates"), 1u);
     EXPECT_EQ(next_thread, slots + 1); // the one retry thread
 
-    use_lab();
+    use_controller();
     release = true;
     EXPECT_TRUE(wait_for([] { return !deferred_running.load(); }));
     EXPECT_TRUE(wait_logged("thread_run: thread 'deferred_updates' terminated!"));
@@ -323,7 +306,7 @@ TEST_F(UpdatesTest, SecondStartOnlyLogs)
 
 // set.firmware on the command runner and a phone-home on the heartbeat thread
 // may both find the controller behind and start the retry at the same moment.
-TEST_F(UpdatesTest, StartsAtTheSameMomentMakeOneRetryThread)
+TEST_F(UpdatesLabTest, StartsAtTheSameMomentMakeOneRetryThread)
 {
     std::atomic<bool> release{false};
     at_wait = [&](size_t) {
@@ -347,15 +330,15 @@ TEST_F(UpdatesTest, StartsAtTheSameMomentMakeOneRetryThread)
     EXPECT_EQ(next_thread, slots + 1); // one retry thread for the four starts
     EXPECT_TRUE(deferred_running);
 
-    use_lab();
+    use_controller();
     release = true;
     EXPECT_TRUE(wait_for([] { return !deferred_running.load(); }));
     EXPECT_TRUE(wait_logged("thread_run: thread 'deferred_updates' terminated!"));
 }
 
-TEST_F(UpdatesTest, SetFirmwareAnswersFirstThenChecks)
+TEST_F(UpdatesLabTest, SetFirmwareAnswersFirstThenChecks)
 {
-    use_lab();
+    use_controller();
     run_set_firmware(R"({"action":"set","context":"firmware","id":"fw-1"})");
     Json res = lab->wait_results({{"command_id", "fw-1"}});
     ASSERT_EQ(json_array_size(res.get()), 1u);
@@ -368,9 +351,9 @@ TEST_F(UpdatesTest, SetFirmwareAnswersFirstThenChecks)
     EXPECT_FALSE(logged("starting deferred_updates"));
 }
 
-TEST_F(UpdatesTest, SetFirmwareWithoutIdChecksNothing)
+TEST_F(UpdatesLabTest, SetFirmwareWithoutIdChecksNothing)
 {
-    use_lab();
+    use_controller();
     run_set_firmware(R"({"action":"set","context":"firmware"})");
     Json res = lab->wait_results({});
     ASSERT_EQ(json_array_size(res.get()), 1u);
@@ -380,9 +363,9 @@ TEST_F(UpdatesTest, SetFirmwareWithoutIdChecksNothing)
     EXPECT_EQ(count({{"kind", "current_firmware"}}), 0u);
 }
 
-TEST_F(UpdatesTest, SetFirmwareStartsTheRetriesWhenTheCheckFails)
+TEST_F(UpdatesLabTest, SetFirmwareStartsTheRetriesWhenTheCheckFails)
 {
-    use_lab();
+    use_controller();
     // Three failing answers: the command's own check, then the retry
     // thread's first two; its third check finds the firmware up to date.
     lab->script(R"({"path":"/api/current-firmware","count":3,"body":{}})");
@@ -399,9 +382,9 @@ TEST_F(UpdatesTest, SetFirmwareStartsTheRetriesWhenTheCheckFails)
     EXPECT_EQ(count({{"kind", "current_firmware"}}), 4u);
 }
 
-TEST_F(UpdatesTest, DeveloperBuildNeverUpdates)
+TEST_F(UpdatesLabTest, DeveloperBuildNeverUpdates)
 {
-    use_lab();
+    use_controller();
     developer_build = true;
     const int slots = next_thread;
     run_set_firmware(R"({"action":"set","context":"firmware","id":"fw-3"})");
@@ -414,9 +397,9 @@ TEST_F(UpdatesTest, DeveloperBuildNeverUpdates)
     EXPECT_EQ(count({{"kind", "current_firmware"}}), 0u);
 }
 
-TEST_F(UpdatesTest, DeeplyNestedReplyIsADecodingError)
+TEST_F(UpdatesLabTest, DeeplyNestedReplyIsADecodingError)
 {
-    use_lab();
+    use_controller();
     const std::string deep = std::string(3000, '{') + std::string(3000, '}');
     lab->script(R"({"path":"/api/current-firmware","text":")" + deep + "\"}");
     EXPECT_EQ(check_updates(), -1);

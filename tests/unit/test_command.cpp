@@ -503,7 +503,7 @@ void refusing_handler(char *name, json_t *command, char *link)
     cmd.refuse("value %d refused", 7);
 }
 
-class EnvelopeAnswerTest : public agent_test::AgentTest
+class EnvelopeAnswerLabTest : public agent_test::AgentLabTest
 {
   protected:
     void SetUp() override
@@ -518,7 +518,7 @@ class EnvelopeAnswerTest : public agent_test::AgentTest
 
 } // namespace
 
-TEST_F(EnvelopeAnswerTest, EachFailureOfTheServiceOpeningIsAnsweredOnce)
+TEST_F(EnvelopeAnswerLabTest, EachFailureOfTheServiceOpeningIsAnsweredOnce)
 {
     struct {
         const char *params;
@@ -559,7 +559,7 @@ TEST_F(EnvelopeAnswerTest, EachFailureOfTheServiceOpeningIsAnsweredOnce)
     EXPECT_TRUE(logged("set.thing: missing or invalid 'id' element in command"));
 }
 
-TEST_F(EnvelopeAnswerTest, ServiceOpeningGivesWholeSecondsAndTheLink)
+TEST_F(EnvelopeAnswerLabTest, ServiceOpeningGivesWholeSecondsAndTheLink)
 {
     EXPECT_EQ(run_command(service_handler, "set", "thing", "ok",
                           R"({"interval":3600999,"serviceLink":{"href":"/v1/things/9"}})"),
@@ -570,7 +570,7 @@ TEST_F(EnvelopeAnswerTest, ServiceOpeningGivesWholeSecondsAndTheLink)
     EXPECT_EQ(json_array_size(lab->results().get()), 1u);
 }
 
-TEST_F(EnvelopeAnswerTest, RefuseAnswersOnceWithItsMessage)
+TEST_F(EnvelopeAnswerLabTest, RefuseAnswersOnceWithItsMessage)
 {
     EXPECT_EQ(run_command(refusing_handler, "set", "thing", "r1", "{}"),
               std::make_pair(-1, std::string("value 7 refused")));
@@ -595,7 +595,7 @@ void optional_handler(char *name, json_t *command, char *link)
 
 } // namespace
 
-TEST_F(EnvelopeAnswerTest, OptionalTextMayBeLeftOutButNotBeAnythingElse)
+TEST_F(EnvelopeAnswerLabTest, OptionalTextMayBeLeftOutButNotBeAnythingElse)
 {
     optional_seen.clear();
     EXPECT_EQ(run_command(optional_handler, "set", "thing", "o1", "{}"),

@@ -1,5 +1,6 @@
 // Device identity, the "set.config" / "del.config" commands and the refresh
-// notice, against the lab controller and the simulated switch.
+// notice, against an in-process controller and the simulated switch (the
+// lab controller where the headers matter).
 #include "auth.h"
 #include "command.h"
 #include "config.h"
@@ -49,6 +50,7 @@ class ConfigTest : public ::testing::Test
   protected:
     DeviceRoot root;
     std::unique_ptr<Lab> lab;
+    std::unique_ptr<CannedController> controller;
 
     void SetUp() override
     {
@@ -62,15 +64,12 @@ class ConfigTest : public ::testing::Test
         ASSERT_EQ(icos_openapi_client_init(), 0);
         snprintf(env_serial, sizeof(env_serial), "%s", "VX0123456789");
     }
-    // (Re)builds the device root, with boot variables and options for
-    // lab/devroot.py.
-    void devroot(const std::vector<std::string> &args)
+    // (Re)builds the device root, with boot variables and options.
+    void devroot(const std::vector<std::string> &args) { ASSERT_TRUE(root.build(args)); }
+    void start_controller()
     {
-        std::string cmd = "python3 " ORKAD_SOURCE_DIR "/lab/devroot.py " + root.path();
-        for (const std::string &a : args)
-            cmd += " '" + a + "'";
-        cmd += " > /dev/null";
-        ASSERT_EQ(system(cmd.c_str()), 0);
+        controller = std::make_unique<CannedController>();
+        config_set("system", nullptr, "cloud-controller", CannedController::base_url);
     }
     void start_lab()
     {
@@ -78,6 +77,7 @@ class ConfigTest : public ::testing::Test
         config_set("system", nullptr, "cloud-controller", lab->base_url.c_str());
         lab->add_link(HREF, "response");
     }
+    size_t requests(const std::string &path) { return controller->requests(path).size(); }
 
     std::vector<std::string> main_log() { return log_messages(root.at("/rw/orkad.log")); }
     bool logged(const std::string &line)
@@ -93,13 +93,9 @@ class ConfigTest : public ::testing::Test
     std::vector<Answer> answers()
     {
         std::vector<Answer> out;
-        Json res = lab->results();
-        for (size_t i = 0; i < json_array_size(res.get()); i++) {
-            json_t *r = json_array_get(res.get(), i);
-            EXPECT_TRUE(json_is_true(json_object_get(r, "valid_json"))) << json_text(r);
-            EXPECT_EQ(json_str(r, "href"), HREF);
-            out.push_back({json_str(r, "commandId"), json_integer_value(json_object_get(r, "code")),
-                           json_str(r, "message")});
+        for (auto &a : controller->answers()) {
+            EXPECT_EQ(a.path, HREF);
+            out.push_back({a.id, a.code, a.message});
         }
         return out;
     }
@@ -111,19 +107,11 @@ class ConfigTest : public ::testing::Test
         EXPECT_EQ(a.size(), 1u);
         return a.empty() ? Answer{"", 99, "(none)"} : a.back();
     }
-    std::vector<Json> journal()
-    {
-        std::vector<Json> out;
-        for (const std::string &line : lines_of(read_file(root.at("/var/switch/journal"))))
-            out.push_back(json_parse(line));
-        return out;
-    }
     std::vector<Json> admin_writes()
     {
         std::vector<Json> out;
-        for (Json &j : journal())
-            if (json_str(j.get(), "call") == "rpcclt_openapiIfAdminStateSet")
-                out.push_back(std::move(j));
+        for (const std::string &line : journal_lines_of(root, "rpcclt_openapiIfAdminStateSet"))
+            out.push_back(json_parse(line));
         return out;
     }
     static long long num(const Json &j, const char *key)
@@ -157,7 +145,7 @@ const char GOOD_LAN[] = R"({"ip_proto":"static","ip_address":"10.0.0.2","subnet_
 
 TEST_F(ConfigTest, EmptyParamsAnswerFailureWithNoMessage)
 {
-    start_lab();
+    start_controller();
     Answer a = answer_of(cmd_set_config, "set.config",
                          R"({"id":"c1","action":"set","context":"config","params":{}})");
     EXPECT_EQ(a.id, "c1");
@@ -167,7 +155,7 @@ TEST_F(ConfigTest, EmptyParamsAnswerFailureWithNoMessage)
 
 TEST_F(ConfigTest, EmptyPortListAnswersSuccess)
 {
-    start_lab();
+    start_controller();
     Answer a =
         answer_of(cmd_set_config, "set.config", R"({"id":"c2","params":{"portConfiguration":[]}})");
     EXPECT_EQ(a.code, 0);
@@ -177,7 +165,7 @@ TEST_F(ConfigTest, EmptyPortListAnswersSuccess)
 
 TEST_F(ConfigTest, PortWithOnlyAnIdHasNothingToConfigure)
 {
-    start_lab();
+    start_controller();
     Answer a = answer_of(cmd_set_config, "set.config",
                          R"({"id":"c3","params":{"portConfiguration":[{"id":"4"}]}})");
     EXPECT_EQ(a.code, -1);
@@ -187,7 +175,7 @@ TEST_F(ConfigTest, PortWithOnlyAnIdHasNothingToConfigure)
 
 TEST_F(ConfigTest, LowerCaseDhcpIsRefused)
 {
-    start_lab();
+    start_controller();
     Answer a = answer_of(cmd_set_config, "set.config", R"({"id":"c4","params":{
         "lanConfiguration":{"ip_proto":"dhcp","ip_address":"","subnet_mask":"",
         "default_gateway":"","dns_server1":"","dns_server2":""}}})");
@@ -198,13 +186,13 @@ TEST_F(ConfigTest, LowerCaseDhcpIsRefused)
 
 TEST_F(ConfigTest, ValidLanSettingsAreAcknowledgedOnly)
 {
-    start_lab();
+    start_controller();
     Answer a =
         answer_of(cmd_set_config, "set.config",
                   std::string(R"({"id":"c5","params":{"lanConfiguration":)") + GOOD_LAN + "}}");
     EXPECT_EQ(a.code, 0);
     EXPECT_EQ(a.message, "");
-    EXPECT_TRUE(journal().empty());
+    EXPECT_TRUE(journal_lines(root).empty());
     // "DHCP" in capitals is the other accepted protocol.
     EXPECT_EQ(lan_message(R"({"ip_proto":"DHCP","ip_address":"","subnet_mask":"",
         "default_gateway":"","dns_server1":"","dns_server2":""})",
@@ -214,7 +202,7 @@ TEST_F(ConfigTest, ValidLanSettingsAreAcknowledgedOnly)
 
 TEST_F(ConfigTest, EnvelopeErrors)
 {
-    start_lab();
+    start_controller();
     run(cmd_set_config, "set.config", R"({"params":{}})");
     EXPECT_EQ(main_log().back(), "cmd_set_config: missing or invalid 'id' element in command");
     run(cmd_set_config, "set.config", R"({"id":"c6","params":[]})");
@@ -231,7 +219,7 @@ TEST_F(ConfigTest, EnvelopeErrors)
 
 TEST_F(ConfigTest, LongIdsAreCutTo41Characters)
 {
-    start_lab();
+    start_controller();
     const std::string id(50, 'i');
     run(cmd_set_config, "set.config",
         R"({"id":")" + id + R"(","params":{"portConfiguration":[]}})");
@@ -301,7 +289,7 @@ TEST_F(ConfigTest, LanValidationMessages)
 
 TEST_F(ConfigTest, AdminChangeReachesTheSwitch)
 {
-    start_lab();
+    start_controller();
     Answer a = answer_of(cmd_set_config, "set.config", R"({"id":"c7","params":{
         "portConfiguration":[{"id":"3","admin_status":"down"},{"id":"5","admin_status":"up"}]}})");
     EXPECT_EQ(a.code, 0);
@@ -327,7 +315,7 @@ TEST_F(ConfigTest, AdminChangeReachesTheSwitch)
 
 TEST_F(ConfigTest, PortNamesCannotBeChanged)
 {
-    start_lab();
+    start_controller();
     Answer a = answer_of(cmd_set_config, "set.config", R"({"id":"c8","params":{
         "portConfiguration":[{"id":"2","name":"uplink"}]}})");
     EXPECT_EQ(a.code, -1);
@@ -337,7 +325,7 @@ TEST_F(ConfigTest, PortNamesCannotBeChanged)
 
 TEST_F(ConfigTest, FailingPortStopsTheWalkAndKeepsEarlierOnes)
 {
-    start_lab();
+    start_controller();
     Answer a = answer_of(cmd_set_config, "set.config", R"({"id":"c9","params":{
         "portConfiguration":[{"id":"1","admin_status":"down"},{"id":"2"},
                              {"id":"6","admin_status":"down"}],
@@ -356,7 +344,7 @@ TEST_F(ConfigTest, FailingPortStopsTheWalkAndKeepsEarlierOnes)
 
 TEST_F(ConfigTest, BothSectionsInOrder)
 {
-    start_lab();
+    start_controller();
     Answer a = answer_of(cmd_set_config, "set.config", R"({"id":"c10","params":{
         "lanConfiguration":{"ip_proto":"dhcp"},
         "portConfiguration":[{"id":"7","admin_status":"down"}]}})");
@@ -373,14 +361,13 @@ TEST_F(ConfigTest, BothSectionsInOrder)
 
 TEST_F(ConfigTest, ResetAnswersBeforeItResets)
 {
-    start_lab();
+    start_controller();
     run(cmd_del_config, "del.config", R"({"id":"d1","params":{}})");
-    Json res = lab->results();
-    ASSERT_EQ(json_array_size(res.get()), 2u);
-    json_t *first = json_array_get(res.get(), 0);
-    EXPECT_EQ(json_str(first, "commandId"), "d1");
-    EXPECT_EQ(json_integer_value(json_object_get(first, "code")), 0);
-    EXPECT_EQ(json_str(first, "message"), "");
+    auto res = controller->answers();
+    ASSERT_EQ(res.size(), 2u);
+    EXPECT_EQ(res[0].id, "d1");
+    EXPECT_EQ(res[0].code, 0);
+    EXPECT_EQ(res[0].message, "");
 
     // The reset ran once, after the controller had the answer.
     std::string reset_log = root.at("/rw/factory-reset.log");
@@ -388,7 +375,7 @@ TEST_F(ConfigTest, ResetAnswersBeforeItResets)
     struct stat st;
     ASSERT_EQ(stat(reset_log.c_str(), &st), 0);
     double reset_at = st.st_mtim.tv_sec + st.st_mtim.tv_nsec / 1e9;
-    EXPECT_LT(json_real_value(json_object_get(first, "time")), reset_at);
+    EXPECT_LT(res[0].time, reset_at);
 
     auto m = main_log();
     auto did = std::find(m.begin(), m.end(), "cmd_del_config: performing default/normal reset");
@@ -397,15 +384,14 @@ TEST_F(ConfigTest, ResetAnswersBeforeItResets)
     // reports the handshake as failed.
     ASSERT_NE(did + 1, m.end());
     EXPECT_EQ(did[1], "cmd_del_config: failed 'del.config' handshake (response/reply phase)");
-    json_t *second = json_array_get(res.get(), 1);
-    EXPECT_EQ(json_str(second, "commandId"), "d1");
-    EXPECT_EQ(json_integer_value(json_object_get(second, "code")), -1);
-    EXPECT_EQ(json_str(second, "message"), "failed 'del.config' handshake (response/reply phase)");
+    EXPECT_EQ(res[1].id, "d1");
+    EXPECT_EQ(res[1].code, -1);
+    EXPECT_EQ(res[1].message, "failed 'del.config' handshake (response/reply phase)");
 }
 
 TEST_F(ConfigTest, UpperCaseSoftIsTheDefaultReset)
 {
-    start_lab();
+    start_controller();
     run(cmd_del_config, "del.config", R"({"id":"d2","params":{"reset-mode":"SOFT"}})");
     EXPECT_TRUE(logged("cmd_del_config: performing default/normal reset"));
     EXPECT_FALSE(logged("cmd_del_config: performing soft reset"));
@@ -414,7 +400,7 @@ TEST_F(ConfigTest, UpperCaseSoftIsTheDefaultReset)
 
 TEST_F(ConfigTest, SoftReset)
 {
-    start_lab();
+    start_controller();
     run(cmd_del_config, "del.config", R"({"id":"d3","params":{"reset-mode":"soft"}})");
     EXPECT_TRUE(logged("cmd_del_config: performing soft reset"));
     EXPECT_FALSE(logged("cmd_del_config: performing default/normal reset"));
@@ -426,15 +412,15 @@ TEST_F(ConfigTest, SoftReset)
 
 TEST_F(ConfigTest, FailedHandshakeDoesNotReset)
 {
-    start_lab();
-    lab->script(R"({"path":"/api/response/t","status":503,"count":4})");
+    start_controller();
+    controller->answer(HREF, 503, "{}", 4);
     run(cmd_del_config, "del.config", R"({"id":"d4","params":{"reset-mode":"soft"}})");
     EXPECT_FALSE(file_exists(root.at("/rw/factory-reset.log")));
     EXPECT_FALSE(logged("cmd_del_config: performing soft reset"));
     EXPECT_EQ(main_log().back(),
               "cmd_del_config: failed 'del.config' handshake (response/reply phase)");
     // Four refused attempts at the answer, then the second status.
-    EXPECT_EQ(json_array_size(lab->requests({{"path", "/api/response/t"}}).get()), 5u);
+    EXPECT_EQ(requests(HREF), 5u);
     auto a = answers();
     ASSERT_EQ(a.size(), 1u);
     EXPECT_EQ(a[0].id, "d4");
@@ -444,7 +430,7 @@ TEST_F(ConfigTest, FailedHandshakeDoesNotReset)
 
 TEST_F(ConfigTest, ResetCommandErrors)
 {
-    start_lab();
+    start_controller();
     run(cmd_del_config, "del.config", R"({"id":7,"params":{}})");
     EXPECT_EQ(main_log().back(), "cmd_del_config: missing or invalid 'id' element in command");
     run(cmd_del_config, "del.config", R"({"id":"d5"})");
@@ -587,7 +573,13 @@ std::string capabilities_text()
     return out;
 }
 
-TEST_F(ConfigTest, RefreshAfterABootSaysReboot)
+// The order of the headers and the token in them are seen by a real server
+// only.
+class ConfigLabTest : public ConfigTest
+{
+};
+
+TEST_F(ConfigLabTest, RefreshAfterABootSaysReboot)
 {
     start_lab();
     restarts = 0;
@@ -630,36 +622,36 @@ TEST_F(ConfigTest, RefreshAfterABootSaysReboot)
 
 TEST_F(ConfigTest, RefreshAfterARestartSaysRestart)
 {
-    start_lab();
+    start_controller();
     restarts = 2;
     EXPECT_EQ(send_refresh_config(), 0);
-    Json recs = lab->requests({{"kind", "refresh"}});
-    ASSERT_EQ(json_array_size(recs.get()), 1u);
-    EXPECT_EQ(json_str(json_array_get(recs.get(), 0), "body"),
+    auto recs = controller->requests("/refresh-config");
+    ASSERT_EQ(recs.size(), 1u);
+    EXPECT_EQ(recs[0].body,
               "{\"reason\":\"restart\",\"capabilities\":" + capabilities_text() + "}");
 }
 
 TEST_F(ConfigTest, RefreshRetriesOnceWithANewTokenOnAClientError)
 {
-    start_lab();
-    lab->script(R"({"path":"/api/refresh-config","status":401,"body":{"error":"invalid_token"}})");
+    start_controller();
+    controller->answer("/refresh-config", 401, R"({"error":"invalid_token"})");
     EXPECT_EQ(send_refresh_config(), 0);
-    EXPECT_EQ(json_array_size(lab->requests({{"kind", "refresh"}}).get()), 2u);
-    EXPECT_EQ(json_array_size(lab->requests({{"kind", "token"}}).get()), 2u);
+    EXPECT_EQ(requests("/refresh-config"), 2u);
+    EXPECT_EQ(requests("/oauth/token"), 2u);
 
     // Twice refused: the second refusal is the result.
-    lab->script(R"({"path":"/api/refresh-config","status":404,"count":2})");
+    controller->answer("/refresh-config", 404, "{}", 2);
     EXPECT_EQ(send_refresh_config(), 404);
-    EXPECT_EQ(json_array_size(lab->requests({{"kind", "refresh"}}).get()), 4u);
+    EXPECT_EQ(requests("/refresh-config"), 4u);
 }
 
 TEST_F(ConfigTest, RefreshIsNotRetriedOnAServerError)
 {
-    start_lab();
-    lab->script(R"({"path":"/api/refresh-config","status":500})");
+    start_controller();
+    controller->answer("/refresh-config", 500);
     EXPECT_EQ(send_refresh_config(), 500);
-    EXPECT_EQ(json_array_size(lab->requests({{"kind", "refresh"}}).get()), 1u);
-    EXPECT_EQ(json_array_size(lab->requests({{"kind", "token"}}).get()), 1u);
+    EXPECT_EQ(requests("/refresh-config"), 1u);
+    EXPECT_EQ(requests("/oauth/token"), 1u);
 }
 
 TEST_F(ConfigTest, RefreshWithoutControllerOrToken)
@@ -667,9 +659,9 @@ TEST_F(ConfigTest, RefreshWithoutControllerOrToken)
     EXPECT_EQ(send_refresh_config(), 1);
     EXPECT_EQ(queue_count(free_replies), 32);
 
-    start_lab();
-    lab->script(R"({"path":"/api/oauth/token","status":503})");
+    start_controller();
+    controller->answer("/oauth/token", 503);
     EXPECT_EQ(send_refresh_config(), 1);
-    EXPECT_EQ(json_array_size(lab->requests({{"kind", "refresh"}}).get()), 0u);
+    EXPECT_EQ(requests("/refresh-config"), 0u);
     EXPECT_EQ(queue_count(free_replies), 32);
 }

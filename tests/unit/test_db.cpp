@@ -80,9 +80,7 @@ class DbTest : public ::testing::Test
 
     void SetUp() override
     {
-        std::string cmd =
-            "python3 " ORKAD_SOURCE_DIR "/lab/devroot.py " + root.path() + " > /dev/null";
-        ASSERT_EQ(system(cmd.c_str()), 0);
+        ASSERT_TRUE(root.build());
         log_init();
     }
 

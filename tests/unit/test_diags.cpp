@@ -21,7 +21,7 @@ namespace
 const char dump_line[] = "_sys: '/usr/sbin/varnex-diagnostic-dump > /dev/null 2>&1' (status = 0)";
 const char gzip_line[] = "_sys: '/bin/gzip -9 /tmp/diagnostics.tar > /dev/null 2>&1' (status = 0)";
 
-class DiagsTest : public AgentTest
+class DiagsLabTest : public AgentLabTest
 {
   protected:
     void SetUp() override
@@ -29,7 +29,7 @@ class DiagsTest : public AgentTest
         AgentTest::SetUp();
         lab->add_link("/response/d", "response");
         lab->add_link("/diags/upload", "diagnostics");
-        use_lab();
+        use_controller();
     }
 
     void run(const std::string &command)
@@ -44,20 +44,10 @@ class DiagsTest : public AgentTest
     Answer result_of(const std::string &id) { return answer_for(id); }
     Answer only_result() { return answer_for(""); }
 
-    std::vector<std::string> journal_calls(const std::string &call)
-    {
-        std::vector<std::string> out;
-        for (auto &line : lines_of(read_file(root.at("/var/switch/journal")))) {
-            Json j = json_parse(line);
-            if (json_str(j.get(), "call") == call)
-                out.push_back(line);
-        }
-        return out;
-    }
     bool collected_anything()
     {
         auto log = main_log();
-        return !journal_calls("rpcclt_openapiSupportFileGenerate").empty() ||
+        return !journal_lines_of(root, "rpcclt_openapiSupportFileGenerate").empty() ||
                std::any_of(log.begin(), log.end(), [](const std::string &l) {
                    return l.find("varnex-diagnostic-dump") != std::string::npos;
                });
@@ -101,13 +91,13 @@ class DiagsTest : public AgentTest
 
 } // namespace
 
-TEST_F(DiagsTest, InitRegistersTheCommand)
+TEST_F(DiagsLabTest, InitRegistersTheCommand)
 {
     diags_init();
     EXPECT_TRUE(logged("registered 'get.diagnostics' command handler"));
 }
 
-TEST_F(DiagsTest, CollectsCompressesAndUploadsTheArchive)
+TEST_F(DiagsLabTest, CollectsCompressesAndUploadsTheArchive)
 {
     ASSERT_EQ(platform_set_system("password", "it's-s3cret"), 0);
     get_diags("dg-1");
@@ -118,7 +108,7 @@ TEST_F(DiagsTest, CollectsCompressesAndUploadsTheArchive)
     EXPECT_EQ(json_object_get(item(res, 0), "data"), nullptr);
 
     // The switch wrote its support data under the fixed name.
-    auto gen = journal_calls("rpcclt_openapiSupportFileGenerate");
+    auto gen = journal_lines_of(root, "rpcclt_openapiSupportFileGenerate");
     ASSERT_EQ(gen.size(), 1u);
     EXPECT_NE(gen[0].find("/tmp/platform-tech-support.txt"), std::string::npos);
     EXPECT_TRUE(logged(dump_line));
@@ -189,7 +179,7 @@ TEST_F(DiagsTest, CollectsCompressesAndUploadsTheArchive)
     EXPECT_EQ(read_file(dir + "/version"), read_file(root.at("/etc/version")));
 }
 
-TEST_F(DiagsTest, TheDumpWorksInAPrivateFolderAndLeavesOnlyItsTar)
+TEST_F(DiagsLabTest, TheDumpWorksInAPrivateFolderAndLeavesOnlyItsTar)
 {
     // mktemp is watched on its way through; a folder at the name the dump
     // once used (its own pid) belongs to somebody else.
@@ -232,7 +222,7 @@ TEST_F(DiagsTest, TheDumpWorksInAPrivateFolderAndLeavesOnlyItsTar)
     EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 
-TEST_F(DiagsTest, AnOldArchiveIsRemovedFirst)
+TEST_F(DiagsLabTest, AnOldArchiveIsRemovedFirst)
 {
     write_file(root.at("/tmp/diagnostics.tar.gz"), "stale");
     get_diags("dg-1");
@@ -241,7 +231,7 @@ TEST_F(DiagsTest, AnOldArchiveIsRemovedFirst)
     EXPECT_TRUE(file_exists(dir + "/platform-tech-support.txt"));
 }
 
-TEST_F(DiagsTest, WithoutServiceLinkNothingIsCollected)
+TEST_F(DiagsLabTest, WithoutServiceLinkNothingIsCollected)
 {
     run(R"({"action":"get","context":"diagnostics","id":"dg-1","params":{}})");
     auto r = result_of("dg-1");
@@ -253,7 +243,7 @@ TEST_F(DiagsTest, WithoutServiceLinkNothingIsCollected)
     EXPECT_EQ(json_array_size(archives().get()), 0u);
 }
 
-TEST_F(DiagsTest, ServiceLinkWithoutHref)
+TEST_F(DiagsLabTest, ServiceLinkWithoutHref)
 {
     run(R"({"action":"get","context":"diagnostics","id":"dg-1","params":{"serviceLink":{}}})");
     run(R"({"action":"get","context":"diagnostics","id":"dg-2",)"
@@ -269,7 +259,7 @@ TEST_F(DiagsTest, ServiceLinkWithoutHref)
     EXPECT_FALSE(collected_anything());
 }
 
-TEST_F(DiagsTest, WithoutIdOrParams)
+TEST_F(DiagsLabTest, WithoutIdOrParams)
 {
     run(R"({"action":"get","context":"diagnostics","params":{"serviceLink":{"href":"/d"}}})");
     auto r = only_result();
@@ -284,7 +274,7 @@ TEST_F(DiagsTest, WithoutIdOrParams)
     EXPECT_FALSE(collected_anything());
 }
 
-TEST_F(DiagsTest, AGzipFailureIsReportedWithoutAnUpload)
+TEST_F(DiagsLabTest, AGzipFailureIsReportedWithoutAnUpload)
 {
     replace_tool("/bin/gzip", "#!/bin/sh\nexit 1\n");
     get_diags("dg-1");
@@ -302,7 +292,7 @@ TEST_F(DiagsTest, AGzipFailureIsReportedWithoutAnUpload)
     EXPECT_FALSE(file_exists(root.at("/tmp/diagnostics.tar.gz")));
 }
 
-TEST_F(DiagsTest, ADumpScriptThatFailsOrLeavesNoTar)
+TEST_F(DiagsLabTest, ADumpScriptThatFailsOrLeavesNoTar)
 {
     // Its status does not count; the missing tar does.
     replace_tool("/usr/sbin/varnex-diagnostic-dump", "#!/bin/sh\nexit 7\n");
@@ -326,7 +316,7 @@ TEST_F(DiagsTest, ADumpScriptThatFailsOrLeavesNoTar)
     EXPECT_EQ(read_file(dir + "/note"), "partial\n");
 }
 
-TEST_F(DiagsTest, AFailedUploadIsReported)
+TEST_F(DiagsLabTest, AFailedUploadIsReported)
 {
     lab->script(R"({"path":"/api/diags/upload","drop":"reset"})");
     get_diags("dg-1");
@@ -343,7 +333,7 @@ TEST_F(DiagsTest, AFailedUploadIsReported)
     EXPECT_FALSE(file_exists(root.at("/tmp/diagnostics.tar.gz")));
 }
 
-TEST_F(DiagsTest, AnUploadTheControllerRefusesIsAFailureAndTheArchiveGoes)
+TEST_F(DiagsLabTest, AnUploadTheControllerRefusesIsAFailureAndTheArchiveGoes)
 {
     lab->script(R"({"path":"/api/diags/upload","status":500})");
     get_diags("dg-1");
@@ -355,7 +345,7 @@ TEST_F(DiagsTest, AnUploadTheControllerRefusesIsAFailureAndTheArchiveGoes)
     EXPECT_FALSE(file_exists(root.at("/tmp/diagnostics.tar.gz")));
 }
 
-TEST_F(DiagsTest, TwoAtOnceRunOneAfterTheOther)
+TEST_F(DiagsLabTest, TwoAtOnceRunOneAfterTheOther)
 {
     std::thread a([this] { get_diags("dg-1"); });
     std::thread b([this] { get_diags("dg-2"); });

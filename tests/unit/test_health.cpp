@@ -109,7 +109,7 @@ class HealthBareTest : public ::testing::Test
     }
 };
 
-class HealthTest : public AgentTest
+class HealthLabTest : public AgentLabTest
 {
   protected:
     void SetUp() override
@@ -131,10 +131,10 @@ class HealthTest : public AgentTest
     }
 };
 
-class HealthOffTest : public HealthTest
+class HealthOffLabTest : public HealthLabTest
 {
   protected:
-    std::string devroot_args() override { return "--env phone_home=NO"; }
+    std::vector<std::string> devroot_args() override { return {"--env", "phone_home=NO"}; }
 };
 
 } // namespace
@@ -194,12 +194,12 @@ TEST_F(HealthBareTest, UptimeCountsFromTheChildsStartNotTheWallClock)
 
 // ---- controller, heartbeat and token -------------------------------------------
 
-TEST_F(HealthTest, SchemaVersionFromTheDatabase)
+TEST_F(HealthLabTest, SchemaVersionFromTheDatabase)
 {
     EXPECT_EQ(part(status_now(), "database"), R"({"schema":9})");
 }
 
-TEST_F(HealthTest, HeartbeatOk)
+TEST_F(HealthLabTest, HeartbeatOk)
 {
     lab->set_token(R"({"expires_in":3600})");
     boot_controller();
@@ -215,7 +215,7 @@ TEST_F(HealthTest, HeartbeatOk)
     EXPECT_EQ(part(s, "problems"), "[]");
 }
 
-TEST_F(HealthTest, HeartbeatFailing)
+TEST_F(HealthLabTest, HeartbeatFailing)
 {
     boot_controller();
     heartbeat_setup();
@@ -240,7 +240,7 @@ TEST_F(HealthTest, HeartbeatFailing)
     EXPECT_EQ(part(s, "problems"), "[]");
 }
 
-TEST_F(HealthTest, NoTokenMeansNoPulseAndTheTokenRequestsResultShows)
+TEST_F(HealthLabTest, NoTokenMeansNoPulseAndTheTokenRequestsResultShows)
 {
     boot_controller();
     heartbeat_setup();
@@ -255,7 +255,7 @@ TEST_F(HealthTest, NoTokenMeansNoPulseAndTheTokenRequestsResultShows)
     EXPECT_EQ(part(s, "problems"), R"(["heartbeats failing"])");
 }
 
-TEST_F(HealthTest, TokenPastItsTimeIsNotHeld)
+TEST_F(HealthLabTest, TokenPastItsTimeIsNotHeld)
 {
     lab->set_token(R"({"expires_in":60})");
     boot_controller();
@@ -270,7 +270,7 @@ TEST_F(HealthTest, TokenPastItsTimeIsNotHeld)
     EXPECT_EQ(part(status_now(), "token"), R"({"held":false,"expires":null})");
 }
 
-TEST_F(HealthOffTest, StoredControllerWhenPhoneHomeIsOff)
+TEST_F(HealthOffLabTest, StoredControllerWhenPhoneHomeIsOff)
 {
     config_set("system", nullptr, "cloud-controller", "https://ctl.example");
     phone_home();
@@ -279,7 +279,7 @@ TEST_F(HealthOffTest, StoredControllerWhenPhoneHomeIsOff)
     EXPECT_EQ(part(s, "phone_home"), R"({"state":"skipped","last":null,"result":null})");
 }
 
-TEST_F(HealthTest, ControllerFromAnotherSite)
+TEST_F(HealthLabTest, ControllerFromAnotherSite)
 {
     home_site = lab->base_url;
     lab->call("POST", "/phone-home", "{}");
@@ -290,7 +290,7 @@ TEST_F(HealthTest, ControllerFromAnotherSite)
               "{\"state\":\"done\",\"last\":" + std::to_string(T0) + ",\"result\":0}");
 }
 
-TEST_F(HealthTest, PhoneHomeSiteDown)
+TEST_F(HealthLabTest, PhoneHomeSiteDown)
 {
     home_site = "https://127.0.0.1:1";
     phone_home_call();
@@ -298,7 +298,7 @@ TEST_F(HealthTest, PhoneHomeSiteDown)
               "{\"state\":\"failed\",\"last\":" + std::to_string(T0) + ",\"result\":2}");
 }
 
-TEST_F(HealthTest, UnregisteredDropsTheStoredController)
+TEST_F(HealthLabTest, UnregisteredDropsTheStoredController)
 {
     config_set("system", nullptr, "cloud-controller", lab->base_url.c_str());
     health_controller(lab->base_url, controller_source::stored);
@@ -315,7 +315,7 @@ TEST_F(HealthTest, UnregisteredDropsTheStoredController)
 
 // ---- streams ----------------------------------------------------------------
 
-TEST_F(HealthTest, StreamCounters)
+TEST_F(HealthLabTest, StreamCounters)
 {
     boot_controller();
     lab->add_link("/st", "status");
@@ -352,7 +352,7 @@ TEST_F(HealthTest, StreamCounters)
     EXPECT_EQ(part(status_now(), "problems"), R"(["syslog stream failing"])");
 }
 
-TEST_F(HealthTest, SyslogWaitingAndDropped)
+TEST_F(HealthLabTest, SyslogWaitingAndDropped)
 {
     logging_init();
     for (int i = 0; i < 3; i++) {
@@ -381,7 +381,7 @@ TEST_F(HealthTest, SyslogWaitingAndDropped)
 
 // ---- VPN --------------------------------------------------------------------
 
-TEST_F(HealthTest, VpnStartingThenUpWithItsAddress)
+TEST_F(HealthLabTest, VpnStartingThenUpWithItsAddress)
 {
     // The device's openvpn, replaced by one that starts and says nothing.
     write_file(root.at("/sbin/openvpn"), "#!/bin/sh\nexit 0\n");
@@ -397,14 +397,14 @@ TEST_F(HealthTest, VpnStartingThenUpWithItsAddress)
 
 // ---- secrets ------------------------------------------------------------------
 
-TEST_F(HealthTest, TheAnswerNeverCarriesASecret)
+TEST_F(HealthLabTest, TheAnswerNeverCarriesASecret)
 {
     lab->set_token(R"({"expires_in":3600,"token_length":64})");
     // A controller URL that carries credentials of its own.
     std::string host = lab->base_url.substr(strlen("https://"));
     std::string with_password = "https://admin:Pa55word-9@" + host;
     health_controller(with_password, controller_source::stored);
-    use_lab();
+    use_controller();
     heartbeat_setup();
     ASSERT_EQ(heartbeat_pulse(), 0);
     // The administrator password the controller set, in the settings.
@@ -437,7 +437,7 @@ TEST(HealthUrl, UserinfoIsTakenOut)
 
 // ---- the events on the socket ----------------------------------------------
 
-TEST_F(HealthTest, StatusEventAnswersTheReplySocket)
+TEST_F(HealthLabTest, StatusEventAnswersTheReplySocket)
 {
     health_init();
     ReplySocket client(root, "/tmp/orkadctl.1");
@@ -452,7 +452,7 @@ TEST_F(HealthTest, StatusEventAnswersTheReplySocket)
     EXPECT_LT(got.size(), 4096u);
 }
 
-TEST_F(HealthTest, BadReplyParametersAreLoggedAndDropped)
+TEST_F(HealthLabTest, BadReplyParametersAreLoggedAndDropped)
 {
     health_init();
     ReplySocket client(root, "/tmp/orkadctl.2");
@@ -474,7 +474,7 @@ TEST_F(HealthTest, BadReplyParametersAreLoggedAndDropped)
     EXPECT_EQ(count_logged("orkad.dump: bad 'reply' parameter"), 1u);
 }
 
-TEST_F(HealthTest, ReplyPathWithANulOrTooLongUnderTheDeviceRootIsRefused)
+TEST_F(HealthLabTest, ReplyPathWithANulOrTooLongUnderTheDeviceRootIsRefused)
 {
     json_ptr nul(json_object());
     json_object_set_new(nul.get(), "reply", json_stringn("/tmp/x\0y", 8));
@@ -496,7 +496,7 @@ void marker_handler(int)
 }
 } // namespace
 
-TEST_F(HealthTest, DumpCoversTheDumpedLines)
+TEST_F(HealthLabTest, DumpCoversTheDumpedLines)
 {
     // Last after the handlers the modules registered at their start.
     signals_register(SIGUSR1, log_debug, "log_debug");

@@ -22,7 +22,7 @@ namespace
 
 char loopback[] = "lo";
 
-class HeartbeatTest : public AgentTest
+class HeartbeatLabTest : public AgentLabTest
 {
   protected:
     void SetUp() override
@@ -52,7 +52,7 @@ std::string params(long long ms, const std::string &href = "/hb")
 
 // ---- set.heartbeat -----------------------------------------------------
 
-TEST_F(HeartbeatTest, IntervalLimitsOfSetHeartbeat)
+TEST_F(HeartbeatLabTest, IntervalLimitsOfSetHeartbeat)
 {
     EXPECT_EQ(set_heartbeat(params(999), "a"),
               std::make_pair(-1, std::string("heartbeat interval out of range")));
@@ -71,7 +71,7 @@ TEST_F(HeartbeatTest, IntervalLimitsOfSetHeartbeat)
     EXPECT_STREQ(heartbeat_link, "/sixty");
 }
 
-TEST_F(HeartbeatTest, SetHeartbeatLogsToSyslog)
+TEST_F(HeartbeatLabTest, SetHeartbeatLogsToSyslog)
 {
     SyslogSink sink(root);
     EXPECT_EQ(set_heartbeat(params(30000, "/v2/hb")).first, 0);
@@ -81,7 +81,7 @@ TEST_F(HeartbeatTest, SetHeartbeatLogsToSyslog)
     EXPECT_EQ(line.rfind("<14>", 0), 0u) << line; // LOG_USER | LOG_INFO
 }
 
-TEST_F(HeartbeatTest, SetHeartbeatMessages)
+TEST_F(HeartbeatLabTest, SetHeartbeatMessages)
 {
     struct {
         const char *params;
@@ -113,7 +113,7 @@ TEST_F(HeartbeatTest, SetHeartbeatMessages)
     EXPECT_EQ(heartbeat_interval, 5);
 
     // Without an id the answer carries an empty one.
-    use_lab();
+    use_controller();
     cmd_set_heartbeat(strdup("set.heartbeat"),
                       json_loads(R"({"params":{"interval":5000}})", 0, nullptr),
                       strdup("/response/t"));
@@ -125,7 +125,7 @@ TEST_F(HeartbeatTest, SetHeartbeatMessages)
 
 // ---- the thread's start ------------------------------------------------
 
-TEST_F(HeartbeatTest, BootEnvironmentZeroIsIgnored)
+TEST_F(HeartbeatLabTest, BootEnvironmentZeroIsIgnored)
 {
     snprintf(env_heartbeat, sizeof(env_heartbeat), "0");
     heartbeat_setup();
@@ -133,7 +133,7 @@ TEST_F(HeartbeatTest, BootEnvironmentZeroIsIgnored)
     EXPECT_TRUE(logged("heartbeat: interval value (0) is out of range"));
 }
 
-TEST_F(HeartbeatTest, BootEnvironmentSixtyOneIsIgnored)
+TEST_F(HeartbeatLabTest, BootEnvironmentSixtyOneIsIgnored)
 {
     snprintf(env_heartbeat, sizeof(env_heartbeat), "61");
     heartbeat_setup();
@@ -141,7 +141,7 @@ TEST_F(HeartbeatTest, BootEnvironmentSixtyOneIsIgnored)
     EXPECT_TRUE(logged("heartbeat: interval value (61) is out of range"));
 }
 
-TEST_F(HeartbeatTest, BootEnvironmentThirtyIsTaken)
+TEST_F(HeartbeatLabTest, BootEnvironmentThirtyIsTaken)
 {
     snprintf(env_heartbeat, sizeof(env_heartbeat), "30");
     heartbeat_setup();
@@ -150,7 +150,7 @@ TEST_F(HeartbeatTest, BootEnvironmentThirtyIsTaken)
     EXPECT_FALSE(logged("heartbeat: interval value (30) is out of range"));
 }
 
-TEST_F(HeartbeatTest, BootEnvironmentEqualToTheDefaultIsNotLogged)
+TEST_F(HeartbeatLabTest, BootEnvironmentEqualToTheDefaultIsNotLogged)
 {
     snprintf(env_heartbeat, sizeof(env_heartbeat), "10");
     heartbeat_setup();
@@ -159,7 +159,7 @@ TEST_F(HeartbeatTest, BootEnvironmentEqualToTheDefaultIsNotLogged)
         EXPECT_EQ(m.find("new interval"), std::string::npos) << m;
 }
 
-TEST_F(HeartbeatTest, SetupRegistersCommandSignalAndProvidersInOrder)
+TEST_F(HeartbeatLabTest, SetupRegistersCommandSignalAndProvidersInOrder)
 {
     env_heartbeat[0] = '\0';
     heartbeat_setup();
@@ -194,11 +194,11 @@ TEST_F(HeartbeatTest, SetupRegistersCommandSignalAndProvidersInOrder)
 
 // ---- pulses ------------------------------------------------------------
 
-TEST_F(HeartbeatTest, ProvidersAndTheAddressRule)
+TEST_F(HeartbeatLabTest, ProvidersAndTheAddressRule)
 {
     env_heartbeat[0] = '\0';
     heartbeat_setup();
-    use_lab();
+    use_controller();
     ASSERT_EQ(heartbeat_pulse(), 0);
     Json hb = heartbeats();
     ASSERT_EQ(json_array_size(hb.get()), 1u);
@@ -221,10 +221,10 @@ TEST_F(HeartbeatTest, ProvidersAndTheAddressRule)
     EXPECT_EQ(heartbeat_count, 4u);
 }
 
-TEST_F(HeartbeatTest, SixFailuresAreToleratedTheSeventhIsDown)
+TEST_F(HeartbeatLabTest, SixFailuresAreToleratedTheSeventhIsDown)
 {
     heartbeat_setup();
-    use_lab();
+    use_controller();
     ASSERT_EQ(heartbeat_pulse(), 0);
     EXPECT_EQ(heartbeat_cloud_connected(), 1);
     EXPECT_EQ(switch_statuses(), std::vector<std::string>{"up"});
@@ -257,9 +257,9 @@ TEST_F(HeartbeatTest, SixFailuresAreToleratedTheSeventhIsDown)
     EXPECT_EQ(json_array_size(heartbeats().get()), 10u);
 }
 
-TEST_F(HeartbeatTest, FailuresFromTheStartWriteDownOnTheSeventh)
+TEST_F(HeartbeatLabTest, FailuresFromTheStartWriteDownOnTheSeventh)
 {
-    use_lab();
+    use_controller();
     lab->script(R"({"path":"/api/heartbeat","drop":true,"count":7})");
     for (int i = 0; i < 6; i++)
         EXPECT_EQ(heartbeat_pulse(), -1);
@@ -269,9 +269,9 @@ TEST_F(HeartbeatTest, FailuresFromTheStartWriteDownOnTheSeventh)
     EXPECT_EQ(switch_statuses(), std::vector<std::string>{"down"});
 }
 
-TEST_F(HeartbeatTest, RefusedTokenIsRenewedWithinThePulse)
+TEST_F(HeartbeatLabTest, RefusedTokenIsRenewedWithinThePulse)
 {
-    use_lab();
+    use_controller();
     ASSERT_EQ(heartbeat_pulse(), 0);
     lab->set_token(R"({"revoke":true})");
     uint64_t before = heartbeat_count;
@@ -290,9 +290,9 @@ TEST_F(HeartbeatTest, RefusedTokenIsRenewedWithinThePulse)
     EXPECT_EQ(switch_statuses(), std::vector<std::string>{"up"});
 }
 
-TEST_F(HeartbeatTest, TwoRefusalsFailThePulse)
+TEST_F(HeartbeatLabTest, TwoRefusalsFailThePulse)
 {
-    use_lab();
+    use_controller();
     lab->script(R"({"path":"/api/heartbeat","status":403,"count":2})");
     EXPECT_EQ(heartbeat_pulse(), -1);
     EXPECT_EQ(heartbeat_cloud_missed(), 1);
@@ -300,9 +300,9 @@ TEST_F(HeartbeatTest, TwoRefusalsFailThePulse)
     EXPECT_EQ(count({{"kind", "token"}}), 2u);
 }
 
-TEST_F(HeartbeatTest, NoTokenIsAFailedPulseWithoutAPost)
+TEST_F(HeartbeatLabTest, NoTokenIsAFailedPulseWithoutAPost)
 {
-    use_lab();
+    use_controller();
     lab->script(R"({"path":"/api/oauth/token","status":500,"count":null})");
     EXPECT_EQ(heartbeat_pulse(), -1);
     EXPECT_EQ(heartbeat_count, 1u);
@@ -310,7 +310,7 @@ TEST_F(HeartbeatTest, NoTokenIsAFailedPulseWithoutAPost)
     EXPECT_EQ(count({{"kind", "heartbeat"}}), 0u);
 }
 
-TEST_F(HeartbeatTest, NoControllerSkipsAndSaysSoOnce)
+TEST_F(HeartbeatLabTest, NoControllerSkipsAndSaysSoOnce)
 {
     EXPECT_EQ(heartbeat_pulse(), -1);
     EXPECT_EQ(heartbeat_pulse(), -1);
@@ -318,7 +318,7 @@ TEST_F(HeartbeatTest, NoControllerSkipsAndSaysSoOnce)
     EXPECT_EQ(switch_statuses(), std::vector<std::string>{"down"});
     EXPECT_EQ(heartbeat_count, 0u);
     // Contact in between clears the warning; "down" stays until then.
-    use_lab();
+    use_controller();
     ASSERT_EQ(heartbeat_pulse(), 0);
     config_set("system", nullptr, "cloud-controller", "");
     EXPECT_EQ(heartbeat_pulse(), -1);
@@ -326,9 +326,9 @@ TEST_F(HeartbeatTest, NoControllerSkipsAndSaysSoOnce)
     EXPECT_EQ(switch_statuses(), (std::vector<std::string>{"down", "up", "down"}));
 }
 
-TEST_F(HeartbeatTest, CountMismatchRunsNothing)
+TEST_F(HeartbeatLabTest, CountMismatchRunsNothing)
 {
-    use_lab();
+    use_controller();
     lab->script(
         R"({"path":"/api/heartbeat","body":{"totalCount":2,"responseLink":{"href":"/response/t"},
         "commandList":[
@@ -353,9 +353,9 @@ TEST_F(HeartbeatTest, CountMismatchRunsNothing)
     EXPECT_STREQ(heartbeat_link, "/heartbeat");
 }
 
-TEST_F(HeartbeatTest, MatchingCountRunsTheCommandsInOrder)
+TEST_F(HeartbeatLabTest, MatchingCountRunsTheCommandsInOrder)
 {
-    use_lab();
+    use_controller();
     heartbeat_setup();
     lab->queue_command(
         R"({"action":"set","context":"heartbeat","id":"y1","params":{"interval":2000,"serviceLink":{"href":"/y1"}}})");
@@ -379,9 +379,9 @@ TEST_F(HeartbeatTest, MatchingCountRunsTheCommandsInOrder)
     EXPECT_EQ(count({{"path", "/api/y2"}}), 1u);
 }
 
-TEST_F(HeartbeatTest, LogsShowAMarkerForThePassword)
+TEST_F(HeartbeatLabTest, LogsShowAMarkerForThePassword)
 {
-    use_lab();
+    use_controller();
     heartbeat_setup();
     lab->queue_command(
         R"({"action":"set","context":"system","id":"p1","params":{"location":"bench",)"
@@ -404,9 +404,9 @@ TEST_F(HeartbeatTest, LogsShowAMarkerForThePassword)
         EXPECT_EQ(read_file(root.at(name)).find("n0t-2-b-seen"), std::string::npos) << name;
 }
 
-TEST_F(HeartbeatTest, ReplyChecks)
+TEST_F(HeartbeatLabTest, ReplyChecks)
 {
-    use_lab();
+    use_controller();
     auto replies_logged = [this] {
         auto log = main_log();
         return std::count_if(log.begin(), log.end(),
@@ -476,10 +476,10 @@ unsigned int record_pace(unsigned int seconds)
 
 } // namespace
 
-TEST_F(HeartbeatTest, TheThreadSleepsTheCurrentIntervalAfterEachPulse)
+TEST_F(HeartbeatLabTest, TheThreadSleepsTheCurrentIntervalAfterEachPulse)
 {
     snprintf(env_heartbeat, sizeof(env_heartbeat), "2");
-    use_lab();
+    use_controller();
     lab->add_link("/seven", "heartbeat");
     heartbeat_sleep = record_pace;
     at_pace = [this](size_t n) {
@@ -503,9 +503,9 @@ TEST_F(HeartbeatTest, TheThreadSleepsTheCurrentIntervalAfterEachPulse)
 // A reply nested a few thousand levels deep used to run the heartbeat
 // thread off its stack; now it is a decoding error like any other, the
 // pulse still counts as contact, and the next reply is read as usual.
-TEST_F(HeartbeatTest, DeeplyNestedReplyOnTheThreadStackIsADecodingError)
+TEST_F(HeartbeatLabTest, DeeplyNestedReplyOnTheThreadStackIsADecodingError)
 {
-    use_lab();
+    use_controller();
     const std::string deep = std::string(3000, '[') + std::string(3000, ']');
     lab->script(R"({"path":"/api/heartbeat","text":")" + deep + "\"}");
     struct pulse_job {
@@ -557,10 +557,10 @@ unsigned int short_pace(unsigned int)
 
 // set.heartbeat rewrites the link on the command thread while the heartbeat
 // thread builds every URL from it: each post goes to a whole link, old or new.
-TEST_F(HeartbeatTest, LinkRewrittenWhileTheThreadPulses)
+TEST_F(HeartbeatLabTest, LinkRewrittenWhileTheThreadPulses)
 {
     env_heartbeat[0] = '\0';
-    use_lab();
+    use_controller();
     lab->add_link("/left-side-of-the-link", "heartbeat");
     lab->add_link("/r", "heartbeat");
     heartbeat_sleep = short_pace;
@@ -612,9 +612,9 @@ std::array<heartbeat_fn, sizeof...(I)> late_providers(std::integer_sequence<int,
 // between each two pulses, while pulses keep running. Each pulse sees a
 // whole list (ThreadSanitizer watches the head), and the pulse after the
 // last registration calls every provider once.
-TEST_F(HeartbeatTest, ProvidersRegisteredWhilePulsesRun)
+TEST_F(HeartbeatLabTest, ProvidersRegisteredWhilePulsesRun)
 {
-    use_lab();
+    use_controller();
     const auto fns = late_providers(std::make_integer_sequence<int, LATE>());
     static char names[LATE][16];
     std::atomic<int> pulses{0};

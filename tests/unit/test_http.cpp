@@ -31,9 +31,7 @@ class HttpTest : public ::testing::Test
     DeviceRoot root;
     void SetUp() override
     {
-        std::string cmd =
-            "python3 " ORKAD_SOURCE_DIR "/lab/devroot.py " + root.path() + " > /dev/null";
-        ASSERT_EQ(system(cmd.c_str()), 0);
+        ASSERT_TRUE(root.build());
         log_init();
         signals_init();
         db_init();

@@ -81,10 +81,6 @@ class IcosTest : public ::testing::Test
     void model(const std::string &json) { write_file(root.at("/var/switch/model.json"), json); }
     void faults(const std::string &json) { write_file(root.at("/var/switch/faults.json"), json); }
     std::string model_text() { return read_file(root.at("/var/switch/model.json")); }
-    std::vector<std::string> journal()
-    {
-        return lines_of(read_file(root.at("/var/switch/journal")));
-    }
     std::vector<std::string> log() { return log_messages(root.at("/rw/orkad.log")); }
     bool logged(const std::string &line)
     {
@@ -421,7 +417,7 @@ TEST_F(IcosTest, DisabledReceptionIsSwitchedOnAndReportsFromTheNextCycle)
     EXPECT_TRUE(table[7].valid);
     EXPECT_TRUE(table[7].neighbors.empty());
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         names(
             {R"({"call":"rpcclt_openapiLldpIntfReceiveModeSet","ifNum":7,"mode":1,"result":0})"}));
     EXPECT_NE(model_text().find("\"lldp_receive\": \"enable\""), std::string::npos);
@@ -430,7 +426,7 @@ TEST_F(IcosTest, DisabledReceptionIsSwitchedOnAndReportsFromTheNextCycle)
     collect();
     EXPECT_EQ(names_of(table[7].neighbors), names({"sw07"}));
     EXPECT_TRUE(table[7].changed);
-    EXPECT_EQ(journal().size(), 1u);
+    EXPECT_EQ(journal_lines(root).size(), 1u);
 }
 
 TEST_F(IcosTest, ReceptionSwitchOnFailureStillReportsNoNeighbours)
@@ -444,7 +440,7 @@ TEST_F(IcosTest, ReceptionSwitchOnFailureStillReportsNoNeighbours)
     EXPECT_TRUE(
         logged("icos_collect_neighbors: openapiLldpIntfReceiveModeSet() failed (result = -26)"));
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         names(
             {R"({"call":"rpcclt_openapiLldpIntfReceiveModeSet","ifNum":7,"mode":1,"result":-26})"}));
     collect();
@@ -768,7 +764,7 @@ TEST_F(IcosTest, AdminUpWithANameEnablesThePortAndStillFails)
     EXPECT_EQ(platform_set_port_config("5", "up", "uplink", message), -1);
     EXPECT_STREQ(message, "Port names cannot be changed on this device");
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         names({R"({"call":"rpcclt_openapiIfAdminStateSet","ifNum":5,"adminState":1,"result":0})"}));
     collect();
     EXPECT_TRUE(table[5].link_enabled);
@@ -782,7 +778,7 @@ TEST_F(IcosTest, PortConfiguration)
     EXPECT_EQ(platform_set_port_config("6", "up", nullptr, message), 0);
     EXPECT_EQ(platform_set_port_config("6", nullptr, nullptr, message), 0);
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         names({R"({"call":"rpcclt_openapiIfAdminStateSet","ifNum":5,"adminState":0,"result":0})",
                R"({"call":"rpcclt_openapiIfAdminStateSet","ifNum":6,"adminState":1,"result":0})"}));
     collect();
@@ -793,7 +789,7 @@ TEST_F(IcosTest, PortConfiguration)
     EXPECT_STREQ(message, "invalid admin_status for port 6");
     EXPECT_EQ(platform_set_port_config("6", nullptr, "x", message), -1);
     EXPECT_STREQ(message, "Port names cannot be changed on this device");
-    EXPECT_EQ(journal().size(), 2u);
+    EXPECT_EQ(journal_lines(root).size(), 2u);
 
     faults(R"([{"call":"rpcclt_openapiIfAdminStateSet","port":7,"result":-26}])");
     EXPECT_EQ(platform_set_port_config("7", "up", "x", message), -1);
@@ -812,7 +808,7 @@ TEST_F(IcosTest, AnExistingLoggingHostOnlyGetsItsPortSet)
     model(R"({"logging":{"hosts":[{"host":"127.0.0.1","port":514,"severity":3}]}})");
     EXPECT_EQ(icos_add_logging_host("127.0.0.1", 46180), 0);
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         names(
             {R"({"call":"rpcclt_openapiLoggingHostAdd","host":"127.0.0.1","result":-24})",
              R"({"call":"rpcclt_openapiLoggingHostPortSet","host":"127.0.0.1","port":46180,"result":0})"}));
@@ -825,7 +821,7 @@ TEST_F(IcosTest, LoggingHostSeverityAndMode)
     EXPECT_EQ(icos_set_logging_severity("127.0.0.1", 7), 0);
     EXPECT_EQ(icos_set_syslog_mode(true), 0);
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         names(
             {R"({"call":"rpcclt_openapiLoggingHostAdd","host":"127.0.0.1","result":0})",
              R"({"call":"rpcclt_openapiLoggingHostPortSet","host":"127.0.0.1","port":46180,"result":0})",
@@ -839,7 +835,7 @@ TEST_F(IcosTest, LoggingHostSeverityAndMode)
     EXPECT_EQ(icos_add_logging_host("10.1.1.1", 514), -1);
     EXPECT_TRUE(
         logged("icos_add_logging_host: failed to add logging host 10.1.1.1 (result = -23)"));
-    EXPECT_EQ(journal().size(), 5u); // the port was not set after a failed add
+    EXPECT_EQ(journal_lines(root).size(), 5u); // the port was not set after a failed add
     EXPECT_EQ(icos_add_logging_host("10.1.1.1", 514), -1);
     EXPECT_TRUE(
         logged("icos_add_logging_host: failed to set logging host port 514 (result = -22)"));
@@ -853,7 +849,7 @@ TEST_F(IcosTest, LoggingHostSeverityAndMode)
 TEST_F(IcosTest, Sntp)
 {
     EXPECT_EQ(icos_set_sntp("pool.ntp.org"), 0);
-    EXPECT_EQ(journal(),
+    EXPECT_EQ(journal_lines(root),
               names({R"({"call":"rpcclt_openapiSntpServerAdd","server":"pool.ntp.org","result":0})",
                      R"({"call":"rpcclt_openapiSntpClientModeSet","mode":1,"result":0})"}));
     // The mode is set only after the server went in.
@@ -861,7 +857,7 @@ TEST_F(IcosTest, Sntp)
     EXPECT_EQ(icos_set_sntp("time.example.net"), -1);
     EXPECT_TRUE(
         logged("icos_set_sntp: failed to set sntp server 'time.example.net' (result = -23)"));
-    EXPECT_EQ(journal().size(), 3u);
+    EXPECT_EQ(journal_lines(root).size(), 3u);
     faults(R"([{"call":"rpcclt_openapiSntpClientModeSet","result":-26,"count":1}])");
     EXPECT_EQ(icos_set_sntp("time.example.net"), -1);
     EXPECT_TRUE(logged("icos_set_sntp: failed to set sntp client mode (result = -26)"));
@@ -871,7 +867,7 @@ TEST_F(IcosTest, PasswordTakesAtMost64Characters)
 {
     const std::string user(70, 'u'), pass(80, 'p');
     EXPECT_EQ(icos_set_password(user.c_str(), pass.c_str()), 0);
-    EXPECT_EQ(journal(),
+    EXPECT_EQ(journal_lines(root),
               names({R"({"call":"rpcclt_openapiUserSet","userName":")" + std::string(64, 'u') +
                      R"(","password":")" + std::string(64, 'p') + R"(","result":0})"}));
     faults(R"([{"call":"rpcclt_openapiUserSet","result":-26,"count":1}])");
@@ -886,7 +882,7 @@ TEST_F(IcosTest, FibreAutonegotiationGoesOnAfterAFailure)
     faults(R"([{"call":"rpcclt_openapiIfAutoNegSet","port":26,"result":-26}])");
     EXPECT_EQ(icos_set_fiber_no_autoneg(), -1);
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         names({R"({"call":"rpcclt_openapiIfAutoNegSet","ifNum":25,"autoNeg":0,"result":0})",
                R"({"call":"rpcclt_openapiIfAutoNegSet","ifNum":26,"autoNeg":0,"result":-26})",
                R"({"call":"rpcclt_openapiIfAutoNegSet","ifNum":27,"autoNeg":0,"result":0})",
@@ -903,7 +899,7 @@ TEST_F(IcosTest, SaveConfigurationAndPrompt)
     EXPECT_EQ(icos_save_configuration(), 0);
     EXPECT_EQ(icos_set_system_prompt("switch-in-the-hall"), 0);
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         names({R"({"call":"rpcclt_openapiSaveConfig","result":0})",
                R"({"call":"rpcclt_openapiSystemPromptSet","prompt":"switch-i","result":0})"}));
     faults(R"([{"call":"rpcclt_openapiSaveConfig","result":-26,"count":1},
@@ -923,7 +919,7 @@ TEST_F(IcosTest, AgentVersionAndStatusAreCut)
     EXPECT_EQ(icos_set_agent_version("tq_agent_with_a_long_name", "1.2.3.4-build-567890123"), 0);
     const std::string status = "Connection:       up\n" + std::string(600, 's');
     EXPECT_EQ(icos_set_agent_status("tq_agent", status.c_str()), 0);
-    auto j = journal();
+    auto j = journal_lines(root);
     ASSERT_EQ(j.size(), 2u);
     EXPECT_EQ(
         j[0],
@@ -1065,7 +1061,7 @@ TEST_F(IcosTest, ReloadSleepsAMinuteAfterTheRequest)
 {
     EXPECT_EQ(icos_system_reload(), 0);
     EXPECT_EQ(slept, std::vector<unsigned>({60}));
-    EXPECT_EQ(journal(), names({R"({"call":"rpcclt_openapiSystemReload","result":0})"}));
+    EXPECT_EQ(journal_lines(root), names({R"({"call":"rpcclt_openapiSystemReload","result":0})"}));
     // The line has no end of its own.
     const std::string text = read_file(root.at("/rw/orkad.log"));
     const std::string line = "icos_system_reload: system restart initiated successfully.";
@@ -1110,7 +1106,7 @@ TEST_F(IcosTest, SupportData)
 {
     EXPECT_EQ(platform_get_support_data("/tmp/platform-tech-support.txt"), 0);
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         names(
             {R"({"call":"rpcclt_openapiSupportFileGenerate","fileName":"/tmp/platform-tech-support.txt","result":0})"}));
     EXPECT_NE(read_file(root.at("/tmp/platform-tech-support.txt")).find("VX0123456789"),
@@ -1119,7 +1115,7 @@ TEST_F(IcosTest, SupportData)
     // The name is cut to what the switch takes.
     model(R"({"system":{"filename_max_length":10}})");
     EXPECT_EQ(platform_get_support_data("/tmp/platform-tech-support.txt"), 0);
-    EXPECT_EQ(journal().back(),
+    EXPECT_EQ(journal_lines(root).back(),
               R"({"call":"rpcclt_openapiSupportFileGenerate","fileName":"/tmp/platf","result":0})");
 
     faults(R"([{"call":"rpcclt_openapiSystemFileNameMaxLengthGet","result":-21,"count":1},
@@ -1157,7 +1153,7 @@ TEST_F(IcosTest, TheSampleSwitch)
     collect();
     EXPECT_EQ(names_of(table[9].neighbors), names({"build-server"}));
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         names(
             {R"({"call":"rpcclt_openapiLldpIntfReceiveModeSet","ifNum":9,"mode":1,"result":0})"}));
 }

@@ -51,7 +51,7 @@ std::string line_of(const std::string &event)
     return json_str(j.get(), "params");
 }
 
-class LoggingTest : public AgentTest
+class LoggingLabTest : public AgentLabTest
 {
   protected:
     void SetUp() override
@@ -359,7 +359,7 @@ TEST(SyslogEvent, TextIsCutAfter1023Bytes)
 
 // ---- the listener's batches -------------------------------------------------
 
-TEST_F(LoggingTest, InitRegistersCommandDumpAndListener)
+TEST_F(LoggingLabTest, InitRegistersCommandDumpAndListener)
 {
     EXPECT_TRUE(logged("registered 'set.logging' command handler"));
     struct handler *h = signals_lookup(SIGUSR1);
@@ -374,7 +374,7 @@ TEST_F(LoggingTest, InitRegistersCommandDumpAndListener)
     EXPECT_TRUE(logged("registered 'syslog' listener on 'unix:/tmp/orkad_syslog_socket'"));
 }
 
-TEST_F(LoggingTest, Line512IsForwarded513IsOversize)
+TEST_F(LoggingLabTest, Line512IsForwarded513IsOversize)
 {
     feed(line_n(512));
     EXPECT_EQ(filling(), 4 + 512);
@@ -388,7 +388,7 @@ TEST_F(LoggingTest, Line512IsForwarded513IsOversize)
     EXPECT_EQ(m[0], "listener: " + line_n(512));
 }
 
-TEST_F(LoggingTest, NonStringParamsAreIgnored)
+TEST_F(LoggingLabTest, NonStringParamsAreIgnored)
 {
     logging_listener("syslog", nullptr);
     json_t *n = json_integer(5);
@@ -398,7 +398,7 @@ TEST_F(LoggingTest, NonStringParamsAreIgnored)
     EXPECT_EQ(oversize() + overflow(), 0);
 }
 
-TEST_F(LoggingTest, HundredCharacterLinesFillABatchAfter39)
+TEST_F(LoggingLabTest, HundredCharacterLinesFillABatchAfter39)
 {
     for (int i = 0; i < 39; i++)
         feed(line_n(100, i));
@@ -409,7 +409,7 @@ TEST_F(LoggingTest, HundredCharacterLinesFillABatchAfter39)
     EXPECT_EQ(filling(), 104);
 }
 
-TEST_F(LoggingTest, SixtyThreeWaitingAndAFullBatchLeaveNoRoom)
+TEST_F(LoggingLabTest, SixtyThreeWaitingAndAFullBatchLeaveNoRoom)
 {
     for (int i = 0; i < 64 * 39; i++)
         feed(line_n(100, i));
@@ -436,7 +436,7 @@ unsigned int gate_sleep(unsigned int)
 }
 } // namespace
 
-TEST_F(LoggingTest, SixtyFourWaitingAndAFullBatchMeansOverflow)
+TEST_F(LoggingLabTest, SixtyFourWaitingAndAFullBatchMeansOverflow)
 {
     // 63 waiting and a full batch being filled.
     for (int i = 0; i < 64 * 39; i++)
@@ -464,7 +464,7 @@ TEST_F(LoggingTest, SixtyFourWaitingAndAFullBatchMeansOverflow)
     hold_sender = false;
 }
 
-TEST_F(LoggingTest, DumpShowsStateAndCounters)
+TEST_F(LoggingLabTest, DumpShowsStateAndCounters)
 {
     feed(line_n(100));
     feed(line_n(600));
@@ -480,7 +480,7 @@ TEST_F(LoggingTest, DumpShowsStateAndCounters)
     EXPECT_EQ(d[2], "logging_debug: refused = 0");
 }
 
-TEST_F(LoggingTest, DecodedEventsReachTheBatchAsTheirParamsText)
+TEST_F(LoggingLabTest, DecodedEventsReachTheBatchAsTheirParamsText)
 {
     std::string ev = event_of("<13>Nov 21 10:11:12 h: say \"hi\"", 3);
     ASSERT_EQ(listener_internal_send("unix:/tmp/orkad_syslog_socket", ev.data(), (int)ev.size()),
@@ -492,7 +492,7 @@ TEST_F(LoggingTest, DecodedEventsReachTheBatchAsTheirParamsText)
     EXPECT_EQ(filling(), 4 + (int)m[0].size() - 10);
 }
 
-TEST_F(LoggingTest, LongLinesAreCountedAsOversizeNotLostInDecoding)
+TEST_F(LoggingLabTest, LongLinesAreCountedAsOversizeNotLostInDecoding)
 {
     // A thousand characters make an event of more than 1024 bytes: it is
     // decoded whole, and the line is too long to forward.
@@ -510,7 +510,7 @@ TEST_F(LoggingTest, LongLinesAreCountedAsOversizeNotLostInDecoding)
 
 // ---- set.logging --------------------------------------------------------------
 
-TEST_F(LoggingTest, IntervalLimits)
+TEST_F(LoggingLabTest, IntervalLimits)
 {
     EXPECT_EQ(set_logging(params(999), "a"),
               std::make_pair(-1, std::string("logging interval out of range")));
@@ -530,7 +530,7 @@ TEST_F(LoggingTest, IntervalLimits)
     EXPECT_EQ(logging_stream.interval, 86400);
 }
 
-TEST_F(LoggingTest, SetLoggingMessages)
+TEST_F(LoggingLabTest, SetLoggingMessages)
 {
     struct {
         const char *params;
@@ -560,7 +560,7 @@ TEST_F(LoggingTest, SetLoggingMessages)
     // Nothing reached the switch.
     EXPECT_FALSE(file_exists(root.at("/var/switch/journal")));
 
-    use_lab();
+    use_controller();
     cmd_set_logging(strdup("set.logging"), json_loads(R"({"params":{}})", 0, nullptr),
                     strdup("/response/t"));
     Json res = lab->wait_results({}, n + 1);
@@ -569,7 +569,7 @@ TEST_F(LoggingTest, SetLoggingMessages)
     EXPECT_EQ(at(res, n, "message"), "missing or invalid 'id' element in command");
 }
 
-TEST_F(LoggingTest, PriorityOtherThanAnObjectIsAcceptedAndIgnored)
+TEST_F(LoggingLabTest, PriorityOtherThanAnObjectIsAcceptedAndIgnored)
 {
     EXPECT_EQ(
         set_logging(R"({"interval":2000,"priority":7,"serviceLink":{"href":"/s"}})", "p1").first,
@@ -586,7 +586,7 @@ TEST_F(LoggingTest, PriorityOtherThanAnObjectIsAcceptedAndIgnored)
     EXPECT_EQ(logging_priority, 3);
 }
 
-TEST_F(LoggingTest, OneSenderKeepsItsLinkAndTakesTheNewInterval)
+TEST_F(LoggingLabTest, OneSenderKeepsItsLinkAndTakesTheNewInterval)
 {
     lab->add_link("/first", "syslog");
     lab->add_link("/second", "syslog");
@@ -605,7 +605,7 @@ TEST_F(LoggingTest, OneSenderKeepsItsLinkAndTakesTheNewInterval)
     EXPECT_EQ(senders, 1);
 
     // The switch was pointed at us once.
-    auto journal = lines_of(read_file(root.at("/var/switch/journal")));
+    auto journal = journal_lines(root);
     ASSERT_EQ(journal.size(), 4u);
     EXPECT_EQ(json_str(json_parse(journal[0]).get(), "call"), "rpcclt_openapiLoggingHostAdd");
 
@@ -615,7 +615,7 @@ TEST_F(LoggingTest, OneSenderKeepsItsLinkAndTakesTheNewInterval)
     EXPECT_EQ(count({{"path", "/api/second"}}), 0u);
 }
 
-TEST_F(LoggingTest, ThreadThatCannotStartIsTheAnswer)
+TEST_F(LoggingLabTest, ThreadThatCannotStartIsTheAnswer)
 {
     // Every thread slot taken: neither the receiver nor the sender can start.
     int saved = next_thread;
@@ -630,7 +630,7 @@ TEST_F(LoggingTest, ThreadThatCannotStartIsTheAnswer)
 
 // ---- the sender ----------------------------------------------------------------
 
-TEST_F(LoggingTest, PartialBatchGoesOutAfterTheIntervalFullOnesAtOnce)
+TEST_F(LoggingLabTest, PartialBatchGoesOutAfterTheIntervalFullOnesAtOnce)
 {
     // Forty lines: one full batch of 39 and one line in the next.
     std::vector<std::string> lines;
@@ -654,7 +654,7 @@ TEST_F(LoggingTest, PartialBatchGoesOutAfterTheIntervalFullOnesAtOnce)
     EXPECT_NE(std::find(s.begin(), s.end(), "sending (retry = 3) " + body), s.end());
 }
 
-TEST_F(LoggingTest, FailedBatchIsRetriedFirstAndOrderIsKept)
+TEST_F(LoggingLabTest, FailedBatchIsRetriedFirstAndOrderIsKept)
 {
     lab->script(R"({"path":"/api/syslog","status":500,"count":3})");
     std::vector<std::string> lines;
@@ -675,7 +675,7 @@ TEST_F(LoggingTest, FailedBatchIsRetriedFirstAndOrderIsKept)
         EXPECT_EQ(at(reqs, i, "body"), at(reqs, 0, "body"));
 }
 
-TEST_F(LoggingTest, RefusedBatchesAreDroppedCountedAndForwardingGoesOn)
+TEST_F(LoggingLabTest, RefusedBatchesAreDroppedCountedAndForwardingGoesOn)
 {
     // The controller refuses the first two batches for good.
     lab->script(R"({"path":"/api/syslog","replies":[{"status":400,"text":"bad"},)"
@@ -707,7 +707,7 @@ TEST_F(LoggingTest, RefusedBatchesAreDroppedCountedAndForwardingGoesOn)
     EXPECT_EQ(d.back(), "logging_debug: refused = 78");
 }
 
-TEST_F(LoggingTest, RefusedTokenKeepsTheBatch)
+TEST_F(LoggingLabTest, RefusedTokenKeepsTheBatch)
 {
     // Four 401s use up the post's tries; the token, not the batch, was
     // refused, so the batch is posted again.
@@ -720,7 +720,7 @@ TEST_F(LoggingTest, RefusedTokenKeepsTheBatch)
     EXPECT_EQ(logging_refused(), 0);
 }
 
-TEST_F(LoggingTest, SenderThatIsNotEnabledStopsAtOnce)
+TEST_F(LoggingLabTest, SenderThatIsNotEnabledStopsAtOnce)
 {
     logging_stream.interval = 4;
     logging_stream.enabled = false;
@@ -734,15 +734,15 @@ TEST_F(LoggingTest, SenderThatIsNotEnabledStopsAtOnce)
 
 // ---- the post -------------------------------------------------------------------
 
-TEST_F(LoggingTest, PostWithoutControllerCountsAsSent)
+TEST_F(LoggingLabTest, PostWithoutControllerCountsAsSent)
 {
     EXPECT_EQ(logging_post("/syslog", "{\"log\":[]}", 10), 0);
     EXPECT_EQ(count({{"path", "/api/syslog"}}), 0u);
 }
 
-TEST_F(LoggingTest, PostTriesFourTimesOnRefusedTokens)
+TEST_F(LoggingLabTest, PostTriesFourTimesOnRefusedTokens)
 {
-    use_lab();
+    use_controller();
     lab->script(R"({"path":"/api/syslog","status":401,"count":4})");
     EXPECT_EQ(logging_post("/syslog", "{\"log\":[]}", 10), 401);
     EXPECT_EQ(count({{"path", "/api/syslog"}}), 4u);
@@ -759,17 +759,17 @@ TEST_F(LoggingTest, PostTriesFourTimesOnRefusedTokens)
     EXPECT_TRUE(logged("logging_post: err = 401, reply = ''"));
 }
 
-TEST_F(LoggingTest, PostRenewsTheTokenOnceAndSucceeds)
+TEST_F(LoggingLabTest, PostRenewsTheTokenOnceAndSucceeds)
 {
-    use_lab();
+    use_controller();
     lab->script(R"({"path":"/api/syslog","status":401,"count":1})");
     EXPECT_EQ(logging_post("/syslog", "{\"log\":[]}", 10), 0);
     EXPECT_EQ(count({{"path", "/api/syslog"}}), 2u);
 }
 
-TEST_F(LoggingTest, OtherErrorsAreNotRetried)
+TEST_F(LoggingLabTest, OtherErrorsAreNotRetried)
 {
-    use_lab();
+    use_controller();
     lab->script(R"({"path":"/api/syslog","status":503,"text":"busy","count":1})");
     EXPECT_EQ(logging_post("/syslog", "{\"log\":[]}", 10), 503);
     EXPECT_EQ(count({{"path", "/api/syslog"}}), 1u);
@@ -778,7 +778,7 @@ TEST_F(LoggingTest, OtherErrorsAreNotRetried)
 
 // ---- the flush --------------------------------------------------------------------
 
-TEST_F(LoggingTest, FlushWithNothingWaitingTakesFiveSeconds)
+TEST_F(LoggingLabTest, FlushWithNothingWaitingTakesFiveSeconds)
 {
     logging_sleep = record_sleep;
     logging_stream.interval = 30;
@@ -787,7 +787,7 @@ TEST_F(LoggingTest, FlushWithNothingWaitingTakesFiveSeconds)
     EXPECT_EQ(logging_stream.interval, 0);
 }
 
-TEST_F(LoggingTest, FlushGivesUpAfterItsSeconds)
+TEST_F(LoggingLabTest, FlushGivesUpAfterItsSeconds)
 {
     logging_sleep = record_sleep;
     for (int i = 0; i < 80; i++)
@@ -799,7 +799,7 @@ TEST_F(LoggingTest, FlushGivesUpAfterItsSeconds)
     EXPECT_EQ(std::count(sleeps.begin(), sleeps.end(), 2u), 28);
 }
 
-TEST_F(LoggingTest, FlushSendsTheBatchBeingFilled)
+TEST_F(LoggingLabTest, FlushSendsTheBatchBeingFilled)
 {
     EXPECT_EQ(set_logging(params(86400000), "fl").first, 0);
     feed(line_n(60, 1));
@@ -854,7 +854,7 @@ int test_port()
 
 } // namespace
 
-TEST_F(LoggingTest, ReceiverNumbersDatagramsAndSurvivesBadOnes)
+TEST_F(LoggingLabTest, ReceiverNumbersDatagramsAndSurvivesBadOnes)
 {
     int port = test_port();
     platform_syslog_port = port;
@@ -907,7 +907,7 @@ TEST_F(LoggingTest, ReceiverNumbersDatagramsAndSurvivesBadOnes)
 
 // The switch is told to send to 127.0.0.1, and only that address is bound:
 // nothing sent to another address reaches the batches.
-TEST_F(LoggingTest, ReceiverTakesDatagramsOnlyOn127001)
+TEST_F(LoggingLabTest, ReceiverTakesDatagramsOnlyOn127001)
 {
     int port = test_port();
     platform_syslog_port = port;
@@ -931,7 +931,7 @@ TEST_F(LoggingTest, ReceiverTakesDatagramsOnlyOn127001)
         EXPECT_EQ(m.find("from elsewhere"), std::string::npos) << m;
 }
 
-TEST_F(LoggingTest, EveryDatagramArrivesOnceAsSentInPostsThatParse)
+TEST_F(LoggingLabTest, EveryDatagramArrivesOnceAsSentInPostsThatParse)
 {
     platform_syslog_port = test_port();
     EXPECT_EQ(set_logging(params(1000), "road").first, 0);
@@ -983,7 +983,7 @@ TEST_F(LoggingTest, EveryDatagramArrivesOnceAsSentInPostsThatParse)
         EXPECT_NE(l.rfind("listener: error decoding message: ", 0), 0u) << l;
 }
 
-TEST_F(LoggingTest, ReceiverThatCannotBindSaysSo)
+TEST_F(LoggingLabTest, ReceiverThatCannotBindSaysSo)
 {
     int port;
     int s = bound_udp_socket(&port);
@@ -998,11 +998,11 @@ TEST_F(LoggingTest, ReceiverThatCannotBindSaysSo)
 // The local listeners start before syslog forwarding does, so an operator's
 // status request may count the waiting batches while logging_init is making
 // their queue. The ThreadSanitizer build fails this test if that races.
-class LoggingStartTest : public AgentTest
+class LoggingStartLabTest : public AgentLabTest
 {
 };
 
-TEST_F(LoggingStartTest, CountedFromAnotherThreadWhileForwardingStarts)
+TEST_F(LoggingStartLabTest, CountedFromAnotherThreadWhileForwardingStarts)
 {
     std::atomic<bool> stop{false};
     std::atomic<int> asks{0};

@@ -48,9 +48,7 @@ class LsqlTest : public ::testing::Test
 
     void SetUp() override
     {
-        std::string cmd =
-            "python3 " ORKAD_SOURCE_DIR "/lab/devroot.py " + root.path() + " > /dev/null";
-        ASSERT_EQ(system(cmd.c_str()), 0);
+        ASSERT_TRUE(root.build());
         log_init();
         db_init();
         ASSERT_EQ(db_version, 9);
@@ -66,35 +64,6 @@ class LsqlTest : public ::testing::Test
     }
 
     std::vector<std::string> log() const { return log_messages(root.at("/rw/orkad.log")); }
-
-    // The switch journal: one JSON object per write the agent made.
-    std::vector<std::string> journal_calls() const
-    {
-        std::vector<std::string> calls;
-        for (auto &line : lines_of(read_file(root.at("/var/switch/journal")))) {
-            json_t *j = json_loads(line.c_str(), 0, nullptr);
-            if (j == nullptr) {
-                ADD_FAILURE() << "bad journal line " << line;
-                continue;
-            }
-            calls.push_back(json_string_value(json_object_get(j, "call")));
-            json_decref(j);
-        }
-        return calls;
-    }
-    std::string journal_text(size_t i, const char *member) const
-    {
-        auto lines = lines_of(read_file(root.at("/var/switch/journal")));
-        if (i >= lines.size())
-            return "<no line>";
-        json_t *j = json_loads(lines[i].c_str(), 0, nullptr);
-        json_t *v = json_object_get(j, member);
-        std::string out = json_is_string(v)    ? json_string_value(v)
-                          : json_is_integer(v) ? std::to_string(json_integer_value(v))
-                                               : "<absent>";
-        json_decref(j);
-        return out;
-    }
 
     void fail_switch_call(const std::string &call)
     {
@@ -239,10 +208,10 @@ TEST_F(LsqlTest, WriteFailureIsPassedBack)
 TEST_F(LsqlTest, PasswordGoesToTheSwitchAndIsSaved)
 {
     EXPECT_EQ(platform_set_system("password", "n3w-secret"), 0);
-    EXPECT_EQ(journal_calls(),
+    EXPECT_EQ(journal_calls(root),
               (std::vector<std::string>{"rpcclt_openapiUserSet", "rpcclt_openapiSaveConfig"}));
-    EXPECT_EQ(journal_text(0, "userName"), "admin");
-    EXPECT_EQ(journal_text(0, "password"), "n3w-secret");
+    EXPECT_EQ(journal_value(root, 0, "userName"), "admin");
+    EXPECT_EQ(journal_value(root, 0, "password"), "n3w-secret");
     EXPECT_EQ(rows(), (std::map<std::string, std::string>{{"system.password", "n3w-secret"}}));
     // The statement is logged with a marker in place of the password.
     EXPECT_EQ(log().back(), "db_command: 'REPLACE INTO system (key, value) VALUES "
@@ -256,7 +225,7 @@ TEST_F(LsqlTest, RefusedPasswordIsStillRecorded)
     fail_switch_call("rpcclt_openapiUserSet");
     EXPECT_EQ(platform_set_system("password", "refused"), 0);
     // No save after a refused change.
-    EXPECT_EQ(journal_calls(), std::vector<std::string>{"rpcclt_openapiUserSet"});
+    EXPECT_EQ(journal_calls(root), std::vector<std::string>{"rpcclt_openapiUserSet"});
     EXPECT_EQ(rows()["system.password"], "refused");
     auto lines = log();
     ASSERT_GE(lines.size(), 2u);
@@ -272,11 +241,11 @@ TEST_F(LsqlTest, RefusedPasswordIsStillRecorded)
 TEST_F(LsqlTest, OtherSystemPropertiesStayOffTheSwitch)
 {
     EXPECT_EQ(platform_set_system("location", "rack 4"), 0);
-    EXPECT_TRUE(journal_calls().empty());
+    EXPECT_TRUE(journal_calls(root).empty());
     EXPECT_EQ(rows(), (std::map<std::string, std::string>{{"system.location", "rack 4"}}));
     // Only the exact word counts.
     EXPECT_EQ(platform_set_system("password2", "x"), 0);
-    EXPECT_TRUE(journal_calls().empty());
+    EXPECT_TRUE(journal_calls(root).empty());
 }
 
 TEST_F(LsqlTest, SystemPropertyNameCannotInjectSql)
@@ -295,7 +264,7 @@ TEST_F(LsqlTest, SystemPropertyNameCannotInjectSql)
     EXPECT_EQ(platform_set_system("it's", "b"), 0);
     EXPECT_EQ(rows()["system.it's"], "b");
     EXPECT_EQ(rows().size(), 3u);
-    EXPECT_TRUE(journal_calls().empty());
+    EXPECT_TRUE(journal_calls(root).empty());
 }
 
 TEST_F(LsqlTest, SetPasswordResults)
@@ -305,22 +274,22 @@ TEST_F(LsqlTest, SetPasswordResults)
     EXPECT_NE(platform_set_password("admin", "b"), 0);
     fail_switch_call("rpcclt_openapiUserSet");
     EXPECT_EQ(platform_set_password("admin", "c"), -1);
-    EXPECT_EQ(journal_calls(), (std::vector<std::string>{
-                                   "rpcclt_openapiUserSet",
-                                   "rpcclt_openapiSaveConfig",
-                                   "rpcclt_openapiUserSet",
-                                   "rpcclt_openapiSaveConfig",
-                                   "rpcclt_openapiUserSet",
-                               }));
+    EXPECT_EQ(journal_calls(root), (std::vector<std::string>{
+                                       "rpcclt_openapiUserSet",
+                                       "rpcclt_openapiSaveConfig",
+                                       "rpcclt_openapiUserSet",
+                                       "rpcclt_openapiSaveConfig",
+                                       "rpcclt_openapiUserSet",
+                                   }));
     EXPECT_TRUE(rows().empty());
 }
 
 TEST_F(LsqlTest, ControllerStatusIsShownOnTheSwitchAndRecorded)
 {
     EXPECT_EQ(set_cloud_controller_status("up"), 0);
-    EXPECT_EQ(journal_calls(), std::vector<std::string>{"rpcclt_openapiAppCtrlStatusSet"});
-    EXPECT_EQ(journal_text(0, "appName"), "tq_agent");
-    EXPECT_EQ(journal_text(0, "status"), "Connection:       up\n");
+    EXPECT_EQ(journal_calls(root), std::vector<std::string>{"rpcclt_openapiAppCtrlStatusSet"});
+    EXPECT_EQ(journal_value(root, 0, "appName"), "tq_agent");
+    EXPECT_EQ(journal_value(root, 0, "status"), "Connection:       up\n");
     EXPECT_EQ(rows(),
               (std::map<std::string, std::string>{{"system.cloud-controller-status", "up"}}));
 

@@ -1,4 +1,4 @@
-// The management VPN against the lab controller: set.sslVpn and del.sslVpn
+// The management VPN against an in-process controller: set.sslVpn and del.sslVpn
 // with every answer, the stored configuration at start-up and the vpnIp
 // heartbeat member. The device root's openvpn is a stand-in that records how
 // it was started and with which configuration.
@@ -38,8 +38,7 @@ class VpnTest : public AgentTest
     void SetUp() override
     {
         AgentTest::SetUp();
-        lab->add_link("/response/v", "response");
-        use_lab();
+        use_controller();
         // openvpn as the device runs it, replaced by a recorder: one line of
         // arguments per start, and the configuration it was started with.
         std::string fake = root.at("/sbin/openvpn");
@@ -145,8 +144,9 @@ TEST_F(VpnTest, SetStoresTheConfigurationAndStartsTheClient)
     ASSERT_EQ(starts().size(), 1u);
     EXPECT_EQ(started_with(1), sample);
     // No data member in the answer.
-    Json res = lab->results({{"command_id", "vpn-1"}});
-    EXPECT_EQ(json_object_get(item(res, 0), "data"), nullptr);
+    auto res = controller->answers("vpn-1");
+    ASSERT_EQ(res.size(), 1u);
+    EXPECT_EQ(res[0].data, "");
 }
 
 TEST_F(VpnTest, ConfigurationIsWrittenForTheAgentAlone)
@@ -311,10 +311,10 @@ TEST_F(VpnTest, DelWithoutAnId)
 {
     set_vpn("vpn-1", b64(sample));
     run(cmd_del_sslvpn, R"({"action":"del","context":"sslVpn","id":5})");
-    Json res = lab->wait_results({}, 2);
-    ASSERT_EQ(json_array_size(res.get()), 2u);
-    EXPECT_EQ(json_integer_value(json_object_get(item(res, 1), "code")), -1);
-    EXPECT_EQ(at(res, 1, "message"), "missing or invalid 'id' element in command");
+    auto res = controller->wait_answers(2);
+    ASSERT_EQ(res.size(), 2u);
+    EXPECT_EQ(res[1].code, -1);
+    EXPECT_EQ(res[1].message, "missing or invalid 'id' element in command");
     EXPECT_TRUE(logged("del.sslVpn: missing or invalid 'id' element in command"));
     EXPECT_TRUE(config_exists());
     EXPECT_EQ(count_logged(stop_line), 1u);

@@ -42,13 +42,7 @@ class NetTest : public ::testing::Test
     void SetUp() override { log_init(); }
 
     std::vector<std::string> messages() const { return log_messages(root.at("/rw/orkad.log")); }
-    bool logged(const std::string &line) const
-    {
-        for (const std::string &m : messages())
-            if (m == line)
-                return true;
-        return false;
-    }
+    bool logged(const std::string &line) const { return testkit::logged(root, line); }
     int count(const std::string &line) const
     {
         int n = 0;

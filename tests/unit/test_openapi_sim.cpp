@@ -31,10 +31,6 @@ class SimTest : public ::testing::Test
     std::string faults_path() { return root.at("/var/switch/faults.json"); }
     void model(const std::string &json) { write_file(model_path(), json); }
     void faults(const std::string &json) { write_file(faults_path(), json); }
-    std::vector<std::string> journal()
-    {
-        return lines_of(read_file(root.at("/var/switch/journal")));
-    }
 
     std::vector<uint32_t> walk(OPEN_INTF_TYPE_t type)
     {
@@ -128,7 +124,7 @@ TEST_F(SimTest, WritesAreAppliedSavedAndJournalled)
     EXPECT_EQ(admin(3), OPEN_DISABLE);
     EXPECT_EQ(admin(4), OPEN_ENABLE);
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         lines({R"({"call":"rpcclt_openapiIfAdminStateSet","ifNum":3,"adminState":0,"result":0})"}));
     // The default switch was written out with the change, so it survives.
     std::string saved = read_file(model_path());
@@ -139,8 +135,8 @@ TEST_F(SimTest, WritesAreAppliedSavedAndJournalled)
     EXPECT_EQ(rpcclt_openapiIfAdminStateSet(&client, 40, OPEN_ENABLE), OPEN_E_NOT_FOUND);
     EXPECT_EQ(rpcclt_openapiIfAdminStateSet(&client, 3, (OPEN_CONTROL_t)5), OPEN_E_PARAM);
     EXPECT_EQ(admin(3), OPEN_DISABLE);
-    EXPECT_EQ(journal().size(), 3u);
-    EXPECT_EQ(journal()[1],
+    EXPECT_EQ(journal_lines(root).size(), 3u);
+    EXPECT_EQ(journal_lines(root)[1],
               R"({"call":"rpcclt_openapiIfAdminStateSet","ifNum":40,"adminState":1,"result":-29})");
 }
 
@@ -166,7 +162,7 @@ TEST_F(SimTest, EveryWriteIsJournalled)
     EXPECT_EQ(rpcclt_openapiSystemReload(&client), OPEN_E_NONE);
     EXPECT_EQ(rpcclt_openapiSupportFileGenerate(&client, &file), OPEN_E_NONE);
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         lines({
             R"({"call":"rpcclt_openapiLldpIntfReceiveModeSet","ifNum":2,"mode":0,"result":0})",
             R"({"call":"rpcclt_openapiLoggingHostAdd","host":"10.0.0.9","result":0})",
@@ -245,7 +241,7 @@ TEST_F(SimTest, AForcedWriteFailureIsJournalledAndNotApplied)
     EXPECT_EQ(rpcclt_openapiIfAdminStateSet(&client, 6, OPEN_DISABLE), OPEN_E_FAIL);
     EXPECT_EQ(admin(6), OPEN_ENABLE);
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         lines(
             {R"({"call":"rpcclt_openapiIfAdminStateSet","ifNum":6,"adminState":0,"result":-26})"}));
     EXPECT_FALSE(file_exists(model_path()));
@@ -423,7 +419,7 @@ TEST_F(SimTest, TextsThatAreNotUtf8AreJournalledReadably)
     open_buffdesc user = text("adm\xffn"), pass = text("p");
     EXPECT_EQ(rpcclt_openapiUserSet(&client, &user, &pass), OPEN_E_NONE);
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         lines(
             {R"({"call":"rpcclt_openapiUserSet","userName":"adm?n","password":"p","result":0})"}));
 }
@@ -452,7 +448,7 @@ TEST_F(SimTest, AFaultOnACallAloneForcesEveryWriteOfItAndIsJournalled)
     faults(R"([{"call":"rpcclt_openapiSaveConfig","result":-20}])");
     EXPECT_EQ(rpcclt_openapiSaveConfig(&client), OPEN_E_RPC);
     EXPECT_EQ(rpcclt_openapiSaveConfig(&client), OPEN_E_RPC);
-    EXPECT_EQ(journal(), lines({R"({"call":"rpcclt_openapiSaveConfig","result":-20})",
+    EXPECT_EQ(journal_lines(root), lines({R"({"call":"rpcclt_openapiSaveConfig","result":-20})",
                                 R"({"call":"rpcclt_openapiSaveConfig","result":-20})"}));
     // Nothing was applied, so the default switch was never written out.
     EXPECT_FALSE(file_exists(model_path()));
@@ -465,7 +461,7 @@ TEST_F(SimTest, AFaultWithoutAResultFailsWithMinus26)
     faults(R"([{"call":"rpcclt_openapiSysLogModeSet","count":1}])");
     EXPECT_EQ(rpcclt_openapiSysLogModeSet(&client, OPEN_ENABLE), OPEN_E_FAIL);
     EXPECT_EQ(rpcclt_openapiSysLogModeSet(&client, OPEN_ENABLE), OPEN_E_NONE);
-    EXPECT_EQ(journal(), lines({R"({"call":"rpcclt_openapiSysLogModeSet","mode":1,"result":-26})",
+    EXPECT_EQ(journal_lines(root), lines({R"({"call":"rpcclt_openapiSysLogModeSet","mode":1,"result":-26})",
                                 R"({"call":"rpcclt_openapiSysLogModeSet","mode":1,"result":0})"}));
 }
 
@@ -476,7 +472,7 @@ TEST_F(SimTest, AFaultForAPortHitsOnlyThatPortsWrites)
         EXPECT_EQ(rpcclt_openapiIfAutoNegSet(&client, port, OPEN_PORT_AUTO_NEG_DISABLE),
                   port == 26 ? OPEN_E_FAIL : OPEN_E_NONE);
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         lines({R"({"call":"rpcclt_openapiIfAutoNegSet","ifNum":25,"autoNeg":0,"result":0})",
                R"({"call":"rpcclt_openapiIfAutoNegSet","ifNum":26,"autoNeg":0,"result":-26})",
                R"({"call":"rpcclt_openapiIfAutoNegSet","ifNum":27,"autoNeg":0,"result":0})",
@@ -489,7 +485,7 @@ TEST_F(SimTest, AFaultForAPortNeverMatchesACallWithoutOne)
                {"call":"rpcclt_openapiSysLogModeSet","vlan":1,"result":-26}])");
     EXPECT_EQ(rpcclt_openapiSaveConfig(&client), OPEN_E_NONE);
     EXPECT_EQ(rpcclt_openapiSysLogModeSet(&client, OPEN_DISABLE), OPEN_E_NONE);
-    EXPECT_EQ(journal(), lines({R"({"call":"rpcclt_openapiSaveConfig","result":0})",
+    EXPECT_EQ(journal_lines(root), lines({R"({"call":"rpcclt_openapiSaveConfig","result":0})",
                                 R"({"call":"rpcclt_openapiSysLogModeSet","mode":0,"result":0})"}));
 }
 
@@ -501,7 +497,7 @@ TEST_F(SimTest, AForcedTextWriteIsJournalledWithItsArgumentsAndNotApplied)
     EXPECT_EQ(rpcclt_openapiLoggingHostPortSet(&client, &host, 514), OPEN_E_NOT_FOUND);
     EXPECT_EQ(rpcclt_openapiLoggingHostAdd(&client, &host), OPEN_E_NONE);
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         lines(
             {R"({"call":"rpcclt_openapiLoggingHostAdd","host":"10.0.0.9","result":-23})",
              R"({"call":"rpcclt_openapiLoggingHostPortSet","host":"10.0.0.9","port":514,"result":-29})",
@@ -519,7 +515,7 @@ TEST_F(SimTest, AForcedZeroLetsAWriteThroughAndUsesUpItsCount)
     EXPECT_EQ(rpcclt_openapiSystemReload(&client), OPEN_E_NONE);
     // The first entry is spent; the second one now matches.
     EXPECT_EQ(rpcclt_openapiSystemReload(&client), OPEN_E_TIMEOUT);
-    EXPECT_EQ(journal(), lines({R"({"call":"rpcclt_openapiSystemReload","result":0})",
+    EXPECT_EQ(journal_lines(root), lines({R"({"call":"rpcclt_openapiSystemReload","result":0})",
                                 R"({"call":"rpcclt_openapiSystemReload","result":-25})"}));
     EXPECT_NE(read_file(model_path()).find("\"reloads\": 1"), std::string::npos);
 }
@@ -529,7 +525,7 @@ TEST_F(SimTest, AFaultWithoutCountsLeftNeverApplies)
     faults(R"([{"call":"rpcclt_openapiSaveConfig","result":-26,"count":0},
                {"call":"rpcclt_openapiSaveConfig","result":-26,"count":"two"}])");
     EXPECT_EQ(rpcclt_openapiSaveConfig(&client), OPEN_E_NONE);
-    EXPECT_EQ(journal(), lines({R"({"call":"rpcclt_openapiSaveConfig","result":0})"}));
+    EXPECT_EQ(journal_lines(root), lines({R"({"call":"rpcclt_openapiSaveConfig","result":0})"}));
 }
 
 TEST_F(SimTest, AFaultForTheCurrentPortEndsTheInterfaceWalk)
@@ -601,7 +597,7 @@ TEST_F(SimTest, ASupportFileNamedByADevicePathGoesThere)
                          0),
               0u);
     EXPECT_EQ(
-        journal(),
+        journal_lines(root),
         lines(
             {R"({"call":"rpcclt_openapiSupportFileGenerate","fileName":"/tmp/support-data.txt","result":0})"}));
 }

@@ -22,23 +22,6 @@ namespace
 char loopback[] = "lo";
 char missing_if[] = "nosuch0";
 
-std::mutex waits_lock;
-std::vector<unsigned int> waits;
-std::function<void(size_t)> at_wait;
-
-unsigned int record_wait(unsigned int seconds)
-{
-    size_t n;
-    {
-        std::lock_guard<std::mutex> hold(waits_lock);
-        waits.push_back(seconds);
-        n = waits.size();
-    }
-    if (at_wait)
-        at_wait(n);
-    return 0;
-}
-
 std::vector<struct timeval> clock_calls;
 int clock_result;
 
@@ -55,7 +38,7 @@ unsigned int updates_no_wait(unsigned int)
     return 0;
 }
 
-class PhoneHomeTest : public AgentTest
+class PhoneHomeLabTest : public AgentLabTest
 {
   protected:
     void SetUp() override
@@ -79,17 +62,17 @@ class PhoneHomeTest : public AgentTest
     size_t tokens() { return json_array_size(lab->tokens().get()); }
 };
 
-class PhoneHomeOffTest : public PhoneHomeTest
+class PhoneHomeOffLabTest : public PhoneHomeLabTest
 {
   protected:
-    std::string devroot_args() override { return "--env phone_home=NO"; }
+    std::vector<std::string> devroot_args() override { return {"--env", "phone_home=NO"}; }
 };
 
 } // namespace
 
 // ---- the query and the controller -----------------------------------------
 
-TEST_F(PhoneHomeTest, QueryAsTheSiteTakesIt)
+TEST_F(PhoneHomeLabTest, QueryAsTheSiteTakesIt)
 {
     write_file(root.at("/tmp/TZ"), "XYZ-3\n");
     phone_home_call();
@@ -116,9 +99,9 @@ TEST_F(PhoneHomeTest, QueryAsTheSiteTakesIt)
     EXPECT_EQ(count({{"kind", "current_firmware"}}), 1u);
 }
 
-TEST_F(PhoneHomeTest, SameControllerKeepsTheToken)
+TEST_F(PhoneHomeLabTest, SameControllerKeepsTheToken)
 {
-    use_lab();
+    use_controller();
     char token[ACCESS_TOKEN_SIZE];
     ASSERT_EQ(get_access_token(token), 1);
     phone_home_call();
@@ -130,9 +113,9 @@ TEST_F(PhoneHomeTest, SameControllerKeepsTheToken)
     EXPECT_EQ(count({{"kind", "current_firmware"}}), 1u);
 }
 
-TEST_F(PhoneHomeTest, NewControllerDropsTheToken)
+TEST_F(PhoneHomeLabTest, NewControllerDropsTheToken)
 {
-    use_lab();
+    use_controller();
     char token[ACCESS_TOKEN_SIZE];
     ASSERT_EQ(get_access_token(token), 1);
     std::string other = lab->base_url + "/";
@@ -144,7 +127,7 @@ TEST_F(PhoneHomeTest, NewControllerDropsTheToken)
     EXPECT_EQ(tokens(), 2u);
 }
 
-TEST_F(PhoneHomeTest, LongControllerIsStoredAndComparedWhole)
+TEST_F(PhoneHomeLabTest, LongControllerIsStoredAndComparedWhole)
 {
     developer_build = true; // no firmware check on a controller that is not there
     std::string controller = "https://ctl.example/" + std::string(2048 - 20, 'p');
@@ -161,7 +144,7 @@ TEST_F(PhoneHomeTest, LongControllerIsStoredAndComparedWhole)
     EXPECT_EQ(count_logged("phone_home: new cloud_controller = '" + controller + "'"), 1u);
 }
 
-TEST_F(PhoneHomeTest, LongSiteIsAskedWhole)
+TEST_F(PhoneHomeLabTest, LongSiteIsAskedWhole)
 {
     // A site address longer than the query used to have room for, with all
     // of the query after it.
@@ -175,7 +158,7 @@ TEST_F(PhoneHomeTest, LongSiteIsAskedWhole)
     EXPECT_NE(at(q, 0, "query").find("&[phone_home]ethaddr=02:00:00:00:00:01"), std::string::npos);
 }
 
-TEST_F(PhoneHomeTest, RepliesThatCannotBeUsedAreRetried)
+TEST_F(PhoneHomeLabTest, RepliesThatCannotBeUsedAreRetried)
 {
     answer(R"({"body":{"code":"frozen"}})");
     phone_home_call();
@@ -201,7 +184,7 @@ TEST_F(PhoneHomeTest, RepliesThatCannotBeUsedAreRetried)
     EXPECT_EQ(count({{"kind", "current_firmware"}}), 0u);
 }
 
-TEST_F(PhoneHomeTest, FailedFirmwareCheckStartsTheRetries)
+TEST_F(PhoneHomeLabTest, FailedFirmwareCheckStartsTheRetries)
 {
     lab->script(R"({"path":"/api/current-firmware","body":{}})");
     phone_home_call();
@@ -213,7 +196,7 @@ TEST_F(PhoneHomeTest, FailedFirmwareCheckStartsTheRetries)
     EXPECT_EQ(count({{"kind", "current_firmware"}}), 2u);
 }
 
-TEST_F(PhoneHomeTest, DeveloperBuildDoesNotCheckFirmware)
+TEST_F(PhoneHomeLabTest, DeveloperBuildDoesNotCheckFirmware)
 {
     developer_build = true;
     phone_home_call();
@@ -223,7 +206,7 @@ TEST_F(PhoneHomeTest, DeveloperBuildDoesNotCheckFirmware)
 
 // ---- phone_home() ----------------------------------------------------------
 
-TEST_F(PhoneHomeOffTest, BootVariableNoStopsEverything)
+TEST_F(PhoneHomeOffLabTest, BootVariableNoStopsEverything)
 {
     phone_home();
     EXPECT_TRUE(logged("phone_home: found 'phone_home=NO' in boot env, exiting!"));
@@ -234,7 +217,7 @@ TEST_F(PhoneHomeOffTest, BootVariableNoStopsEverything)
     EXPECT_FALSE(logged_prefix("ipaddr="));
 }
 
-TEST_F(PhoneHomeOffTest, BootVariableNoIsIgnoredWhenDebugging)
+TEST_F(PhoneHomeOffLabTest, BootVariableNoIsIgnoredWhenDebugging)
 {
     debug = 1;
     phone_home();
@@ -243,7 +226,7 @@ TEST_F(PhoneHomeOffTest, BootVariableNoIsIgnoredWhenDebugging)
     EXPECT_TRUE(phone_home_done);
 }
 
-TEST_F(PhoneHomeTest, NoAddressAfterTwelveTriesStillAsks)
+TEST_F(PhoneHomeLabTest, NoAddressAfterTwelveTriesStillAsks)
 {
     mgmt_ifname = missing_if;
     phone_home();
@@ -258,7 +241,7 @@ TEST_F(PhoneHomeTest, NoAddressAfterTwelveTriesStillAsks)
     EXPECT_FALSE(logged("starting background 'phone_home' thread"));
 }
 
-TEST_F(PhoneHomeTest, AnAddressAtOnceMeansNoWait)
+TEST_F(PhoneHomeLabTest, AnAddressAtOnceMeansNoWait)
 {
     phone_home();
     EXPECT_TRUE(waits.empty());
@@ -266,7 +249,7 @@ TEST_F(PhoneHomeTest, AnAddressAtOnceMeansNoWait)
     EXPECT_EQ(json_array_size(queries().get()), 1u);
 }
 
-TEST_F(PhoneHomeTest, ControllerFromTheBootEnvironmentSkipsTheQuery)
+TEST_F(PhoneHomeLabTest, ControllerFromTheBootEnvironmentSkipsTheQuery)
 {
     env_controller = "https://ctl.example";
     phone_home();
@@ -277,7 +260,7 @@ TEST_F(PhoneHomeTest, ControllerFromTheBootEnvironmentSkipsTheQuery)
     EXPECT_EQ(count({}), 0u);
 }
 
-TEST_F(PhoneHomeTest, SameControllerFromTheBootEnvironmentChangesNothing)
+TEST_F(PhoneHomeLabTest, SameControllerFromTheBootEnvironmentChangesNothing)
 {
     config_set("system", nullptr, "cloud-controller", "https://ctl.example");
     config_set("system", nullptr, "varnex-initialized", "no");
@@ -288,7 +271,7 @@ TEST_F(PhoneHomeTest, SameControllerFromTheBootEnvironmentChangesNothing)
     EXPECT_EQ(count({}), 0u);
 }
 
-TEST_F(PhoneHomeTest, BackgroundLoopRunsUntilAControllerIsKnown)
+TEST_F(PhoneHomeLabTest, BackgroundLoopRunsUntilAControllerIsKnown)
 {
     answer(R"({"code":"unregistered"})");
     std::atomic<bool> answered{false};
@@ -312,7 +295,7 @@ TEST_F(PhoneHomeTest, BackgroundLoopRunsUntilAControllerIsKnown)
 
 // ---- states ------------------------------------------------------------------
 
-TEST_F(PhoneHomeTest, UnregisteredForgetsTheControllerOnce)
+TEST_F(PhoneHomeLabTest, UnregisteredForgetsTheControllerOnce)
 {
     config_set("system", nullptr, "cloud-controller", "https://ctl.example");
     config_set("system", nullptr, "varnex-initialized", "yes");
@@ -337,7 +320,7 @@ TEST_F(PhoneHomeTest, UnregisteredForgetsTheControllerOnce)
     EXPECT_EQ(phone_home_count, 2);
 }
 
-TEST_F(PhoneHomeTest, DecommissionedNewDeviceAsksEveryTenSecondsThenEveryTwoMinutes)
+TEST_F(PhoneHomeLabTest, DecommissionedNewDeviceAsksEveryTenSecondsThenEveryTwoMinutes)
 {
     // A device that was never set up, said so explicitly: only the pace changes.
     config_set("system", nullptr, "varnex-initialized", "no");
@@ -366,7 +349,7 @@ TEST_F(PhoneHomeTest, DecommissionedNewDeviceAsksEveryTenSecondsThenEveryTwoMinu
     EXPECT_EQ(phone_home_count, 15);
 }
 
-TEST_F(PhoneHomeTest, DecommissionedInitialisedDeviceSoftReset)
+TEST_F(PhoneHomeLabTest, DecommissionedInitialisedDeviceSoftReset)
 {
     config_set("system", nullptr, "varnex-initialized", "yes");
     answer(R"({"code":"decommissioned","reset_mode":"soft"})");
@@ -390,7 +373,7 @@ TEST_F(PhoneHomeTest, DecommissionedInitialisedDeviceSoftReset)
     EXPECT_FALSE(phone_home_done);
 }
 
-TEST_F(PhoneHomeTest, DecommissionedInitialisedDeviceFullReset)
+TEST_F(PhoneHomeLabTest, DecommissionedInitialisedDeviceFullReset)
 {
     config_set("system", nullptr, "varnex-initialized", "yes");
     answer(R"({"code":"decommissioned"})");
@@ -402,7 +385,7 @@ TEST_F(PhoneHomeTest, DecommissionedInitialisedDeviceFullReset)
     EXPECT_TRUE(logged("phone_home_call: unable to perform factory-reset!"));
 }
 
-TEST_F(PhoneHomeTest, DecommissionedWithAResetModeThatIsNoTextResetsFully)
+TEST_F(PhoneHomeLabTest, DecommissionedWithAResetModeThatIsNoTextResetsFully)
 {
     config_set("system", nullptr, "varnex-initialized", "yes");
     answer(R"({"body":{"code":"decommissioned","reset-mode":1}})");
@@ -422,7 +405,7 @@ TEST_F(PhoneHomeTest, DecommissionedWithAResetModeThatIsNoTextResetsFully)
 
 // ---- the clock -----------------------------------------------------------------
 
-TEST_F(PhoneHomeTest, ClockIsSetOnceFromTheReply)
+TEST_F(PhoneHomeLabTest, ClockIsSetOnceFromTheReply)
 {
     SyslogSink sink(root);
     answer(R"({"timeofday":1700000000})");
@@ -445,7 +428,7 @@ TEST_F(PhoneHomeTest, ClockIsSetOnceFromTheReply)
     EXPECT_EQ(clock_calls.size(), 1u);
 }
 
-TEST_F(PhoneHomeTest, ClockIsSetTo2040Exactly)
+TEST_F(PhoneHomeLabTest, ClockIsSetTo2040Exactly)
 {
     setenv("TZ", "UTC", 1);
     tzset();
@@ -462,7 +445,7 @@ TEST_F(PhoneHomeTest, ClockIsSetTo2040Exactly)
         << line;
 }
 
-TEST_F(PhoneHomeTest, ClockLeftAloneWhenSntpSetIt)
+TEST_F(PhoneHomeLabTest, ClockLeftAloneWhenSntpSetIt)
 {
     write_file(root.at("/tmp/time_set"), "1\n");
     answer(R"({"timeofday":1700000000})");
@@ -471,7 +454,7 @@ TEST_F(PhoneHomeTest, ClockLeftAloneWhenSntpSetIt)
     EXPECT_TRUE(phone_home_done);
 }
 
-TEST_F(PhoneHomeTest, RefusedClockIsLoggedAndTriedAgain)
+TEST_F(PhoneHomeLabTest, RefusedClockIsLoggedAndTriedAgain)
 {
     clock_result = -1;
     answer(R"({"timeofday":1700000000})");
@@ -481,7 +464,7 @@ TEST_F(PhoneHomeTest, RefusedClockIsLoggedAndTriedAgain)
     EXPECT_EQ(clock_calls.size(), 2u);
 }
 
-TEST_F(PhoneHomeTest, TimeOfDayThatIsNoNumber)
+TEST_F(PhoneHomeLabTest, TimeOfDayThatIsNoNumber)
 {
     answer(R"({"timeofday":"noon"})");
     phone_home_call();
@@ -490,7 +473,7 @@ TEST_F(PhoneHomeTest, TimeOfDayThatIsNoNumber)
     EXPECT_TRUE(phone_home_done);
 }
 
-TEST_F(PhoneHomeTest, DeeplyNestedReplyIsADecodingError)
+TEST_F(PhoneHomeLabTest, DeeplyNestedReplyIsADecodingError)
 {
     const std::string deep = std::string(3000, '[') + std::string(3000, ']');
     lab->script(R"({"path":"/api/phone_home","text":")" + deep + "\"}");

@@ -54,9 +54,8 @@ class PlatformTest : public ::testing::Test
 
     void SetUp() override
     {
-        std::string cmd = "python3 " ORKAD_SOURCE_DIR "/lab/devroot.py " + root.path() +
-                          " --version 2.3.4.5 --env controller=https://ctl.example > /dev/null";
-        ASSERT_EQ(system(cmd.c_str()), 0);
+        ASSERT_TRUE(
+            root.build({"--version", "2.3.4.5", "--env", "controller=https://ctl.example"}));
         log_init();
         icos_openapi_sleep = [](unsigned int) -> unsigned int { return 0; };
         sleeps.clear();
@@ -76,30 +75,6 @@ class PlatformTest : public ::testing::Test
     {
         auto all = log();
         return std::vector<std::string>(all.begin() + std::min(n, all.size()), all.end());
-    }
-
-    std::vector<std::string> journal_calls() const
-    {
-        std::vector<std::string> calls;
-        for (auto &line : lines_of(read_file(root.at("/var/switch/journal")))) {
-            json_t *j = json_loads(line.c_str(), 0, nullptr);
-            calls.push_back(j ? json_string_value(json_object_get(j, "call")) : "<bad line>");
-            json_decref(j);
-        }
-        return calls;
-    }
-    std::string journal_value(size_t i, const char *member) const
-    {
-        auto lines = lines_of(read_file(root.at("/var/switch/journal")));
-        if (i >= lines.size())
-            return "<no line>";
-        json_t *j = json_loads(lines[i].c_str(), 0, nullptr);
-        json_t *v = json_object_get(j, member);
-        std::string out = json_is_string(v)    ? json_string_value(v)
-                          : json_is_integer(v) ? std::to_string(json_integer_value(v))
-                                               : "<absent>";
-        json_decref(j);
-        return out;
     }
 
     void fail_switch_call(const std::string &call)
@@ -309,7 +284,7 @@ TEST_F(PlatformTest, CapabilitiesFragment)
 TEST_F(PlatformTest, RebootAsksTheSwitch)
 {
     EXPECT_EQ(platform_reboot(), 0);
-    EXPECT_EQ(journal_calls(), std::vector<std::string>{"rpcclt_openapiSystemReload"});
+    EXPECT_EQ(journal_calls(root), std::vector<std::string>{"rpcclt_openapiSystemReload"});
     fail_switch_call("rpcclt_openapiSystemReload");
     EXPECT_NE(platform_reboot(), 0);
 }
@@ -356,24 +331,24 @@ TEST_F(PlatformTest, InitAndUpdatesDoNothing)
 {
     platform_init();
     platform_apply_updates();
-    EXPECT_TRUE(journal_calls().empty());
+    EXPECT_TRUE(journal_calls(root).empty());
     EXPECT_EQ(log().size(), 1u); // the banner only
 }
 
 TEST_F(PlatformTest, PreInitAnnouncesTheAgentVersion)
 {
     platform_pre_init();
-    auto calls = journal_calls();
+    auto calls = journal_calls(root);
     ASSERT_EQ(calls, std::vector<std::string>{"rpcclt_openapiAppCtrlVersionSet"});
-    EXPECT_EQ(journal_value(0, "appName"), "tq_agent");
-    EXPECT_EQ(journal_value(0, "version"), "2.3.4.5");
+    EXPECT_EQ(journal_value(root, 0, "appName"), "tq_agent");
+    EXPECT_EQ(journal_value(root, 0, "version"), "2.3.4.5");
 }
 
 TEST_F(PlatformTest, PreInitEndsTheProgramWithoutCloudManagement)
 {
     set_switch_model("{\"system\":{\"cloud_managed_mode\":\"disable\"}}");
     EXPECT_EXIT(platform_pre_init(), ::testing::ExitedWithCode(0), "");
-    EXPECT_TRUE(journal_calls().empty());
+    EXPECT_TRUE(journal_calls(root).empty());
 }
 
 TEST_F(PlatformTest, PreInitEndsTheProgramWhenTheModeCannotBeRead)
@@ -385,9 +360,9 @@ TEST_F(PlatformTest, PreInitEndsTheProgramWhenTheModeCannotBeRead)
 TEST_F(PlatformTest, AgentStatusGoesToTheSwitch)
 {
     EXPECT_EQ(platform_update_agent_status("down"), 0);
-    EXPECT_EQ(journal_calls(), std::vector<std::string>{"rpcclt_openapiAppCtrlStatusSet"});
-    EXPECT_EQ(journal_value(0, "appName"), "tq_agent");
-    EXPECT_EQ(journal_value(0, "status"), "Connection:       down\n");
+    EXPECT_EQ(journal_calls(root), std::vector<std::string>{"rpcclt_openapiAppCtrlStatusSet"});
+    EXPECT_EQ(journal_value(root, 0, "appName"), "tq_agent");
+    EXPECT_EQ(journal_value(root, 0, "status"), "Connection:       down\n");
     fail_switch_call("rpcclt_openapiAppCtrlStatusSet");
     EXPECT_NE(platform_update_agent_status("up"), 0);
 }
@@ -399,17 +374,17 @@ TEST_F(PlatformTest, StartLoggingPointsTheSwitchSyslogAtUsOnce)
     thread_init();
     platform_syslog_port = 0; // any free port: the receiver only has to start
     int rc = platform_start_logging();
-    EXPECT_EQ(journal_calls(), (std::vector<std::string>{
-                                   "rpcclt_openapiLoggingHostAdd",
-                                   "rpcclt_openapiLoggingHostPortSet",
-                                   "rpcclt_openapiLoggingHostSeveritySet",
-                                   "rpcclt_openapiSysLogModeSet",
-                               }));
-    EXPECT_EQ(journal_value(0, "host"), "127.0.0.1");
-    EXPECT_EQ(journal_value(1, "port"), "46180");
-    EXPECT_EQ(journal_value(2, "host"), "127.0.0.1");
-    EXPECT_EQ(journal_value(2, "severity"), "7");
-    EXPECT_EQ(journal_value(3, "mode"), "1");
+    EXPECT_EQ(journal_calls(root), (std::vector<std::string>{
+                                       "rpcclt_openapiLoggingHostAdd",
+                                       "rpcclt_openapiLoggingHostPortSet",
+                                       "rpcclt_openapiLoggingHostSeveritySet",
+                                       "rpcclt_openapiSysLogModeSet",
+                                   }));
+    EXPECT_EQ(journal_value(root, 0, "host"), "127.0.0.1");
+    EXPECT_EQ(journal_value(root, 1, "port"), "46180");
+    EXPECT_EQ(journal_value(root, 2, "host"), "127.0.0.1");
+    EXPECT_EQ(journal_value(root, 2, "severity"), "7");
+    EXPECT_EQ(journal_value(root, 3, "mode"), "1");
 
     int started = 0;
     for (int i = 0; i < next_thread; i++)
@@ -420,7 +395,7 @@ TEST_F(PlatformTest, StartLoggingPointsTheSwitchSyslogAtUsOnce)
 
     // The second call does nothing at all.
     EXPECT_EQ(platform_start_logging(), 0);
-    EXPECT_EQ(journal_calls().size(), 4u);
+    EXPECT_EQ(journal_calls(root).size(), 4u);
 }
 
 TEST_F(PlatformTest, StartLoggingActsOnceEvenWhenTheSwitchRefuses)
@@ -428,9 +403,9 @@ TEST_F(PlatformTest, StartLoggingActsOnceEvenWhenTheSwitchRefuses)
     thread_init();
     fail_switch_call("rpcclt_openapiSysLogModeSet");
     platform_start_logging();
-    size_t n = journal_calls().size();
+    size_t n = journal_calls(root).size();
     EXPECT_EQ(platform_start_logging(), 0);
-    EXPECT_EQ(journal_calls().size(), n);
+    EXPECT_EQ(journal_calls(root).size(), n);
 }
 
 TEST_F(PlatformTest, LoggingFilterAcceptsEverything)
@@ -794,6 +769,6 @@ TEST_F(PlatformTest, WirelessAndCaptivePortalHooksAreInert)
     EXPECT_EQ(platform_cap_session_response(obj, response, sizeof(response)), 0);
     EXPECT_STREQ(response, "keep");
     json_decref(obj);
-    EXPECT_TRUE(journal_calls().empty());
+    EXPECT_TRUE(journal_calls(root).empty());
     EXPECT_EQ(log().size(), 1u);
 }

@@ -117,7 +117,7 @@ unsigned long eth0_clock(unsigned long)
     return eth0_ms;
 }
 
-class StatsTest : public AgentTest
+class StatsLabTest : public AgentLabTest
 {
   protected:
     void SetUp() override
@@ -195,7 +195,7 @@ std::string params(long long ms, const std::string &href = "/st")
 
 // ---- set.statistics ------------------------------------------------------
 
-TEST_F(StatsTest, RegistersCommandAndTick)
+TEST_F(StatsLabTest, RegistersCommandAndTick)
 {
     struct handler *h = signals_lookup(SIGALRM);
     ASSERT_NE(h, nullptr);
@@ -215,7 +215,7 @@ TEST_F(StatsTest, RegistersCommandAndTick)
     EXPECT_EQ(its.it_value.tv_sec, 0);
     EXPECT_EQ(its.it_value.tv_nsec, 0);
 
-    use_lab();
+    use_controller();
     Json list(json_loads(R"([{"action":"set","context":"statistics","flags":"","id":"reg",)"
                          R"("params":{"interval":14999}}])",
                          0, nullptr));
@@ -224,7 +224,7 @@ TEST_F(StatsTest, RegistersCommandAndTick)
     EXPECT_TRUE(logged("set.statistics: command (set.statistics) received"));
 }
 
-TEST_F(StatsTest, IntervalLimitsKeepTheirOddWording)
+TEST_F(StatsLabTest, IntervalLimitsKeepTheirOddWording)
 {
     EXPECT_EQ(set_stats(params(14999), "a"),
               std::make_pair(-1, std::string("logging interval out of range")));
@@ -243,9 +243,9 @@ TEST_F(StatsTest, IntervalLimitsKeepTheirOddWording)
     EXPECT_EQ(get_stats_interval(), 300);
 }
 
-TEST_F(StatsTest, MalformedCommandsAreAnsweredWithTheirMessage)
+TEST_F(StatsLabTest, MalformedCommandsAreAnsweredWithTheirMessage)
 {
-    use_lab();
+    use_controller();
     struct Case {
         const char *id, *command, *message;
     } cases[] = {
@@ -274,7 +274,7 @@ TEST_F(StatsTest, MalformedCommandsAreAnsweredWithTheirMessage)
     EXPECT_FALSE(stats_stream.enabled);
 }
 
-TEST_F(StatsTest, FirstCommandStartsEverythingOnce)
+TEST_F(StatsLabTest, FirstCommandStartsEverythingOnce)
 {
     ASSERT_EQ(set_stats(params(60000), "a"), std::make_pair(0, std::string()));
     EXPECT_TRUE(logged("stats_collector: Started"));
@@ -314,7 +314,7 @@ TEST_F(StatsTest, FirstCommandStartsEverythingOnce)
 
 // ---- the tick's pace -----------------------------------------------------
 
-TEST_F(StatsTest, SamplesEveryFiveTicksAndPeriodsEveryInterval)
+TEST_F(StatsLabTest, SamplesEveryFiveTicksAndPeriodsEveryInterval)
 {
     stats_clock = counting_clock;
     stats_proc_net_dev = "/nonexistent"; // each sample ends at once
@@ -345,7 +345,7 @@ TEST_F(StatsTest, SamplesEveryFiveTicksAndPeriodsEveryInterval)
     EXPECT_EQ(closed_at, (std::vector<unsigned int>{60, 120}));
 }
 
-TEST_F(StatsTest, IntervalNotAMultipleOfFiveStillClosesEveryInterval)
+TEST_F(StatsLabTest, IntervalNotAMultipleOfFiveStillClosesEveryInterval)
 {
     stats_clock = counting_clock;
     stats_proc_net_dev = "/nonexistent";
@@ -369,7 +369,7 @@ TEST_F(StatsTest, IntervalNotAMultipleOfFiveStillClosesEveryInterval)
     EXPECT_EQ(samples, 10);
 }
 
-TEST_F(StatsTest, TicksBeforeTheFirstCommandOnlyCount)
+TEST_F(StatsLabTest, TicksBeforeTheFirstCommandOnlyCount)
 {
     stats_clock = counting_clock;
     for (int t = 0; t < 10; t++)
@@ -381,7 +381,7 @@ TEST_F(StatsTest, TicksBeforeTheFirstCommandOnlyCount)
 
 // ---- documents and posting -----------------------------------------------
 
-TEST_F(StatsTest, SecondCommandKeepsPostingToTheFirstHref)
+TEST_F(StatsLabTest, SecondCommandKeepsPostingToTheFirstHref)
 {
     stats_proc_net_dev = "/nonexistent";
     ASSERT_EQ(set_stats(params(15000, "/st1"), "a"), std::make_pair(0, std::string()));
@@ -408,7 +408,7 @@ TEST_F(StatsTest, SecondCommandKeepsPostingToTheFirstHref)
         << body;
 }
 
-TEST_F(StatsTest, StatisticsTimeIn2040)
+TEST_F(StatsLabTest, StatisticsTimeIn2040)
 {
     setenv("TZ", "UTC", 1);
     tzset();
@@ -427,7 +427,7 @@ TEST_F(StatsTest, StatisticsTimeIn2040)
               R"({"statisticsTime":"2040-02-29T12:34:56+0000","interface":[]})");
 }
 
-TEST_F(StatsTest, DocumentCarriesTheRowsOfThePeriod)
+TEST_F(StatsLabTest, DocumentCarriesTheRowsOfThePeriod)
 {
     fake_eth0();
     ASSERT_EQ(set_stats(params(15000, "/st1"), "a"), std::make_pair(0, std::string()));
@@ -457,7 +457,7 @@ TEST_F(StatsTest, DocumentCarriesTheRowsOfThePeriod)
     json_decref(hb);
 }
 
-TEST_F(StatsTest, WithoutControllerThePostIsSkippedAndCountsAsSuccess)
+TEST_F(StatsLabTest, WithoutControllerThePostIsSkippedAndCountsAsSuccess)
 {
     ASSERT_EQ(config_get("system", nullptr, "cloud-controller"), std::nullopt);
     lab->add_link("/st", "statistics");
@@ -465,9 +465,9 @@ TEST_F(StatsTest, WithoutControllerThePostIsSkippedAndCountsAsSuccess)
     EXPECT_EQ(json_array_size(lab->requests().get()), 0u);
 }
 
-TEST_F(StatsTest, PostRetriesOnlyARefusedToken)
+TEST_F(StatsLabTest, PostRetriesOnlyARefusedToken)
 {
-    use_lab();
+    use_controller();
     lab->add_link("/st", "statistics");
     lab->script(R"({"path":"/api/st","status":401,"count":1})");
     EXPECT_EQ(stats_post("/st", R"({"a":1})", 7), 0);
@@ -499,7 +499,7 @@ time_t tick_time(time_t *now)
     return t;
 }
 
-TEST_F(StatsTest, SenderDropsAPeriodItCouldNotPostAndGoesOn)
+TEST_F(StatsLabTest, SenderDropsAPeriodItCouldNotPostAndGoesOn)
 {
     setenv("TZ", "UTC", 1);
     tzset();
@@ -569,7 +569,7 @@ TEST_F(StatsTest, SenderDropsAPeriodItCouldNotPostAndGoesOn)
 // A wake-up with no tick behind it (spurious, or a broadcast) neither closes
 // a period nor takes a sample: both threads go back to sleep, and the period
 // closes at its own tick.
-TEST_F(StatsTest, WakeUpWithoutATickClosesNoPeriodAndTakesNoSample)
+TEST_F(StatsLabTest, WakeUpWithoutATickClosesNoPeriodAndTakesNoSample)
 {
     stats_clock = counting_clock;
     stats_proc_net_dev = "/nonexistent";
@@ -597,7 +597,7 @@ TEST_F(StatsTest, WakeUpWithoutATickClosesNoPeriodAndTakesNoSample)
 // The period tick that comes while the sender is still posting the previous
 // document is not lost: the sender closes that period as soon as its post
 // returns.
-TEST_F(StatsTest, PeriodTickDuringAPostIsNotLost)
+TEST_F(StatsLabTest, PeriodTickDuringAPostIsNotLost)
 {
     stats_clock = counting_clock;
     stats_proc_net_dev = "/nonexistent";
@@ -618,7 +618,7 @@ TEST_F(StatsTest, PeriodTickDuringAPostIsNotLost)
 // Periods that come due while a post hangs make one document once it
 // returns, not one per missed tick, and the pace stays on the interval's
 // ticks afterwards.
-TEST_F(StatsTest, PeriodsDueDuringAHangingPostMakeOneDocument)
+TEST_F(StatsLabTest, PeriodsDueDuringAHangingPostMakeOneDocument)
 {
     stats_clock = counting_clock;
     stats_proc_net_dev = "/nonexistent";
@@ -781,7 +781,7 @@ TEST_F(StatsParseTest, FailingHandlerStopsTheWalkUncounted)
 
 // ---- the debug dump --------------------------------------------------------
 
-TEST_F(StatsTest, DebugDumpShowsTheStream)
+TEST_F(StatsLabTest, DebugDumpShowsTheStream)
 {
     stats_proc_net_dev = "/nonexistent";
     ASSERT_EQ(set_stats(params(20000, "/st"), "a"), std::make_pair(0, std::string()));

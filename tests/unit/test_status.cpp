@@ -154,7 +154,7 @@ void *nth_failing_malloc(size_t n)
     return malloc(n);
 }
 
-class StatusTest : public AgentTest
+class StatusLabTest : public AgentLabTest
 {
   protected:
     void SetUp() override
@@ -272,7 +272,7 @@ class StatusTest : public AgentTest
 
 // ---- set.status ----------------------------------------------------------
 
-TEST_F(StatusTest, IntervalLimits)
+TEST_F(StatusLabTest, IntervalLimits)
 {
     status_sleep = park;
     EXPECT_EQ(set_status(params(9999), "a"),
@@ -298,7 +298,7 @@ TEST_F(StatusTest, IntervalLimits)
                        " already running, new interval = 3600, enable = true"));
 }
 
-TEST_F(StatusTest, Messages)
+TEST_F(StatusLabTest, Messages)
 {
     status_sleep = park;
     struct {
@@ -326,7 +326,7 @@ TEST_F(StatusTest, Messages)
     EXPECT_EQ(status_stream.id, -1);
 
     // Without an id the answer carries an empty one.
-    use_lab();
+    use_controller();
     cmd_set_status(strdup("set.status"), json_loads(R"({"params":{"interval":10000}})", 0, nullptr),
                    strdup("/response/t"));
     Json res = lab->wait_results({}, n + 1);
@@ -338,7 +338,7 @@ TEST_F(StatusTest, Messages)
     EXPECT_EQ(status_stream.id, -1);
 }
 
-TEST_F(StatusTest, InitRegistersCommandSignalAndProvider)
+TEST_F(StatusLabTest, InitRegistersCommandSignalAndProvider)
 {
     status_init();
     auto log = main_log();
@@ -383,7 +383,7 @@ TEST_F(StatusTest, InitRegistersCommandSignalAndProvider)
 
 // ---- the thread ------------------------------------------------------------
 
-TEST_F(StatusTest, FirstDocumentCarriesEveryPortThenOnlyChanges)
+TEST_F(StatusLabTest, FirstDocumentCarriesEveryPortThenOnlyChanges)
 {
     status_init();
     auto posts = run_stream(10000, 7, [this](int n) {
@@ -412,7 +412,7 @@ TEST_F(StatusTest, FirstDocumentCarriesEveryPortThenOnlyChanges)
     EXPECT_EQ(count_logged("status_send: post successful"), 0u);
 }
 
-TEST_F(StatusTest, PaceFollowsTheIntervalInTenSecondSteps)
+TEST_F(StatusLabTest, PaceFollowsTheIntervalInTenSecondSteps)
 {
     status_init();
     // 30 s: after a success the timer climbs from 10 past 30, so a document
@@ -435,7 +435,7 @@ TEST_F(StatusTest, PaceFollowsTheIntervalInTenSecondSteps)
     EXPECT_EQ(docs[1].find(R"("name":"0/3")"), std::string::npos);
 }
 
-TEST_F(StatusTest, SecondSetStatusChangesThePaceAndKeepsTheLink)
+TEST_F(StatusLabTest, SecondSetStatusChangesThePaceAndKeepsTheLink)
 {
     status_init();
     lab->add_link("/st2", "status");
@@ -456,7 +456,7 @@ TEST_F(StatusTest, SecondSetStatusChangesThePaceAndKeepsTheLink)
         1);
 }
 
-TEST_F(StatusTest, FailedPostSendsEveryPortTenSecondsLater)
+TEST_F(StatusLabTest, FailedPostSendsEveryPortTenSecondsLater)
 {
     status_init();
     lab->script(R"({"path":"/api/status","status":500,"body":{"error":"busy"},"count":2})");
@@ -490,7 +490,7 @@ TEST_F(StatusTest, FailedPostSendsEveryPortTenSecondsLater)
     EXPECT_LT(pos("status_send: post errors (err = 500)"), pos("status_send: post successful"));
 }
 
-TEST_F(StatusTest, DisabledThreadStopsAtOnce)
+TEST_F(StatusLabTest, DisabledThreadStopsAtOnce)
 {
     status_stream.enabled = false;
     status_stream.set_href("/status");
@@ -504,9 +504,9 @@ TEST_F(StatusTest, DisabledThreadStopsAtOnce)
 
 // ---- posting ---------------------------------------------------------------
 
-TEST_F(StatusTest, RefusedTokenIsRetriedWithAFreshOne)
+TEST_F(StatusLabTest, RefusedTokenIsRetriedWithAFreshOne)
 {
-    use_lab();
+    use_controller();
     ASSERT_EQ(status_post("/status", "{\"a\":1}", 7), 0);
     lab->set_token(R"({"revoke":true})");
     ASSERT_EQ(status_post("/status", "{\"a\":2}", 7), 0);
@@ -527,9 +527,9 @@ TEST_F(StatusTest, RefusedTokenIsRetriedWithAFreshOne)
                                              "sending (retry = 2) {\"a\":2}"}));
 }
 
-TEST_F(StatusTest, FourRefusalsAtMost)
+TEST_F(StatusLabTest, FourRefusalsAtMost)
 {
-    use_lab();
+    use_controller();
     lab->script(R"({"path":"/api/status","status":401,"text":"no","count":5})");
     EXPECT_EQ(status_post("/status", "{}", 2), 401);
     EXPECT_EQ(count({{"kind", "status"}}), 4u);
@@ -540,9 +540,9 @@ TEST_F(StatusTest, FourRefusalsAtMost)
     EXPECT_TRUE(logged("status_post: err = 401, reply = 'no'"));
 }
 
-TEST_F(StatusTest, OtherStatusesEndTheAttempts)
+TEST_F(StatusLabTest, OtherStatusesEndTheAttempts)
 {
-    use_lab();
+    use_controller();
     lab->script(R"({"path":"/api/status","status":503,"text":"later"})");
     EXPECT_EQ(status_post("/status", "{}", 2), 503);
     EXPECT_EQ(count({{"kind", "status"}}), 1u);
@@ -552,15 +552,15 @@ TEST_F(StatusTest, OtherStatusesEndTheAttempts)
     EXPECT_EQ(status_post("/status", "{}", 2), 0);
 }
 
-TEST_F(StatusTest, NoControllerNoPost)
+TEST_F(StatusLabTest, NoControllerNoPost)
 {
     EXPECT_EQ(status_post("/status", "{}", 2), -1);
     EXPECT_EQ(count({}), 0u);
 }
 
-TEST_F(StatusTest, LinkWithOddCharacters)
+TEST_F(StatusLabTest, LinkWithOddCharacters)
 {
-    use_lab();
+    use_controller();
     // curl escapes the bytes a URL cannot carry; the rest goes as given.
     lab->add_link("/st-%c3%bc", "status");
     EXPECT_EQ(status_post("/st-ü?x=%41&y=~'\"", "{}", 2), 0) << json_text(lab->requests().get());
@@ -575,7 +575,7 @@ TEST_F(StatusTest, LinkWithOddCharacters)
 
 // ---- the port provider -----------------------------------------------------
 
-TEST_F(StatusTest, ProviderReportsEveryPortThenOnlyChanges)
+TEST_F(StatusLabTest, ProviderReportsEveryPortThenOnlyChanges)
 {
     EXPECT_EQ(provide(true), ports_doc({port1, port2, port3}));
     // Nothing changed: nothing added.
@@ -589,7 +589,7 @@ TEST_F(StatusTest, ProviderReportsEveryPortThenOnlyChanges)
     EXPECT_FALSE(port_status[4].valid);
 }
 
-TEST_F(StatusTest, ThreeNeighboursGiveTheLastTwoOneOrTwoGiveAll)
+TEST_F(StatusLabTest, ThreeNeighboursGiveTheLastTwoOneOrTwoGiveAll)
 {
     // The small switch and a fourth port with exactly two neighbours.
     const std::string two = R"(,
@@ -624,7 +624,7 @@ TEST_F(StatusTest, ThreeNeighboursGiveTheLastTwoOneOrTwoGiveAll)
     EXPECT_EQ(names(3), (std::vector<std::string>{"m1", "m2"}));
 }
 
-TEST_F(StatusTest, AbsurdPortRecords)
+TEST_F(StatusLabTest, AbsurdPortRecords)
 {
     std::string vlans;
     for (int v = 1; v <= 300; v++)
@@ -639,7 +639,7 @@ TEST_F(StatusTest, AbsurdPortRecords)
               R"("vlan":[{"id":"299","name":"v299"},{"id":"300","name":"v300"}]}]})");
 }
 
-TEST_F(StatusTest, SwitchFailuresReportWhatCouldBeRead)
+TEST_F(StatusLabTest, SwitchFailuresReportWhatCouldBeRead)
 {
     // The walk cannot start: no port is known, nothing is sent.
     write_faults(R"([{"call":"openapiIfFirstGet","result":-20,"count":1},
@@ -659,7 +659,7 @@ TEST_F(StatusTest, SwitchFailuresReportWhatCouldBeRead)
     EXPECT_EQ(provide(false), ports_doc({port1, port2}));
 }
 
-TEST_F(StatusTest, PortMemberThatCannotBeMadeEndsTheWalk)
+TEST_F(StatusLabTest, PortMemberThatCannotBeMadeEndsTheWalk)
 {
     std::string m = small_model;
     std::string name(26, 'n'); // the only 26-character text of the document
@@ -677,7 +677,7 @@ TEST_F(StatusTest, PortMemberThatCannotBeMadeEndsTheWalk)
     EXPECT_EQ(provide(false), ports_doc({p2.c_str(), port3}));
 }
 
-TEST_F(StatusTest, NeighbourThatCannotBeMadeEndsTheList)
+TEST_F(StatusLabTest, NeighbourThatCannotBeMadeEndsTheList)
 {
     std::string m = small_model;
     std::string desc(26, 'd');
@@ -695,7 +695,7 @@ TEST_F(StatusTest, NeighbourThatCannotBeMadeEndsTheList)
     EXPECT_EQ(doc, ports_doc({port1, port2, p3.c_str()}));
 }
 
-TEST_F(StatusTest, VlanThatCannotBeMadeEndsTheList)
+TEST_F(StatusLabTest, VlanThatCannotBeMadeEndsTheList)
 {
     std::string m = small_model;
     std::string vname(26, 'v');
@@ -710,7 +710,7 @@ TEST_F(StatusTest, VlanThatCannotBeMadeEndsTheList)
     EXPECT_EQ(doc, ports_doc({p1.c_str(), port2, port3}));
 }
 
-TEST_F(StatusTest, CapabilityThatCannotBeAddedCutsTheArray)
+TEST_F(StatusLabTest, CapabilityThatCannotBeAddedCutsTheArray)
 {
     std::string m = small_model;
     std::string cap(26, 'c');
@@ -728,7 +728,7 @@ TEST_F(StatusTest, CapabilityThatCannotBeAddedCutsTheArray)
 
 // The arrays the provider makes, in order: the ports, then for port 1 its
 // neighbours, the two capability lists of its neighbour and its VLANs.
-TEST_F(StatusTest, PortsArrayThatCannotBeMadeAddsNothing)
+TEST_F(StatusLabTest, PortsArrayThatCannotBeMadeAddsNothing)
 {
     EXPECT_EQ(provide_failing(array_record, 1), "{}");
     EXPECT_TRUE(logged("status_port_provider: Failed to allocate JSON array"));
@@ -736,14 +736,14 @@ TEST_F(StatusTest, PortsArrayThatCannotBeMadeAddsNothing)
     EXPECT_EQ(provide(false), ports_doc({port1, port2, port3}));
 }
 
-TEST_F(StatusTest, NeighbourArrayThatCannotBeMadeEndsTheWalk)
+TEST_F(StatusLabTest, NeighbourArrayThatCannotBeMadeEndsTheWalk)
 {
     EXPECT_EQ(provide_failing(array_record, 2), "{}");
     EXPECT_TRUE(logged("status_port_provider: Failed to allocate neighbors JSON array"));
     EXPECT_EQ(provide(false), ports_doc({port1, port2, port3}));
 }
 
-TEST_F(StatusTest, CapabilityArrayThatCannotBeMadeDropsTheNeighbour)
+TEST_F(StatusLabTest, CapabilityArrayThatCannotBeMadeDropsTheNeighbour)
 {
     std::string doc = provide_failing(array_record, 3);
     EXPECT_TRUE(logged("str_to_json_array: Failed to allocate JSON array"));
@@ -754,7 +754,7 @@ TEST_F(StatusTest, CapabilityArrayThatCannotBeMadeDropsTheNeighbour)
     EXPECT_EQ(doc, ports_doc({p1.c_str(), port2, port3}));
 }
 
-TEST_F(StatusTest, VlanArrayThatCannotBeMadeEndsTheWalk)
+TEST_F(StatusLabTest, VlanArrayThatCannotBeMadeEndsTheWalk)
 {
     EXPECT_EQ(provide_failing(array_record, 5), "{}");
     EXPECT_TRUE(logged("status_port_provider: Failed to allocate vlans JSON array"));
@@ -763,14 +763,14 @@ TEST_F(StatusTest, VlanArrayThatCannotBeMadeEndsTheWalk)
 // The objects, in order: the document itself, port 1, its neighbour (whose
 // "port_id_subtype" member is a record of the same size), its two VLANs,
 // port 2.
-TEST_F(StatusTest, PortObjectThatCannotBeMadeEndsTheWalk)
+TEST_F(StatusLabTest, PortObjectThatCannotBeMadeEndsTheWalk)
 {
     EXPECT_EQ(provide_failing(object_record, 7), ports_doc({port1}));
     EXPECT_TRUE(logged("status_port_provider: Can't allocate JSON object"));
     EXPECT_EQ(provide(false), ports_doc({port2, port3}));
 }
 
-TEST_F(StatusTest, NeighbourObjectThatCannotBeMadeEndsTheList)
+TEST_F(StatusLabTest, NeighbourObjectThatCannotBeMadeEndsTheList)
 {
     std::string doc = provide_failing(object_record, 3);
     EXPECT_TRUE(logged("status_port_provider: Can't allocate JSON object"));
@@ -780,7 +780,7 @@ TEST_F(StatusTest, NeighbourObjectThatCannotBeMadeEndsTheList)
     EXPECT_EQ(doc, ports_doc({p1.c_str(), port2, port3}));
 }
 
-TEST_F(StatusTest, VlanObjectThatCannotBeMadeEndsTheList)
+TEST_F(StatusLabTest, VlanObjectThatCannotBeMadeEndsTheList)
 {
     std::string doc = provide_failing(object_record, 5);
     EXPECT_TRUE(logged("status_port_provider: Can't allocate JSON object"));

@@ -1,5 +1,5 @@
-// set.system and set.reboot against the lab controller and the simulated
-// switch: stored properties, the failure list and its cut, the password on
+// set.system and set.reboot against an in-process controller and the
+// simulated switch: stored properties, the failure list and its cut, the password on
 // the switch, the reboot's order of events and its failure reports.
 #include "agent_fixture.h"
 #include "db.h"
@@ -38,8 +38,7 @@ class SystemTest : public AgentTest
         logging_sleep = record_logging_sleep;
         system_sleep = record_system_sleep;
         icos_openapi_sleep = no_sleep;
-        lab->add_link("/response/t", "response");
-        use_lab();
+        use_controller();
     }
 
     struct Result {
@@ -73,13 +72,7 @@ class SystemTest : public AgentTest
         return run(cmd_set_reboot, "set.reboot", c, id, answers);
     }
 
-    std::vector<std::string> journal_calls()
-    {
-        std::vector<std::string> out;
-        for (auto &line : lines_of(read_file(root.at("/var/switch/journal"))))
-            out.push_back(json_str(json_parse(line).get(), "call"));
-        return out;
-    }
+    std::vector<std::string> journal_calls() { return testkit::journal_calls(root); }
 };
 
 // A name of n characters, unique by its first letters.
@@ -119,7 +112,6 @@ TEST_F(SystemTest, StoresTextMembersAndCountsTheOthers)
 
 TEST_F(SystemTest, PropertyNamesFromTheControllerAreStoredNotRun)
 {
-    ASSERT_EQ(config_set("system", nullptr, "cloud-controller", lab->base_url.c_str()), 0);
     Result r = set_system(R"({"x', 'y'); DELETE FROM system; --":"v","rack's":"4"})");
     EXPECT_EQ(r.code, 0);
     EXPECT_EQ(r.message, "");
@@ -132,7 +124,7 @@ TEST_F(SystemTest, PropertyNamesFromTheControllerAreStoredNotRun)
     EXPECT_EQ(stored("rack's"), "4");
     // Nothing else was touched.
     EXPECT_EQ(setting("x"), "<none>");
-    EXPECT_EQ(setting("cloud-controller"), lab->base_url);
+    EXPECT_EQ(setting("cloud-controller"), base_url());
 }
 
 TEST_F(SystemTest, EmptyParamsIsSuccessWithAnEmptyMessage)
@@ -189,9 +181,8 @@ TEST_F(SystemTest, PasswordGoesToTheSwitchAndIsSaved)
     EXPECT_EQ(r.code, 0);
     EXPECT_EQ(journal_calls(),
               (std::vector<std::string>{"rpcclt_openapiUserSet", "rpcclt_openapiSaveConfig"}));
-    Json first = json_parse(lines_of(read_file(root.at("/var/switch/journal")))[0]);
-    EXPECT_EQ(json_str(first.get(), "userName"), "admin");
-    EXPECT_EQ(json_str(first.get(), "password"), "s3cret");
+    EXPECT_EQ(journal_value(root, 0, "userName"), "admin");
+    EXPECT_EQ(journal_value(root, 0, "password"), "s3cret");
     EXPECT_EQ(setting("password"), "s3cret");
     EXPECT_EQ(setting("hostname"), "lab-sw");
 }
@@ -245,10 +236,10 @@ TEST_F(SystemTest, EnvelopeErrors)
 
     cmd_set_system(strdup("set.system"), json_loads(R"({"id":5,"params":{}})", 0, nullptr),
                    strdup("/response/t"));
-    Json res = lab->wait_results({{"command_id", ""}});
-    ASSERT_EQ(json_array_size(res.get()), 1u);
-    EXPECT_EQ(json_integer_value(json_object_get(item(res, 0), "code")), -1);
-    EXPECT_EQ(at(res, 0, "message"), "missing or invalid 'id' element in command");
+    auto res = controller->wait_answers("");
+    ASSERT_EQ(res.size(), 1u);
+    EXPECT_EQ(res[0].code, -1);
+    EXPECT_EQ(res[0].message, "missing or invalid 'id' element in command");
     EXPECT_TRUE(logged("set.system: missing or invalid 'id' element in command"));
 }
 
@@ -277,12 +268,12 @@ TEST_F(SystemTest, RebootEnvelopeErrors)
 
 namespace
 {
-// What the lab had received when the switch was asked to reload.
-Lab *reload_lab;
+// What the controller had received when the switch was asked to reload.
+const CannedController *reload_controller;
 size_t results_at_reload = 99;
 unsigned int note_reload(unsigned int)
 {
-    results_at_reload = json_array_size(reload_lab->results().get());
+    results_at_reload = reload_controller->answers().size();
     return 0;
 }
 } // namespace
@@ -290,7 +281,7 @@ unsigned int note_reload(unsigned int)
 TEST_F(SystemTest, RebootWithoutMessageAnswersFirstThenReloads)
 {
     SyslogSink sink(root);
-    reload_lab = lab.get();
+    reload_controller = controller.get();
     // Called right after the reload request succeeds.
     icos_openapi_sleep = note_reload;
     logging_stream.interval = 30;

@@ -36,13 +36,7 @@ class UtilsTest : public ::testing::Test
     DeviceRoot root;
     void SetUp() override { log_init(); }
     std::vector<std::string> messages() const { return log_messages(root.at("/rw/orkad.log")); }
-    bool logged(const std::string &line) const
-    {
-        for (const std::string &m : messages())
-            if (m == line)
-                return true;
-        return false;
-    }
+    bool logged(const std::string &line) const { return testkit::logged(root, line); }
     // A tool in the device root's /bin, found first through PATH.
     void tool(const std::string &name, const std::string &script) const
     {

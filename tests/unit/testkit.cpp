@@ -4,6 +4,7 @@
 #include "signals.h"
 #include "work.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <chrono>
@@ -53,6 +54,15 @@ DeviceRoot::~DeviceRoot()
         if (system(cmd.c_str()) != 0) {
         }
     }
+}
+
+bool DeviceRoot::build(const std::vector<std::string> &args) const
+{
+    std::string cmd = "python3 " ORKAD_SOURCE_DIR "/lab/devroot.py '" + root_ + "'";
+    for (const std::string &a : args)
+        cmd += " '" + a + "'";
+    cmd += " > /dev/null";
+    return system(cmd.c_str()) == 0;
 }
 
 size_t heap_in_use()
@@ -156,6 +166,51 @@ std::vector<std::string> log_messages(const std::string &path)
         out.push_back(c == std::string::npos ? line : line.substr(c + 1));
     }
     return out;
+}
+
+std::vector<std::string> journal_lines(const DeviceRoot &root)
+{
+    return lines_of(read_file(root.at("/var/switch/journal")));
+}
+
+std::vector<std::string> journal_calls(const DeviceRoot &root)
+{
+    std::vector<std::string> calls;
+    for (const std::string &line : journal_lines(root)) {
+        json_ptr j(json_loads(line.c_str(), 0, nullptr));
+        const char *call = json_string_value(json_object_get(j.get(), "call"));
+        calls.push_back(j && call != nullptr ? call : "<bad line>");
+    }
+    return calls;
+}
+
+std::vector<std::string> journal_lines_of(const DeviceRoot &root, const std::string &call)
+{
+    std::vector<std::string> out;
+    std::vector<std::string> lines = journal_lines(root);
+    std::vector<std::string> calls = journal_calls(root);
+    for (size_t i = 0; i < lines.size() && i < calls.size(); i++)
+        if (calls[i] == call)
+            out.push_back(lines[i]);
+    return out;
+}
+
+std::string journal_value(const DeviceRoot &root, size_t i, const char *member)
+{
+    std::vector<std::string> lines = journal_lines(root);
+    if (i >= lines.size())
+        return "<no line>";
+    json_ptr j(json_loads(lines[i].c_str(), 0, nullptr));
+    json_t *v = json_object_get(j.get(), member);
+    return json_is_string(v)    ? json_string_value(v)
+           : json_is_integer(v) ? std::to_string(json_integer_value(v))
+                                : "<absent>";
+}
+
+bool logged(const DeviceRoot &root, const std::string &line)
+{
+    std::vector<std::string> m = log_messages(root.at("/rw/orkad.log"));
+    return std::find(m.begin(), m.end(), line) != m.end();
 }
 
 NotifySocket::NotifySocket(const std::string &address)
@@ -501,6 +556,159 @@ Json Lab::wait_results(const Query &filters, int count, double timeout_s)
 Json Lab::tokens()
 {
     return member(call("GET", "/token"), "tokens");
+}
+
+} // namespace testkit
+
+// ---- the in-process controller ------------------------------------------
+
+namespace testkit
+{
+
+namespace
+{
+
+CannedController *serving;
+
+} // namespace
+
+CannedController::CannedController()
+{
+    serving = this;
+    http_exchange = exchange;
+}
+
+CannedController::~CannedController()
+{
+    http_exchange = nullptr;
+    serving = nullptr;
+}
+
+int CannedController::exchange(const char *url, const char *data, int length, reply *r)
+{
+    return serving->serve(url, data, length, r);
+}
+
+int CannedController::serve(const char *url, const char *data, int length, reply *r)
+{
+    std::string u = url;
+    std::string api = std::string(base_url) + "/api";
+    std::string path = u.compare(0, api.size(), api) == 0 ? u.substr(api.size()) : u;
+    path = path.substr(0, path.find('?'));
+    long status = 200;
+    std::string body = "{}";
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        struct timespec now {
+        };
+        clock_gettime(CLOCK_REALTIME, &now);
+        auto it = std::find_if(queue_.begin(), queue_.end(),
+                               [&](const Canned &c) { return c.path == path; });
+        if (it != queue_.end()) {
+            status = it->status;
+            body = it->body;
+            queue_.erase(it);
+        } else if (path == "/oauth/token") {
+            body = R"({"access_token":"canned-token-)" + std::to_string(requests_.size() + 1) +
+                   R"(","token_type":"bearer","expires_in":3600})";
+        }
+        requests_.push_back({u, path, data != nullptr ? std::string(data, (size_t)length) : "",
+                             (double)now.tv_sec + (double)now.tv_nsec / 1e9, status});
+    }
+    if (status == 0)
+        return 2;
+    ReceiveFn(body.data(), 1, body.size(), r);
+    return status >= 200 && status <= 299 ? 0 : (int)status;
+}
+
+void CannedController::answer(const std::string &path, long status, const std::string &body,
+                              int times)
+{
+    std::lock_guard<std::mutex> hold(lock_);
+    for (int i = 0; i < times; i++)
+        queue_.push_back({path, status, body});
+}
+
+std::vector<CannedController::Request> CannedController::requests(const std::string &prefix) const
+{
+    std::lock_guard<std::mutex> hold(lock_);
+    std::vector<Request> out;
+    for (const Request &q : requests_)
+        if (q.path.compare(0, prefix.size(), prefix) == 0)
+            out.push_back(q);
+    return out;
+}
+
+std::vector<CannedController::Request>
+CannedController::wait_requests(const std::string &prefix, size_t count, int timeout_ms) const
+{
+    std::vector<Request> out;
+    testkit::wait_for(
+        [&] {
+            out = requests(prefix);
+            return out.size() >= count;
+        },
+        timeout_ms);
+    return out;
+}
+
+std::vector<CannedController::Answer> CannedController::answers() const
+{
+    return answers(nullptr);
+}
+
+std::vector<CannedController::Answer> CannedController::answers(const std::string &id) const
+{
+    return answers(&id);
+}
+
+std::vector<CannedController::Answer> CannedController::wait_answers(size_t count,
+                                                                     int timeout_ms) const
+{
+    return wait_answers(nullptr, count, timeout_ms);
+}
+
+std::vector<CannedController::Answer>
+CannedController::wait_answers(const std::string &id, size_t count, int timeout_ms) const
+{
+    return wait_answers(&id, count, timeout_ms);
+}
+
+std::vector<CannedController::Answer> CannedController::answers(const std::string *id) const
+{
+    std::vector<Answer> out;
+    for (const Request &q : requests()) {
+        if (q.status < 200 || q.status > 299)
+            continue;
+        json_ptr doc(json_loadb(q.body.data(), q.body.size(), 0, nullptr));
+        json_t *list = json_object_get(doc.get(), "response");
+        for (size_t i = 0; i < json_array_size(list); i++) {
+            json_t *item = json_array_get(list, i);
+            Answer a;
+            a.path = q.path;
+            a.id = json_str(item, "commandId");
+            a.code = (int)json_integer_value(json_object_get(item, "code"));
+            a.message = json_str(item, "message");
+            a.data = json_text(json_object_get(item, "data"));
+            a.time = q.time;
+            if (id == nullptr || a.id == *id)
+                out.push_back(a);
+        }
+    }
+    return out;
+}
+
+std::vector<CannedController::Answer>
+CannedController::wait_answers(const std::string *id, size_t count, int timeout_ms) const
+{
+    std::vector<Answer> out;
+    testkit::wait_for(
+        [&] {
+            out = answers(id);
+            return out.size() >= count;
+        },
+        timeout_ms);
+    return out;
 }
 
 } // namespace testkit

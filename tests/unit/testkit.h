@@ -19,6 +19,11 @@ class DeviceRoot
     ~DeviceRoot();
     const std::string &path() const { return root_; }
     std::string at(const std::string &device_path) const { return root_ + device_path; }
+    // Fills the folder the way the lab does for a switch (lab/devroot.py:
+    // the SQL scripts, the boot environment, the device tools, the sample
+    // switch), with that script's options, e.g. {"--env", "heartbeat=30"}.
+    // Run again, it builds the root anew. Whether it worked.
+    bool build(const std::vector<std::string> &args = {}) const;
 
   private:
     std::string root_;
@@ -31,6 +36,8 @@ long file_size(const std::string &path);
 std::vector<std::string> lines_of(const std::string &text);
 // Lines of a log file with their "index date time " prefix taken off.
 std::vector<std::string> log_messages(const std::string &path);
+// Whether the main log ($ORKAD_ROOT/rw/orkad.log) has this message.
+bool logged(const DeviceRoot &root, const std::string &line);
 // Polls fn every 10 ms until it holds or timeout_ms have passed; whether it
 // held.
 bool wait_for(const std::function<bool()> &fn, int timeout_ms = 10000);
@@ -75,6 +82,19 @@ class SyslogSink
     int fd_ = -1;
 };
 
+// The simulated switch's journal in a device root: one JSON object per line,
+// one line per write the agent made to the switch, oldest first.
+std::vector<std::string> journal_lines(const DeviceRoot &root);
+// The "call" member of each line ("<bad line>" for a line that does not
+// parse).
+std::vector<std::string> journal_calls(const DeviceRoot &root);
+// The lines whose "call" is call.
+std::vector<std::string> journal_lines_of(const DeviceRoot &root, const std::string &call);
+// Member `member` of line i as text: a string as it is, an integer in
+// decimal, "<absent>" when missing or of another type, "<no line>" past the
+// end.
+std::string journal_value(const DeviceRoot &root, size_t i, const char *member);
+
 // A datagram socket bound where systemd listens for a service's notices:
 // a path, or an abstract name written with a leading '@'.
 class NotifySocket
@@ -95,10 +115,12 @@ class NotifySocket
 
 // ---- the lab controller -------------------------------------------------
 
+#include "http.h"
 #include "raii.h"
 
 #include <jansson.h>
 #include <memory>
+#include <mutex>
 #include <sys/types.h>
 #include <utility>
 
@@ -172,6 +194,74 @@ class Lab
   private:
     pid_t pid_ = -1;
     void stop();
+};
+
+// A controller inside the test process: while it lives, every request the
+// agent's HTTP client makes (GET, POST, PUT; not the multipart upload) is
+// answered here through http_exchange instead of going out. Answers come
+// from a queue the test fills per path; a path with nothing queued gets
+// 200 and "{}", the token path a fresh token. Every request is recorded.
+// For tests that need a canned answer and not TLS, HTTP or a real server.
+class CannedController
+{
+  public:
+    // Where the agent is told its controller is; never resolved.
+    static constexpr const char *base_url = "https://controller.invalid";
+
+    struct Request {
+        std::string url;
+        std::string path; // after base_url + "/api", without the query
+        std::string body;
+        double time = 0; // when it came, seconds since the epoch
+        long status = 0; // what it was answered (0: the transfer failed)
+    };
+    // One command answer the agent posted ({"response":[...]}).
+    struct Answer {
+        std::string path;
+        std::string id;
+        int code = 0;
+        std::string message;
+        std::string data; // compact JSON text of "data", "" when absent
+        double time = 0;
+    };
+
+    CannedController();
+    ~CannedController();
+    CannedController(const CannedController &) = delete;
+    CannedController &operator=(const CannedController &) = delete;
+
+    // The next `times` requests to path get this status and body; status 0
+    // stands for a transfer that failed (no answer at all).
+    void answer(const std::string &path, long status, const std::string &body = "{}",
+                int times = 1);
+
+    // Requests so far whose path starts with prefix ("" for all).
+    std::vector<Request> requests(const std::string &prefix = "") const;
+    // Waits until `count` of them came; those found.
+    std::vector<Request> wait_requests(const std::string &prefix, size_t count = 1,
+                                       int timeout_ms = 10000) const;
+    // Command answers the controller took (answered 2xx) so far: all of
+    // them, or those for exactly this id.
+    std::vector<Answer> answers() const;
+    std::vector<Answer> answers(const std::string &id) const;
+    // Waits until `count` of them came; those found.
+    std::vector<Answer> wait_answers(size_t count = 1, int timeout_ms = 10000) const;
+    std::vector<Answer> wait_answers(const std::string &id, size_t count = 1,
+                                     int timeout_ms = 10000) const;
+
+  private:
+    struct Canned {
+        std::string path;
+        long status;
+        std::string body;
+    };
+    static int exchange(const char *url, const char *data, int length, reply *r);
+    int serve(const char *url, const char *data, int length, reply *r);
+    std::vector<Answer> answers(const std::string *id) const;
+    std::vector<Answer> wait_answers(const std::string *id, size_t count, int timeout_ms) const;
+    mutable std::mutex lock_;
+    std::vector<Canned> queue_;
+    std::vector<Request> requests_;
 };
 
 } // namespace testkit

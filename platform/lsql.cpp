@@ -81,7 +81,7 @@ int config_add_tunnel(const char *ifname, const char *iftype, const char *addr, 
     // An SSL VPN has no fixed far end.
     if (strcmp(iftype, "ssl-vpn") != 0)
         config_set(cls, ifname, "remote-ip", addr);
-    return 1;
+    return 0;
 }
 
 int config_set_openflow_controller(const char *ip, const char *port, const char *ptcp,

@@ -548,7 +548,7 @@ TEST_F(DbOpenTest, FailingReadIsLogged)
     EXPECT_EQ(since(n), std::vector<std::string>{"db_get: 'SELECT value FROM nosuch WHERE key='x'' "
                                                  "failed, errmsg = 'no such table: nosuch'"});
     db_values v;
-    EXPECT_EQ(db_get_multiple("nosuch", "value", nullptr, &v), 1);
+    EXPECT_EQ(db_get_multiple("nosuch", "value", nullptr, &v), -1);
     EXPECT_EQ(messages().back(),
               "db_get: 'SELECT value FROM nosuch  ' failed, errmsg = 'no such table: nosuch'");
 }

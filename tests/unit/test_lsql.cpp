@@ -333,7 +333,7 @@ TEST_F(LsqlTest, ControllerStatusIsShownOnTheSwitchAndRecorded)
 TEST_F(LsqlTest, SslVpnTunnelHasNoRemoteAddress)
 {
     size_t n = log().size();
-    EXPECT_EQ(config_add_tunnel("tun0", "ssl-vpn", "192.0.2.1", "mgmt vpn", "yes", "up"), 1);
+    EXPECT_EQ(config_add_tunnel("tun0", "ssl-vpn", "192.0.2.1", "mgmt vpn", "yes", "up"), 0);
     EXPECT_EQ(rows(), (std::map<std::string, std::string>{
                           {"uplink-tunnel.tun0.type", "uplink-tunnel"},
                           {"uplink-tunnel.tun0.tun-type", "ssl-vpn"},
@@ -357,7 +357,7 @@ TEST_F(LsqlTest, SslVpnTunnelHasNoRemoteAddress)
 
 TEST_F(LsqlTest, OtherTunnelsRecordTheirRemoteAddress)
 {
-    EXPECT_EQ(config_add_tunnel("gre1", "gre", "192.0.2.9", "uplink", "no", "down"), 1);
+    EXPECT_EQ(config_add_tunnel("gre1", "gre", "192.0.2.9", "uplink", "no", "down"), 0);
     auto r = rows();
     EXPECT_EQ(r.size(), 7u);
     EXPECT_EQ(r["uplink-tunnel.gre1.remote-ip"], "192.0.2.9");
@@ -368,7 +368,7 @@ TEST_F(LsqlTest, OtherTunnelsRecordTheirRemoteAddress)
 TEST_F(LsqlTest, TunnelWriteFailuresAreIgnored)
 {
     ASSERT_EQ(db_command("DROP TABLE system"), 0);
-    EXPECT_EQ(config_add_tunnel("gre1", "gre", "192.0.2.9", "uplink", "no", "down"), 1);
+    EXPECT_EQ(config_add_tunnel("gre1", "gre", "192.0.2.9", "uplink", "no", "down"), 0);
 }
 
 TEST_F(LsqlTest, OpenflowControllerLogsAndStoresAllButSsl)

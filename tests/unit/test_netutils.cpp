@@ -181,7 +181,7 @@ TEST_F(NetTest, HostnameToIp)
     EXPECT_STREQ(ip, "127.0.0.1");
 
     // The namespace reaches no name server, so resolution fails here.
-    EXPECT_EQ(hostname_to_ip("no-such-host.invalid", ip), 1);
+    EXPECT_EQ(hostname_to_ip("no-such-host.invalid", ip), -1);
     EXPECT_TRUE(logged(
         "hostname_to_ip: gethostbyname returned error for the hostname:no-such-host.invalid"));
 }

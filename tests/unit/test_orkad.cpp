@@ -323,10 +323,9 @@ TEST_F(OrkadTest, LiveCoredumpWhileAnotherThreadWritesTheLog)
     // never get to its crash, and leave the caller waiting for it for ever.
     std::atomic<bool> held{false};
     std::thread writer([&held] {
-        pthread_mutex_lock(&orkad_log->lock);
+        std::lock_guard<std::mutex> hold(orkad_log->lock);
         held = true;
         usleep(200000);
-        pthread_mutex_unlock(&orkad_log->lock);
     });
     while (!held)
         usleep(1000);

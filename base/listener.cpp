@@ -15,6 +15,7 @@
 #include <memory>
 #include <mutex>
 #include <netinet/in.h>
+#include <new>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -204,8 +205,7 @@ int listener_register(const char *event, listener_fn fn, const char *socket_name
             thread_start("Unix listener", unix_receiver, sock, nullptr, nullptr);
     }
 
-    malloc_ptr<struct listener> l(
-        static_cast<struct listener *>(calloc(1, sizeof(struct listener))));
+    std::unique_ptr<struct listener> l(new (std::nothrow) listener{});
     if (!l) {
         log_fprint(orkad_log, "%s: out of memory registering '%s' on '%s'\n", __func__, event,
                    name);

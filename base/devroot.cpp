@@ -114,27 +114,29 @@ char *devroot_command(const char *cmd, char *buf, size_t size)
 namespace
 {
 
-// Calls `use` with the device path mapped. A path too long to map fails
-// the way the system fails it, with ENAMETOOLONG, and gives `failed`.
-template <typename R, typename Use> R on_mapped_path(const char *path, R failed, Use use)
+// Calls `use` with `text` mapped by `map` into Size bytes. Text too long to
+// map fails the way the system fails it, with `too_long` in errno, and gives
+// `failed`.
+template <size_t Size, typename R, typename Use>
+R on_mapped(char *(*map)(const char *, char *, size_t), int too_long, const char *text, R failed,
+            Use use)
 {
-    char p[1024];
-    if (devroot_path(path, p, sizeof(p)) == nullptr) {
-        errno = ENAMETOOLONG;
+    char buf[Size];
+    if (map(text, buf, sizeof(buf)) == nullptr) {
+        errno = too_long;
         return failed;
     }
-    return use(p);
+    return use(buf);
 }
 
-// The same for a shell command line; one too long to map fails with E2BIG.
+template <typename R, typename Use> R on_mapped_path(const char *path, R failed, Use use)
+{
+    return on_mapped<1024>(devroot_path, ENAMETOOLONG, path, failed, use);
+}
+
 template <typename R, typename Use> R on_mapped_command(const char *cmd, R failed, Use use)
 {
-    char c[4096];
-    if (devroot_command(cmd, c, sizeof(c)) == nullptr) {
-        errno = E2BIG;
-        return failed;
-    }
-    return use(c);
+    return on_mapped<4096>(devroot_command, E2BIG, cmd, failed, use);
 }
 
 } // namespace

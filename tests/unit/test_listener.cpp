@@ -210,9 +210,7 @@ TEST_F(ListenerTest, TwoCallbacksRunInRegistrationOrder)
     ASSERT_NE(l->next, nullptr);
     EXPECT_EQ(l->fn, first_cb);
     EXPECT_EQ(l->next->fn, second_cb);
-    EXPECT_TRUE(wait_for([l] {
-        return l->hits.load() == 1 && l->next->hits.load() == 1;
-    }));
+    EXPECT_TRUE(wait_for([l] { return l->hits.load() == 1 && l->next->hits.load() == 1; }));
     EXPECT_EQ(threads_named("Unix listener"), 1);
 }
 

@@ -45,7 +45,7 @@ int open_startup(sqlite3 **db)
     // engine gives its journal the same mode as the file.
     struct stat st;
     if (stat(path, &st) == 0 && (st.st_mode & 077) != 0 && chmod(path, st.st_mode & 0700) != 0)
-        log_fprint(orkad_log, "db_init: cannot restrict access to '%s' (%s)\n", db_startup,
+        log_fprint(orkad_log, "%s: cannot restrict access to '%s' (%s)\n", __func__, db_startup,
                    strerror(errno));
     *db = conn.release();
     return rc;
@@ -57,6 +57,8 @@ void close_startup(void)
     db_main = nullptr;
 }
 
+// The version lines say db_init, whoever reads the version: operators know
+// them by that name.
 void db_get_version(void)
 {
     std::optional<std::string> value = db_get("system", "value", "key=?", {"db.version"});
@@ -65,6 +67,26 @@ void db_get_version(void)
     else
         log_fprint(orkad_log, "db_init: cannot get db.version\n");
     log_fprint(orkad_log, "db_init: db version %d\n", db_version.load());
+}
+
+// Opens the settings file again after the shell worked on it; the agent
+// cannot go on without it.
+void reopen_or_exit(const char *who)
+{
+    if (open_startup(&db_main) != SQLITE_OK) {
+        log_fprint(orkad_log, "%s: cannot open '%s' database; cannot proceed\n", who, db_startup);
+        exit(1);
+    }
+}
+
+// Makes a fresh settings file with the create script and opens it.
+void create_or_exit(const char *who)
+{
+    if (db_run_sql(create_script, "errors creating default database") != 0) {
+        log_fprint(orkad_log, "%s: critical error, cannot proceed.\n", who);
+        exit(1);
+    }
+    reopen_or_exit(who);
 }
 
 void db_migrate(void)
@@ -76,15 +98,7 @@ void db_migrate(void)
         // Without a version we cannot know what the file holds: start over.
         close_startup();
         dev_remove(db_startup);
-        if (db_run_sql(create_script, "errors creating default database") != 0) {
-            log_fprint(orkad_log, "db_migrate: critical error, cannot proceed.\n");
-            exit(1);
-        }
-        if (open_startup(&db_main) != SQLITE_OK) {
-            log_fprint(orkad_log, "db_migrate: cannot open '%s' database; cannot proceed\n",
-                       db_startup);
-            exit(1);
-        }
+        create_or_exit(__func__);
         db_get_version();
     }
 
@@ -97,17 +111,13 @@ void db_migrate(void)
             char script[256];
             snprintf(script, sizeof(script), migrate_script, n);
             if (db_run_sql(script, "errors migrating database") != 0) {
-                log_fprint(orkad_log, "db_migrate: errors migrating from version %d\n", from);
+                log_fprint(orkad_log, "%s: errors migrating from version %d\n", __func__, from);
                 exit(1);
             }
         }
     }
 
-    if (open_startup(&db_main) != SQLITE_OK) {
-        log_fprint(orkad_log, "db_migrate: cannot open '%s' database; cannot proceed\n",
-                   db_startup);
-        exit(1);
-    }
+    reopen_or_exit(__func__);
     db_get_version();
 }
 
@@ -123,24 +133,16 @@ int db_run_sql(const char *sqlfile, const char *logmsg)
     int rc = dev_system(cmd);
     umask(mask);
     if (rc != 0)
-        log_fprint(orkad_log, "%s: %s (error = %d)\n", "db_run_sql", logmsg, rc);
+        log_fprint(orkad_log, "%s: %s (error = %d)\n", __func__, logmsg, rc);
     return rc;
 }
 
 void db_init(void)
 {
     if (open_startup(&db_main) != SQLITE_OK) {
-        log_fprint(orkad_log, "db_init: cannot open '%s' database\n", db_startup);
-        log_fprint(orkad_log, "db_init: attempting to start with a default database\n");
-        if (db_run_sql(create_script, "errors creating default database") != 0) {
-            log_fprint(orkad_log, "db_init: critical error, cannot proceed.\n");
-            exit(1);
-        }
-        if (open_startup(&db_main) != SQLITE_OK) {
-            log_fprint(orkad_log, "db_init: cannot open '%s' database; cannot proceed\n",
-                       db_startup);
-            exit(1);
-        }
+        log_fprint(orkad_log, "%s: cannot open '%s' database\n", __func__, db_startup);
+        log_fprint(orkad_log, "%s: attempting to start with a default database\n", __func__);
+        create_or_exit(__func__);
     }
     db_get_version();
     if (db_version >= DB_VERSION)
@@ -228,6 +230,8 @@ sqlite_stmt_ptr prepare(const char *sql, db_params params, std::string &error)
     return stmt;
 }
 
+// Says db_command for db_write too: operators know every write's lines by
+// that name.
 void log_command_failure(const char *fmt, const char *error)
 {
     // Only the start of the statement's form: the statement itself has
@@ -245,10 +249,10 @@ int db_command(const char *fmt, ...)
     sqlite_text sql(sqlite3_vmprintf(fmt, ap));
     va_end(ap);
     if (!sql) {
-        log_fprint(orkad_log, "%s: Out of memory\n", "db_command");
+        log_fprint(orkad_log, "%s: Out of memory\n", __func__);
         return -1;
     }
-    log_fprint(orkad_log, "%s: '%s'\n", "db_command", sql.get());
+    log_fprint(orkad_log, "%s: '%s'\n", __func__, sql.get());
     char *raw = nullptr;
     sqlite3_exec(db_main, sql.get(), nullptr, nullptr, &raw);
     sqlite_text errmsg(raw);
@@ -261,6 +265,7 @@ int db_command(const char *fmt, ...)
 
 int db_write(const char *sql, db_params params, const char *secret)
 {
+    // Logged as db_command logs its statements: one name for every write.
     log_fprint(orkad_log, "%s: '%s'\n", "db_command", shown(sql, params, secret).c_str());
     std::string error;
     {
@@ -308,6 +313,7 @@ int db_get_multiple(const char *table, const char *columns, const char *where, d
             error = sqlite3_errmsg(db_main);
         }
     }
+    // Operators know a failed read by db_get's name.
     log_fprint(orkad_log, "db_get: '%s' failed, errmsg = '%s'\n",
                shown(sql.c_str(), params, nullptr).c_str(), error.c_str());
     return 1;

@@ -23,7 +23,7 @@
 // well under this; the heartbeat, whose every pulse reads the controller's
 // address, is held up by at most this per statement, far less than the time
 // after which a stalled heartbeat counts as stuck. docs/hardening.md.
-#define DB_BUSY_TIMEOUT_MS 10000
+constexpr int DB_BUSY_TIMEOUT_MS = 10000;
 
 // Parameters of a statement: each ? of its text, in order, is bound to one
 // of these as text (a null pointer binds SQL NULL). Values never become part
@@ -63,7 +63,8 @@ int db_command(const char *fmt, ...);
 int db_write(const char *sql, db_params params, const char *secret = nullptr);
 
 // "SELECT columns FROM table [WHERE where]" with the ? of `where` bound to
-// `params`: 0 on success (also with no rows), 1 on failure (logged).
+// `params`: 0 on success (also with no rows), 1 on failure (logged): the
+// number its callers have always tested for.
 // `table`, `columns` and `where` are the agent's own text, never values.
 int db_get_multiple(const char *table, const char *columns, const char *where, db_values *values,
                     db_params params = {});
@@ -73,6 +74,8 @@ std::optional<std::string> db_get(const char *table, const char *columns, const 
                                   db_params params = {});
 void db_reset_values(db_values *values);
 
+// The engine's status code: SQLITE_OK (0), or the engine's code for the
+// failure (logged).
 int db_create_table(const char *name, const char *fields);
 
 // One transaction on the settings connection: begun when made; rolled back

@@ -1,5 +1,6 @@
 #include "devroot.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
@@ -22,7 +23,8 @@ size_t root_len;
 char log_ident[64] = "orkad";
 int log_option;
 int log_facility = LOG_USER;
-int log_fd = -1;
+// Opened under log_mutex, looked at without it by every syslog line.
+std::atomic<int> log_fd{-1};
 std::mutex log_mutex;
 
 bool kernel_path(const char *p)
@@ -109,84 +111,77 @@ char *devroot_command(const char *cmd, char *buf, size_t size)
     return buf;
 }
 
+namespace
+{
+
+// Calls `use` with `text` mapped by `map` into Size bytes. Text too long to
+// map fails the way the system fails it, with `too_long` in errno, and gives
+// `failed`.
+template <size_t Size, typename R, typename Use>
+R on_mapped(char *(*map)(const char *, char *, size_t), int too_long, const char *text, R failed,
+            Use use)
+{
+    char buf[Size];
+    if (map(text, buf, sizeof(buf)) == nullptr) {
+        errno = too_long;
+        return failed;
+    }
+    return use(buf);
+}
+
+template <typename R, typename Use> R on_mapped_path(const char *path, R failed, Use use)
+{
+    return on_mapped<1024>(devroot_path, ENAMETOOLONG, path, failed, use);
+}
+
+template <typename R, typename Use> R on_mapped_command(const char *cmd, R failed, Use use)
+{
+    return on_mapped<4096>(devroot_command, E2BIG, cmd, failed, use);
+}
+
+} // namespace
+
 FILE *dev_fopen(const char *path, const char *mode)
 {
-    char p[1024];
-    if (devroot_path(path, p, sizeof(p)) == nullptr) {
-        errno = ENAMETOOLONG;
-        return nullptr;
-    }
-    return fopen(p, mode);
+    return on_mapped_path<FILE *>(path, nullptr, [mode](const char *p) { return fopen(p, mode); });
 }
 
 int dev_open(const char *path, int flags, int mode)
 {
-    char p[1024];
-    if (devroot_path(path, p, sizeof(p)) == nullptr) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    return open(p, flags, mode);
+    return on_mapped_path(path, -1, [=](const char *p) { return open(p, flags, mode); });
 }
 
 int dev_access(const char *path, int how)
 {
-    char p[1024];
-    if (devroot_path(path, p, sizeof(p)) == nullptr) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    return access(p, how);
+    return on_mapped_path(path, -1, [how](const char *p) { return access(p, how); });
 }
 
 int dev_remove(const char *path)
 {
-    char p[1024];
-    if (devroot_path(path, p, sizeof(p)) == nullptr) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    return remove(p);
+    return on_mapped_path(path, -1, [](const char *p) { return remove(p); });
 }
 
 int dev_rename(const char *from, const char *to)
 {
-    char a[1024], b[1024];
-    if (devroot_path(from, a, sizeof(a)) == nullptr || devroot_path(to, b, sizeof(b)) == nullptr) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    return rename(a, b);
+    return on_mapped_path(from, -1, [to](const char *a) {
+        return on_mapped_path(to, -1, [a](const char *b) { return rename(a, b); });
+    });
 }
 
 int dev_truncate(const char *path, long length)
 {
-    char p[1024];
-    if (devroot_path(path, p, sizeof(p)) == nullptr) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    return truncate(p, length);
+    return on_mapped_path(path, -1, [length](const char *p) { return truncate(p, length); });
 }
 
 int dev_system(const char *cmd)
 {
-    char c[4096];
-    if (devroot_command(cmd, c, sizeof(c)) == nullptr) {
-        errno = E2BIG;
-        return -1;
-    }
-    return system(c);
+    return on_mapped_command(cmd, -1, [](const char *c) { return system(c); });
 }
 
 FILE *dev_popen(const char *cmd, const char *mode)
 {
-    char c[4096];
-    if (devroot_command(cmd, c, sizeof(c)) == nullptr) {
-        errno = E2BIG;
-        return nullptr;
-    }
-    return popen(c, mode);
+    return on_mapped_command<FILE *>(cmd, nullptr,
+                                     [mode](const char *c) { return popen(c, mode); });
 }
 
 void dev_openlog(const char *ident, int option, int facility)
@@ -252,6 +247,6 @@ void dev_syslog(int priority, const char *fmt, ...)
     // the agent must be able to log even if another thread was mid-send.
     if (log_fd < 0)
         dev_openlog(log_ident, log_option, log_facility);
-    if (log_fd >= 0)
-        sendto(log_fd, line, n, MSG_NOSIGNAL, (struct sockaddr *)&addr, sizeof(addr));
+    if (int fd = log_fd.load(); fd >= 0)
+        sendto(fd, line, n, MSG_NOSIGNAL, (struct sockaddr *)&addr, sizeof(addr));
 }

@@ -15,6 +15,7 @@
 #include <memory>
 #include <mutex>
 #include <netinet/in.h>
+#include <new>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -32,11 +33,10 @@ std::mutex listener_sockets_lock;
 // same module registers its next one, so lookups and links are taken under
 // it; callbacks run without it.
 std::mutex listener_tables_lock;
-const char default_socket_name[] = LISTENER_DEFAULT_SOCKET;
 
 const char *choose_name(const char *socket_name)
 {
-    return socket_name == nullptr || socket_name[0] == '\0' ? default_socket_name : socket_name;
+    return socket_name == nullptr || socket_name[0] == '\0' ? LISTENER_DEFAULT_SOCKET : socket_name;
 }
 
 listener_socket_t *find_socket(const char *name)
@@ -76,10 +76,24 @@ void process_message(listener_socket_t *sock, const char *buf, int len)
     }
     while (l != nullptr) {
         l->fn(name, params);
-        // Counted on the receiver's thread, read by whoever looks.
-        std::atomic_ref<unsigned int>(l->hits).fetch_add(1, std::memory_order_relaxed);
+        l->hits.fetch_add(1, std::memory_order_relaxed);
         std::lock_guard<std::mutex> guard(listener_tables_lock);
         l = l->next;
+    }
+}
+
+// Processes every datagram of up to Size bytes that arrives on the bound
+// socket s, until a receive fails.
+template <size_t Size> void receive(listener_socket_t *sock, int s)
+{
+    char buf[Size];
+    for (;;) {
+        ssize_t n = recv(s, buf, sizeof(buf), 0);
+        if (n < 0) {
+            log_fprint(orkad_log, "'%s' listener stopped\n", sock->name);
+            return;
+        }
+        process_message(sock, buf, static_cast<int>(n));
     }
 }
 
@@ -116,15 +130,7 @@ void unix_receiver(void *p1, void *, void *)
         log_fprint(orkad_log, "'%s' failed bind, '%s' (errno = %d)\n", path, strerror(err), err);
         return;
     }
-    char buf[LISTENER_UNIX_MESSAGE_SIZE];
-    for (;;) {
-        ssize_t n = recv(s.get(), buf, sizeof(buf), 0);
-        if (n < 0) {
-            log_fprint(orkad_log, "'%s' listener stopped\n", sock->name);
-            return;
-        }
-        process_message(sock, buf, static_cast<int>(n));
-    }
+    receive<LISTENER_UNIX_MESSAGE_SIZE>(sock, s.get());
 }
 
 void udp_receiver(void *p1, void *, void *)
@@ -151,15 +157,7 @@ void udp_receiver(void *p1, void *, void *)
                    err);
         return;
     }
-    char buf[LISTENER_UDP_MESSAGE_SIZE];
-    for (;;) {
-        ssize_t n = recv(s.get(), buf, sizeof(buf), 0);
-        if (n < 0) {
-            log_fprint(orkad_log, "'%s' listener stopped\n", sock->name);
-            return;
-        }
-        process_message(sock, buf, static_cast<int>(n));
-    }
+    receive<LISTENER_UDP_MESSAGE_SIZE>(sock, s.get());
 }
 
 } // namespace
@@ -169,12 +167,12 @@ void listener_init(void) {}
 int listener_register(const char *event, listener_fn fn, const char *socket_name)
 {
     if (strlen(event) > LISTENER_EVENT_SIZE - 1) {
-        log_fprint(orkad_log, "%s: 'event' string too long\n", "listener_register");
+        log_fprint(orkad_log, "%s: 'event' string too long\n", __func__);
         return -1;
     }
     const char *name = choose_name(socket_name);
     if (strlen(name) >= LISTENER_SOCKET_NAME_SIZE) {
-        log_fprint(orkad_log, "%s: 'socket_name' string too long\n", "listener_register");
+        log_fprint(orkad_log, "%s: 'socket_name' string too long\n", __func__);
         return -1;
     }
 
@@ -183,14 +181,14 @@ int listener_register(const char *event, listener_fn fn, const char *socket_name
         malloc_ptr<listener_socket_t> made(
             static_cast<listener_socket_t *>(calloc(1, sizeof(listener_socket_t))));
         if (!made) {
-            log_fprint(orkad_log, "%s: out of memory registering '%s' on '%s'\n",
-                       "listener_register", event, name);
+            log_fprint(orkad_log, "%s: out of memory registering '%s' on '%s'\n", __func__, event,
+                       name);
             return -2;
         }
         made->table = table_create("listener_table", 32);
         if (made->table == nullptr) {
-            log_fprint(orkad_log, "%s: cannot create listener table for '%s' on '%s'\n",
-                       "listener_register", event, name);
+            log_fprint(orkad_log, "%s: cannot create listener table for '%s' on '%s'\n", __func__,
+                       event, name);
             return -3;
         }
         strcpy(made->name, name);
@@ -207,29 +205,21 @@ int listener_register(const char *event, listener_fn fn, const char *socket_name
             thread_start("Unix listener", unix_receiver, sock, nullptr, nullptr);
     }
 
-    malloc_ptr<struct listener> l(
-        static_cast<struct listener *>(calloc(1, sizeof(struct listener))));
+    std::unique_ptr<struct listener> l(new (std::nothrow) listener{});
     if (!l) {
-        log_fprint(orkad_log, "%s: out of memory registering '%s' on '%s'\n", "listener_register",
-                   event, name);
+        log_fprint(orkad_log, "%s: out of memory registering '%s' on '%s'\n", __func__, event,
+                   name);
         return -2;
     }
     strncpy(l->event, event, sizeof(l->event) - 1);
     l->fn = fn;
 
-    size_t keylen = strlen(event);
-    std::lock_guard<std::mutex> guard(listener_tables_lock);
-    struct listener *first =
-        static_cast<struct listener *>(table_lookup(sock->table, event, keylen));
-    if (first != nullptr) {
-        while (first->next != nullptr)
-            first = first->next;
-        first->next = l.release();
-    } else {
-        int rc = table_insert(sock->table, l.get(), event, keylen);
+    {
+        std::lock_guard<std::mutex> guard(listener_tables_lock);
+        int rc = table_append(sock->table, l.get(), event, strlen(event));
         if (rc != 0) {
-            log_fprint(orkad_log, "%s: cannot insert '%s' listener on '%s' (%d)\n",
-                       "listener_register", event, name, rc);
+            log_fprint(orkad_log, "%s: cannot insert '%s' listener on '%s' (%d)\n", __func__, event,
+                       name, rc);
             return -2;
         }
         l.release();
@@ -251,7 +241,7 @@ void listener_response(const char *path, const char *buf, int len)
 {
     fd_guard s(socket(AF_UNIX, SOCK_DGRAM, 0));
     if (!s.ok()) {
-        log_fprint(orkad_log, "listener_response: Can't create socket\n");
+        log_fprint(orkad_log, "%s: Can't create socket\n", __func__);
         return;
     }
     int fl = fcntl(s.get(), F_GETFL, 0);
@@ -275,8 +265,7 @@ void listener_response(const char *path, const char *buf, int len)
             return;
         int err = errno;
         if (err != EAGAIN || tries == 4) {
-            log_fprint(orkad_log, "listener_response: sendto fail errno %d: %s\n", err,
-                       strerror(err));
+            log_fprint(orkad_log, "%s: sendto fail errno %d: %s\n", __func__, err, strerror(err));
             return;
         }
     }

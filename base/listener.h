@@ -5,13 +5,15 @@
 
 #include "table.h"
 
+#include <atomic>
+#include <cstddef>
 #include <jansson.h>
 
-#define LISTENER_DEFAULT_SOCKET "unix:/tmp/orkad_socket"
-#define LISTENER_EVENT_SIZE 128
-#define LISTENER_SOCKET_NAME_SIZE 256
-#define LISTENER_UNIX_MESSAGE_SIZE 1024
-#define LISTENER_UDP_MESSAGE_SIZE 8192
+constexpr char LISTENER_DEFAULT_SOCKET[] = "unix:/tmp/orkad_socket";
+constexpr size_t LISTENER_EVENT_SIZE = 128;
+constexpr size_t LISTENER_SOCKET_NAME_SIZE = 256;
+constexpr size_t LISTENER_UNIX_MESSAGE_SIZE = 1024;
+constexpr size_t LISTENER_UDP_MESSAGE_SIZE = 8192;
 
 // params is borrowed for the call (null when the event has none); keep it
 // only with a reference of your own.
@@ -21,7 +23,7 @@ struct listener {
     char event[LISTENER_EVENT_SIZE];
     struct listener *next; // next callback for the same event, registration order
     listener_fn fn;
-    unsigned int hits;
+    std::atomic<unsigned int> hits; // counted on the receiver's thread, read by whoever looks
 };
 
 typedef struct listener_socket {
@@ -31,7 +33,10 @@ typedef struct listener_socket {
 } listener_socket_t;
 
 void listener_init(void);
+// 0; -1 for an event or socket name too long, -2 when out of memory, -3 when
+// the socket's event table cannot be made.
 int listener_register(const char *event, listener_fn fn, const char *socket_name);
+// 0, or -1 when no socket of that name is registered.
 int listener_internal_send(const char *socket_name, const char *buf, int len);
 void listener_response(const char *path, const char *buf, int len);
 

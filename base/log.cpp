@@ -38,33 +38,36 @@ FILE *open_log_file(const char *path)
     return f;
 }
 
-#define LOG_HANDLE(var, path)                                                                      \
-    log_t var = {nullptr, path, LOG_MAXSIZE, LOG_CUTSIZE, LOG_MAXFILE, 0, PTHREAD_MUTEX_INITIALIZER}
+// Every handle is alike but for its path.
+constexpr log_t log_handle(const char *path)
+{
+    return {nullptr, path, LOG_MAXSIZE, LOG_CUTSIZE, LOG_MAXFILE, 0, {}};
+}
 
-LOG_HANDLE(orkad_handle, LOG_MAIN_NAME);
-LOG_HANDLE(http_handle, "/rw/http");
-LOG_HANDLE(cmd_handle, "/rw/command");
-LOG_HANDLE(sys_handle, "/rw/syslog");
-LOG_HANDLE(dbg_handle, "/tmp/debug");
-LOG_HANDLE(broker_handle, "/rw/broker");
-LOG_HANDLE(rfscan_handle, "/rw/rfscan");
-LOG_HANDLE(redirect_handle, "/rw/redirect");
-LOG_HANDLE(prbd_handle, "/rw/prbd");
-LOG_HANDLE(of_handle, "/rw/of");
+log_t orkad_handle = log_handle(LOG_MAIN_NAME);
+log_t http_handle = log_handle("/rw/http");
+log_t cmd_handle = log_handle("/rw/command");
+log_t sys_handle = log_handle("/rw/syslog");
+log_t dbg_handle = log_handle("/tmp/debug");
+log_t broker_handle = log_handle("/rw/broker");
+log_t rfscan_handle = log_handle("/rw/rfscan");
+log_t redirect_handle = log_handle("/rw/redirect");
+log_t prbd_handle = log_handle("/rw/prbd");
+log_t of_handle = log_handle("/rw/of");
 
 uint64_t line_index = 1;
-pthread_mutex_t line_index_lock = PTHREAD_MUTEX_INITIALIZER;
+std::mutex line_index_lock;
 
-// Writers look at the stream before they take the handle's lock (a silent
-// handle costs nothing), while a rotation under the lock replaces it.
+// The stream as a writer sees it before it takes the handle's lock, and as
+// the holder of the lock reads and replaces it.
 FILE *stream_of(log_t *log)
 {
-    return std::atomic_ref<FILE *>(log->file).load(std::memory_order_relaxed);
+    return log->file.load(std::memory_order_relaxed);
 }
 
 void set_stream(log_t *log, FILE *file)
 {
-    std::atomic_ref<FILE *>(log->file).store(file, std::memory_order_relaxed);
+    log->file.store(file, std::memory_order_relaxed);
 }
 
 // Generation 0 is the current file, generation k >= 1 the k-th rotated one.
@@ -107,7 +110,7 @@ void log_init(void)
         char path[1024];
         generation_path(log, 0, path, sizeof(path));
         set_stream(log, open_log_file(path));
-        if (log->file == nullptr) {
+        if (stream_of(log) == nullptr) {
             printf("Failed to open log file '%s'\n", log->name);
             continue;
         }
@@ -120,8 +123,8 @@ void log_rotate(log_t *log)
 {
     if (log->name == nullptr)
         return;
-    if (log->file != nullptr)
-        fclose(log->file);
+    if (FILE *old = stream_of(log); old != nullptr)
+        fclose(old);
     set_stream(log, nullptr);
 
     char from[1024], to[1024];
@@ -141,50 +144,50 @@ void log_fprint(log_t *log, const char *fmt, ...)
     if (log->name == nullptr || nolog || stream_of(log) == nullptr)
         return;
 
-    pthread_mutex_lock(&log->lock);
+    std::lock_guard<std::mutex> hold(log->lock);
     // The stream may have been lost by a failed reopen while we waited.
-    if (log->file == nullptr) {
-        pthread_mutex_unlock(&log->lock);
+    FILE *file = stream_of(log);
+    if (file == nullptr)
         return;
-    }
 
     time_t now = log_clock(nullptr);
     struct tm tm;
     localtime_r(&now, &tm);
 
-    pthread_mutex_lock(&line_index_lock);
-    unsigned long long index = line_index++;
-    pthread_mutex_unlock(&line_index_lock);
+    unsigned long long index;
+    {
+        std::lock_guard<std::mutex> take(line_index_lock);
+        index = line_index++;
+    }
 
-    int n = fprintf(log->file, "%llu %d.%02d.%02d %02d:%02d:%02d ", index, tm.tm_year + 1900,
+    int n = fprintf(file, "%llu %d.%02d.%02d %02d:%02d:%02d ", index, tm.tm_year + 1900,
                     tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
     if (n > 0)
         log->total += n;
 
     va_list ap;
     va_start(ap, fmt);
-    n = vfprintf(log->file, fmt, ap);
+    n = vfprintf(file, fmt, ap);
     va_end(ap);
     if (n > 0)
         log->total += n;
 
-    long pos = ftell(log->file);
+    long pos = ftell(file);
     if (pos > log->cutsize) {
         // One huge message: keep the first cutsize bytes and mark the cut.
-        fflush(log->file);
-        if (ftruncate(fileno(log->file), log->cutsize) == 0) {
-            fseek(log->file, 0, SEEK_END);
+        fflush(file);
+        if (ftruncate(fileno(file), log->cutsize) == 0) {
+            fseek(file, 0, SEEK_END);
         }
-        n = fprintf(log->file, "...\n");
+        n = fprintf(file, "...\n");
         if (n > 0)
             log->total += n;
         log_rotate(log);
     } else if (pos > log->maxsize) {
         log_rotate(log);
     } else {
-        fflush(log->file);
+        fflush(file);
     }
-    pthread_mutex_unlock(&log->lock);
 }
 
 void debug_print_with_time(int force, const char *fmt, ...)
@@ -194,21 +197,23 @@ void debug_print_with_time(int force, const char *fmt, ...)
     if (log->name == nullptr || nolog || stream_of(log) == nullptr)
         return;
 
-    pthread_mutex_lock(&log->lock);
+    std::lock_guard<std::mutex> hold(log->lock);
     struct timeval tv;
     gettimeofday(&tv, nullptr);
-    if (log->file != nullptr && ftell(log->file) > log->maxsize)
+    FILE *file = stream_of(log);
+    if (file != nullptr && ftell(file) > log->maxsize) {
         log_rotate(log);
-    if (log->file != nullptr) {
-        // long long: a 32-bit long would wrap the seconds in 2038.
-        fprintf(log->file, "%lld.%06ld ", (long long)tv.tv_sec, (long)tv.tv_usec);
-        va_list ap;
-        va_start(ap, fmt);
-        vfprintf(log->file, fmt, ap);
-        va_end(ap);
-        fflush(log->file);
+        file = stream_of(log);
     }
-    pthread_mutex_unlock(&log->lock);
+    if (file == nullptr)
+        return;
+    // long long: a 32-bit long would wrap the seconds in 2038.
+    fprintf(file, "%lld.%06ld ", (long long)tv.tv_sec, (long)tv.tv_usec);
+    va_list ap;
+    va_start(ap, fmt);
+    vfprintf(file, fmt, ap);
+    va_end(ap);
+    fflush(file);
 }
 
 void log_debug(int sig)
@@ -216,13 +221,15 @@ void log_debug(int sig)
     log_t *out = sig ? dbg_log : orkad_log;
     struct sysinfo si;
     long uptime = sysinfo(&si) == 0 ? si.uptime : 0;
-    log_fprint(out, "%s: uptime %d seconds\n", "log_debug", (int)uptime);
+    log_fprint(out, "%s: uptime %d seconds\n", __func__, (int)uptime);
     for (log_t *log : logs) {
-        // Each handle counts under its own lock.
-        pthread_mutex_lock(&log->lock);
-        unsigned long long total = log->total;
-        pthread_mutex_unlock(&log->lock);
-        log_fprint(out, "%s: %s %llu bytes\n", "log_debug", log->name, total);
+        unsigned long long total;
+        {
+            // Each handle counts under its own lock.
+            std::lock_guard<std::mutex> hold(log->lock);
+            total = log->total;
+        }
+        log_fprint(out, "%s: %s %llu bytes\n", __func__, log->name, total);
     }
 }
 
@@ -230,30 +237,28 @@ void log_lock_all(void)
 {
     // The order every writer takes them in: a handle, then the line index.
     for (log_t *log : logs)
-        pthread_mutex_lock(&log->lock);
-    pthread_mutex_lock(&line_index_lock);
+        log->lock.lock();
+    line_index_lock.lock();
 }
 
 void log_unlock_all(void)
 {
-    pthread_mutex_unlock(&line_index_lock);
+    line_index_lock.unlock();
     for (int i = LOG_HANDLES - 1; i >= 0; i--)
-        pthread_mutex_unlock(&logs[i]->lock);
+        logs[i]->lock.unlock();
 }
 
 long log_position(log_t *log, uint64_t *total)
 {
-    pthread_mutex_lock(&log->lock);
-    long pos = log->file != nullptr ? ftell(log->file) : 0;
+    std::lock_guard<std::mutex> hold(log->lock);
+    FILE *file = stream_of(log);
+    long pos = file != nullptr ? ftell(file) : 0;
     *total = log->total;
-    pthread_mutex_unlock(&log->lock);
     return pos < 0 ? 0 : pos;
 }
 
 uint64_t log_line_index(void)
 {
-    pthread_mutex_lock(&line_index_lock);
-    uint64_t v = line_index;
-    pthread_mutex_unlock(&line_index_lock);
-    return v;
+    std::lock_guard<std::mutex> hold(line_index_lock);
+    return line_index;
 }

@@ -1,29 +1,33 @@
 // Rotating, size-limited log files with one line index shared by all of them.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
-#include <pthread.h>
+#include <mutex>
 
 typedef struct log {
-    FILE *file;       // open stream, appending; null while the handle is silent
+    // Open stream, appending; null while the handle is silent. Writers look
+    // at it before they take the lock (a silent handle costs nothing), while
+    // a rotation under the lock replaces it.
+    std::atomic<FILE *> file;
     const char *name; // device path without ".log"; null: handle not in use
     int maxsize;      // rotate once the file grows past this
     int cutsize;      // cut back to this, mark with "...", then rotate
     int maxfile;      // rotated generations kept beside the current file
     uint64_t total;   // bytes written through this handle since start
-    pthread_mutex_t lock;
+    std::mutex lock;
 } log_t;
 
-#define LOG_HANDLES 10
+constexpr int LOG_HANDLES = 10;
 
 // The main log's device path without ".log", and how many rotated
 // generations every log keeps beside its current file: generation k >= 1 of
 // the main log is "/rw/orkad<k>.log". orkadctl reads and follows the main log
 // by these.
-#define LOG_MAIN_NAME "/rw/orkad"
-#define LOG_GENERATIONS 4
+constexpr char LOG_MAIN_NAME[] = "/rw/orkad";
+constexpr int LOG_GENERATIONS = 4;
 
 extern log_t *orkad_log;
 extern log_t *http_log;
@@ -45,7 +49,7 @@ extern time_t (*log_clock)(time_t *now);
 // What a log line shows in place of a secret (the switch's administrator
 // password): the log files go into every diagnostics archive and may be read
 // by anyone who looks after the switch.
-#define LOG_SECRET_MARKER "********"
+constexpr char LOG_SECRET_MARKER[] = "********";
 
 void log_init(void);
 void log_fprint(log_t *log, const char *fmt, ...) __attribute__((format(printf, 2, 3)));

@@ -71,12 +71,12 @@ void send_udp_junk(const char *iface, const char *clientIp)
     if (!s.ok())
         return;
     if (setsockopt(s.get(), SOL_SOCKET, SO_BINDTODEVICE, iface, strlen(iface) + 1) < 0)
-        log_fprint(orkad_log, "send_udp_junk: SO_BINDTODEVICE failed\n");
+        log_fprint(orkad_log, "%s: SO_BINDTODEVICE failed\n", __func__);
     struct sockaddr_in to = {};
     to.sin_family = AF_INET;
     to.sin_port = htons(arp_nudge_port);
     if (inet_aton(clientIp, &to.sin_addr) == 0) {
-        log_fprint(orkad_log, "send_udp_junk: inet_aton() failed\n");
+        log_fprint(orkad_log, "%s: inet_aton() failed\n", __func__);
         return;
     }
     const char junk[4] = {0, 0, 0, 0};
@@ -178,7 +178,7 @@ int hostname_to_ip(const char *hostname, char *ip)
     int herr = 0;
     if (gethostbyname_r(hostname, &he, buf, sizeof(buf), &result, &herr) != 0 ||
         result == nullptr) {
-        log_fprint(orkad_log, "hostname_to_ip: gethostbyname returned error for the hostname:%s\n",
+        log_fprint(orkad_log, "%s: gethostbyname returned error for the hostname:%s\n", __func__,
                    hostname);
         return 1;
     }
@@ -227,7 +227,7 @@ int get_ipv4_gateways(const char *iface, char *gw, char *mask, int array_len, in
 
     char ifmask[16];
     if (get_ipv4_subnetmask(iface, ifmask) < 0)
-        log_fprint(orkad_log, "get_ipv4_gateways: can't get subnet mask for %s\n", iface);
+        log_fprint(orkad_log, "%s: can't get subnet mask for %s\n", __func__, iface);
     file_ptr fp(fopen(netutils_proc_net_route, "r"));
     if (fp == nullptr)
         return -1;
@@ -274,7 +274,7 @@ int get_client_mac_address(const char *iface, const char *clientIp, char *addr, 
     addr[0] = '\0';
     fd_guard s(socket(AF_INET, SOCK_DGRAM, 0));
     if (!s.ok()) {
-        log_fprint(orkad_log, "get_client_mac_address: socket open error - %s\n", strerror(errno));
+        log_fprint(orkad_log, "%s: socket open error - %s\n", __func__, strerror(errno));
         return -1;
     }
     struct arpreq req;
@@ -282,7 +282,7 @@ int get_client_mac_address(const char *iface, const char *clientIp, char *addr, 
     struct sockaddr_in *sin = reinterpret_cast<struct sockaddr_in *>(&req.arp_pa);
     sin->sin_family = AF_INET;
     if (inet_aton(clientIp, &sin->sin_addr) == 0) {
-        log_fprint(orkad_log, "get_client_mac_address: bad client address: %s\n", clientIp);
+        log_fprint(orkad_log, "%s: bad client address: %s\n", __func__, clientIp);
         return -1;
     }
     req.arp_ha.sa_family = ARPHRD_ETHER;
@@ -290,8 +290,7 @@ int get_client_mac_address(const char *iface, const char *clientIp, char *addr, 
 
     for (int tries = 0; tries < 3; tries++) {
         if (ioctl(s.get(), SIOCGARP, &req) < 0) {
-            log_fprint(orkad_log, "get_client_mac_address: ARP request error - %s\n",
-                       strerror(errno));
+            log_fprint(orkad_log, "%s: ARP request error - %s\n", __func__, strerror(errno));
             return -1;
         }
         if (req.arp_flags != 0) {
@@ -300,7 +299,7 @@ int get_client_mac_address(const char *iface, const char *clientIp, char *addr, 
         }
         sleep(1);
     }
-    log_fprint(orkad_log, "get_client_mac_address: Incomplete ARP request\n");
+    log_fprint(orkad_log, "%s: Incomplete ARP request\n", __func__);
     return -1;
 }
 
@@ -311,17 +310,17 @@ int create_vlan_if(const char *ifname, int vlan)
 
     snprintf(cmd, sizeof(cmd), "%s add-port %s %s -- set interface %s type=internal", ovs_vsctl,
              mgmt_ifname, ifname, ifname);
-    log_fprint(orkad_log, "create_vlan_if: trying: %s\n", cmd);
+    log_fprint(orkad_log, "%s: trying: %s\n", __func__, cmd);
     if (dev_system(cmd) == -1) {
-        log_fprint(orkad_log, "create_vlan_if: Failed system() with %s: errno=%s\n", cmd,
+        log_fprint(orkad_log, "%s: Failed system() with %s: errno=%s\n", __func__, cmd,
                    strerror(errno));
         return -1;
     }
 
     snprintf(cmd, sizeof(cmd), "%s set port %s tag=%d vlan_mode=access", ovs_vsctl, ifname, vlan);
-    log_fprint(orkad_log, "create_vlan_if: trying: %s\n", cmd);
+    log_fprint(orkad_log, "%s: trying: %s\n", __func__, cmd);
     if (dev_system(cmd) == -1) {
-        log_fprint(orkad_log, "create_vlan_if: Failed system() with %s: errno=%s\n", cmd,
+        log_fprint(orkad_log, "%s: Failed system() with %s: errno=%s\n", __func__, cmd,
                    strerror(errno));
         return -1;
     }
@@ -329,13 +328,13 @@ int create_vlan_if(const char *ifname, int vlan)
     pid_file_name(ifname, pidfile, sizeof(pidfile));
     snprintf(cmd, sizeof(cmd), "%s -i %s -n -T 10 -p %s -s %s", udhcpc, ifname, pidfile,
              udhcpc_script);
-    log_fprint(orkad_log, "create_vlan_if: trying: %s\n", cmd);
+    log_fprint(orkad_log, "%s: trying: %s\n", __func__, cmd);
     if (dev_system(cmd) == -1) {
-        log_fprint(orkad_log, "create_vlan_if: Failed system() with %s: errno=\n", cmd);
+        log_fprint(orkad_log, "%s: Failed system() with %s: errno=\n", __func__, cmd);
         // Take the port off the bridge again so a retry starts clean.
         snprintf(cmd, sizeof(cmd), "%s del-port %s", ovs_vsctl, ifname);
         if (dev_system(cmd) == -1)
-            log_fprint(orkad_log, "create_vlan_if: Failed system() with %s: errno=%s\n", cmd,
+            log_fprint(orkad_log, "%s: Failed system() with %s: errno=%s\n", __func__, cmd,
                        strerror(errno));
         return -1;
     }
@@ -350,7 +349,7 @@ void delete_vlan_if(const char *ifname)
     char cmd[256];
     snprintf(cmd, sizeof(cmd), "%s del-port %s", ovs_vsctl, ifname);
     if (dev_system(cmd) == -1)
-        log_fprint(orkad_log, "delete_vlan_if: Failed system() with %s: errno=%s\n", cmd,
+        log_fprint(orkad_log, "%s: Failed system() with %s: errno=%s\n", __func__, cmd,
                    strerror(errno));
 
     char pidfile[128];
@@ -360,10 +359,10 @@ void delete_vlan_if(const char *ifname)
         return;
     int pid;
     if (fscanf(fp.get(), "%d", &pid) == 1) {
-        log_fprint(orkad_log, "delete_vlan_if: sending SIGKILL to %d\n", pid);
+        log_fprint(orkad_log, "%s: sending SIGKILL to %d\n", __func__, pid);
         kill(pid, SIGKILL);
     } else {
-        log_fprint(orkad_log, "delete_vlan_if: cannot read pid from %s\n", pidfile);
+        log_fprint(orkad_log, "%s: cannot read pid from %s\n", __func__, pidfile);
     }
 }
 

@@ -2,7 +2,9 @@
 // between threads. A record embeds a link_t as its first member.
 #pragma once
 
-#include <pthread.h>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
 
 typedef struct link {
     struct link *next;
@@ -12,10 +14,13 @@ typedef struct link {
 typedef struct queue {
     struct link *head;
     struct link *tail;
-    int count; // the only authority on emptiness
+    // The only authority on emptiness. It changes under the lock and is read
+    // without it by queue_count (a gauge for the dumps and the pacing of
+    // callers).
+    std::atomic<int> count;
     const char *name;
-    pthread_mutex_t lock;
-    pthread_cond_t not_empty;
+    std::mutex lock;
+    std::condition_variable not_empty;
 } queue_t;
 
 queue_t *queue_create(const char *name);

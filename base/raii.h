@@ -7,45 +7,47 @@
 #include <curl/curl.h>
 #include <jansson.h>
 #include <memory>
+#include <sqlite3.h>
 #include <unistd.h>
 
-struct file_closer {
-    void operator()(FILE *fp) const { fclose(fp); }
+// The deleter of a handle that one C function releases. The owner is only
+// ever asked to release a handle it holds, never a null one.
+template <auto Release> struct c_release {
+    template <typename T> void operator()(T *p) const { Release(p); }
 };
-using file_ptr = std::unique_ptr<FILE, file_closer>;
 
-struct pipe_closer {
-    void operator()(FILE *fp) const { pclose(fp); }
-};
-using pipe_ptr = std::unique_ptr<FILE, pipe_closer>;
+// An owner of a C handle: the handle's type and the function that releases
+// it say everything (file_ptr is c_owner<FILE, fclose>).
+template <typename T, auto Release> using c_owner = std::unique_ptr<T, c_release<Release>>;
 
-struct json_deleter {
-    void operator()(json_t *j) const { json_decref(j); }
-};
-using json_ptr = std::unique_ptr<json_t, json_deleter>;
-
-struct easy_deleter {
-    void operator()(CURL *c) const { curl_easy_cleanup(c); }
-};
-using easy_ptr = std::unique_ptr<CURL, easy_deleter>;
-
-struct slist_deleter {
-    void operator()(curl_slist *l) const { curl_slist_free_all(l); }
-};
-using slist_ptr = std::unique_ptr<curl_slist, slist_deleter>;
-
-struct free_deleter {
-    void operator()(void *p) const { free(p); }
-};
-template <typename T> using malloc_ptr = std::unique_ptr<T, free_deleter>;
+// jansson's release is a static inline function, a different one in every
+// file; this one is the same everywhere, so json_ptr is one type.
+inline void json_release(json_t *j)
+{
+    json_decref(j);
+}
 
 // A reply borrowed from the pool goes back to it.
 struct reply;
 void free_reply(struct reply *r);
-struct reply_returner {
-    void operator()(struct reply *r) const { free_reply(r); }
-};
-using reply_ptr = std::unique_ptr<struct reply, reply_returner>;
+
+using file_ptr = c_owner<FILE, fclose>;
+using pipe_ptr = c_owner<FILE, pclose>;
+using json_ptr = c_owner<json_t, json_release>;
+using easy_ptr = c_owner<CURL, curl_easy_cleanup>;
+using slist_ptr = c_owner<curl_slist, curl_slist_free_all>;
+template <typename T> using malloc_ptr = c_owner<T, free>;
+using reply_ptr = c_owner<struct reply, free_reply>;
+
+// A connection the agent opened for itself (the settings file, or a file it
+// copies from or to).
+using sqlite_ptr = c_owner<sqlite3, sqlite3_close>;
+// A prepared statement.
+using sqlite_stmt_ptr = c_owner<sqlite3_stmt, sqlite3_finalize>;
+// An online copy between two connections.
+using sqlite_backup_ptr = c_owner<sqlite3_backup, sqlite3_backup_finish>;
+// Text the engine allocated: sqlite3_mprintf's results, error texts.
+using sqlite_text = c_owner<char, sqlite3_free>;
 
 // Owns one descriptor for the length of a call.
 class fd_guard
@@ -72,32 +74,3 @@ class fd_guard
   private:
     int fd_;
 };
-
-// ---- SQLite ---------------------------------------------------------------
-
-#include <sqlite3.h>
-
-// A connection the agent opened for itself (the settings file, or a file it
-// copies from or to).
-struct sqlite_closer {
-    void operator()(sqlite3 *db) const { sqlite3_close(db); }
-};
-using sqlite_ptr = std::unique_ptr<sqlite3, sqlite_closer>;
-
-// A prepared statement.
-struct sqlite_finalizer {
-    void operator()(sqlite3_stmt *stmt) const { sqlite3_finalize(stmt); }
-};
-using sqlite_stmt_ptr = std::unique_ptr<sqlite3_stmt, sqlite_finalizer>;
-
-// An online copy between two connections.
-struct sqlite_backup_finisher {
-    void operator()(sqlite3_backup *backup) const { sqlite3_backup_finish(backup); }
-};
-using sqlite_backup_ptr = std::unique_ptr<sqlite3_backup, sqlite_backup_finisher>;
-
-// Text the engine allocated: sqlite3_mprintf's results, error texts.
-struct sqlite_free_deleter {
-    void operator()(char *p) const { sqlite3_free(p); }
-};
-using sqlite_text = std::unique_ptr<char, sqlite_free_deleter>;

@@ -23,7 +23,7 @@ void signals_init(void)
 {
     signals_table = table_create("signals_table", 32);
     if (signals_table == nullptr)
-        log_fprint(orkad_log, "%s: failed to create signals table\n", "signals_init");
+        log_fprint(orkad_log, "%s: failed to create signals table\n", __func__);
 
     sigset_t *set = const_cast<sigset_t *>(&blocked_signals);
     sigemptyset(set);
@@ -45,34 +45,28 @@ int signals_register(int sig, void (*fn)(int), const char *name)
 {
     malloc_ptr<struct handler> h(static_cast<struct handler *>(calloc(1, sizeof(struct handler))));
     if (!h) {
-        log_fprint(orkad_log, "signals_register: out of memory\n");
+        log_fprint(orkad_log, "%s: out of memory\n", __func__);
         return -2;
     }
     h->signal = sig;
     h->name = name;
     h->fn = fn;
 
-    struct handler *first = signals_lookup(sig);
-    if (first != nullptr) {
-        while (first->next != nullptr)
-            first = first->next;
-        first->next = h.release();
-    } else {
-        if (!sigismember(const_cast<sigset_t *>(&blocked_signals), sig))
-            log_fprint(orkad_log,
-                       "******* registering callback for signal %d that is not blocked!\n", sig);
-        int rc = signals_table != nullptr
-                     ? table_insert(signals_table, h.get(), &h->signal, sizeof(h->signal))
-                     : -1;
-        if (rc != 0) {
-            // Not in the table, the handler would never run: say so, not
-            // "registered".
-            log_fprint(orkad_log, "%s: cannot insert handler '%s' for signal %d (%d)\n",
-                       "signals_register", name, sig, rc);
-            return -2;
-        }
-        h.release();
+    if (signals_lookup(sig) == nullptr &&
+        !sigismember(const_cast<sigset_t *>(&blocked_signals), sig))
+        log_fprint(orkad_log, "******* registering callback for signal %d that is not blocked!\n",
+                   sig);
+    int rc = signals_table != nullptr
+                 ? table_append(signals_table, h.get(), &h->signal, sizeof(h->signal))
+                 : -1;
+    if (rc != 0) {
+        // Not in the table, the handler would never run: say so, not
+        // "registered".
+        log_fprint(orkad_log, "%s: cannot insert handler '%s' for signal %d (%d)\n", __func__, name,
+                   sig, rc);
+        return -2;
     }
+    h.release();
     log_fprint(orkad_log, "registered new handler '%s' for signal %d\n", name, sig);
     return 0;
 }
@@ -81,7 +75,7 @@ void signals_handler(int sig, void (*mark)(void *arg, bool after), void *arg)
 {
     struct handler *h = signals_lookup(sig);
     if (h == nullptr || sig <= 0 || sig >= NSIG) {
-        log_fprint(orkad_log, "%s: signal %d has no registered handler\n", "signals_handler", sig);
+        log_fprint(orkad_log, "%s: signal %d has no registered handler\n", __func__, sig);
         return;
     }
     std::lock_guard<std::mutex> run(signal_runs[sig]);

@@ -15,6 +15,8 @@ struct handler {
 extern volatile sigset_t blocked_signals;
 
 void signals_init(void);
+// 0, or -2 when the handler could not be kept (out of memory, or no room in
+// the table): it would never run.
 int signals_register(int sig, void (*fn)(int), const char *name);
 // Runs every handler registered for sig, in registration order, on the
 // calling thread: the main thread's sigwait loop and the "orkad.dump" event

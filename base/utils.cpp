@@ -68,18 +68,34 @@ const char base64_alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuv
 
 void utils_init(void) {}
 
-int get_json_string_value(json_t *obj, const char *key, char *value, size_t len)
+namespace
+{
+
+// The member `key` of obj when it is there with the type `is_type` accepts;
+// otherwise null, and the log says which of the two, in the caller's name.
+json_t *typed_member(json_t *obj, const char *key, bool (*is_type)(const json_t *), const char *who)
 {
     json_t *v = json_object_get(obj, key);
     if (v == nullptr) {
-        log_fprint(orkad_log, "%s: no '%s' object\n", "get_json_string_value", key);
-        return -1;
+        log_fprint(orkad_log, "%s: no '%s' object\n", who, key);
+        return nullptr;
     }
-    if (!json_is_string(v)) {
-        log_fprint(orkad_log, "%s: bad '%s' object\n", "get_json_string_value", key);
-        return -1;
+    if (!is_type(v)) {
+        log_fprint(orkad_log, "%s: bad '%s' object\n", who, key);
+        return nullptr;
     }
-    // A bounded copy: a string that fills the buffer is left unterminated.
+    return v;
+}
+
+} // namespace
+
+int get_json_string_value(json_t *obj, const char *key, char *value, size_t len)
+{
+    json_t *v = typed_member(
+        obj, key, [](const json_t *j) { return json_is_string(j); }, __func__);
+    if (v == nullptr)
+        return -1;
+        // A bounded copy: a string that fills the buffer is left unterminated.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wstringop-truncation"
     strncpy(value, json_string_value(v), len);
@@ -89,30 +105,20 @@ int get_json_string_value(json_t *obj, const char *key, char *value, size_t len)
 
 int get_json_int_value(json_t *obj, const char *key, int *value)
 {
-    json_t *v = json_object_get(obj, key);
-    if (v == nullptr) {
-        log_fprint(orkad_log, "%s: no '%s' object\n", "get_json_int_value", key);
+    json_t *v = typed_member(
+        obj, key, [](const json_t *j) { return json_is_integer(j); }, __func__);
+    if (v == nullptr)
         return -1;
-    }
-    if (!json_is_integer(v)) {
-        log_fprint(orkad_log, "%s: bad '%s' object\n", "get_json_int_value", key);
-        return -1;
-    }
     *value = static_cast<int>(json_integer_value(v));
     return 1;
 }
 
 int get_json_boolean_value(json_t *obj, const char *key, int *value)
 {
-    json_t *v = json_object_get(obj, key);
-    if (v == nullptr) {
-        log_fprint(orkad_log, "%s: no '%s' object\n", "get_json_boolean_value", key);
+    json_t *v = typed_member(
+        obj, key, [](const json_t *j) { return json_is_boolean(j); }, __func__);
+    if (v == nullptr)
         return -1;
-    }
-    if (!json_is_boolean(v)) {
-        log_fprint(orkad_log, "%s: bad '%s' object\n", "get_json_boolean_value", key);
-        return -1;
-    }
     *value = json_is_true(v) ? 1 : 0;
     return 1;
 }
@@ -162,7 +168,7 @@ int _sys(const char *cmd, ...)
     vsnprintf(buf, sizeof(buf), cmd, ap);
     va_end(ap);
     int status = dev_system(buf);
-    log_fprint(orkad_log, "%s: '%s' (status = %d)\n", "_sys", buf, status);
+    log_fprint(orkad_log, "%s: '%s' (status = %d)\n", __func__, buf, status);
     return status;
 }
 
@@ -204,7 +210,7 @@ char *base64_decode(const char *istr, const int *ilenp, int *olenp)
     const unsigned char *in = reinterpret_cast<const unsigned char *>(istr);
     int n = ilenp != nullptr ? *ilenp : static_cast<int>(strlen(istr));
     if (debug)
-        log_fprint(orkad_log, "base64_decode ilen = %d, '%s'\n", n, istr);
+        log_fprint(orkad_log, "%s ilen = %d, '%s'\n", __func__, n, istr);
     if (n % 4 != 0)
         return nullptr;
     int olen = (n / 4) * 3;
@@ -214,7 +220,7 @@ char *base64_decode(const char *istr, const int *ilenp, int *olenp)
         olen -= 1;
     char *out = static_cast<char *>(malloc(olen + 1));
     if (out == nullptr) {
-        log_fprint(orkad_log, "base64_decode cannot allocate %d bytes\n", olen + 1);
+        log_fprint(orkad_log, "%s cannot allocate %d bytes\n", __func__, olen + 1);
         return nullptr;
     }
     int o = 0;
@@ -405,13 +411,13 @@ int stk_crc_check(const char *stk_file_name)
 {
     file_ptr fp(dev_fopen(stk_file_name, "rb"));
     if (fp == nullptr) {
-        log_fprint(orkad_log, "%s: can't open file: %s\n", "stk_crc_check", stk_file_name);
+        log_fprint(orkad_log, "%s: can't open file: %s\n", __func__, stk_file_name);
         return 0;
     }
     unsigned char stored[2];
     size_t rc = fread(stored, 1, 2, fp.get());
     if (rc < 2) {
-        log_fprint(orkad_log, "%s: can't read file crc (rc = %d).\n", "stk_crc_check",
+        log_fprint(orkad_log, "%s: can't read file crc (rc = %d).\n", __func__,
                    static_cast<int>(rc));
         return 0;
     }
@@ -423,8 +429,7 @@ int stk_crc_check(const char *stk_file_name)
             crc = ((crc << 8) ^ CrcTable.v[crc >> 8] ^ block[i]) & 0xFFFF;
     unsigned int crc_net = ((crc & 0xFF) << 8) | (crc >> 8);
     unsigned int file_crc = stored[0] | (stored[1] << 8);
-    log_fprint(orkad_log, "%s: crc_net = %04X, file_crc = %04X\n", "stk_crc_check", crc_net,
-               file_crc);
+    log_fprint(orkad_log, "%s: crc_net = %04X, file_crc = %04X\n", __func__, crc_net, file_crc);
     return crc_net == file_crc ? 1 : 0;
 }
 

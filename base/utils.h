@@ -57,7 +57,7 @@ int stk_crc_check(const char *stk_file_name);
 // and every thread of ours has 128 KiB: a reply nested a few thousand levels
 // deep would run the parsing thread off its stack. No document the daemon
 // takes comes near this depth.
-#define JSON_MAX_DEPTH 64
+constexpr int JSON_MAX_DEPTH = 64;
 
 // The nesting depth of the arrays and objects in a JSON text, counted
 // without recursion and without parsing (brackets inside strings do not

@@ -11,7 +11,7 @@
 #include <syslog.h>
 
 thread_t threads[THREAD_SLOTS];
-int next_thread;
+std::atomic<int> next_thread;
 queue_t *work_free_queue;
 queue_t *work_pending_queue;
 
@@ -22,20 +22,18 @@ pthread_key_t thread_id_key;
 // Set once the key exists; threads started earlier may look at any time.
 std::atomic<bool> thread_id_key_ready{false};
 
-// Claims slots in thread_start, which any thread may call.
-pthread_mutex_t slot_lock = PTHREAD_MUTEX_INITIALIZER;
+// Claims slots in thread_start, which any thread may call, and orders a
+// slot's tid: the thread clears it only after thread_start has set it.
+std::mutex slot_lock;
 
-// Slots below this are filled in and may be read by any thread; the dump
-// reads it while thread_start raises it.
 int slots_in_use(void)
 {
-    return std::atomic_ref<int>(next_thread).load(std::memory_order_acquire);
+    return next_thread.load(std::memory_order_acquire);
 }
 
-// A thread clears its own tid when its body returns, while the dump reads it.
 unsigned long tid_of(thread_t *t)
 {
-    return (unsigned long)std::atomic_ref<pthread_t>(t->tid).load(std::memory_order_relaxed);
+    return (unsigned long)t->tid.load(std::memory_order_relaxed);
 }
 
 thread_t *own_slot(void)
@@ -58,8 +56,9 @@ void *thread_run(void *arg)
     snprintf(comm, sizeof(comm), "%s", t->name);
     pthread_setname_np(pthread_self(), comm);
     t->fn(t->p1, t->p2, t->p3);
-    log_fprint(orkad_log, "thread_run: thread '%s' terminated!\n", t->name);
-    std::atomic_ref<pthread_t>(t->tid).store(0, std::memory_order_relaxed);
+    log_fprint(orkad_log, "%s: thread '%s' terminated!\n", __func__, t->name);
+    std::lock_guard<std::mutex> hold(slot_lock);
+    t->tid.store(0, std::memory_order_relaxed);
     return nullptr;
 }
 
@@ -67,14 +66,14 @@ void worker_run(void *, void *, void *)
 {
     thread_t *self = own_slot();
     if (self != nullptr)
-        std::atomic_ref<int>(self->runs).store(0, std::memory_order_relaxed);
+        self->runs.store(0, std::memory_order_relaxed);
     for (;;) {
         work_t *w = work_get();
         if (w == nullptr)
             continue;
         for (work_t *p = w; p != nullptr; p = p->next) {
             if (self != nullptr)
-                std::atomic_ref<int>(self->runs).fetch_add(1, std::memory_order_relaxed);
+                self->runs.fetch_add(1, std::memory_order_relaxed);
             p->fn(p->p1, p->p2, p->p3);
         }
         work_free(w);
@@ -112,13 +111,14 @@ void thread_init(void)
 
 int thread_start(const char *name, work_fn fn, void *p1, void *p2, void *)
 {
-    pthread_mutex_lock(&slot_lock);
-    if (next_thread > THREAD_SLOTS - 1) {
-        pthread_mutex_unlock(&slot_lock);
-        dev_syslog(LOG_ERR, "%s: thread limit exceeded while attempting to start '%s'",
-                   "thread_start", name);
+    std::unique_lock<std::mutex> hold(slot_lock);
+    int n = next_thread.load(std::memory_order_relaxed);
+    if (n > THREAD_SLOTS - 1) {
+        hold.unlock();
+        dev_syslog(LOG_ERR, "%s: thread limit exceeded while attempting to start '%s'", __func__,
+                   name);
         log_fprint(orkad_log, "%s: thread limit exceeded while attempting to start '%s'\n",
-                   "thread_start", name);
+                   __func__, name);
         return -1;
     }
 
@@ -131,7 +131,6 @@ int thread_start(const char *name, work_fn fn, void *p1, void *p2, void *)
 
     // The slot is used up even if the thread cannot be created. It is filled
     // in before it is counted, so the dump never reads a half-made slot.
-    int n = next_thread;
     thread_t *t = &threads[n];
     t->id = n;
     t->fn = fn;
@@ -140,21 +139,21 @@ int thread_start(const char *name, work_fn fn, void *p1, void *p2, void *)
     t->name = name;
     // Every body gets its own thread number as third argument.
     t->p3 = reinterpret_cast<void *>(static_cast<intptr_t>(n));
-    pthread_mutex_init(&t->trace.lock, nullptr);
-    std::atomic_ref<int>(next_thread).store(n + 1, std::memory_order_release);
-    pthread_mutex_unlock(&slot_lock);
+    next_thread.store(n + 1, std::memory_order_release);
 
-    int err = pthread_create(&t->tid, &attr, thread_run, t);
+    pthread_t tid;
+    int err = pthread_create(&tid, &attr, thread_run, t);
     pthread_attr_destroy(&attr);
+    if (err == 0)
+        t->tid.store(tid, std::memory_order_relaxed);
+    hold.unlock();
     if (err != 0) {
-        dev_syslog(LOG_ERR, "%s: Failed to start thread '%s', error = %d", "thread_start", name,
-                   err);
-        log_fprint(orkad_log, "%s: Failed to start thread '%s', error = %d\n", "thread_start", name,
-                   err);
+        dev_syslog(LOG_ERR, "%s: Failed to start thread '%s', error = %d", __func__, name, err);
+        log_fprint(orkad_log, "%s: Failed to start thread '%s', error = %d\n", __func__, name, err);
         return -2;
     }
 
-    debug_print_with_time(0, "started thread '%s' with tid = %08X\n", name, (unsigned)tid_of(t));
+    debug_print_with_time(0, "started thread '%s' with tid = %08X\n", name, (unsigned)tid);
     return n;
 }
 
@@ -175,13 +174,12 @@ void ttrace(const char *fn, int ln)
     thread_t *t = own_slot();
     if (t == nullptr)
         return;
-    pthread_mutex_lock(&t->trace.lock);
+    std::lock_guard<std::mutex> hold(t->trace.lock);
     marker_t *m = &t->trace.marker[t->trace.index];
     gettimeofday(&m->tv, nullptr);
     m->fn = fn;
     m->ln = ln;
     t->trace.index = (t->trace.index + 1) % TRACE_MARKERS;
-    pthread_mutex_unlock(&t->trace.lock);
 }
 
 work_t *work_alloc(void)
@@ -236,16 +234,14 @@ void worker_debug(int)
     for (int i = 0; i < slots; i++) {
         thread_t *t = &threads[i];
         log_fprint(dbg_log, "thread %d, tid = 0x%08x, name = '%s', runs = %d\n", i,
-                   (unsigned)tid_of(t), t->name,
-                   std::atomic_ref<int>(t->runs).load(std::memory_order_relaxed));
-        pthread_mutex_lock(&t->trace.lock);
+                   (unsigned)tid_of(t), t->name, t->runs.load(std::memory_order_relaxed));
+        std::lock_guard<std::mutex> hold(t->trace.lock);
         for (int k = 0; k < TRACE_MARKERS; k++) {
             const marker_t *m = &t->trace.marker[(t->trace.index + k) % TRACE_MARKERS];
             // The seconds in 64 bits: an int wraps in 2038.
             log_fprint(dbg_log, "  @%s.%d (%lld.%06d)\n", m->fn ? m->fn : "(null)", m->ln,
                        (long long)m->tv.tv_sec, (int)m->tv.tv_usec);
         }
-        pthread_mutex_unlock(&t->trace.lock);
     }
 }
 

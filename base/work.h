@@ -4,14 +4,16 @@
 
 #include "queue.h"
 
+#include <atomic>
+#include <mutex>
 #include <pthread.h>
 #include <sys/time.h>
 
-#define THREAD_SLOTS 40
-#define WORK_RECORDS 64
-#define WORKER_THREADS 6
-#define THREAD_STACK_SIZE 131072
-#define TRACE_MARKERS 4
+constexpr int THREAD_SLOTS = 40;
+constexpr int WORK_RECORDS = 64;
+constexpr int WORKER_THREADS = 6;
+constexpr size_t THREAD_STACK_SIZE = 131072;
+constexpr int TRACE_MARKERS = 4;
 
 typedef void (*work_fn)(void *p1, void *p2, void *p3);
 
@@ -30,14 +32,16 @@ typedef struct marker {
 
 typedef struct trace {
     marker_t marker[TRACE_MARKERS];
-    pthread_mutex_t lock;
+    std::mutex lock;
     int index; // where the next marker goes; also the oldest one
 } trace_t;
 
 typedef struct thread {
-    pthread_t tid;
+    // Set by thread_start, 0 again when the thread's body returns; the dump
+    // reads it meanwhile.
+    std::atomic<pthread_t> tid;
     int id;
-    int runs;
+    std::atomic<int> runs; // counted by a worker, read by the dump
     const char *name;
     work_fn fn;
     void *p1, *p2, *p3;
@@ -45,11 +49,15 @@ typedef struct thread {
 } thread_t;
 
 extern thread_t threads[THREAD_SLOTS];
-extern int next_thread;
+// Slots below this are filled in and may be read by any thread; the dump
+// reads it while thread_start raises it.
+extern std::atomic<int> next_thread;
 extern queue_t *work_free_queue;
 extern queue_t *work_pending_queue;
 
 void thread_init(void);
+// The new thread's number, or -1 when every slot is taken, -2 when the
+// system could not create it (the slot is used up all the same).
 int thread_start(const char *name, work_fn fn, void *p1, void *p2, void *p3);
 int thread_get_id(void);
 const char *thread_get_name(void);

@@ -20,8 +20,13 @@ std::optional<std::string> config_get(const char *cls, const char *instance, con
 int config_remove(const char *cls, const char *instance, const char *property);
 
 int platform_set_system(const char *property, const char *value);
+// 0, or -1 when the switch refused the password or could not save its
+// configuration.
 int platform_set_password(const char *user, const char *pass);
 int set_cloud_controller_status(const char *status);
+// The two records below are sequences of independent writes whose single
+// failures are not reported: config_add_tunnel returns 1 and
+// config_set_openflow_controller 0, whatever happened, as they always have.
 int config_add_tunnel(const char *ifname, const char *iftype, const char *addr, const char *desc,
                       const char *dyn, const char *updown);
 int config_set_openflow_controller(const char *ip, const char *port, const char *ptcp,

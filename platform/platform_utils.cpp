@@ -196,13 +196,12 @@ int platform_get_if_mac_str(const char *ifname, char *buf)
     snprintf(path, sizeof(path), "/sys/class/net/%.16s/address", ifname);
     file_ptr fp(dev_fopen(path, "r"));
     if (!fp) {
-        log_fprint(orkad_log, "%s: cannot open '%s'\n", "platform_get_if_mac_str", path);
+        log_fprint(orkad_log, "%s: cannot open '%s'\n", __func__, path);
         return -1;
     }
     int got = (int)fread(buf, 1, 17, fp.get());
     if (got < 17) {
-        log_fprint(orkad_log, "%s: cannot read '%s', read %d bytes\n", "platform_get_if_mac_str",
-                   path, got);
+        log_fprint(orkad_log, "%s: cannot read '%s', read %d bytes\n", __func__, path, got);
         return -2;
     }
     return 0;
@@ -477,13 +476,13 @@ int wait_for_dhcp(int seconds)
 
 void platform_init_delay(void)
 {
-    log_fprint(orkad_log, "platform_init_delay: waiting for config system to initialize\n");
+    log_fprint(orkad_log, "%s: waiting for config system to initialize\n", __func__);
     for (int polls = 0; polls < 46; polls++) {
         if (config_get("system", nullptr, "model"))
             return;
         platform_sleep(1);
     }
-    log_fprint(orkad_log, "platform_init_delay: slept too long, continuing\n");
+    log_fprint(orkad_log, "%s: slept too long, continuing\n", __func__);
 }
 
 int platform_start_cluster(const char *name, const char *location, const char *ipversion,

@@ -12,14 +12,14 @@
 // forwarding module's socket.
 constexpr char LOGGING_SOCKET[] = "unix:/tmp/orkad_syslog_socket";
 // The switch sends its syslog to this local UDP port once we ask it to.
-#define PLATFORM_SYSLOG_PORT 46180
+constexpr int PLATFORM_SYSLOG_PORT = 46180;
 // The receiver reads datagrams of at most 1024 bytes and takes at most 1023
 // bytes of a datagram's text. Escaped twice, a text of control characters
 // grows sevenfold: the event buffer holds the longest event there can be,
 // so no event is ever cut.
-#define PLATFORM_SYSLOG_DATAGRAM 1024
-#define PLATFORM_SYSLOG_TEXT 1023
-#define PLATFORM_SYSLOG_EVENT 8192
+constexpr int PLATFORM_SYSLOG_DATAGRAM = 1024;
+constexpr int PLATFORM_SYSLOG_TEXT = 1023;
+constexpr int PLATFORM_SYSLOG_EVENT = 8192;
 
 extern const char *const firmware_image[2];
 extern const char localhost[10];
@@ -57,7 +57,7 @@ void platform_init(void);
 void platform_pre_init(void);
 int platform_update_agent_status(const char *status);
 
-// Syslog hand-over.
+// Syslog hand-over. 0, or -1 when the receiver's thread could not start.
 int platform_start_logging(void);
 bool platform_logging_filter(const char *msg, int len);
 

@@ -9,22 +9,31 @@
 const char *const wlanlist[2] = {"wlan0", "wlan1"};
 const char *const radiolist[2] = {"radio0", "radio1"};
 
-const char *platform_wlan_to_radio(const char *wlan)
+namespace
+{
+
+// The name in `to` at the index of `name` in `from`; for any other name,
+// null and a line in the caller's name that says which kind was not known.
+const char *map_name(const char *name, const char *const from[2], const char *const to[2],
+                     const char *kind, const char *who)
 {
     for (int i = 0; i < 2; i++)
-        if (strcmp(wlan, wlanlist[i]) == 0)
-            return radiolist[i];
-    log_fprint(orkad_log, "%s: Invalid wlan = '%s'\n", "platform_wlan_to_radio", wlan);
+        if (strcmp(name, from[i]) == 0)
+            return to[i];
+    log_fprint(orkad_log, "%s: Invalid %s = '%s'\n", who, kind, name);
     return nullptr;
+}
+
+} // namespace
+
+const char *platform_wlan_to_radio(const char *wlan)
+{
+    return map_name(wlan, wlanlist, radiolist, "wlan", __func__);
 }
 
 const char *platform_radio_to_wlan(const char *radio)
 {
-    for (int i = 0; i < 2; i++)
-        if (strcmp(radio, radiolist[i]) == 0)
-            return wlanlist[i];
-    log_fprint(orkad_log, "%s: Invalid radio = '%s'\n", "platform_radio_to_wlan", radio);
-    return nullptr;
+    return map_name(radio, radiolist, wlanlist, "radio", __func__);
 }
 
 char *get_wlan_ifname(int radio, int vap, char *buf, int size)

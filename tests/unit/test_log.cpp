@@ -109,11 +109,11 @@ TEST(LogOpen, MissingFolderLeavesHandleSilent)
     log_init();
     std::string out = testing::internal::GetCapturedStdout();
     EXPECT_NE(out.find("Failed to open log file '/rw/orkad'\n"), std::string::npos);
-    EXPECT_EQ(orkad_log->file, nullptr);
+    EXPECT_EQ(orkad_log->file.load(), nullptr);
     log_fprint(orkad_log, "lost\n");
     EXPECT_EQ(orkad_log->total, 0u);
     // The debug log in /tmp still works.
-    EXPECT_NE(dbg_log->file, nullptr);
+    EXPECT_NE(dbg_log->file.load(), nullptr);
 }
 
 TEST_F(LogTest, CrossingMaxsizeRotatesAfterTheWholeMessage)

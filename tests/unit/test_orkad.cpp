@@ -327,10 +327,9 @@ TEST_F(OrkadTest, LiveCoredumpWhileAnotherThreadWritesTheLog)
     // this lock, or, had it forked with the lock held, waiting for its copy.
     const pid_t dumper = gettid();
     std::thread writer([&held, &dumping, dumper] {
-        pthread_mutex_lock(&orkad_log->lock);
+        std::lock_guard<std::mutex> hold(orkad_log->lock);
         held = true;
         wait_for([&dumping, dumper] { return dumping && thread_asleep(dumper); });
-        pthread_mutex_unlock(&orkad_log->lock);
     });
     EXPECT_TRUE(wait_for([&held] { return held.load(); }));
     alarm(20); // a hang ends the test instead of the run

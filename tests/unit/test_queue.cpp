@@ -32,7 +32,7 @@ class QueueTest : public ::testing::Test
         ASSERT_NE(q, nullptr);
     }
     // Queues live as long as the agent does; the test's own goes with it.
-    void TearDown() override { free(q); }
+    void TearDown() override { delete q; }
     std::vector<std::string> traces() { return log_messages(root.at("/tmp/debug.log")); }
 };
 
@@ -141,9 +141,10 @@ TEST_F(QueueTest, WaitCountersStepByTwo)
     auto deadline = std::chrono::steady_clock::now() + 5s;
     while (wait_lines() < 1 && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(2ms);
-    pthread_mutex_lock(&q->lock);
-    pthread_cond_broadcast(&q->not_empty);
-    pthread_mutex_unlock(&q->lock);
+    {
+        std::lock_guard<std::mutex> hold(q->lock);
+        q->not_empty.notify_all();
+    }
     deadline = std::chrono::steady_clock::now() + 5s;
     while (wait_lines() < 2 && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(2ms);

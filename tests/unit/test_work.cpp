@@ -181,7 +181,7 @@ TEST_F(WorkTest, BodyGetsOwnNumberAsThirdArgument)
         auto l = main_log();
         return std::find(l.begin(), l.end(), "thread_run: thread 'second' terminated!") != l.end();
     }));
-    EXPECT_TRUE(eventually([] { return std::atomic_ref<pthread_t>(threads[1].tid).load() == 0; }));
+    EXPECT_TRUE(eventually([] { return threads[1].tid.load() == 0; }));
     EXPECT_EQ(next_thread, 2);
 
     // After thread_init threads know their number and name.
@@ -379,7 +379,7 @@ TEST_F(WorkTest, ThreadsStartFromManyThreadsWhileTheTableIsDumped)
     // A finished thread shows tid 0 in the dump.
     ASSERT_TRUE(eventually([] {
         for (int n = 6; n < 30; n++)
-            if (std::atomic_ref<pthread_t>(threads[n].tid).load() != 0)
+            if (threads[n].tid.load() != 0)
                 return false;
         return true;
     }));

@@ -119,27 +119,9 @@ std::string sized_message(size_t len)
     return head + std::string(len - head.size() - tail.size(), 'x') + tail;
 }
 
-class ListenerTest : public ::testing::Test
+class ListenerTest : public LogTest
 {
   protected:
-    DeviceRoot root;
-    void SetUp() override { log_init(); }
-
-    std::string log_text() const { return read_file(root.at("/rw/orkad.log")); }
-    std::vector<std::string> messages() const { return log_messages(root.at("/rw/orkad.log")); }
-    int count(const std::string &line) const
-    {
-        int n = 0;
-        for (const std::string &m : messages())
-            n += m == line;
-        return n;
-    }
-    bool logged(const std::string &line) const { return count(line) > 0; }
-    bool wait_logged(const std::string &line) const
-    {
-        return wait_for([&] { return logged(line); });
-    }
-
     // Sends one datagram to the Unix socket at a device path once it exists.
     void unix_send(const std::string &device_path, const std::string &msg)
     {

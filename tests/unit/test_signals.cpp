@@ -28,17 +28,7 @@ template <int N> void handler_n(int sig)
     calls.push_back(N);
 }
 
-class SignalsTest : public ::testing::Test
-{
-  protected:
-    DeviceRoot root;
-    void SetUp() override
-    {
-        log_init();
-        signals_init();
-    }
-    std::vector<std::string> main_log() { return log_messages(root.at("/rw/orkad.log")); }
-};
+using SignalsTest = SignalTest;
 
 } // namespace
 

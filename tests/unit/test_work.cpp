@@ -75,17 +75,7 @@ void record(void *p1, void *, void *)
 
 void nothing(void *, void *, void *) {}
 
-class WorkTest : public ::testing::Test
-{
-  protected:
-    DeviceRoot root;
-    void SetUp() override
-    {
-        log_init();
-        signals_init();
-    }
-    std::vector<std::string> main_log() { return log_messages(root.at("/rw/orkad.log")); }
-};
+using WorkTest = SignalTest;
 
 } // namespace
 

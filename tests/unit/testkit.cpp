@@ -1,6 +1,7 @@
 #include "testkit.h"
 
 #include "devroot.h"
+#include "log.h"
 #include "signals.h"
 #include "work.h"
 
@@ -709,6 +710,40 @@ CannedController::wait_answers(const std::string *id, size_t count, int timeout_
         },
         timeout_ms);
     return out;
+}
+
+void LogTest::SetUp()
+{
+    log_init();
+}
+
+std::string LogTest::log_text() const
+{
+    return read_file(root.at("/rw/orkad.log"));
+}
+
+std::vector<std::string> LogTest::messages() const
+{
+    return log_messages(root.at("/rw/orkad.log"));
+}
+
+int LogTest::count(const std::string &line) const
+{
+    int n = 0;
+    for (const std::string &m : messages())
+        n += m == line;
+    return n;
+}
+
+bool LogTest::wait_logged(const std::string &line) const
+{
+    return wait_for([&] { return logged(line); });
+}
+
+void SignalTest::SetUp()
+{
+    LogTest::SetUp();
+    signals_init();
 }
 
 } // namespace testkit

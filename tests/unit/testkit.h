@@ -3,6 +3,7 @@
 
 #include <ctime>
 #include <functional>
+#include <gtest/gtest.h>
 #include <sys/types.h>
 #include <string>
 #include <vector>
@@ -45,6 +46,31 @@ bool wait_for(const std::function<bool()> &fn, int timeout_ms = 10000);
 // condition, a blocking call): the proof that a thread the test started has
 // got as far as a wait it should be held in.
 bool thread_asleep(pid_t tid);
+
+// A device root with the main log open: where the tests of the base's
+// modules start, and the lines they look for in that log.
+class LogTest : public ::testing::Test
+{
+  protected:
+    DeviceRoot root;
+    void SetUp() override;
+    std::string log_text() const;
+    // The main log's messages, without their "index date time " prefix.
+    std::vector<std::string> messages() const;
+    std::vector<std::string> main_log() const { return messages(); }
+    // How often exactly this message was logged.
+    int count(const std::string &line) const;
+    bool logged(const std::string &line) const { return count(line) > 0; }
+    bool wait_logged(const std::string &line) const;
+};
+
+// LogTest with the signal table made too, before any thread, as in the
+// daemon.
+class SignalTest : public LogTest
+{
+  protected:
+    void SetUp() override;
+};
 
 // thread_init for a test: the work pool and its workers are made once per
 // process. A worker waits on its own pool's queue for ever, so a pool per

@@ -70,6 +70,21 @@ class PlatformTest : public ::testing::Test
 
     void use_fake_sleep() { platform_sleep = fake_sleep; }
 
+    // DHCP up, with these management addresses stored (null: none), and
+    // sleeps counted rather than slept.
+    void dhcp_up(const char *static_ip, const char *ip)
+    {
+        open_db();
+        ASSERT_EQ(config_set("management", nullptr, "dhcp-status", "up"), 0);
+        if (static_ip != nullptr) {
+            ASSERT_EQ(config_set("management", nullptr, "static-ip", static_ip), 0);
+        }
+        if (ip != nullptr) {
+            ASSERT_EQ(config_set("management", nullptr, "ip", ip), 0);
+        }
+        use_fake_sleep();
+    }
+
     std::vector<std::string> log() const { return log_messages(root.at("/rw/orkad.log")); }
     std::vector<std::string> log_since(size_t n) const
     {
@@ -484,11 +499,7 @@ TEST_F(PlatformTest, WaitForDhcpReturnsAtOnceWhenDhcpIsDown)
 
 TEST_F(PlatformTest, WaitForDhcpWaitsForAnAddressOfItsOwn)
 {
-    open_db();
-    ASSERT_EQ(config_set("management", nullptr, "dhcp-status", "up"), 0);
-    ASSERT_EQ(config_set("management", nullptr, "static-ip", "192.168.0.239"), 0);
-    ASSERT_EQ(config_set("management", nullptr, "ip", "192.168.0.239"), 0);
-    use_fake_sleep();
+    dhcp_up("192.168.0.239", "192.168.0.239");
     on_sleep = [&](size_t n) {
         if (n == 3)
             config_set("management", nullptr, "ip", "10.1.2.3");
@@ -500,22 +511,16 @@ TEST_F(PlatformTest, WaitForDhcpWaitsForAnAddressOfItsOwn)
 
 TEST_F(PlatformTest, WaitForDhcpComparesAddressesWhole)
 {
-    open_db();
-    ASSERT_EQ(config_set("management", nullptr, "dhcp-status", "up"), 0);
     // Alike in their first 16 characters: only the whole texts tell them
     // apart.
-    ASSERT_EQ(config_set("management", nullptr, "static-ip", "2001:db8:0:1::a:1"), 0);
-    ASSERT_EQ(config_set("management", nullptr, "ip", "2001:db8:0:1::a:2"), 0);
-    use_fake_sleep();
+    dhcp_up("2001:db8:0:1::a:1", "2001:db8:0:1::a:2");
     EXPECT_EQ(wait_for_dhcp(5), 4);
     EXPECT_EQ(total_sleep(), 1u);
 }
 
 TEST_F(PlatformTest, WaitForDhcpGivesUp)
 {
-    open_db();
-    ASSERT_EQ(config_set("management", nullptr, "dhcp-status", "up"), 0);
-    use_fake_sleep();
+    dhcp_up(nullptr, nullptr);
     // Neither address known: both read empty, so they stay equal.
     EXPECT_EQ(wait_for_dhcp(4), 0);
     EXPECT_EQ(total_sleep(), 4u);
@@ -523,10 +528,7 @@ TEST_F(PlatformTest, WaitForDhcpGivesUp)
 
 TEST_F(PlatformTest, WaitForDhcpWithADifferentAddressStillTakesOneRound)
 {
-    open_db();
-    ASSERT_EQ(config_set("management", nullptr, "dhcp-status", "up"), 0);
-    ASSERT_EQ(config_set("management", nullptr, "ip", "10.1.2.3"), 0);
-    use_fake_sleep();
+    dhcp_up(nullptr, "10.1.2.3");
     EXPECT_EQ(wait_for_dhcp(5), 4);
     EXPECT_EQ(total_sleep(), 1u);
 }

@@ -73,17 +73,9 @@ std::vector<std::string> schema_of(const std::string &file)
     return out;
 }
 
-class DbTest : public ::testing::Test
+class DbTest : public DeviceTest
 {
   protected:
-    DeviceRoot root;
-
-    void SetUp() override
-    {
-        ASSERT_TRUE(root.build());
-        log_init();
-    }
-
     std::string file() const { return root.at(startup); }
     std::string script(const std::string &name) const
     {

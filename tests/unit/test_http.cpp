@@ -25,19 +25,16 @@ using namespace std::chrono_literals;
 namespace
 {
 
-class HttpTest : public ::testing::Test
+class HttpTest : public DeviceTest
 {
   protected:
-    DeviceRoot root;
     void SetUp() override
     {
-        ASSERT_TRUE(root.build());
-        log_init();
+        DeviceTest::SetUp();
         signals_init();
         db_init();
         http_init();
     }
-    std::vector<std::string> main_log() { return log_messages(root.at("/rw/orkad.log")); }
     std::vector<std::string> http_lines() { return log_messages(root.at("/rw/http.log")); }
     std::vector<std::string> cmd_lines() { return log_messages(root.at("/rw/command.log")); }
 };

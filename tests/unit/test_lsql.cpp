@@ -41,15 +41,12 @@ std::map<std::string, std::string> rows_of(const std::string &file)
     return rows;
 }
 
-class LsqlTest : public ::testing::Test
+class LsqlTest : public DeviceTest
 {
   protected:
-    DeviceRoot root;
-
     void SetUp() override
     {
-        ASSERT_TRUE(root.build());
-        log_init();
+        DeviceTest::SetUp();
         db_init();
         ASSERT_EQ(db_version, 9);
         icos_openapi_sleep = [](unsigned int) -> unsigned int { return 0; };

@@ -740,6 +740,12 @@ bool LogTest::wait_logged(const std::string &line) const
     return wait_for([&] { return logged(line); });
 }
 
+void DeviceTest::SetUp()
+{
+    ASSERT_TRUE(root.build());
+    LogTest::SetUp();
+}
+
 void SignalTest::SetUp()
 {
     LogTest::SetUp();

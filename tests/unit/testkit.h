@@ -64,6 +64,14 @@ class LogTest : public ::testing::Test
     bool wait_logged(const std::string &line) const;
 };
 
+// LogTest on a device root built the way the lab builds a switch's
+// (DeviceRoot::build).
+class DeviceTest : public LogTest
+{
+  protected:
+    void SetUp() override;
+};
+
 // LogTest with the signal table made too, before any thread, as in the
 // daemon.
 class SignalTest : public LogTest

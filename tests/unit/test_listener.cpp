@@ -122,6 +122,22 @@ std::string sized_message(size_t len)
 class ListenerTest : public LogTest
 {
   protected:
+    // A datagram of `over` bytes is cut to `limit` and then fails to parse
+    // (it is logged as far as it was read); one of exactly `limit` bytes is
+    // taken.
+    void expect_limit(size_t limit, size_t over,
+                      const std::function<void(const std::string &)> &send)
+    {
+        send(sized_message(over));
+        send(sized_message(limit));
+        auto got = wait_calls(1);
+        ASSERT_EQ(got.size(), 1u);
+        EXPECT_EQ(got[0].params.size(),
+                  2 + limit - std::string(R"({"event":"big","params":""})").size());
+        EXPECT_TRUE(wait_logged("len = " + std::to_string(limit) + ", message = '" +
+                                sized_message(over).substr(0, limit) + "'"));
+    }
+
     // Sends one datagram to the Unix socket at a device path once it exists.
     void unix_send(const std::string &device_path, const std::string &msg)
     {
@@ -300,26 +316,14 @@ TEST_F(ListenerTest, NameLimits)
 TEST_F(ListenerTest, UnixDatagramLimit)
 {
     ASSERT_EQ(listener_register("big", first_cb, nullptr), 0);
-    unix_send("/tmp/orkad_socket", sized_message(1025)); // cut to 1024 bytes
-    unix_send("/tmp/orkad_socket", sized_message(1024));
-    auto got = wait_calls(1);
-    ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(got[0].params.size(),
-              2 + 1024 - std::string(R"({"event":"big","params":""})").size());
-    EXPECT_TRUE(wait_logged("len = 1024, message = '" + sized_message(1025).substr(0, 1024) + "'"));
+    expect_limit(1024, 1025, [this](const std::string &m) { unix_send("/tmp/orkad_socket", m); });
 }
 
 TEST_F(ListenerTest, UdpDatagramLimit)
 {
     netns();
     ASSERT_EQ(listener_register("big", first_cb, "udp:5141"), 0);
-    udp_send(5141, sized_message(8200)); // cut to 8192 bytes
-    udp_send(5141, sized_message(8192));
-    auto got = wait_calls(1);
-    ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(got[0].params.size(),
-              2 + 8192 - std::string(R"({"event":"big","params":""})").size());
-    EXPECT_TRUE(wait_logged("len = 8192, message = '" + sized_message(8200).substr(0, 8192) + "'"));
+    expect_limit(8192, 8200, [this](const std::string &m) { udp_send(5141, m); });
 }
 
 TEST_F(ListenerTest, ReceiverThatCannotBindEndsButInjectionStillWorks)

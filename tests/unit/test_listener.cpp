@@ -122,6 +122,21 @@ std::string sized_message(size_t len)
 class ListenerTest : public LogTest
 {
   protected:
+    // A datagram socket bound at path, its address in a; -1 when it cannot
+    // be.
+    static int bound_socket(const std::string &path, struct sockaddr_un &a)
+    {
+        int r = socket(AF_UNIX, SOCK_DGRAM, 0);
+        a = {};
+        a.sun_family = AF_UNIX;
+        snprintf(a.sun_path, sizeof(a.sun_path), "%s", path.c_str());
+        if (r >= 0 && bind(r, reinterpret_cast<struct sockaddr *>(&a), sizeof(a)) != 0) {
+            close(r);
+            return -1;
+        }
+        return r;
+    }
+
     // A datagram of `over` bytes is cut to `limit` and then fails to parse
     // (it is logged as far as it was read); one of exactly `limit` bytes is
     // taken.
@@ -349,11 +364,9 @@ TEST_F(ListenerTest, UnixReceiverNeedsAUnixName)
 TEST_F(ListenerTest, ResponseReachesAUnixSocket)
 {
     std::string path = root.at("/tmp/reply.sock");
-    int r = socket(AF_UNIX, SOCK_DGRAM, 0);
-    struct sockaddr_un a = {};
-    a.sun_family = AF_UNIX;
-    snprintf(a.sun_path, sizeof(a.sun_path), "%s", path.c_str());
-    ASSERT_EQ(bind(r, reinterpret_cast<struct sockaddr *>(&a), sizeof(a)), 0);
+    struct sockaddr_un a;
+    int r = bound_socket(path, a);
+    ASSERT_GE(r, 0);
 
     sendto_calls = 0;
     listener_response("/tmp/reply.sock", "hello", 5);
@@ -377,11 +390,9 @@ TEST_F(ListenerTest, ResponseToNobodyIsTriedOnce)
 TEST_F(ListenerTest, ResponseToABusyReceiverIsTriedFourTimes)
 {
     std::string path = root.at("/tmp/busy.sock");
-    int r = socket(AF_UNIX, SOCK_DGRAM, 0);
-    struct sockaddr_un a = {};
-    a.sun_family = AF_UNIX;
-    snprintf(a.sun_path, sizeof(a.sun_path), "%s", path.c_str());
-    ASSERT_EQ(bind(r, reinterpret_cast<struct sockaddr *>(&a), sizeof(a)), 0);
+    struct sockaddr_un a;
+    int r = bound_socket(path, a);
+    ASSERT_GE(r, 0);
     // Fill the receiver's queue until the kernel refuses more.
     int f = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
     int sent = 0;

@@ -78,6 +78,18 @@ class ConfigTest : public ::testing::Test
         lab->add_link(HREF, "response");
     }
     size_t requests(const std::string &path) { return controller->requests(path).size(); }
+    // A reset asked for with this "reset-mode" text: the kind the handler
+    // said it performs, never the other, and the reset ran.
+    void reset_with(const std::string &id, const std::string &mode, const std::string &kind,
+                    const std::string &not_kind)
+    {
+        start_controller();
+        run(cmd_del_config, "del.config",
+            R"({"id":")" + id + R"(","params":{"reset-mode":")" + mode + R"("}})");
+        EXPECT_TRUE(logged("cmd_del_config: performing " + kind + " reset"));
+        EXPECT_FALSE(logged("cmd_del_config: performing " + not_kind + " reset"));
+        EXPECT_TRUE(file_exists(root.at("/rw/factory-reset.log")));
+    }
 
     std::vector<std::string> main_log() { return log_messages(root.at("/rw/orkad.log")); }
     bool logged(const std::string &line)
@@ -391,20 +403,12 @@ TEST_F(ConfigTest, ResetAnswersBeforeItResets)
 
 TEST_F(ConfigTest, UpperCaseSoftIsTheDefaultReset)
 {
-    start_controller();
-    run(cmd_del_config, "del.config", R"({"id":"d2","params":{"reset-mode":"SOFT"}})");
-    EXPECT_TRUE(logged("cmd_del_config: performing default/normal reset"));
-    EXPECT_FALSE(logged("cmd_del_config: performing soft reset"));
-    EXPECT_TRUE(file_exists(root.at("/rw/factory-reset.log")));
+    reset_with("d2", "SOFT", "default/normal", "soft");
 }
 
 TEST_F(ConfigTest, SoftReset)
 {
-    start_controller();
-    run(cmd_del_config, "del.config", R"({"id":"d3","params":{"reset-mode":"soft"}})");
-    EXPECT_TRUE(logged("cmd_del_config: performing soft reset"));
-    EXPECT_FALSE(logged("cmd_del_config: performing default/normal reset"));
-    EXPECT_TRUE(file_exists(root.at("/rw/factory-reset.log")));
+    reset_with("d3", "soft", "soft", "default/normal");
     auto a = answers();
     ASSERT_EQ(a.size(), 2u);
     EXPECT_EQ(a[0].code, 0);

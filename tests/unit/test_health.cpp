@@ -95,11 +95,12 @@ void send_event(const DeviceRoot &root, const std::string &msg)
     ASSERT_EQ(n, (ssize_t)msg.size());
 }
 
-// The child starts at T0 on the test's clock.
+// The child starts at T0 on the test's clock, which tokens expire on too.
 void start_child_at_t0()
 {
     fake_now = T0;
     health_time = fake_time;
+    auth_time = fake_time;
     health_child_started();
 }
 
@@ -121,12 +122,10 @@ class HealthTest : public AgentTest
     void SetUp() override
     {
         AgentTest::SetUp();
-        // Tokens expire on the test's clock; phone-home neither waits nor
-        // looks for a real interface.
-        auth_time = fake_time;
+        start_child_at_t0();
+        // Phone-home neither waits nor looks for a real interface.
         phone_home_sleep = no_sleep;
         mgmt_ifname = loopback;
-        start_child_at_t0();
     }
 
     // The controller taken the way the daemon takes it at start-up.

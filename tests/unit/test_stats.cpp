@@ -117,6 +117,11 @@ unsigned long eth0_clock(unsigned long)
     return eth0_ms;
 }
 
+std::string params(long long ms, const std::string &href = "/st")
+{
+    return R"({"interval":)" + std::to_string(ms) + R"(,"serviceLink":{"href":")" + href + R"("}})";
+}
+
 class StatsTest : public AgentTest
 {
   protected:
@@ -183,6 +188,18 @@ class StatsTest : public AgentTest
             }
         }
     }
+    // Starts a 15-second stream whose posts are recorded and held; returns
+    // once the first period's post, at tick 15, hangs.
+    void first_post_hangs()
+    {
+        stats_clock = counting_clock;
+        stats_proc_net_dev = "/nonexistent";
+        stats_poster = recording_poster;
+        hold_posts(true);
+        ASSERT_EQ(set_stats(params(15000), "a"), std::make_pair(0, std::string()));
+        ticks_to(15);
+        ASSERT_TRUE(wait_for([] { return posted() == 1; }));
+    }
 };
 
 // The same against the lab: the headers on the wire, a refusal that takes
@@ -197,11 +214,6 @@ class StatsLabTest : public StatsTest
         lab->add_link("/response/s", "response");
     }
 };
-
-std::string params(long long ms, const std::string &href = "/st")
-{
-    return R"({"interval":)" + std::to_string(ms) + R"(,"serviceLink":{"href":")" + href + R"("}})";
-}
 
 } // namespace
 
@@ -617,13 +629,7 @@ TEST_F(StatsTest, WakeUpWithoutATickClosesNoPeriodAndTakesNoSample)
 // returns.
 TEST_F(StatsTest, PeriodTickDuringAPostIsNotLost)
 {
-    stats_clock = counting_clock;
-    stats_proc_net_dev = "/nonexistent";
-    stats_poster = recording_poster;
-    hold_posts(true);
-    ASSERT_EQ(set_stats(params(15000), "a"), std::make_pair(0, std::string()));
-    ticks_to(15);
-    ASSERT_TRUE(wait_for([] { return posted() == 1; }));
+    first_post_hangs();
     // The first post hangs; the second period comes due meanwhile.
     ticks_to(30);
     EXPECT_EQ(posted(), 1u);
@@ -638,13 +644,7 @@ TEST_F(StatsTest, PeriodTickDuringAPostIsNotLost)
 // ticks afterwards.
 TEST_F(StatsTest, PeriodsDueDuringAHangingPostMakeOneDocument)
 {
-    stats_clock = counting_clock;
-    stats_proc_net_dev = "/nonexistent";
-    stats_poster = recording_poster;
-    hold_posts(true);
-    ASSERT_EQ(set_stats(params(15000), "a"), std::make_pair(0, std::string()));
-    ticks_to(15);
-    ASSERT_TRUE(wait_for([] { return posted() == 1; }));
+    first_post_hangs();
     // Ticks 30, 45 and 60 find the sender in its post.
     ticks_to(60);
     long sleeps = thread_sleeps("stats_sender");

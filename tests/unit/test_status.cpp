@@ -83,6 +83,15 @@ std::string replaced(std::string text, const std::string &from, const std::strin
     return text;
 }
 
+// port1 as reported when its one neighbour could not be added.
+std::string port1_without_neighbour()
+{
+    std::string p1 = port1;
+    size_t a = p1.find(R"("neighbor":[)") + 12;
+    p1.erase(a, p1.find("]}],", a) + 2 - a);
+    return p1;
+}
+
 std::string ports_doc(const std::vector<const char *> &ports)
 {
     std::string s = R"({"port":[)";
@@ -749,10 +758,7 @@ TEST_F(StatusTest, CapabilityArrayThatCannotBeMadeDropsTheNeighbour)
     std::string doc = provide_failing(array_record, 3);
     EXPECT_TRUE(logged("str_to_json_array: Failed to allocate JSON array"));
     EXPECT_TRUE(logged("status_port_provider: Can't set port 1 'system_caps_supported'"));
-    std::string p1 = port1;
-    size_t a = p1.find(R"("neighbor":[)") + 12;
-    p1.erase(a, p1.find("]}],", a) + 2 - a);
-    EXPECT_EQ(doc, ports_doc({p1.c_str(), port2, port3}));
+    EXPECT_EQ(doc, ports_doc({port1_without_neighbour().c_str(), port2, port3}));
 }
 
 TEST_F(StatusTest, VlanArrayThatCannotBeMadeEndsTheWalk)
@@ -775,10 +781,7 @@ TEST_F(StatusTest, NeighbourObjectThatCannotBeMadeEndsTheList)
 {
     std::string doc = provide_failing(object_record, 3);
     EXPECT_TRUE(logged("status_port_provider: Can't allocate JSON object"));
-    std::string p1 = port1;
-    size_t a = p1.find(R"("neighbor":[)") + 12;
-    p1.erase(a, p1.find("]}],", a) + 2 - a);
-    EXPECT_EQ(doc, ports_doc({p1.c_str(), port2, port3}));
+    EXPECT_EQ(doc, ports_doc({port1_without_neighbour().c_str(), port2, port3}));
 }
 
 TEST_F(StatusTest, VlanObjectThatCannotBeMadeEndsTheList)

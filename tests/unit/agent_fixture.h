@@ -182,6 +182,17 @@ class AgentTest : public ::testing::Test
     {
         return json_array_size(lab->requests(filters).get());
     }
+
+    // The requests the in-process controller took on exactly this path
+    // (after "/api"), oldest first.
+    std::vector<CannedController::Request> sent_to(const std::string &path) const
+    {
+        std::vector<CannedController::Request> out;
+        for (auto &r : controller->requests(path))
+            if (r.path == path)
+                out.push_back(r);
+        return out;
+    }
 };
 
 // The same, against the lab controller (lab/controller.py) over HTTPS.

@@ -503,13 +503,12 @@ void refusing_handler(char *name, json_t *command, char *link)
     cmd.refuse("value %d refused", 7);
 }
 
-class EnvelopeAnswerLabTest : public agent_test::AgentLabTest
+class EnvelopeAnswerTest : public agent_test::AgentTest
 {
   protected:
     void SetUp() override
     {
         AgentTest::SetUp();
-        lab->add_link("/response/t", "response");
         opened = false;
         opened_seconds = -1;
         opened_href.clear();
@@ -518,7 +517,7 @@ class EnvelopeAnswerLabTest : public agent_test::AgentLabTest
 
 } // namespace
 
-TEST_F(EnvelopeAnswerLabTest, EachFailureOfTheServiceOpeningIsAnsweredOnce)
+TEST_F(EnvelopeAnswerTest, EachFailureOfTheServiceOpeningIsAnsweredOnce)
 {
     struct {
         const char *params;
@@ -540,7 +539,7 @@ TEST_F(EnvelopeAnswerLabTest, EachFailureOfTheServiceOpeningIsAnsweredOnce)
         EXPECT_FALSE(opened) << c.params;
     }
     // Every command had its one answer and its one log line, and only those.
-    EXPECT_EQ(json_array_size(lab->results().get()), std::size(cases));
+    EXPECT_EQ(controller->answers().size(), std::size(cases));
     for (const auto &c : cases) {
         size_t same = 0;
         for (const auto &d : cases)
@@ -550,16 +549,15 @@ TEST_F(EnvelopeAnswerLabTest, EachFailureOfTheServiceOpeningIsAnsweredOnce)
 
     // No id: answered once all the same, with an empty one.
     run_handler(service_handler, "set.thing", R"({"params":{"interval":10000}})");
-    Json res = lab->wait_results({}, (int)std::size(cases) + 1);
-    ASSERT_EQ(json_array_size(res.get()), std::size(cases) + 1);
-    json_t *last = json_array_get(res.get(), std::size(cases));
-    EXPECT_EQ(json_str(last, "commandId"), "");
-    EXPECT_EQ(json_integer_value(json_object_get(last, "code")), -1);
-    EXPECT_EQ(json_str(last, "message"), "missing or invalid 'id' element in command");
+    auto res = controller->wait_answers(std::size(cases) + 1);
+    ASSERT_EQ(res.size(), std::size(cases) + 1);
+    EXPECT_EQ(res.back().id, "");
+    EXPECT_EQ(res.back().code, -1);
+    EXPECT_EQ(res.back().message, "missing or invalid 'id' element in command");
     EXPECT_TRUE(logged("set.thing: missing or invalid 'id' element in command"));
 }
 
-TEST_F(EnvelopeAnswerLabTest, ServiceOpeningGivesWholeSecondsAndTheLink)
+TEST_F(EnvelopeAnswerTest, ServiceOpeningGivesWholeSecondsAndTheLink)
 {
     EXPECT_EQ(run_command(service_handler, "set", "thing", "ok",
                           R"({"interval":3600999,"serviceLink":{"href":"/v1/things/9"}})"),
@@ -567,15 +565,15 @@ TEST_F(EnvelopeAnswerLabTest, ServiceOpeningGivesWholeSecondsAndTheLink)
     EXPECT_TRUE(opened);
     EXPECT_EQ(opened_seconds, 3600);
     EXPECT_EQ(opened_href, "/v1/things/9");
-    EXPECT_EQ(json_array_size(lab->results().get()), 1u);
+    EXPECT_EQ(controller->answers().size(), 1u);
 }
 
-TEST_F(EnvelopeAnswerLabTest, RefuseAnswersOnceWithItsMessage)
+TEST_F(EnvelopeAnswerTest, RefuseAnswersOnceWithItsMessage)
 {
     EXPECT_EQ(run_command(refusing_handler, "set", "thing", "r1", "{}"),
               std::make_pair(-1, std::string("value 7 refused")));
     EXPECT_TRUE(logged("set.thing: value 7 refused"));
-    EXPECT_EQ(json_array_size(lab->results().get()), 1u);
+    EXPECT_EQ(controller->answers().size(), 1u);
 }
 
 namespace
@@ -595,7 +593,7 @@ void optional_handler(char *name, json_t *command, char *link)
 
 } // namespace
 
-TEST_F(EnvelopeAnswerLabTest, OptionalTextMayBeLeftOutButNotBeAnythingElse)
+TEST_F(EnvelopeAnswerTest, OptionalTextMayBeLeftOutButNotBeAnythingElse)
 {
     optional_seen.clear();
     EXPECT_EQ(run_command(optional_handler, "set", "thing", "o1", "{}"),
@@ -611,5 +609,5 @@ TEST_F(EnvelopeAnswerLabTest, OptionalTextMayBeLeftOutButNotBeAnythingElse)
     EXPECT_EQ(run_command(optional_handler, "set", "thing", "o4", R"("x")"),
               std::make_pair(-1, std::string("missing or invalid 'params' element")));
     EXPECT_EQ(count_logged("set.thing: invalid 'mode' element in params"), 1u);
-    EXPECT_EQ(json_array_size(lab->results().get()), 4u);
+    EXPECT_EQ(controller->answers().size(), 4u);
 }

@@ -95,6 +95,15 @@ void send_event(const DeviceRoot &root, const std::string &msg)
     ASSERT_EQ(n, (ssize_t)msg.size());
 }
 
+// The child starts at T0 on the test's clock, which tokens expire on too.
+void start_child_at_t0()
+{
+    fake_now = T0;
+    health_time = fake_time;
+    auth_time = fake_time;
+    health_child_started();
+}
+
 // Nothing but a device root and the logs: no database, no controller.
 class HealthBareTest : public ::testing::Test
 {
@@ -103,35 +112,42 @@ class HealthBareTest : public ::testing::Test
     void SetUp() override
     {
         log_init();
-        fake_now = T0;
-        health_time = fake_time;
-        health_child_started();
+        start_child_at_t0();
     }
 };
 
-class HealthLabTest : public AgentLabTest
+class HealthTest : public AgentTest
 {
   protected:
     void SetUp() override
     {
         AgentTest::SetUp();
-        fake_now = T0;
-        health_time = fake_time;
-        auth_time = fake_time;
-        mgmt_ifname = loopback;
+        start_child_at_t0();
+        // Phone-home neither waits nor looks for a real interface.
         phone_home_sleep = no_sleep;
-        health_child_started();
+        mgmt_ifname = loopback;
     }
 
     // The controller taken the way the daemon takes it at start-up.
     void boot_controller()
     {
-        env_controller = lab->base_url;
+        env_controller = base_url();
         phone_home();
+    }
+
+    // Sends `event` with an answer wanted at `reply` (under the device
+    // root); the datagram that came back.
+    std::string ask(const char *event, const std::string &reply)
+    {
+        health_init();
+        ReplySocket client(root, reply);
+        send_event(root, std::string(R"({"event":")") + event + R"(","params":{"reply":")" + reply +
+                             "\"}}");
+        return client.next();
     }
 };
 
-class HealthOffLabTest : public HealthLabTest
+class HealthOffTest : public HealthTest
 {
   protected:
     std::vector<std::string> devroot_args() override { return {"--env", "phone_home=NO"}; }
@@ -194,19 +210,18 @@ TEST_F(HealthBareTest, UptimeCountsFromTheChildsStartNotTheWallClock)
 
 // ---- controller, heartbeat and token -------------------------------------------
 
-TEST_F(HealthLabTest, SchemaVersionFromTheDatabase)
+TEST_F(HealthTest, SchemaVersionFromTheDatabase)
 {
     EXPECT_EQ(part(status_now(), "database"), R"({"schema":9})");
 }
 
-TEST_F(HealthLabTest, HeartbeatOk)
+TEST_F(HealthTest, HeartbeatOk)
 {
-    lab->set_token(R"({"expires_in":3600})");
     boot_controller();
     heartbeat_setup();
     ASSERT_EQ(heartbeat_pulse(), 0);
     Json s = status_now();
-    EXPECT_EQ(part(s, "controller"), R"({"url":")" + lab->base_url + R"(","source":"boot"})");
+    EXPECT_EQ(part(s, "controller"), R"({"url":")" + base_url() + R"(","source":"boot"})");
     EXPECT_EQ(part(s, "phone_home"), R"({"state":"done","last":null,"result":null})");
     EXPECT_EQ(part(s, "heartbeat"), "{\"interval\":10,\"last\":" + std::to_string(T0) +
                                         ",\"result\":0,\"last_ok\":" + std::to_string(T0) +
@@ -215,13 +230,13 @@ TEST_F(HealthLabTest, HeartbeatOk)
     EXPECT_EQ(part(s, "problems"), "[]");
 }
 
-TEST_F(HealthLabTest, HeartbeatFailing)
+TEST_F(HealthTest, HeartbeatFailing)
 {
     boot_controller();
     heartbeat_setup();
     ASSERT_EQ(heartbeat_pulse(), 0);
     fake_now = T0 + 10;
-    lab->script(R"({"path":"/api/heartbeat","status":500,"count":2})");
+    controller->answer("/heartbeat", 500, "{}", 2);
     EXPECT_EQ(heartbeat_pulse(), -1);
     fake_now = T0 + 20;
     EXPECT_EQ(heartbeat_pulse(), -1);
@@ -240,13 +255,13 @@ TEST_F(HealthLabTest, HeartbeatFailing)
     EXPECT_EQ(part(s, "problems"), "[]");
 }
 
-TEST_F(HealthLabTest, NoTokenMeansNoPulseAndTheTokenRequestsResultShows)
+TEST_F(HealthTest, NoTokenMeansNoPulseAndTheTokenRequestsResultShows)
 {
     boot_controller();
     heartbeat_setup();
-    lab->script(R"({"path":"/api/oauth/token","status":401,"count":null})");
+    controller->answer("/oauth/token", 401, "{}", 100);
     EXPECT_EQ(heartbeat_pulse(), -1);
-    EXPECT_EQ(count({{"kind", "heartbeat"}}), 0u);
+    EXPECT_EQ(sent_to("/heartbeat").size(), 0u);
     Json s = status_now();
     EXPECT_EQ(part(s, "heartbeat", "result"), "401");
     EXPECT_EQ(part(s, "heartbeat", "failures"), "1");
@@ -255,9 +270,10 @@ TEST_F(HealthLabTest, NoTokenMeansNoPulseAndTheTokenRequestsResultShows)
     EXPECT_EQ(part(s, "problems"), R"(["heartbeats failing"])");
 }
 
-TEST_F(HealthLabTest, TokenPastItsTimeIsNotHeld)
+TEST_F(HealthTest, TokenPastItsTimeIsNotHeld)
 {
-    lab->set_token(R"({"expires_in":60})");
+    controller->answer("/oauth/token", 200,
+                       R"({"access_token":"t60","token_type":"bearer","expires_in":60})");
     boot_controller();
     char token[ACCESS_TOKEN_SIZE];
     ASSERT_EQ(get_access_token(token), 1);
@@ -270,7 +286,7 @@ TEST_F(HealthLabTest, TokenPastItsTimeIsNotHeld)
     EXPECT_EQ(part(status_now(), "token"), R"({"held":false,"expires":null})");
 }
 
-TEST_F(HealthOffLabTest, StoredControllerWhenPhoneHomeIsOff)
+TEST_F(HealthOffTest, StoredControllerWhenPhoneHomeIsOff)
 {
     config_set("system", nullptr, "cloud-controller", "https://ctl.example");
     phone_home();
@@ -279,31 +295,33 @@ TEST_F(HealthOffLabTest, StoredControllerWhenPhoneHomeIsOff)
     EXPECT_EQ(part(s, "phone_home"), R"({"state":"skipped","last":null,"result":null})");
 }
 
-TEST_F(HealthLabTest, ControllerFromAnotherSite)
+TEST_F(HealthTest, ControllerFromAnotherSite)
 {
-    home_site = lab->base_url;
-    lab->call("POST", "/phone-home", "{}");
+    home_site = base_url();
+    controller->answer("/phone_home", 200, R"({"cloud_controller":")" + base_url() + "\"}");
     phone_home_call();
     Json s = status_now();
-    EXPECT_EQ(part(s, "controller"), R"({"url":")" + lab->base_url + R"(","source":"site"})");
+    EXPECT_EQ(part(s, "controller"), R"({"url":")" + base_url() + R"(","source":"site"})");
     EXPECT_EQ(part(s, "phone_home"),
               "{\"state\":\"done\",\"last\":" + std::to_string(T0) + ",\"result\":0}");
 }
 
-TEST_F(HealthLabTest, PhoneHomeSiteDown)
+TEST_F(HealthTest, PhoneHomeSiteDown)
 {
-    home_site = "https://127.0.0.1:1";
+    // The site cannot be reached.
+    home_site = base_url();
+    controller->answer("/phone_home", 0);
     phone_home_call();
     EXPECT_EQ(part(status_now(), "phone_home"),
               "{\"state\":\"failed\",\"last\":" + std::to_string(T0) + ",\"result\":2}");
 }
 
-TEST_F(HealthLabTest, UnregisteredDropsTheStoredController)
+TEST_F(HealthTest, UnregisteredDropsTheStoredController)
 {
-    config_set("system", nullptr, "cloud-controller", lab->base_url.c_str());
-    health_controller(lab->base_url, controller_source::stored);
-    home_site = lab->base_url;
-    lab->call("POST", "/phone-home", R"({"code":"unregistered"})");
+    use_controller();
+    health_controller(base_url(), controller_source::stored);
+    home_site = base_url();
+    controller->answer("/phone_home", 200, R"({"code":"unregistered"})");
     phone_home_call();
     Json s = status_now();
     // The site said this device has no controller: the stored one is gone.
@@ -315,12 +333,9 @@ TEST_F(HealthLabTest, UnregisteredDropsTheStoredController)
 
 // ---- streams ----------------------------------------------------------------
 
-TEST_F(HealthLabTest, StreamCounters)
+TEST_F(HealthTest, StreamCounters)
 {
     boot_controller();
-    lab->add_link("/st", "status");
-    lab->add_link("/sx", "statistics");
-    lab->add_link("/sl", "syslog");
     status_stream.turn_on(30);
     stats_stream.turn_on(60);
     logging_stream.turn_on(5);
@@ -329,9 +344,9 @@ TEST_F(HealthLabTest, StreamCounters)
     ASSERT_EQ(stats_post("/sx", "{}", 2), 0);
     ASSERT_EQ(logging_post("/sl", R"({"log":[]})", 10), 0);
     fake_now = T0 + 5;
-    lab->script(R"({"path":"/api/st","status":500})");
+    controller->answer("/st", 500);
     EXPECT_EQ(status_post("/st", "{}", 2), 500);
-    lab->script(R"({"path":"/api/sl","status":503})");
+    controller->answer("/sl", 503);
     EXPECT_EQ(logging_post("/sl", R"({"log":[]})", 10), 503);
 
     Json s = status_now();
@@ -352,7 +367,7 @@ TEST_F(HealthLabTest, StreamCounters)
     EXPECT_EQ(part(status_now(), "problems"), R"(["syslog stream failing"])");
 }
 
-TEST_F(HealthLabTest, SyslogWaitingAndDropped)
+TEST_F(HealthTest, SyslogWaitingAndDropped)
 {
     logging_init();
     for (int i = 0; i < 3; i++) {
@@ -381,7 +396,7 @@ TEST_F(HealthLabTest, SyslogWaitingAndDropped)
 
 // ---- VPN --------------------------------------------------------------------
 
-TEST_F(HealthLabTest, VpnStartingThenUpWithItsAddress)
+TEST_F(HealthTest, VpnStartingThenUpWithItsAddress)
 {
     // The device's openvpn, replaced by one that starts and says nothing.
     write_file(root.at("/sbin/openvpn"), "#!/bin/sh\nexit 0\n");
@@ -397,11 +412,15 @@ TEST_F(HealthLabTest, VpnStartingThenUpWithItsAddress)
 
 // ---- secrets ------------------------------------------------------------------
 
-TEST_F(HealthLabTest, TheAnswerNeverCarriesASecret)
+TEST_F(HealthTest, TheAnswerNeverCarriesASecret)
 {
-    lab->set_token(R"({"expires_in":3600,"token_length":64})");
+    // A token long enough that no other text could hold it by chance.
+    const std::string token(64, 'T');
+    controller->answer("/oauth/token", 200,
+                       R"({"access_token":")" + token +
+                           R"(","token_type":"bearer","expires_in":3600})");
     // A controller URL that carries credentials of its own.
-    std::string host = lab->base_url.substr(strlen("https://"));
+    std::string host = base_url().substr(strlen("https://"));
     std::string with_password = "https://admin:Pa55word-9@" + host;
     health_controller(with_password, controller_source::stored);
     use_controller();
@@ -409,8 +428,7 @@ TEST_F(HealthLabTest, TheAnswerNeverCarriesASecret)
     ASSERT_EQ(heartbeat_pulse(), 0);
     // The administrator password the controller set, in the settings.
     config_set("system", nullptr, "password", "Adm1n-Secret");
-    std::string token = json_str(json_array_get(lab->tokens().get(), 0), "token");
-    ASSERT_FALSE(token.empty());
+    ASSERT_EQ(sent_to("/oauth/token").size(), 1u);
 
     Json s = status_now();
     std::string text = json_text(s.get());
@@ -420,7 +438,7 @@ TEST_F(HealthLabTest, TheAnswerNeverCarriesASecret)
     EXPECT_EQ(text.find("Adm1n-Secret"), std::string::npos);
     // The device's client credentials are its serial, twice.
     EXPECT_EQ(text.find(env_serial), std::string::npos);
-    EXPECT_EQ(part(s, "controller", "url"), "\"" + lab->base_url + "\"");
+    EXPECT_EQ(part(s, "controller", "url"), "\"" + base_url() + "\"");
     EXPECT_EQ(part(s, "token", "held"), "true");
 }
 
@@ -437,12 +455,9 @@ TEST(HealthUrl, UserinfoIsTakenOut)
 
 // ---- the events on the socket ----------------------------------------------
 
-TEST_F(HealthLabTest, StatusEventAnswersTheReplySocket)
+TEST_F(HealthTest, StatusEventAnswersTheReplySocket)
 {
-    health_init();
-    ReplySocket client(root, "/tmp/orkadctl.1");
-    send_event(root, R"({"event":"orkad.status","params":{"reply":"/tmp/orkadctl.1"}})");
-    std::string got = client.next();
+    std::string got = ask("orkad.status", "/tmp/orkadctl.1");
     ASSERT_FALSE(got.empty());
     Json answer = json_parse(got);
     EXPECT_EQ(json_str(answer.get(), "version"), "1.2.0");
@@ -452,7 +467,7 @@ TEST_F(HealthLabTest, StatusEventAnswersTheReplySocket)
     EXPECT_LT(got.size(), 4096u);
 }
 
-TEST_F(HealthLabTest, BadReplyParametersAreLoggedAndDropped)
+TEST_F(HealthTest, BadReplyParametersAreLoggedAndDropped)
 {
     health_init();
     ReplySocket client(root, "/tmp/orkadctl.2");
@@ -474,7 +489,7 @@ TEST_F(HealthLabTest, BadReplyParametersAreLoggedAndDropped)
     EXPECT_EQ(count_logged("orkad.dump: bad 'reply' parameter"), 1u);
 }
 
-TEST_F(HealthLabTest, ReplyPathWithANulOrTooLongUnderTheDeviceRootIsRefused)
+TEST_F(HealthTest, ReplyPathWithANulOrTooLongUnderTheDeviceRootIsRefused)
 {
     json_ptr nul(json_object());
     json_object_set_new(nul.get(), "reply", json_stringn("/tmp/x\0y", 8));
@@ -496,16 +511,13 @@ void marker_handler(int)
 }
 } // namespace
 
-TEST_F(HealthLabTest, DumpCoversTheDumpedLines)
+TEST_F(HealthTest, DumpCoversTheDumpedLines)
 {
     // Last after the handlers the modules registered at their start.
     signals_register(SIGUSR1, log_debug, "log_debug");
     signals_register(SIGUSR1, marker_handler, "marker_handler");
     log_fprint(dbg_log, "before the dump\n");
-    health_init();
-    ReplySocket client(root, "/tmp/orkadctl.3");
-    send_event(root, R"({"event":"orkad.dump","params":{"reply":"/tmp/orkadctl.3"}})");
-    std::string got = client.next();
+    std::string got = ask("orkad.dump", "/tmp/orkadctl.3");
     ASSERT_FALSE(got.empty());
     Json answer = json_parse(got);
     EXPECT_EQ(part(answer, "dumped"), "true");

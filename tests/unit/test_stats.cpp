@@ -117,13 +117,17 @@ unsigned long eth0_clock(unsigned long)
     return eth0_ms;
 }
 
-class StatsLabTest : public AgentLabTest
+std::string params(long long ms, const std::string &href = "/st")
+{
+    return R"({"interval":)" + std::to_string(ms) + R"(,"serviceLink":{"href":")" + href + R"("}})";
+}
+
+class StatsTest : public AgentTest
 {
   protected:
     void SetUp() override
     {
         AgentTest::SetUp();
-        lab->add_link("/response/s", "response");
         stats_init();
     }
 
@@ -184,18 +188,38 @@ class StatsLabTest : public AgentLabTest
             }
         }
     }
+    // Starts a 15-second stream whose posts are recorded and held; returns
+    // once the first period's post, at tick 15, hangs.
+    void first_post_hangs()
+    {
+        stats_clock = counting_clock;
+        stats_proc_net_dev = "/nonexistent";
+        stats_poster = recording_poster;
+        hold_posts(true);
+        ASSERT_EQ(set_stats(params(15000), "a"), std::make_pair(0, std::string()));
+        ticks_to(15);
+        ASSERT_TRUE(wait_for([] { return posted() == 1; }));
+    }
 };
 
-std::string params(long long ms, const std::string &href = "/st")
+// The same against the lab: the headers on the wire, a refusal that takes
+// its time to come.
+class StatsLabTest : public StatsTest
 {
-    return R"({"interval":)" + std::to_string(ms) + R"(,"serviceLink":{"href":")" + href + R"("}})";
-}
+  protected:
+    bool with_lab() override { return true; }
+    void SetUp() override
+    {
+        StatsTest::SetUp();
+        lab->add_link("/response/s", "response");
+    }
+};
 
 } // namespace
 
 // ---- set.statistics ------------------------------------------------------
 
-TEST_F(StatsLabTest, RegistersCommandAndTick)
+TEST_F(StatsTest, RegistersCommandAndTick)
 {
     struct handler *h = signals_lookup(SIGALRM);
     ASSERT_NE(h, nullptr);
@@ -224,7 +248,7 @@ TEST_F(StatsLabTest, RegistersCommandAndTick)
     EXPECT_TRUE(logged("set.statistics: command (set.statistics) received"));
 }
 
-TEST_F(StatsLabTest, IntervalLimitsKeepTheirOddWording)
+TEST_F(StatsTest, IntervalLimitsKeepTheirOddWording)
 {
     EXPECT_EQ(set_stats(params(14999), "a"),
               std::make_pair(-1, std::string("logging interval out of range")));
@@ -243,7 +267,7 @@ TEST_F(StatsLabTest, IntervalLimitsKeepTheirOddWording)
     EXPECT_EQ(get_stats_interval(), 300);
 }
 
-TEST_F(StatsLabTest, MalformedCommandsAreAnsweredWithTheirMessage)
+TEST_F(StatsTest, MalformedCommandsAreAnsweredWithTheirMessage)
 {
     use_controller();
     struct Case {
@@ -263,21 +287,21 @@ TEST_F(StatsLabTest, MalformedCommandsAreAnsweredWithTheirMessage)
                       strdup("/response/s"));
         EXPECT_TRUE(logged(std::string("set.statistics: ") + c.message)) << c.message;
     }
-    Json res = lab->wait_results({}, 5);
-    ASSERT_EQ(json_array_size(res.get()), 5u);
+    auto res = controller->wait_answers(5);
+    ASSERT_EQ(res.size(), 5u);
     for (size_t i = 0; i < 5; i++) {
-        EXPECT_EQ(json_integer_value(json_object_get(item(res, i), "code")), -1);
-        EXPECT_EQ(at(res, i, "message"), cases[i].message);
+        EXPECT_EQ(res[i].code, -1);
+        EXPECT_EQ(res[i].message, cases[i].message);
     }
-    EXPECT_EQ(at(res, 0, "commandId"), "");
-    EXPECT_EQ(at(res, 1, "commandId"), "m2");
+    EXPECT_EQ(res[0].id, "");
+    EXPECT_EQ(res[1].id, "m2");
     EXPECT_FALSE(stats_stream.enabled);
 }
 
-TEST_F(StatsLabTest, FirstCommandStartsEverythingOnce)
+TEST_F(StatsTest, FirstCommandStartsEverythingOnce)
 {
     ASSERT_EQ(set_stats(params(60000), "a"), std::make_pair(0, std::string()));
-    EXPECT_TRUE(logged("stats_collector: Started"));
+    EXPECT_TRUE(wait_logged("stats_collector: Started"));
     EXPECT_TRUE(wait_logged("stats_send: Started '/st','60'"));
     EXPECT_TRUE(logged("heartbeat_register_provider: registered 'status' heartbeat provider"));
     heartbeat_provider *first = heartbeat_providers.load();
@@ -314,7 +338,7 @@ TEST_F(StatsLabTest, FirstCommandStartsEverythingOnce)
 
 // ---- the tick's pace -----------------------------------------------------
 
-TEST_F(StatsLabTest, SamplesEveryFiveTicksAndPeriodsEveryInterval)
+TEST_F(StatsTest, SamplesEveryFiveTicksAndPeriodsEveryInterval)
 {
     stats_clock = counting_clock;
     stats_proc_net_dev = "/nonexistent"; // each sample ends at once
@@ -345,7 +369,7 @@ TEST_F(StatsLabTest, SamplesEveryFiveTicksAndPeriodsEveryInterval)
     EXPECT_EQ(closed_at, (std::vector<unsigned int>{60, 120}));
 }
 
-TEST_F(StatsLabTest, IntervalNotAMultipleOfFiveStillClosesEveryInterval)
+TEST_F(StatsTest, IntervalNotAMultipleOfFiveStillClosesEveryInterval)
 {
     stats_clock = counting_clock;
     stats_proc_net_dev = "/nonexistent";
@@ -369,7 +393,7 @@ TEST_F(StatsLabTest, IntervalNotAMultipleOfFiveStillClosesEveryInterval)
     EXPECT_EQ(samples, 10);
 }
 
-TEST_F(StatsLabTest, TicksBeforeTheFirstCommandOnlyCount)
+TEST_F(StatsTest, TicksBeforeTheFirstCommandOnlyCount)
 {
     stats_clock = counting_clock;
     for (int t = 0; t < 10; t++)
@@ -381,26 +405,21 @@ TEST_F(StatsLabTest, TicksBeforeTheFirstCommandOnlyCount)
 
 // ---- documents and posting -----------------------------------------------
 
-TEST_F(StatsLabTest, SecondCommandKeepsPostingToTheFirstHref)
+TEST_F(StatsTest, SecondCommandKeepsPostingToTheFirstHref)
 {
     stats_proc_net_dev = "/nonexistent";
     ASSERT_EQ(set_stats(params(15000, "/st1"), "a"), std::make_pair(0, std::string()));
     ASSERT_TRUE(wait_logged("stats_send: Started '/st1','15'"));
     ASSERT_EQ(set_stats(params(15000, "/st2"), "b"), std::make_pair(0, std::string()));
-    lab->add_link("/st1", "statistics");
-    lab->add_link("/st2", "statistics");
     for (int t = 1; t <= 15; t++)
         tick();
-    Json got = lab->wait_requests({{"kind", "statistics"}});
-    ASSERT_EQ(json_array_size(got.get()), 1u);
-    EXPECT_EQ(at(got, 0, "path"), "/api/st1");
-    EXPECT_EQ(count({{"path", "/api/st2"}}), 0u);
-    json_t *rec = item(got, 0);
-    json_t *headers = json_object_get(rec, "headers");
-    EXPECT_EQ(json_str(headers, "content-type"), "application/json");
-    EXPECT_EQ(json_str(headers, "authorization").rfind("Bearer ", 0), 0u);
+    ASSERT_EQ(controller->wait_requests("/st").size(), 1u);
+    auto got = controller->requests("/st");
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].path, "/st1");
+    EXPECT_EQ(sent_to("/st2").size(), 0u);
     // Compact, in this order, with the local time and its zone offset.
-    std::string body = at(got, 0, "body");
+    std::string body = got[0].body;
     EXPECT_TRUE(std::regex_match(
         body,
         std::regex(
@@ -408,37 +427,36 @@ TEST_F(StatsLabTest, SecondCommandKeepsPostingToTheFirstHref)
         << body;
 }
 
-TEST_F(StatsLabTest, StatisticsTimeIn2040)
+TEST_F(StatsTest, StatisticsTimeIn2040)
 {
     setenv("TZ", "UTC", 1);
     tzset();
     stats_proc_net_dev = "/nonexistent";
     stats_time = fake_time;
     fake_now = LEAP_DAY_2040;
-    lab->add_link("/st1", "statistics");
     ASSERT_EQ(set_stats(params(15000, "/st1"), "a"), std::make_pair(0, std::string()));
     ASSERT_TRUE(wait_logged("stats_send: Started '/st1','15'"));
     for (int t = 1; t <= 15; t++)
         tick();
-    Json got = lab->wait_requests({{"kind", "statistics"}});
+    auto got = controller->wait_requests("/st1");
     stats_time = time;
-    ASSERT_EQ(json_array_size(got.get()), 1u);
-    EXPECT_EQ(at(got, 0, "body"),
-              R"({"statisticsTime":"2040-02-29T12:34:56+0000","interface":[]})");
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].body, R"({"statisticsTime":"2040-02-29T12:34:56+0000","interface":[]})");
 }
 
-TEST_F(StatsLabTest, DocumentCarriesTheRowsOfThePeriod)
+TEST_F(StatsTest, DocumentCarriesTheRowsOfThePeriod)
 {
     fake_eth0();
     ASSERT_EQ(set_stats(params(15000, "/st1"), "a"), std::make_pair(0, std::string()));
-    lab->add_link("/st1", "statistics");
     ticks_to(4);
     eth0_at(5000, 0, 0);
     ticks_to(9);
     eth0_at(10000, 50000, 10000);
     ticks_to(15);
-    Json got = lab->wait_requests({{"kind", "statistics"}});
-    json_t *doc = json_object_get(item(got, 0), "json");
+    auto got = controller->wait_requests("/st1");
+    ASSERT_EQ(got.size(), 1u);
+    Json posted_doc = json_parse(got[0].body);
+    json_t *doc = posted_doc.get();
     // Tick 15 wakes the collector and the sender together; its sample reads
     // the same time as tick 10's and is ignored, so the period holds the
     // step from tick 5 to tick 10 whichever thread runs first.
@@ -446,47 +464,59 @@ TEST_F(StatsLabTest, DocumentCarriesTheRowsOfThePeriod)
               R"([{"id":"eth0","rx_max":10000,"rx_avg":10000,"tx_max":2000,"tx_avg":2000}])");
 
     // The heartbeat provider now reports the new interface once.
-    json_t *hb = json_object();
-    status_hb_provider(hb, false);
-    EXPECT_EQ(json_text(hb),
+    auto provided = [] {
+        Json hb(json_object());
+        status_hb_provider(hb.get(), false);
+        return json_text(hb.get());
+    };
+    EXPECT_EQ(provided(),
               R"({"interface":[{"id":"eth0","status":"up","speed":"1000","duplex":"full"}]})");
-    json_decref(hb);
-    hb = json_object();
-    status_hb_provider(hb, false);
-    EXPECT_EQ(json_text(hb), "{}");
-    json_decref(hb);
+    EXPECT_EQ(provided(), "{}");
 }
 
-TEST_F(StatsLabTest, WithoutControllerThePostIsSkippedAndCountsAsSuccess)
+TEST_F(StatsTest, WithoutControllerThePostIsSkippedAndCountsAsSuccess)
 {
     ASSERT_EQ(config_get("system", nullptr, "cloud-controller"), std::nullopt);
-    lab->add_link("/st", "statistics");
     EXPECT_EQ(stats_post("/st", "{}", 2), 0);
-    EXPECT_EQ(json_array_size(lab->requests().get()), 0u);
+    EXPECT_TRUE(controller->requests().empty());
 }
 
-TEST_F(StatsLabTest, PostRetriesOnlyARefusedToken)
+TEST_F(StatsTest, PostRetriesOnlyARefusedToken)
 {
     use_controller();
-    lab->add_link("/st", "statistics");
-    lab->script(R"({"path":"/api/st","status":401,"count":1})");
+    controller->answer("/st", 401);
     EXPECT_EQ(stats_post("/st", R"({"a":1})", 7), 0);
-    EXPECT_EQ(count({{"path", "/api/st"}}), 2u);
-    EXPECT_EQ(json_array_size(lab->tokens().get()), 2u);
+    EXPECT_EQ(sent_to("/st").size(), 2u);
+    EXPECT_EQ(sent_to("/oauth/token").size(), 2u);
 
-    lab->script(R"({"path":"/api/st","status":500,"text":"busy"})");
+    controller->answer("/st", 500, "busy");
     EXPECT_EQ(stats_post("/st", R"({"a":1})", 7), 500);
-    EXPECT_EQ(count({{"path", "/api/st"}}), 3u);
+    EXPECT_EQ(sent_to("/st").size(), 3u);
     EXPECT_TRUE(logged("stats_post: err = 500, reply = 'busy'"));
 
-    lab->script(R"({"path":"/api/st","status":401,"text":"no","count":3})");
+    controller->answer("/st", 401, "no", 3);
     EXPECT_EQ(stats_post("/st", R"({"a":1})", 7), 401);
-    EXPECT_EQ(count({{"path", "/api/st"}}), 6u);
+    EXPECT_EQ(sent_to("/st").size(), 6u);
     EXPECT_TRUE(logged("stats_post: err = 401, reply = 'no'"));
 
     // 2xx other than 200 is success too.
-    lab->script(R"({"path":"/api/st","status":204,"text":""})");
+    controller->answer("/st", 204, "");
     EXPECT_EQ(stats_post("/st", R"({"a":1})", 7), 0);
+}
+
+TEST_F(StatsLabTest, DocumentGoesAsJsonWithABearerToken)
+{
+    stats_proc_net_dev = "/nonexistent";
+    lab->add_link("/st1", "statistics");
+    ASSERT_EQ(set_stats(params(15000, "/st1"), "a"), std::make_pair(0, std::string()));
+    ASSERT_TRUE(wait_logged("stats_send: Started '/st1','15'"));
+    for (int t = 1; t <= 15; t++)
+        tick();
+    Json got = lab->wait_requests({{"kind", "statistics"}});
+    ASSERT_EQ(json_array_size(got.get()), 1u);
+    json_t *headers = json_object_get(item(got, 0), "headers");
+    EXPECT_EQ(json_str(headers, "content-type"), "application/json");
+    EXPECT_EQ(json_str(headers, "authorization").rfind("Bearer ", 0), 0u);
 }
 
 // A clock for the documents' "statisticsTime" that tells the periods apart:
@@ -569,7 +599,7 @@ TEST_F(StatsLabTest, SenderDropsAPeriodItCouldNotPostAndGoesOn)
 // A wake-up with no tick behind it (spurious, or a broadcast) neither closes
 // a period nor takes a sample: both threads go back to sleep, and the period
 // closes at its own tick.
-TEST_F(StatsLabTest, WakeUpWithoutATickClosesNoPeriodAndTakesNoSample)
+TEST_F(StatsTest, WakeUpWithoutATickClosesNoPeriodAndTakesNoSample)
 {
     stats_clock = counting_clock;
     stats_proc_net_dev = "/nonexistent";
@@ -597,15 +627,9 @@ TEST_F(StatsLabTest, WakeUpWithoutATickClosesNoPeriodAndTakesNoSample)
 // The period tick that comes while the sender is still posting the previous
 // document is not lost: the sender closes that period as soon as its post
 // returns.
-TEST_F(StatsLabTest, PeriodTickDuringAPostIsNotLost)
+TEST_F(StatsTest, PeriodTickDuringAPostIsNotLost)
 {
-    stats_clock = counting_clock;
-    stats_proc_net_dev = "/nonexistent";
-    stats_poster = recording_poster;
-    hold_posts(true);
-    ASSERT_EQ(set_stats(params(15000), "a"), std::make_pair(0, std::string()));
-    ticks_to(15);
-    ASSERT_TRUE(wait_for([] { return posted() == 1; }));
+    first_post_hangs();
     // The first post hangs; the second period comes due meanwhile.
     ticks_to(30);
     EXPECT_EQ(posted(), 1u);
@@ -618,15 +642,9 @@ TEST_F(StatsLabTest, PeriodTickDuringAPostIsNotLost)
 // Periods that come due while a post hangs make one document once it
 // returns, not one per missed tick, and the pace stays on the interval's
 // ticks afterwards.
-TEST_F(StatsLabTest, PeriodsDueDuringAHangingPostMakeOneDocument)
+TEST_F(StatsTest, PeriodsDueDuringAHangingPostMakeOneDocument)
 {
-    stats_clock = counting_clock;
-    stats_proc_net_dev = "/nonexistent";
-    stats_poster = recording_poster;
-    hold_posts(true);
-    ASSERT_EQ(set_stats(params(15000), "a"), std::make_pair(0, std::string()));
-    ticks_to(15);
-    ASSERT_TRUE(wait_for([] { return posted() == 1; }));
+    first_post_hangs();
     // Ticks 30, 45 and 60 find the sender in its post.
     ticks_to(60);
     long sleeps = thread_sleeps("stats_sender");
@@ -705,30 +723,35 @@ class StatsParseTest : public ::testing::Test
         log_init();
         seen.clear();
     }
-    bool logged(const std::string &line)
+    bool logged(const std::string &line) { return testkit::logged(root, line); }
+
+    // Parses text with `parse` through a control array of these (label,
+    // handler) entries closed by one whose handler is `rest`; the count.
+    using Entry = std::pair<const char *, stats_parser_func_t>;
+    static int parse_with(int (*parse)(char *, stats_parser_t *), std::string text,
+                          const std::vector<Entry> &entries, stats_parser_func_t rest = nullptr)
     {
-        auto m = log_messages(root.at("/rw/orkad.log"));
-        return std::find(m.begin(), m.end(), line) != m.end();
+        std::vector<stats_parser_t> ctrl;
+        for (const Entry &e : entries)
+            ctrl.push_back({0, e.first, e.second, nullptr, nullptr});
+        ctrl.push_back({0, nullptr, rest, nullptr, nullptr});
+        return parse(text.data(), ctrl.data());
     }
 };
 
 TEST_F(StatsParseTest, KeyValueLinesCountTheirMatches)
 {
-    char buf[] = "a=1\nb=2\nno equals here\nc=3";
-    stats_parser_t ctrl[] = {{0, "a", record, nullptr, nullptr},
-                             {0, "c", record, nullptr, nullptr},
-                             {0, nullptr, nullptr, nullptr, nullptr}};
-    EXPECT_EQ(stats_parse_buf(buf, ctrl), 2);
+    EXPECT_EQ(parse_with(stats_parse_buf, "a=1\nb=2\nno equals here\nc=3",
+                         {{"a", record}, {"c", record}}),
+              2);
     EXPECT_EQ(seen, (std::vector<std::string>{"a=1", "c=3"}));
 }
 
 TEST_F(StatsParseTest, TerminatorTakesUnknownKeysAndFailuresAreLogged)
 {
-    char buf[] = "a=1\nb=x=y\nz=\nc=3\n";
-    stats_parser_t ctrl[] = {{0, "a", record, nullptr, nullptr},
-                             {0, "c", refuse, nullptr, nullptr},
-                             {0, nullptr, record, nullptr, nullptr}};
-    EXPECT_EQ(stats_parse_buf(buf, ctrl), 3);
+    EXPECT_EQ(parse_with(stats_parse_buf, "a=1\nb=x=y\nz=\nc=3\n", {{"a", record}, {"c", refuse}},
+                         record),
+              3);
     // Cut at the first equals sign only.
     EXPECT_EQ(seen, (std::vector<std::string>{"a=1", "*=x=y", "*="}));
     EXPECT_TRUE(logged("stats_parse_buf: match func failed for <c> val <3>"));
@@ -748,40 +771,31 @@ TEST_F(StatsParseTest, NullInputsAreRefused)
 
 TEST_F(StatsParseTest, LabelsCutValuesStandingBeforeThem)
 {
-    char line[] = "54 Mb/s rate 12 dBm signal";
-    stats_parser_t ctrl[] = {{0, " Mb/s", record, nullptr, nullptr},
-                             {0, " rate ", nullptr, nullptr, nullptr},
-                             {0, " dBm", record, nullptr, nullptr},
-                             {0, nullptr, nullptr, nullptr, nullptr}};
-    EXPECT_EQ(stats_parse_line(line, ctrl), 3);
+    EXPECT_EQ(parse_with(stats_parse_line, "54 Mb/s rate 12 dBm signal",
+                         {{" Mb/s", record}, {" rate ", nullptr}, {" dBm", record}}),
+              3);
     EXPECT_EQ(seen, (std::vector<std::string>{" Mb/s=54", " dBm=12"}));
 }
 
 TEST_F(StatsParseTest, MissingLabelTakesTheRestAndStopsTheWalk)
 {
-    char line[] = "10 rx 20";
-    stats_parser_t ctrl[] = {{0, " rx ", record, nullptr, nullptr},
-                             {0, " tx", record, nullptr, nullptr},
-                             {0, " never", record, nullptr, nullptr},
-                             {0, nullptr, nullptr, nullptr, nullptr}};
-    EXPECT_EQ(stats_parse_line(line, ctrl), 2);
+    EXPECT_EQ(parse_with(stats_parse_line, "10 rx 20",
+                         {{" rx ", record}, {" tx", record}, {" never", record}}),
+              2);
     EXPECT_EQ(seen, (std::vector<std::string>{" rx =10", " tx=20"}));
 }
 
 TEST_F(StatsParseTest, FailingHandlerStopsTheWalkUncounted)
 {
-    char line[] = "1 a 2 b 3 c";
-    stats_parser_t ctrl[] = {{0, " a", record, nullptr, nullptr},
-                             {0, " b", refuse, nullptr, nullptr},
-                             {0, " c", record, nullptr, nullptr},
-                             {0, nullptr, nullptr, nullptr, nullptr}};
-    EXPECT_EQ(stats_parse_line(line, ctrl), 1);
+    EXPECT_EQ(parse_with(stats_parse_line, "1 a 2 b 3 c",
+                         {{" a", record}, {" b", refuse}, {" c", record}}),
+              1);
     EXPECT_EQ(seen, (std::vector<std::string>{" a=1"}));
 }
 
 // ---- the debug dump --------------------------------------------------------
 
-TEST_F(StatsLabTest, DebugDumpShowsTheStream)
+TEST_F(StatsTest, DebugDumpShowsTheStream)
 {
     stats_proc_net_dev = "/nonexistent";
     ASSERT_EQ(set_stats(params(20000, "/st"), "a"), std::make_pair(0, std::string()));

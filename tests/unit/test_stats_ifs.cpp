@@ -591,6 +591,24 @@ class StatsRowsTest : public StatsIfsTest
                 return i;
         return -1;
     }
+    // A statistics document, made and dropped: the pass that reads the
+    // attributes and marks their changes.
+    void document()
+    {
+        Json doc(json_object());
+        ASSERT_EQ(stats_interfaces(doc.get()), 0);
+    }
+    // What the heartbeat provider adds to an empty heartbeat.
+    std::string heartbeat(bool last_failed = false)
+    {
+        Json hb(json_object());
+        stats_hb_if(hb.get(), last_failed);
+        return text_of(hb.get());
+    }
+    static std::string interfaces(const std::string &array)
+    {
+        return R"({"interface":)" + array + "}";
+    }
 };
 
 TEST_F(StatsRowsTest, ReadsStatusSpeedDuplexAndMarksChanges)
@@ -772,36 +790,23 @@ TEST_F(StatsRowsTest, HeartbeatReportsChangesOnce)
     two_rows();
     attrs("eth0", "up", "1000", "full");
     attrs("eth1", "down");
-    json_t *doc = json_object();
-    ASSERT_EQ(stats_interfaces(doc), 0);
-    json_decref(doc);
+    document();
 
-    json_t *hb = json_object();
-    stats_hb_if(hb, false);
     std::string a = R"({"id":"eth0","status":"up","speed":"1000","duplex":"full"})";
     std::string b = R"({"id":"eth1","status":"down"})";
     std::string expected = row("eth0") == 0 ? "[" + a + "," + b + "]" : "[" + b + "," + a + "]";
-    EXPECT_EQ(text_of(json_object_get(hb, "interface")), expected);
-    json_decref(hb);
+    EXPECT_EQ(heartbeat(), interfaces(expected));
     for (int i = 0; i < num_stats; i++)
         EXPECT_EQ(stats[i].ifs.flags & 0xff, 0);
 
     // Nothing changed since: no member at all.
-    hb = json_object();
-    stats_hb_if(hb, false);
-    EXPECT_EQ(text_of(hb), "{}");
-    json_decref(hb);
+    EXPECT_EQ(heartbeat(), "{}");
 
     // eth0 goes down: only its status is new.
     attrs("eth0", "down");
-    doc = json_object();
-    ASSERT_EQ(stats_interfaces(doc), 0);
-    json_decref(doc);
-    hb = json_object();
-    stats_hb_if(hb, false);
+    document();
     // Speed and duplex were emptied without a change bit: only the status.
-    EXPECT_EQ(text_of(json_object_get(hb, "interface")), R"([{"id":"eth0","status":"down"}])");
-    json_decref(hb);
+    EXPECT_EQ(heartbeat(), interfaces(R"([{"id":"eth0","status":"down"}])"));
 }
 
 TEST_F(StatsRowsTest, HeartbeatAfterAFailedOneRepeatsItsChanges)
@@ -810,49 +815,29 @@ TEST_F(StatsRowsTest, HeartbeatAfterAFailedOneRepeatsItsChanges)
     int r = row("eth1");
     attrs("eth0", "up", "1000", "full");
     attrs("eth1", "up", "100", "half");
-    json_t *doc = json_object();
-    ASSERT_EQ(stats_interfaces(doc), 0);
-    json_decref(doc);
-    json_t *hb = json_object();
-    stats_hb_if(hb, false);
-    json_decref(hb);
+    document();
+    heartbeat();
 
     // A change goes out with a heartbeat that then fails...
     attrs("eth1", "down");
-    doc = json_object();
-    ASSERT_EQ(stats_interfaces(doc), 0);
-    json_decref(doc);
-    hb = json_object();
-    stats_hb_if(hb, false);
-    EXPECT_EQ(text_of(json_object_get(hb, "interface")), R"([{"id":"eth1","status":"down"}])");
-    json_decref(hb);
+    document();
+    EXPECT_EQ(heartbeat(), interfaces(R"([{"id":"eth1","status":"down"}])"));
     EXPECT_EQ(stats[r].ifs.flags, 0x0100);
 
     // ...and a second change comes before the next one, which follows the
     // failure: both are in it.
     attrs("eth0", "up", "100", "full");
-    doc = json_object();
-    ASSERT_EQ(stats_interfaces(doc), 0);
-    json_decref(doc);
-    hb = json_object();
-    stats_hb_if(hb, true);
+    document();
     std::string a = R"({"id":"eth0","speed":"100"})";
     std::string b = R"({"id":"eth1","status":"down"})";
     std::string expected = row("eth0") == 0 ? "[" + a + "," + b + "]" : "[" + b + "," + a + "]";
-    EXPECT_EQ(text_of(json_object_get(hb, "interface")), expected);
-    json_decref(hb);
+    EXPECT_EQ(heartbeat(true), interfaces(expected));
 
     // Failed again: the same again.
-    hb = json_object();
-    stats_hb_if(hb, true);
-    EXPECT_EQ(text_of(json_object_get(hb, "interface")), expected);
-    json_decref(hb);
+    EXPECT_EQ(heartbeat(true), interfaces(expected));
 
     // That one went through: the next has nothing to repeat.
-    hb = json_object();
-    stats_hb_if(hb, false);
-    EXPECT_EQ(text_of(hb), "{}");
-    json_decref(hb);
+    EXPECT_EQ(heartbeat(), "{}");
 }
 
 TEST_F(StatsRowsTest, ChangeBitsStayWithTheRowPosition)
@@ -862,12 +847,8 @@ TEST_F(StatsRowsTest, ChangeBitsStayWithTheRowPosition)
     two_rows();
     attrs("eth0", "up", "1000", "full");
     attrs("eth1", "up", "1000", "full");
-    json_t *doc = json_object();
-    ASSERT_EQ(stats_interfaces(doc), 0);
-    json_decref(doc);
-    json_t *hb = json_object();
-    stats_hb_if(hb, false);
-    json_decref(hb);
+    document();
+    heartbeat();
     // The first row's interface is not sampled in the next period: the
     // other moves into position 0 and, with the same attributes, shows no
     // change.
@@ -876,13 +857,8 @@ TEST_F(StatsRowsTest, ChangeBitsStayWithTheRowPosition)
     calc_stats_for_interfaces();
     ASSERT_EQ(num_stats, 1);
     EXPECT_EQ(std::string(stats[0].ifname), second);
-    doc = json_object();
-    ASSERT_EQ(stats_interfaces(doc), 0);
-    json_decref(doc);
-    hb = json_object();
-    stats_hb_if(hb, false);
-    EXPECT_EQ(text_of(hb), "{}");
-    json_decref(hb);
+    document();
+    EXPECT_EQ(heartbeat(), "{}");
 }
 
 // ---- bad counter input ---------------------------------------------------

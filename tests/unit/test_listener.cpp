@@ -119,7 +119,7 @@ std::string sized_message(size_t len)
     return head + std::string(len - head.size() - tail.size(), 'x') + tail;
 }
 
-class ListenerTest : public LogTest
+class ListenerTest : public LoggedTest
 {
   protected:
     // A datagram socket bound at path, its address in a; -1 when it cannot

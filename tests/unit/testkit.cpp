@@ -712,22 +712,22 @@ CannedController::wait_answers(const std::string *id, size_t count, int timeout_
     return out;
 }
 
-void LogTest::SetUp()
+void LoggedTest::SetUp()
 {
     log_init();
 }
 
-std::string LogTest::log_text() const
+std::string LoggedTest::log_text() const
 {
     return read_file(root.at("/rw/orkad.log"));
 }
 
-std::vector<std::string> LogTest::messages() const
+std::vector<std::string> LoggedTest::messages() const
 {
     return log_messages(root.at("/rw/orkad.log"));
 }
 
-int LogTest::count(const std::string &line) const
+int LoggedTest::count(const std::string &line) const
 {
     int n = 0;
     for (const std::string &m : messages())
@@ -735,7 +735,7 @@ int LogTest::count(const std::string &line) const
     return n;
 }
 
-bool LogTest::wait_logged(const std::string &line) const
+bool LoggedTest::wait_logged(const std::string &line) const
 {
     return wait_for([&] { return logged(line); });
 }
@@ -743,12 +743,12 @@ bool LogTest::wait_logged(const std::string &line) const
 void DeviceTest::SetUp()
 {
     ASSERT_TRUE(root.build());
-    LogTest::SetUp();
+    LoggedTest::SetUp();
 }
 
 void SignalTest::SetUp()
 {
-    LogTest::SetUp();
+    LoggedTest::SetUp();
     signals_init();
 }
 

@@ -49,7 +49,7 @@ bool thread_asleep(pid_t tid);
 
 // A device root with the main log open: where the tests of the base's
 // modules start, and the lines they look for in that log.
-class LogTest : public ::testing::Test
+class LoggedTest : public ::testing::Test
 {
   protected:
     DeviceRoot root;
@@ -64,17 +64,17 @@ class LogTest : public ::testing::Test
     bool wait_logged(const std::string &line) const;
 };
 
-// LogTest on a device root built the way the lab builds a switch's
+// LoggedTest on a device root built the way the lab builds a switch's
 // (DeviceRoot::build).
-class DeviceTest : public LogTest
+class DeviceTest : public LoggedTest
 {
   protected:
     void SetUp() override;
 };
 
-// LogTest with the signal table made too, before any thread, as in the
+// LoggedTest with the signal table made too, before any thread, as in the
 // daemon.
-class SignalTest : public LogTest
+class SignalTest : public LoggedTest
 {
   protected:
     void SetUp() override;

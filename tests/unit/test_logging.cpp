@@ -592,29 +592,21 @@ TEST_F(LoggingTest, IntervalLimits)
 
 TEST_F(LoggingTest, SetLoggingMessages)
 {
-    struct {
-        const char *params;
-        const char *message;
-    } cases[] = {
-        {R"("x")", "missing or invalid 'params' element"},
-        {R"({"serviceLink":{"href":"/s"}})", "missing or invalid 'interval' element in params"},
-        {R"({"interval":"5000","serviceLink":{"href":"/s"}})",
-         "missing or invalid 'interval' element in params"},
-        {R"({"interval":5000,"priority":{"level":3},"serviceLink":{"href":"/s"}})",
-         "invalid 'priority' element in params"},
-        {R"({"interval":5000})", "missing or invalid 'serviceLink' element in params"},
-        {R"({"interval":5000,"serviceLink":"/s"})",
-         "missing or invalid 'serviceLink' element in params"},
-        {R"({"interval":5000,"serviceLink":{"href":5}})",
-         "missing or invalid 'href' element in params"},
-    };
-    int n = 0;
-    for (auto &c : cases) {
-        std::string id = "m" + std::to_string(n++);
-        EXPECT_EQ(set_logging(c.params, id.c_str()), std::make_pair(-1, std::string(c.message)))
-            << c.params;
-        EXPECT_TRUE(logged(std::string("set.logging: ") + c.message)) << c.message;
-    }
+    int n = expect_refusals(
+        cmd_set_logging, "set", "logging",
+        {
+            {R"("x")", "missing or invalid 'params' element"},
+            {R"({"serviceLink":{"href":"/s"}})", "missing or invalid 'interval' element in params"},
+            {R"({"interval":"5000","serviceLink":{"href":"/s"}})",
+             "missing or invalid 'interval' element in params"},
+            {R"({"interval":5000,"priority":{"level":3},"serviceLink":{"href":"/s"}})",
+             "invalid 'priority' element in params"},
+            {R"({"interval":5000})", "missing or invalid 'serviceLink' element in params"},
+            {R"({"interval":5000,"serviceLink":"/s"})",
+             "missing or invalid 'serviceLink' element in params"},
+            {R"({"interval":5000,"serviceLink":{"href":5}})",
+             "missing or invalid 'href' element in params"},
+        });
     EXPECT_FALSE(logging_stream.enabled);
     EXPECT_EQ(logging_stream.id, -1);
     // Nothing reached the switch.

@@ -171,6 +171,13 @@ class AgentTest : public ::testing::Test
 
     std::vector<std::string> main_log() { return log_messages(root.at("/rw/orkad.log")); }
     bool logged(const std::string &line) { return testkit::logged(root, line); }
+    // Whether a line of the main log starts with prefix.
+    bool logged_prefix(const std::string &prefix)
+    {
+        auto m = main_log();
+        return std::any_of(m.begin(), m.end(),
+                           [&](const std::string &l) { return l.rfind(prefix, 0) == 0; });
+    }
     size_t count_logged(const std::string &line)
     {
         auto m = main_log();

@@ -14,11 +14,6 @@ using namespace agent_test;
 namespace
 {
 
-unsigned int no_switch_wait(unsigned int)
-{
-    return 0;
-}
-
 class UpdatesLabTest : public AgentLabTest
 {
   protected:
@@ -33,7 +28,7 @@ class UpdatesLabTest : public AgentLabTest
         developer_build = false;
         updates_sleep = record_wait;
         // The simulated switch does not go down on a reload: no minute's wait.
-        icos_openapi_sleep = no_switch_wait;
+        icos_openapi_sleep = no_sleep;
         lab->add_link("/response/t", "response");
     }
 
@@ -58,12 +53,6 @@ class UpdatesLabTest : public AgentLabTest
     void fail_installer(int status)
     {
         write_file(root.at("/etc/varnex-updates.fail"), std::to_string(status) + "\n");
-    }
-    bool logged_prefix(const std::string &prefix)
-    {
-        auto log = main_log();
-        return std::any_of(log.begin(), log.end(),
-                           [&](const std::string &l) { return l.rfind(prefix, 0) == 0; });
     }
     std::string first_query()
     {

@@ -33,11 +33,6 @@ int fake_settimeofday(const struct timeval *tv, const struct timezone *)
     return clock_result;
 }
 
-unsigned int updates_no_wait(unsigned int)
-{
-    return 0;
-}
-
 class PhoneHomeLabTest : public AgentLabTest
 {
   protected:
@@ -46,19 +41,13 @@ class PhoneHomeLabTest : public AgentLabTest
         AgentTest::SetUp();
         phone_home_sleep = record_wait;
         phone_home_settimeofday = fake_settimeofday;
-        updates_sleep = updates_no_wait;
+        updates_sleep = no_sleep;
         mgmt_ifname = loopback;
         home_site = lab->base_url;
     }
 
     void answer(const std::string &setting) { lab->call("POST", "/phone-home", setting); }
     Json queries() { return lab->requests({{"kind", "phone_home"}}); }
-    bool logged_prefix(const std::string &prefix)
-    {
-        auto log = main_log();
-        return std::any_of(log.begin(), log.end(),
-                           [&](const std::string &l) { return l.rfind(prefix, 0) == 0; });
-    }
     size_t tokens() { return json_array_size(lab->tokens().get()); }
 };
 

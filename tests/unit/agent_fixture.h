@@ -142,6 +142,28 @@ class AgentTest : public ::testing::Test
         return answer_for(id);
     }
 
+    // A command's answers to params it cannot take: each case runs under an
+    // id of its own ("m0", "m1", ...), is answered -1 with its message and
+    // logs "<action>.<context>: <message>". How many ran.
+    struct Refusal {
+        const char *params;
+        const char *message;
+    };
+    int expect_refusals(cmd_fn fn, const char *action, const char *context,
+                        const std::vector<Refusal> &cases)
+    {
+        std::string name = std::string(action) + "." + context;
+        int n = 0;
+        for (auto &c : cases) {
+            std::string id = "m" + std::to_string(n++);
+            EXPECT_EQ(run_command(fn, action, context, id, c.params),
+                      std::make_pair(-1, std::string(c.message)))
+                << c.params;
+            EXPECT_TRUE(logged(name + ": " + c.message)) << c.message;
+        }
+        return n;
+    }
+
     std::string setting(const char *property)
     {
         return config_get("system", nullptr, property).value_or("<none>");
@@ -149,6 +171,13 @@ class AgentTest : public ::testing::Test
 
     std::vector<std::string> main_log() { return log_messages(root.at("/rw/orkad.log")); }
     bool logged(const std::string &line) { return testkit::logged(root, line); }
+    // Whether a line of the main log starts with prefix.
+    bool logged_prefix(const std::string &prefix)
+    {
+        auto m = main_log();
+        return std::any_of(m.begin(), m.end(),
+                           [&](const std::string &l) { return l.rfind(prefix, 0) == 0; });
+    }
     size_t count_logged(const std::string &line)
     {
         auto m = main_log();

@@ -14,12 +14,7 @@ using namespace agent_test;
 namespace
 {
 
-unsigned int no_switch_wait(unsigned int)
-{
-    return 0;
-}
-
-class UpdatesLabTest : public AgentLabTest
+class UpdatesTest : public AgentTest
 {
   protected:
     void SetUp() override
@@ -33,8 +28,16 @@ class UpdatesLabTest : public AgentLabTest
         developer_build = false;
         updates_sleep = record_wait;
         // The simulated switch does not go down on a reload: no minute's wait.
-        icos_openapi_sleep = no_switch_wait;
-        lab->add_link("/response/t", "response");
+        icos_openapi_sleep = no_sleep;
+        if (lab)
+            lab->add_link("/response/t", "response");
+    }
+
+    // The controller's answer when the device runs the firmware on offer.
+    void up_to_date() { controller->answer("/current-firmware", 200, R"({"currentFirmware":{}})"); }
+    std::vector<CannedController::Request> checks()
+    {
+        return controller->requests("/current-firmware");
     }
 
     // A tar archive made by the system's tar, inside this test's own root
@@ -59,15 +62,12 @@ class UpdatesLabTest : public AgentLabTest
     {
         write_file(root.at("/etc/varnex-updates.fail"), std::to_string(status) + "\n");
     }
-    bool logged_prefix(const std::string &prefix)
-    {
-        auto log = main_log();
-        return std::any_of(log.begin(), log.end(),
-                           [&](const std::string &l) { return l.rfind(prefix, 0) == 0; });
-    }
     std::string first_query()
     {
-        return at(lab->requests({{"kind", "current_firmware"}}), 0, "query");
+        if (lab)
+            return at(lab->requests({{"kind", "current_firmware"}}), 0, "query");
+        auto c = checks();
+        return c.empty() ? "<no query>" : c[0].url.substr(c[0].url.find('?') + 1);
     }
     std::vector<std::string> installs() { return lines_of(read_file(root.at("/rw/updates.log"))); }
     void run_set_firmware(const char *command)
@@ -77,9 +77,16 @@ class UpdatesLabTest : public AgentLabTest
     }
 };
 
+// Headers on the wire and the image download need the real server.
+class UpdatesLabTest : public UpdatesTest
+{
+  protected:
+    bool with_lab() override { return true; }
+};
+
 } // namespace
 
-TEST_F(UpdatesLabTest, RegistersSetFirmware)
+TEST_F(UpdatesTest, RegistersSetFirmware)
 {
     auto_updates();
     EXPECT_TRUE(logged("registered 'set.firmware' command handler"));
@@ -99,47 +106,49 @@ TEST_F(UpdatesLabTest, UpToDateMeansNoDownload)
     EXPECT_FALSE(file_exists(root.at("/tmp/updates.tar")));
 }
 
-TEST_F(UpdatesLabTest, BootBankOneSendsTheSecondaryVersion)
+TEST_F(UpdatesTest, BootBankOneSendsTheSecondaryVersion)
 {
     use_controller();
     snprintf(env_boot, sizeof(env_boot), "1");
+    up_to_date();
     EXPECT_EQ(check_updates(), 0);
     EXPECT_EQ(first_query(), "serial_number=VX0123456789&firmware_version=1.0.0.2");
 }
 
-TEST_F(UpdatesLabTest, NoControllerIsAFailureWithoutARequest)
+TEST_F(UpdatesTest, NoControllerIsAFailureWithoutARequest)
 {
     EXPECT_EQ(check_updates(), -1);
-    EXPECT_EQ(count({}), 0u);
+    EXPECT_EQ(controller->requests().size(), 0u);
 }
 
-TEST_F(UpdatesLabTest, RepliesThatCannotBeUsed)
+TEST_F(UpdatesTest, RepliesThatCannotBeUsed)
 {
     use_controller();
-    lab->script(R"({"path":"/api/current-firmware","body":{"firmware":{}}})");
+    controller->answer("/current-firmware", 200, R"({"firmware":{}})");
     EXPECT_EQ(check_updates(), -1);
     EXPECT_TRUE(logged("check_updates: missing or invalid 'currentFirmware' object"));
 
-    lab->script(R"({"path":"/api/current-firmware","body":{"currentFirmware":"2.0"}})");
+    controller->answer("/current-firmware", 200, R"({"currentFirmware":"2.0"})");
     EXPECT_EQ(check_updates(), -1);
     EXPECT_EQ(count_logged("check_updates: missing or invalid 'currentFirmware' object"), 2u);
 
-    lab->script(R"({"path":"/api/current-firmware","text":"{\"currentFirmware\":"})");
+    controller->answer("/current-firmware", 200, R"({"currentFirmware":)");
     EXPECT_EQ(check_updates(), -1);
     EXPECT_TRUE(logged_prefix("check_updates: error decoding auto-updates data: "));
 
-    lab->script(R"({"path":"/api/current-firmware","body":{"currentFirmware":{"download":{}}}})");
+    controller->answer("/current-firmware", 200, R"({"currentFirmware":{"download":{}}})");
     EXPECT_EQ(check_updates(), -1);
     EXPECT_TRUE(logged("check_updates: missing or invalid 'href' element in 'download' object"));
 
     // A download that is not an object: nothing to fetch.
-    lab->script(R"({"path":"/api/current-firmware","body":{"currentFirmware":{"download":"x"}}})");
+    controller->answer("/current-firmware", 200, R"({"currentFirmware":{"download":"x"}})");
     EXPECT_EQ(check_updates(), 0);
 
     // An HTTP failure comes back as it is.
-    lab->script(R"({"path":"/api/current-firmware","status":503})");
+    controller->answer("/current-firmware", 503, "");
     EXPECT_EQ(check_updates(), 503);
-    EXPECT_EQ(count({{"kind", "firmware_image"}}), 0u);
+    // Only the six checks: no image was asked for.
+    EXPECT_EQ(controller->requests().size(), 6u);
 }
 
 TEST_F(UpdatesLabTest, OfferedImageIsInstalledAndTheSwitchReloaded)
@@ -193,13 +202,15 @@ TEST_F(UpdatesLabTest, ImageThatIsNoArchiveIsRefusedByTheInstaller)
     EXPECT_FALSE(switch_reloaded());
 }
 
-TEST_F(UpdatesLabTest, RetryDelaysGrowByFiveMinutesUpToAnHour)
+TEST_F(UpdatesTest, RetryDelaysGrowByFiveMinutesUpToAnHour)
 {
     // No controller: every check fails until the fourteenth wait brings one.
     at_wait = [this](size_t n) {
         EXPECT_TRUE(deferred_running);
-        if (n == 14)
+        if (n == 14) {
+            up_to_date();
             use_controller();
+        }
     };
     deferred_updates(&deferred_running, nullptr, nullptr);
     std::vector<unsigned int> minutes;
@@ -210,10 +221,10 @@ TEST_F(UpdatesLabTest, RetryDelaysGrowByFiveMinutesUpToAnHour)
     for (unsigned int s : waits)
         EXPECT_EQ(s % 60, 0u);
     EXPECT_FALSE(deferred_running);
-    EXPECT_EQ(count({{"kind", "current_firmware"}}), 1u);
+    EXPECT_EQ(checks().size(), 1u);
 }
 
-TEST_F(UpdatesLabTest, RetryDelaysAcross2038AreTheSameAsBefore)
+TEST_F(UpdatesTest, RetryDelaysAcross2038AreTheSameAsBefore)
 {
     setenv("TZ", "UTC", 1);
     tzset();
@@ -221,7 +232,8 @@ TEST_F(UpdatesLabTest, RetryDelaysAcross2038AreTheSameAsBefore)
     // 2038-01-19T00:00:00Z, so the retries cross the end of 32-bit time.
     use_controller();
     // Fourteen replies that cannot be used, then the lab's own: up to date.
-    lab->script(R"({"path":"/api/current-firmware","body":{"firmware":{}},"count":14})");
+    controller->answer("/current-firmware", 200, R"({"firmware":{}})", 14);
+    up_to_date();
     log_clock = fake_time;
     const time_t start = Y2038_0300 - 3 * 3600;
     fake_now = start;
@@ -336,39 +348,44 @@ TEST_F(UpdatesLabTest, StartsAtTheSameMomentMakeOneRetryThread)
     EXPECT_TRUE(wait_logged("thread_run: thread 'deferred_updates' terminated!"));
 }
 
-TEST_F(UpdatesLabTest, SetFirmwareAnswersFirstThenChecks)
+TEST_F(UpdatesTest, SetFirmwareAnswersFirstThenChecks)
 {
     use_controller();
+    up_to_date();
     run_set_firmware(R"({"action":"set","context":"firmware","id":"fw-1"})");
-    Json res = lab->wait_results({{"command_id", "fw-1"}});
-    ASSERT_EQ(json_array_size(res.get()), 1u);
-    EXPECT_EQ(json_integer_value(json_object_get(item(res, 0), "code")), 0);
-    EXPECT_EQ(at(res, 0, "message"), "");
-    Json check = lab->requests({{"kind", "current_firmware"}});
-    ASSERT_EQ(json_array_size(check.get()), 1u);
-    EXPECT_LT(json_integer_value(json_object_get(item(res, 0), "request")),
-              json_integer_value(json_object_get(item(check, 0), "seq")));
+    auto res = controller->wait_answers("fw-1");
+    ASSERT_EQ(res.size(), 1u);
+    EXPECT_EQ(res[0].code, 0);
+    EXPECT_EQ(res[0].message, "");
+    ASSERT_EQ(checks().size(), 1u);
+    // The answer came in before the check.
+    std::vector<std::string> order;
+    for (auto &r : controller->requests())
+        if (r.path != "/oauth/token")
+            order.push_back(r.path);
+    EXPECT_EQ(order, (std::vector<std::string>{"/response/t", "/current-firmware"}));
     EXPECT_FALSE(logged("starting deferred_updates"));
 }
 
-TEST_F(UpdatesLabTest, SetFirmwareWithoutIdChecksNothing)
+TEST_F(UpdatesTest, SetFirmwareWithoutIdChecksNothing)
 {
     use_controller();
     run_set_firmware(R"({"action":"set","context":"firmware"})");
-    Json res = lab->wait_results({});
-    ASSERT_EQ(json_array_size(res.get()), 1u);
-    EXPECT_EQ(json_integer_value(json_object_get(item(res, 0), "code")), -1);
-    EXPECT_EQ(at(res, 0, "message"), "missing or invalid 'id' element in command");
+    auto res = controller->wait_answers();
+    ASSERT_EQ(res.size(), 1u);
+    EXPECT_EQ(res[0].code, -1);
+    EXPECT_EQ(res[0].message, "missing or invalid 'id' element in command");
     EXPECT_TRUE(logged("set.firmware: missing or invalid 'id' element in command"));
-    EXPECT_EQ(count({{"kind", "current_firmware"}}), 0u);
+    EXPECT_EQ(checks().size(), 0u);
 }
 
-TEST_F(UpdatesLabTest, SetFirmwareStartsTheRetriesWhenTheCheckFails)
+TEST_F(UpdatesTest, SetFirmwareStartsTheRetriesWhenTheCheckFails)
 {
     use_controller();
     // Three failing answers: the command's own check, then the retry
     // thread's first two; its third check finds the firmware up to date.
-    lab->script(R"({"path":"/api/current-firmware","count":3,"body":{}})");
+    controller->answer("/current-firmware", 200, "{}", 3);
+    up_to_date();
     run_set_firmware(R"({"action":"set","context":"firmware","id":"fw-2"})");
     EXPECT_TRUE(logged("check_updates: missing or invalid 'currentFirmware' object"));
     EXPECT_TRUE(logged("starting deferred_updates"));
@@ -379,29 +396,30 @@ TEST_F(UpdatesLabTest, SetFirmwareStartsTheRetriesWhenTheCheckFails)
         std::lock_guard<std::mutex> hold(waits_lock);
         EXPECT_EQ(waits, (std::vector<unsigned int>{300, 600}));
     }
-    EXPECT_EQ(count({{"kind", "current_firmware"}}), 4u);
+    EXPECT_EQ(checks().size(), 4u);
 }
 
-TEST_F(UpdatesLabTest, DeveloperBuildNeverUpdates)
+TEST_F(UpdatesTest, DeveloperBuildNeverUpdates)
 {
     use_controller();
     developer_build = true;
     const int slots = next_thread;
     run_set_firmware(R"({"action":"set","context":"firmware","id":"fw-3"})");
-    Json res = lab->wait_results({{"command_id", "fw-3"}});
-    EXPECT_EQ(json_integer_value(json_object_get(item(res, 0), "code")), 0);
+    auto res = controller->wait_answers("fw-3");
+    ASSERT_EQ(res.size(), 1u);
+    EXPECT_EQ(res[0].code, 0);
     // The handler has returned and started no thread: nothing is left that
     // could still ask.
     EXPECT_EQ(next_thread, slots);
     EXPECT_FALSE(deferred_running);
-    EXPECT_EQ(count({{"kind", "current_firmware"}}), 0u);
+    EXPECT_EQ(checks().size(), 0u);
 }
 
-TEST_F(UpdatesLabTest, DeeplyNestedReplyIsADecodingError)
+TEST_F(UpdatesTest, DeeplyNestedReplyIsADecodingError)
 {
     use_controller();
     const std::string deep = std::string(3000, '{') + std::string(3000, '}');
-    lab->script(R"({"path":"/api/current-firmware","text":")" + deep + "\"}");
+    controller->answer("/current-firmware", 200, deep);
     EXPECT_EQ(check_updates(), -1);
     EXPECT_TRUE(logged("check_updates: error decoding auto-updates data: maximum parsing depth "
                        "reached"));

@@ -22,7 +22,7 @@ namespace
 
 char loopback[] = "lo";
 
-class HeartbeatLabTest : public AgentLabTest
+class HeartbeatTest : public AgentTest
 {
   protected:
     void SetUp() override
@@ -30,7 +30,8 @@ class HeartbeatLabTest : public AgentLabTest
         AgentTest::SetUp();
         // A management interface with an address every machine has.
         mgmt_ifname = loopback;
-        lab->add_link("/response/t", "response");
+        if (lab)
+            lab->add_link("/response/t", "response");
     }
 
     // Runs set.heartbeat with these params; returns (code, message) as posted.
@@ -40,7 +41,27 @@ class HeartbeatLabTest : public AgentLabTest
     }
 
     Json heartbeats() { return lab->requests({{"kind", "heartbeat"}}); }
-    std::string body(size_t i) { return at(heartbeats(), i, "body"); }
+    // The body of the i-th heartbeat post.
+    std::string body(size_t i)
+    {
+        if (lab)
+            return at(heartbeats(), i, "body");
+        auto posts = controller->requests("/heartbeat");
+        return i < posts.size() ? posts[i].body : "<no post>";
+    }
+    size_t heartbeat_posts()
+    {
+        return lab ? json_array_size(heartbeats().get())
+                   : controller->requests("/heartbeat").size();
+    }
+};
+
+// Headers on the wire, tokens the lab revokes, commands it queues and its
+// timed scripts need the real server.
+class HeartbeatLabTest : public HeartbeatTest
+{
+  protected:
+    bool with_lab() override { return true; }
 };
 
 std::string params(long long ms, const std::string &href = "/hb")
@@ -52,7 +73,7 @@ std::string params(long long ms, const std::string &href = "/hb")
 
 // ---- set.heartbeat -----------------------------------------------------
 
-TEST_F(HeartbeatLabTest, IntervalLimitsOfSetHeartbeat)
+TEST_F(HeartbeatTest, IntervalLimitsOfSetHeartbeat)
 {
     EXPECT_EQ(set_heartbeat(params(999), "a"),
               std::make_pair(-1, std::string("heartbeat interval out of range")));
@@ -71,7 +92,7 @@ TEST_F(HeartbeatLabTest, IntervalLimitsOfSetHeartbeat)
     EXPECT_STREQ(heartbeat_link, "/sixty");
 }
 
-TEST_F(HeartbeatLabTest, SetHeartbeatLogsToSyslog)
+TEST_F(HeartbeatTest, SetHeartbeatLogsToSyslog)
 {
     SyslogSink sink(root);
     EXPECT_EQ(set_heartbeat(params(30000, "/v2/hb")).first, 0);
@@ -81,29 +102,21 @@ TEST_F(HeartbeatLabTest, SetHeartbeatLogsToSyslog)
     EXPECT_EQ(line.rfind("<14>", 0), 0u) << line; // LOG_USER | LOG_INFO
 }
 
-TEST_F(HeartbeatLabTest, SetHeartbeatMessages)
+TEST_F(HeartbeatTest, SetHeartbeatMessages)
 {
-    struct {
-        const char *params;
-        const char *message;
-    } cases[] = {
-        {R"("x")", "missing or invalid 'params' element"},
-        {R"({"serviceLink":{"href":"/h"}})", "missing or invalid 'interval' element in params"},
-        {R"({"interval":"5000","serviceLink":{"href":"/h"}})",
-         "missing or invalid 'interval' element in params"},
-        {R"({"interval":5000})", "missing or invalid 'serviceLink' element in params"},
-        {R"({"interval":5000,"serviceLink":"/h"})",
-         "missing or invalid 'serviceLink' element in params"},
-        {R"({"interval":5000,"serviceLink":{"href":5}})",
-         "missing or invalid 'href' element in params"},
-    };
-    int n = 0;
-    for (auto &c : cases) {
-        std::string id = "m" + std::to_string(n++);
-        EXPECT_EQ(set_heartbeat(c.params, id.c_str()), std::make_pair(-1, std::string(c.message)))
-            << c.params;
-        EXPECT_TRUE(logged(std::string("set.heartbeat: ") + c.message));
-    }
+    expect_refusals(
+        cmd_set_heartbeat, "set", "heartbeat",
+        {
+            {R"("x")", "missing or invalid 'params' element"},
+            {R"({"serviceLink":{"href":"/h"}})", "missing or invalid 'interval' element in params"},
+            {R"({"interval":"5000","serviceLink":{"href":"/h"}})",
+             "missing or invalid 'interval' element in params"},
+            {R"({"interval":5000})", "missing or invalid 'serviceLink' element in params"},
+            {R"({"interval":5000,"serviceLink":"/h"})",
+             "missing or invalid 'serviceLink' element in params"},
+            {R"({"interval":5000,"serviceLink":{"href":5}})",
+             "missing or invalid 'href' element in params"},
+        });
     // 127 characters fit the link, 128 do not.
     std::string fits = "/" + std::string(126, 'a');
     EXPECT_EQ(set_heartbeat(params(5000, fits + "b"), "long"),
@@ -117,15 +130,15 @@ TEST_F(HeartbeatLabTest, SetHeartbeatMessages)
     cmd_set_heartbeat(strdup("set.heartbeat"),
                       json_loads(R"({"params":{"interval":5000}})", 0, nullptr),
                       strdup("/response/t"));
-    Json res = lab->wait_results({}, 9);
-    ASSERT_EQ(json_array_size(res.get()), 9u);
-    EXPECT_EQ(at(res, 8, "commandId"), "");
-    EXPECT_EQ(at(res, 8, "message"), "missing or invalid 'id' element in command");
+    auto res = controller->wait_answers(9);
+    ASSERT_EQ(res.size(), 9u);
+    EXPECT_EQ(res[8].id, "");
+    EXPECT_EQ(res[8].message, "missing or invalid 'id' element in command");
 }
 
 // ---- the thread's start ------------------------------------------------
 
-TEST_F(HeartbeatLabTest, BootEnvironmentZeroIsIgnored)
+TEST_F(HeartbeatTest, BootEnvironmentZeroIsIgnored)
 {
     snprintf(env_heartbeat, sizeof(env_heartbeat), "0");
     heartbeat_setup();
@@ -133,7 +146,7 @@ TEST_F(HeartbeatLabTest, BootEnvironmentZeroIsIgnored)
     EXPECT_TRUE(logged("heartbeat: interval value (0) is out of range"));
 }
 
-TEST_F(HeartbeatLabTest, BootEnvironmentSixtyOneIsIgnored)
+TEST_F(HeartbeatTest, BootEnvironmentSixtyOneIsIgnored)
 {
     snprintf(env_heartbeat, sizeof(env_heartbeat), "61");
     heartbeat_setup();
@@ -141,7 +154,7 @@ TEST_F(HeartbeatLabTest, BootEnvironmentSixtyOneIsIgnored)
     EXPECT_TRUE(logged("heartbeat: interval value (61) is out of range"));
 }
 
-TEST_F(HeartbeatLabTest, BootEnvironmentThirtyIsTaken)
+TEST_F(HeartbeatTest, BootEnvironmentThirtyIsTaken)
 {
     snprintf(env_heartbeat, sizeof(env_heartbeat), "30");
     heartbeat_setup();
@@ -150,7 +163,7 @@ TEST_F(HeartbeatLabTest, BootEnvironmentThirtyIsTaken)
     EXPECT_FALSE(logged("heartbeat: interval value (30) is out of range"));
 }
 
-TEST_F(HeartbeatLabTest, BootEnvironmentEqualToTheDefaultIsNotLogged)
+TEST_F(HeartbeatTest, BootEnvironmentEqualToTheDefaultIsNotLogged)
 {
     snprintf(env_heartbeat, sizeof(env_heartbeat), "10");
     heartbeat_setup();
@@ -159,7 +172,7 @@ TEST_F(HeartbeatLabTest, BootEnvironmentEqualToTheDefaultIsNotLogged)
         EXPECT_EQ(m.find("new interval"), std::string::npos) << m;
 }
 
-TEST_F(HeartbeatLabTest, SetupRegistersCommandSignalAndProvidersInOrder)
+TEST_F(HeartbeatTest, SetupRegistersCommandSignalAndProvidersInOrder)
 {
     env_heartbeat[0] = '\0';
     heartbeat_setup();
@@ -221,7 +234,7 @@ TEST_F(HeartbeatLabTest, ProvidersAndTheAddressRule)
     EXPECT_EQ(heartbeat_count, 4u);
 }
 
-TEST_F(HeartbeatLabTest, SixFailuresAreToleratedTheSeventhIsDown)
+TEST_F(HeartbeatTest, SixFailuresAreToleratedTheSeventhIsDown)
 {
     heartbeat_setup();
     use_controller();
@@ -230,7 +243,7 @@ TEST_F(HeartbeatLabTest, SixFailuresAreToleratedTheSeventhIsDown)
     EXPECT_EQ(switch_statuses(), std::vector<std::string>{"up"});
     EXPECT_EQ(setting("cloud-controller-status"), "up");
 
-    lab->script(R"({"path":"/api/heartbeat","status":500,"count":7})");
+    controller->answer("/heartbeat", 500, "", 7);
     for (int i = 1; i <= 6; i++) {
         EXPECT_EQ(heartbeat_pulse(), -1);
         EXPECT_EQ(heartbeat_cloud_missed(), i);
@@ -254,13 +267,13 @@ TEST_F(HeartbeatLabTest, SixFailuresAreToleratedTheSeventhIsDown)
     ASSERT_EQ(heartbeat_pulse(), 0);
     EXPECT_EQ(switch_statuses().size(), 3u);
     // 500 is no token trouble: one post per pulse.
-    EXPECT_EQ(json_array_size(heartbeats().get()), 10u);
+    EXPECT_EQ(heartbeat_posts(), 10u);
 }
 
-TEST_F(HeartbeatLabTest, FailuresFromTheStartWriteDownOnTheSeventh)
+TEST_F(HeartbeatTest, FailuresFromTheStartWriteDownOnTheSeventh)
 {
     use_controller();
-    lab->script(R"({"path":"/api/heartbeat","drop":true,"count":7})");
+    controller->answer("/heartbeat", 0, "", 7);
     for (int i = 0; i < 6; i++)
         EXPECT_EQ(heartbeat_pulse(), -1);
     EXPECT_EQ(heartbeat_cloud_connected(), -1);
@@ -290,27 +303,28 @@ TEST_F(HeartbeatLabTest, RefusedTokenIsRenewedWithinThePulse)
     EXPECT_EQ(switch_statuses(), std::vector<std::string>{"up"});
 }
 
-TEST_F(HeartbeatLabTest, TwoRefusalsFailThePulse)
+TEST_F(HeartbeatTest, TwoRefusalsFailThePulse)
 {
     use_controller();
-    lab->script(R"({"path":"/api/heartbeat","status":403,"count":2})");
+    controller->answer("/heartbeat", 403, "", 2);
     EXPECT_EQ(heartbeat_pulse(), -1);
     EXPECT_EQ(heartbeat_cloud_missed(), 1);
-    EXPECT_EQ(count({{"kind", "heartbeat"}}), 2u);
-    EXPECT_EQ(count({{"kind", "token"}}), 2u);
+    EXPECT_EQ(heartbeat_posts(), 2u);
+    EXPECT_EQ(controller->requests("/oauth/token").size(), 2u);
 }
 
-TEST_F(HeartbeatLabTest, NoTokenIsAFailedPulseWithoutAPost)
+TEST_F(HeartbeatTest, NoTokenIsAFailedPulseWithoutAPost)
 {
     use_controller();
-    lab->script(R"({"path":"/api/oauth/token","status":500,"count":null})");
+    // Every token request fails (more answers than the pulse can ask for).
+    controller->answer("/oauth/token", 500, "", 10);
     EXPECT_EQ(heartbeat_pulse(), -1);
     EXPECT_EQ(heartbeat_count, 1u);
     EXPECT_EQ(heartbeat_cloud_missed(), 1);
-    EXPECT_EQ(count({{"kind", "heartbeat"}}), 0u);
+    EXPECT_EQ(heartbeat_posts(), 0u);
 }
 
-TEST_F(HeartbeatLabTest, NoControllerSkipsAndSaysSoOnce)
+TEST_F(HeartbeatTest, NoControllerSkipsAndSaysSoOnce)
 {
     EXPECT_EQ(heartbeat_pulse(), -1);
     EXPECT_EQ(heartbeat_pulse(), -1);

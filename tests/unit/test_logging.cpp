@@ -51,7 +51,7 @@ std::string line_of(const std::string &event)
     return json_str(j.get(), "params");
 }
 
-class LoggingLabTest : public AgentLabTest
+class LoggingTest : public AgentTest
 {
   protected:
     void SetUp() override
@@ -64,7 +64,8 @@ class LoggingLabTest : public AgentLabTest
         // Out of the way of other test processes; the receiver test picks
         // a port of its own.
         platform_syslog_port = 0;
-        lab->add_link("/response/t", "response");
+        if (lab)
+            lab->add_link("/response/t", "response");
     }
 
     void TearDown() override
@@ -107,22 +108,64 @@ class LoggingLabTest : public AgentLabTest
         return out;
     }
 
-    // The "log" arrays the lab received on a path, in order, as texts.
+    // The bodies the controller took (answered 200) on exactly this path,
+    // in order.
+    std::vector<std::string> taken_bodies(const std::string &path)
+    {
+        std::vector<std::string> out;
+        if (lab) {
+            Json reqs = lab->requests({{"path", "/api" + path}, {"status", "200"}});
+            for (size_t i = 0; i < json_array_size(reqs.get()); i++)
+                out.push_back(json_str(item(reqs, i), "body"));
+            return out;
+        }
+        for (auto &r : controller->requests(path))
+            if (r.path == path && r.status == 200)
+                out.push_back(r.body);
+        return out;
+    }
+
+    // The "log" arrays the controller took on a path, in order, as texts.
     std::vector<std::string> posted_lines(const std::string &path)
     {
         std::vector<std::string> out;
-        Json reqs = lab->requests({{"path", "/api" + path}});
-        for (size_t i = 0; i < json_array_size(reqs.get()); i++) {
-            json_t *r = item(reqs, i);
-            if (json_integer_value(json_object_get(r, "status")) != 200)
-                continue;
-            Json body = json_parse(json_str(r, "body"));
+        for (auto &text : taken_bodies(path)) {
+            Json body = json_parse(text);
             json_t *log = json_object_get(body.get(), "log");
             for (size_t k = 0; k < json_array_size(log); k++)
                 out.push_back(json_text(json_array_get(log, k)));
         }
         return out;
     }
+
+    // Requests that came to exactly this path, whatever their answer.
+    std::vector<CannedController::Request> posts(const std::string &path)
+    {
+        std::vector<CannedController::Request> out;
+        for (auto &r : controller->requests(path))
+            if (r.path == path)
+                out.push_back(r);
+        return out;
+    }
+    std::vector<CannedController::Request> wait_posts(const std::string &path, size_t n,
+                                                      int timeout_ms = 10000)
+    {
+        wait_for([&] { return posts(path).size() >= n; }, timeout_ms);
+        return posts(path);
+    }
+    // Waits until the controller took n bodies on this path.
+    void wait_taken(const std::string &path, size_t n, int timeout_ms = 15000)
+    {
+        wait_for([&] { return taken_bodies(path).size() >= n; }, timeout_ms);
+    }
+    size_t tokens_issued() { return controller->requests("/oauth/token").size(); }
+};
+
+// The headers on the wire need a real server.
+class LoggingLabTest : public LoggingTest
+{
+  protected:
+    bool with_lab() override { return true; }
 };
 
 std::string params(long long ms, const std::string &href = "/syslog")
@@ -359,7 +402,7 @@ TEST(SyslogEvent, TextIsCutAfter1023Bytes)
 
 // ---- the listener's batches -------------------------------------------------
 
-TEST_F(LoggingLabTest, InitRegistersCommandDumpAndListener)
+TEST_F(LoggingTest, InitRegistersCommandDumpAndListener)
 {
     EXPECT_TRUE(logged("registered 'set.logging' command handler"));
     struct handler *h = signals_lookup(SIGUSR1);
@@ -374,7 +417,7 @@ TEST_F(LoggingLabTest, InitRegistersCommandDumpAndListener)
     EXPECT_TRUE(logged("registered 'syslog' listener on 'unix:/tmp/orkad_syslog_socket'"));
 }
 
-TEST_F(LoggingLabTest, Line512IsForwarded513IsOversize)
+TEST_F(LoggingTest, Line512IsForwarded513IsOversize)
 {
     feed(line_n(512));
     EXPECT_EQ(filling(), 4 + 512);
@@ -388,7 +431,7 @@ TEST_F(LoggingLabTest, Line512IsForwarded513IsOversize)
     EXPECT_EQ(m[0], "listener: " + line_n(512));
 }
 
-TEST_F(LoggingLabTest, NonStringParamsAreIgnored)
+TEST_F(LoggingTest, NonStringParamsAreIgnored)
 {
     logging_listener("syslog", nullptr);
     json_t *n = json_integer(5);
@@ -398,7 +441,7 @@ TEST_F(LoggingLabTest, NonStringParamsAreIgnored)
     EXPECT_EQ(oversize() + overflow(), 0);
 }
 
-TEST_F(LoggingLabTest, HundredCharacterLinesFillABatchAfter39)
+TEST_F(LoggingTest, HundredCharacterLinesFillABatchAfter39)
 {
     for (int i = 0; i < 39; i++)
         feed(line_n(100, i));
@@ -409,7 +452,7 @@ TEST_F(LoggingLabTest, HundredCharacterLinesFillABatchAfter39)
     EXPECT_EQ(filling(), 104);
 }
 
-TEST_F(LoggingLabTest, SixtyThreeWaitingAndAFullBatchLeaveNoRoom)
+TEST_F(LoggingTest, SixtyThreeWaitingAndAFullBatchLeaveNoRoom)
 {
     for (int i = 0; i < 64 * 39; i++)
         feed(line_n(100, i));
@@ -434,9 +477,21 @@ unsigned int gate_sleep(unsigned int)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     return 0;
 }
+
+// A controller slow to take syslog: a post to /syslog waits while
+// hold_answers is set, then goes on to the in-process controller.
+std::atomic<bool> hold_answers{false};
+int (*canned_exchange)(const char *, const char *, int, reply *);
+int held_exchange(const char *url, const char *data, int length, reply *r)
+{
+    bool syslog = std::string(url) == std::string(CannedController::base_url) + "/api/syslog";
+    while (syslog && hold_answers)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    return canned_exchange(url, data, length, r);
+}
 } // namespace
 
-TEST_F(LoggingLabTest, SixtyFourWaitingAndAFullBatchMeansOverflow)
+TEST_F(LoggingTest, SixtyFourWaitingAndAFullBatchMeansOverflow)
 {
     // 63 waiting and a full batch being filled.
     for (int i = 0; i < 64 * 39; i++)
@@ -444,14 +499,19 @@ TEST_F(LoggingLabTest, SixtyFourWaitingAndAFullBatchMeansOverflow)
     ASSERT_EQ(ready(), 63);
     // The controller answers slowly and badly: while the sender holds the
     // oldest batch, a new batch is filled; the failed batch then goes back.
-    lab->script(R"({"path":"/api/syslog","status":500,"delay":2,"forever":true})");
+    controller->answer("/syslog", 500, "");
+    canned_exchange = http_exchange;
+    http_exchange = held_exchange;
+    hold_answers = true;
     logging_sleep = gate_sleep;
     hold_sender = true;
     EXPECT_EQ(set_logging(params(86400000), "of").first, 0);
-    ASSERT_TRUE(wait_for([&] { return ready() == 62; }));
-    for (int i = 0; i < 39; i++)
+    bool taken = wait_for([&] { return ready() == 62; });
+    for (int i = 0; taken && i < 39; i++)
         feed(line_n(100, 200 + i));
     EXPECT_EQ(ready(), 63);
+    hold_answers = false;
+    ASSERT_TRUE(taken);
     ASSERT_TRUE(wait_logged("logging_send: post errors (err = 500)"));
     EXPECT_EQ(ready(), 64);
     EXPECT_EQ(filling(), 39 * 104);
@@ -464,7 +524,7 @@ TEST_F(LoggingLabTest, SixtyFourWaitingAndAFullBatchMeansOverflow)
     hold_sender = false;
 }
 
-TEST_F(LoggingLabTest, DumpShowsStateAndCounters)
+TEST_F(LoggingTest, DumpShowsStateAndCounters)
 {
     feed(line_n(100));
     feed(line_n(600));
@@ -480,7 +540,7 @@ TEST_F(LoggingLabTest, DumpShowsStateAndCounters)
     EXPECT_EQ(d[2], "logging_debug: refused = 0");
 }
 
-TEST_F(LoggingLabTest, DecodedEventsReachTheBatchAsTheirParamsText)
+TEST_F(LoggingTest, DecodedEventsReachTheBatchAsTheirParamsText)
 {
     std::string ev = event_of("<13>Nov 21 10:11:12 h: say \"hi\"", 3);
     ASSERT_EQ(listener_internal_send("unix:/tmp/orkad_syslog_socket", ev.data(), (int)ev.size()),
@@ -492,7 +552,7 @@ TEST_F(LoggingLabTest, DecodedEventsReachTheBatchAsTheirParamsText)
     EXPECT_EQ(filling(), 4 + (int)m[0].size() - 10);
 }
 
-TEST_F(LoggingLabTest, LongLinesAreCountedAsOversizeNotLostInDecoding)
+TEST_F(LoggingTest, LongLinesAreCountedAsOversizeNotLostInDecoding)
 {
     // A thousand characters make an event of more than 1024 bytes: it is
     // decoded whole, and the line is too long to forward.
@@ -510,7 +570,7 @@ TEST_F(LoggingLabTest, LongLinesAreCountedAsOversizeNotLostInDecoding)
 
 // ---- set.logging --------------------------------------------------------------
 
-TEST_F(LoggingLabTest, IntervalLimits)
+TEST_F(LoggingTest, IntervalLimits)
 {
     EXPECT_EQ(set_logging(params(999), "a"),
               std::make_pair(-1, std::string("logging interval out of range")));
@@ -530,31 +590,23 @@ TEST_F(LoggingLabTest, IntervalLimits)
     EXPECT_EQ(logging_stream.interval, 86400);
 }
 
-TEST_F(LoggingLabTest, SetLoggingMessages)
+TEST_F(LoggingTest, SetLoggingMessages)
 {
-    struct {
-        const char *params;
-        const char *message;
-    } cases[] = {
-        {R"("x")", "missing or invalid 'params' element"},
-        {R"({"serviceLink":{"href":"/s"}})", "missing or invalid 'interval' element in params"},
-        {R"({"interval":"5000","serviceLink":{"href":"/s"}})",
-         "missing or invalid 'interval' element in params"},
-        {R"({"interval":5000,"priority":{"level":3},"serviceLink":{"href":"/s"}})",
-         "invalid 'priority' element in params"},
-        {R"({"interval":5000})", "missing or invalid 'serviceLink' element in params"},
-        {R"({"interval":5000,"serviceLink":"/s"})",
-         "missing or invalid 'serviceLink' element in params"},
-        {R"({"interval":5000,"serviceLink":{"href":5}})",
-         "missing or invalid 'href' element in params"},
-    };
-    int n = 0;
-    for (auto &c : cases) {
-        std::string id = "m" + std::to_string(n++);
-        EXPECT_EQ(set_logging(c.params, id.c_str()), std::make_pair(-1, std::string(c.message)))
-            << c.params;
-        EXPECT_TRUE(logged(std::string("set.logging: ") + c.message)) << c.message;
-    }
+    int n = expect_refusals(
+        cmd_set_logging, "set", "logging",
+        {
+            {R"("x")", "missing or invalid 'params' element"},
+            {R"({"serviceLink":{"href":"/s"}})", "missing or invalid 'interval' element in params"},
+            {R"({"interval":"5000","serviceLink":{"href":"/s"}})",
+             "missing or invalid 'interval' element in params"},
+            {R"({"interval":5000,"priority":{"level":3},"serviceLink":{"href":"/s"}})",
+             "invalid 'priority' element in params"},
+            {R"({"interval":5000})", "missing or invalid 'serviceLink' element in params"},
+            {R"({"interval":5000,"serviceLink":"/s"})",
+             "missing or invalid 'serviceLink' element in params"},
+            {R"({"interval":5000,"serviceLink":{"href":5}})",
+             "missing or invalid 'href' element in params"},
+        });
     EXPECT_FALSE(logging_stream.enabled);
     EXPECT_EQ(logging_stream.id, -1);
     // Nothing reached the switch.
@@ -563,13 +615,13 @@ TEST_F(LoggingLabTest, SetLoggingMessages)
     use_controller();
     cmd_set_logging(strdup("set.logging"), json_loads(R"({"params":{}})", 0, nullptr),
                     strdup("/response/t"));
-    Json res = lab->wait_results({}, n + 1);
-    ASSERT_EQ(json_array_size(res.get()), (size_t)n + 1);
-    EXPECT_EQ(at(res, n, "commandId"), "");
-    EXPECT_EQ(at(res, n, "message"), "missing or invalid 'id' element in command");
+    auto res = controller->wait_answers((size_t)n + 1);
+    ASSERT_EQ(res.size(), (size_t)n + 1);
+    EXPECT_EQ(res[n].id, "");
+    EXPECT_EQ(res[n].message, "missing or invalid 'id' element in command");
 }
 
-TEST_F(LoggingLabTest, PriorityOtherThanAnObjectIsAcceptedAndIgnored)
+TEST_F(LoggingTest, PriorityOtherThanAnObjectIsAcceptedAndIgnored)
 {
     EXPECT_EQ(
         set_logging(R"({"interval":2000,"priority":7,"serviceLink":{"href":"/s"}})", "p1").first,
@@ -586,10 +638,8 @@ TEST_F(LoggingLabTest, PriorityOtherThanAnObjectIsAcceptedAndIgnored)
     EXPECT_EQ(logging_priority, 3);
 }
 
-TEST_F(LoggingLabTest, OneSenderKeepsItsLinkAndTakesTheNewInterval)
+TEST_F(LoggingTest, OneSenderKeepsItsLinkAndTakesTheNewInterval)
 {
-    lab->add_link("/first", "syslog");
-    lab->add_link("/second", "syslog");
     EXPECT_EQ(set_logging(params(5000, "/first"), "s1").first, 0);
     int id = logging_stream.id;
     EXPECT_TRUE(wait_logged("logging_send: Started '5','/first','1'"));
@@ -610,12 +660,12 @@ TEST_F(LoggingLabTest, OneSenderKeepsItsLinkAndTakesTheNewInterval)
     EXPECT_EQ(json_str(json_parse(journal[0]).get(), "call"), "rpcclt_openapiLoggingHostAdd");
 
     feed(line_n(50, 1));
-    lab->wait_requests({{"path", "/api/first"}}, 1, 10);
+    wait_posts("/first", 1);
     EXPECT_EQ(posted_lines("/first"), std::vector<std::string>{line_n(50, 1)});
-    EXPECT_EQ(count({{"path", "/api/second"}}), 0u);
+    EXPECT_EQ(posts("/second").size(), 0u);
 }
 
-TEST_F(LoggingLabTest, ThreadThatCannotStartIsTheAnswer)
+TEST_F(LoggingTest, ThreadThatCannotStartIsTheAnswer)
 {
     // Every thread slot taken: neither the receiver nor the sender can start.
     int saved = next_thread;
@@ -654,9 +704,9 @@ TEST_F(LoggingLabTest, PartialBatchGoesOutAfterTheIntervalFullOnesAtOnce)
     EXPECT_NE(std::find(s.begin(), s.end(), "sending (retry = 3) " + body), s.end());
 }
 
-TEST_F(LoggingLabTest, FailedBatchIsRetriedFirstAndOrderIsKept)
+TEST_F(LoggingTest, FailedBatchIsRetriedFirstAndOrderIsKept)
 {
-    lab->script(R"({"path":"/api/syslog","status":500,"count":3})");
+    controller->answer("/syslog", 500, "", 3);
     std::vector<std::string> lines;
     for (int i = 0; i < 80; i++) {
         lines.push_back(line_n(100, i));
@@ -664,22 +714,22 @@ TEST_F(LoggingLabTest, FailedBatchIsRetriedFirstAndOrderIsKept)
     }
     EXPECT_EQ(ready(), 2);
     EXPECT_EQ(set_logging(params(1000), "retry").first, 0);
-    lab->wait_requests({{"path", "/api/syslog"}, {"status", "200"}}, 3, 15);
+    wait_taken("/syslog", 3);
     EXPECT_EQ(posted_lines("/syslog"), lines);
     EXPECT_EQ(count_logged("logging_send: post errors (err = 500)"), 3u);
     EXPECT_TRUE(logged("logging_post: err = 500, reply = ''"));
     // The first three posts all carried the oldest batch.
-    Json reqs = lab->requests({{"path", "/api/syslog"}});
-    ASSERT_GE(json_array_size(reqs.get()), 4u);
+    auto reqs = posts("/syslog");
+    ASSERT_GE(reqs.size(), 4u);
     for (int i = 1; i < 4; i++)
-        EXPECT_EQ(at(reqs, i, "body"), at(reqs, 0, "body"));
+        EXPECT_EQ(reqs[i].body, reqs[0].body);
 }
 
-TEST_F(LoggingLabTest, RefusedBatchesAreDroppedCountedAndForwardingGoesOn)
+TEST_F(LoggingTest, RefusedBatchesAreDroppedCountedAndForwardingGoesOn)
 {
     // The controller refuses the first two batches for good.
-    lab->script(R"({"path":"/api/syslog","replies":[{"status":400,"text":"bad"},)"
-                R"({"status":403,"text":"no"}]})");
+    controller->answer("/syslog", 400, "bad");
+    controller->answer("/syslog", 403, "no");
     std::vector<std::string> lines;
     for (int i = 0; i < 80; i++) {
         lines.push_back(line_n(100, i));
@@ -687,7 +737,7 @@ TEST_F(LoggingLabTest, RefusedBatchesAreDroppedCountedAndForwardingGoesOn)
     }
     EXPECT_EQ(ready(), 2);
     EXPECT_EQ(set_logging(params(1000), "refused").first, 0);
-    lab->wait_requests({{"path", "/api/syslog"}, {"status", "200"}}, 1, 15);
+    wait_taken("/syslog", 1);
     // Only the two lines of the last batch reached the controller.
     EXPECT_EQ(posted_lines("/syslog"), std::vector<std::string>(lines.begin() + 78, lines.end()));
     EXPECT_EQ(count_logged("logging_send: batch refused (err = 400), dropped 39 lines"), 1u);
@@ -698,29 +748,29 @@ TEST_F(LoggingLabTest, RefusedBatchesAreDroppedCountedAndForwardingGoesOn)
         EXPECT_EQ(m.rfind("logging_send: post errors", 0), std::string::npos) << m;
     EXPECT_EQ(logging_refused(), 78);
     // Each refused batch was posted once.
-    Json reqs = lab->requests({{"path", "/api/syslog"}});
-    ASSERT_EQ(json_array_size(reqs.get()), 3u);
-    EXPECT_NE(at(reqs, 0, "body"), at(reqs, 1, "body"));
+    auto reqs = posts("/syslog");
+    ASSERT_EQ(reqs.size(), 3u);
+    EXPECT_NE(reqs[0].body, reqs[1].body);
     logging_debug(SIGUSR1);
     auto d = log_messages(root.at("/tmp/debug.log"));
     ASSERT_FALSE(d.empty());
     EXPECT_EQ(d.back(), "logging_debug: refused = 78");
 }
 
-TEST_F(LoggingLabTest, RefusedTokenKeepsTheBatch)
+TEST_F(LoggingTest, RefusedTokenKeepsTheBatch)
 {
     // Four 401s use up the post's tries; the token, not the batch, was
     // refused, so the batch is posted again.
-    lab->script(R"({"path":"/api/syslog","status":401,"count":4})");
+    controller->answer("/syslog", 401, "", 4);
     feed(line_n(100, 1));
     EXPECT_EQ(set_logging(params(1000), "token").first, 0);
-    lab->wait_requests({{"path", "/api/syslog"}, {"status", "200"}}, 1, 15);
+    wait_taken("/syslog", 1);
     EXPECT_EQ(posted_lines("/syslog"), std::vector<std::string>{line_n(100, 1)});
     EXPECT_TRUE(logged("logging_send: post errors (err = 401)"));
     EXPECT_EQ(logging_refused(), 0);
 }
 
-TEST_F(LoggingLabTest, SenderThatIsNotEnabledStopsAtOnce)
+TEST_F(LoggingTest, SenderThatIsNotEnabledStopsAtOnce)
 {
     logging_stream.interval = 4;
     logging_stream.enabled = false;
@@ -734,19 +784,19 @@ TEST_F(LoggingLabTest, SenderThatIsNotEnabledStopsAtOnce)
 
 // ---- the post -------------------------------------------------------------------
 
-TEST_F(LoggingLabTest, PostWithoutControllerCountsAsSent)
+TEST_F(LoggingTest, PostWithoutControllerCountsAsSent)
 {
     EXPECT_EQ(logging_post("/syslog", "{\"log\":[]}", 10), 0);
-    EXPECT_EQ(count({{"path", "/api/syslog"}}), 0u);
+    EXPECT_EQ(posts("/syslog").size(), 0u);
 }
 
-TEST_F(LoggingLabTest, PostTriesFourTimesOnRefusedTokens)
+TEST_F(LoggingTest, PostTriesFourTimesOnRefusedTokens)
 {
     use_controller();
-    lab->script(R"({"path":"/api/syslog","status":401,"count":4})");
+    controller->answer("/syslog", 401, "", 4);
     EXPECT_EQ(logging_post("/syslog", "{\"log\":[]}", 10), 401);
-    EXPECT_EQ(count({{"path", "/api/syslog"}}), 4u);
-    EXPECT_EQ(json_array_size(lab->tokens().get()), 4u);
+    EXPECT_EQ(posts("/syslog").size(), 4u);
+    EXPECT_EQ(tokens_issued(), 4u);
     auto s = sys_messages();
     std::vector<std::string> sending;
     for (auto &m : s)
@@ -759,26 +809,26 @@ TEST_F(LoggingLabTest, PostTriesFourTimesOnRefusedTokens)
     EXPECT_TRUE(logged("logging_post: err = 401, reply = ''"));
 }
 
-TEST_F(LoggingLabTest, PostRenewsTheTokenOnceAndSucceeds)
+TEST_F(LoggingTest, PostRenewsTheTokenOnceAndSucceeds)
 {
     use_controller();
-    lab->script(R"({"path":"/api/syslog","status":401,"count":1})");
+    controller->answer("/syslog", 401, "");
     EXPECT_EQ(logging_post("/syslog", "{\"log\":[]}", 10), 0);
-    EXPECT_EQ(count({{"path", "/api/syslog"}}), 2u);
+    EXPECT_EQ(posts("/syslog").size(), 2u);
 }
 
-TEST_F(LoggingLabTest, OtherErrorsAreNotRetried)
+TEST_F(LoggingTest, OtherErrorsAreNotRetried)
 {
     use_controller();
-    lab->script(R"({"path":"/api/syslog","status":503,"text":"busy","count":1})");
+    controller->answer("/syslog", 503, "busy");
     EXPECT_EQ(logging_post("/syslog", "{\"log\":[]}", 10), 503);
-    EXPECT_EQ(count({{"path", "/api/syslog"}}), 1u);
+    EXPECT_EQ(posts("/syslog").size(), 1u);
     EXPECT_TRUE(logged("logging_post: err = 503, reply = 'busy'"));
 }
 
 // ---- the flush --------------------------------------------------------------------
 
-TEST_F(LoggingLabTest, FlushWithNothingWaitingTakesFiveSeconds)
+TEST_F(LoggingTest, FlushWithNothingWaitingTakesFiveSeconds)
 {
     logging_sleep = record_sleep;
     logging_stream.interval = 30;
@@ -787,7 +837,7 @@ TEST_F(LoggingLabTest, FlushWithNothingWaitingTakesFiveSeconds)
     EXPECT_EQ(logging_stream.interval, 0);
 }
 
-TEST_F(LoggingLabTest, FlushGivesUpAfterItsSeconds)
+TEST_F(LoggingTest, FlushGivesUpAfterItsSeconds)
 {
     logging_sleep = record_sleep;
     for (int i = 0; i < 80; i++)
@@ -799,13 +849,13 @@ TEST_F(LoggingLabTest, FlushGivesUpAfterItsSeconds)
     EXPECT_EQ(std::count(sleeps.begin(), sleeps.end(), 2u), 28);
 }
 
-TEST_F(LoggingLabTest, FlushSendsTheBatchBeingFilled)
+TEST_F(LoggingTest, FlushSendsTheBatchBeingFilled)
 {
     EXPECT_EQ(set_logging(params(86400000), "fl").first, 0);
     feed(line_n(60, 1));
     // The interval is a day, yet the flush makes the line go now.
     EXPECT_EQ(logging_flush(60), 0);
-    lab->wait_requests({{"path", "/api/syslog"}}, 1, 10);
+    wait_posts("/syslog", 1);
     EXPECT_EQ(posted_lines("/syslog"), std::vector<std::string>{line_n(60, 1)});
 }
 
@@ -852,20 +902,29 @@ int test_port()
     return port;
 }
 
-} // namespace
-
-TEST_F(LoggingLabTest, ReceiverNumbersDatagramsAndSurvivesBadOnes)
+// Starts the receiver on a free port. Until it is bound, datagrams are
+// lost: `first` is sent again until arrived() holds. The port, or -1 when
+// it never did.
+int start_receiver(const std::string &first, const std::function<bool()> &arrived)
 {
     int port = test_port();
     platform_syslog_port = port;
     thread_start("platform_syslog_reader", platform_syslog_reader, nullptr, nullptr, nullptr);
-    // Until the receiver is bound, datagrams are lost: repeat the first.
-    ASSERT_TRUE(wait_for(
+    bool up = testkit::wait_for(
         [&] {
-            send_udp(port, "<13>first");
-            return filling() > 0;
+            send_udp(port, first);
+            return arrived();
         },
-        5000));
+        5000);
+    return up ? port : -1;
+}
+
+} // namespace
+
+TEST_F(LoggingTest, ReceiverNumbersDatagramsAndSurvivesBadOnes)
+{
+    int port = start_receiver("<13>first", [&] { return filling() > 0; });
+    ASSERT_GT(port, 0);
     int base = (int)sys_messages().size();
 
     send_udp(port, "no head here");
@@ -907,17 +966,10 @@ TEST_F(LoggingLabTest, ReceiverNumbersDatagramsAndSurvivesBadOnes)
 
 // The switch is told to send to 127.0.0.1, and only that address is bound:
 // nothing sent to another address reaches the batches.
-TEST_F(LoggingLabTest, ReceiverTakesDatagramsOnlyOn127001)
+TEST_F(LoggingTest, ReceiverTakesDatagramsOnlyOn127001)
 {
-    int port = test_port();
-    platform_syslog_port = port;
-    thread_start("platform_syslog_reader", platform_syslog_reader, nullptr, nullptr, nullptr);
-    ASSERT_TRUE(wait_for(
-        [&] {
-            send_udp(port, "<13>from the switch");
-            return filling() > 0;
-        },
-        5000));
+    int port = start_receiver("<13>from the switch", [&] { return filling() > 0; });
+    ASSERT_GT(port, 0);
     // 127.0.0.2 is a local address too, but not the one the switch uses.
     send_udp(port, "<13>from elsewhere", "127.0.0.2");
     send_udp(port, "<13>marker");
@@ -931,7 +983,7 @@ TEST_F(LoggingLabTest, ReceiverTakesDatagramsOnlyOn127001)
         EXPECT_EQ(m.find("from elsewhere"), std::string::npos) << m;
 }
 
-TEST_F(LoggingLabTest, EveryDatagramArrivesOnceAsSentInPostsThatParse)
+TEST_F(LoggingTest, EveryDatagramArrivesOnceAsSentInPostsThatParse)
 {
     platform_syslog_port = test_port();
     EXPECT_EQ(set_logging(params(1000), "road").first, 0);
@@ -965,9 +1017,8 @@ TEST_F(LoggingLabTest, EveryDatagramArrivesOnceAsSentInPostsThatParse)
         [&] {
             // Every post must parse as JSON: json_parse throws otherwise.
             got.clear();
-            Json reqs = lab->requests({{"path", "/api/syslog"}, {"status", "200"}});
-            for (size_t i = 0; i < json_array_size(reqs.get()); i++) {
-                Json body = json_parse(json_str(item(reqs, i), "body"));
+            for (auto &text : taken_bodies("/syslog")) {
+                Json body = json_parse(text);
                 json_t *log = json_object_get(body.get(), "log");
                 for (size_t k = 0; k < json_array_size(log); k++) {
                     std::string m = json_str(json_array_get(log, k), "message");
@@ -983,7 +1034,7 @@ TEST_F(LoggingLabTest, EveryDatagramArrivesOnceAsSentInPostsThatParse)
         EXPECT_NE(l.rfind("listener: error decoding message: ", 0), 0u) << l;
 }
 
-TEST_F(LoggingLabTest, ReceiverThatCannotBindSaysSo)
+TEST_F(LoggingTest, ReceiverThatCannotBindSaysSo)
 {
     int port;
     int s = bound_udp_socket(&port);
@@ -998,11 +1049,11 @@ TEST_F(LoggingLabTest, ReceiverThatCannotBindSaysSo)
 // The local listeners start before syslog forwarding does, so an operator's
 // status request may count the waiting batches while logging_init is making
 // their queue. The ThreadSanitizer build fails this test if that races.
-class LoggingStartLabTest : public AgentLabTest
+class LoggingStartTest : public AgentTest
 {
 };
 
-TEST_F(LoggingStartLabTest, CountedFromAnotherThreadWhileForwardingStarts)
+TEST_F(LoggingStartTest, CountedFromAnotherThreadWhileForwardingStarts)
 {
     std::atomic<bool> stop{false};
     std::atomic<int> asks{0};

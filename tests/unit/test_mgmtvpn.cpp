@@ -79,6 +79,14 @@ class VpnTest : public AgentTest
                                 R"(","params":{"clientOvpn":")" + ovpn_b64 + "\"}}");
     }
     Answer result_of(const std::string &id) { return answer_for(id); }
+    // The command was answered -1 with this message, and the log says so.
+    void expect_refused(const std::string &id, const std::string &message)
+    {
+        auto r = result_of(id);
+        EXPECT_EQ(r.first, -1);
+        EXPECT_EQ(r.second, message);
+        EXPECT_TRUE(logged("set.sslVpn: " + message));
+    }
     Answer only_result() { return answer_for(""); }
 };
 
@@ -180,10 +188,7 @@ TEST_F(VpnTest, ContentThatIsNotBase64LeavesTheRunningVpnUntouched)
 {
     set_vpn("vpn-1", b64(sample));
     set_vpn("vpn-2", "abcde");
-    auto r = result_of("vpn-2");
-    EXPECT_EQ(r.first, -1);
-    EXPECT_EQ(r.second, "error decoding 'clientOvpn' element content");
-    EXPECT_TRUE(logged("set.sslVpn: error decoding 'clientOvpn' element content"));
+    expect_refused("vpn-2", "error decoding 'clientOvpn' element content");
     EXPECT_EQ(count_logged(stop_line), 1u);
     EXPECT_EQ(starts().size(), 1u);
     EXPECT_EQ(config(), sample);
@@ -212,10 +217,7 @@ TEST_F(VpnTest, AClientThatDoesNotStartIsReported)
 {
     fail_start();
     set_vpn("vpn-1", b64(sample));
-    auto r = result_of("vpn-1");
-    EXPECT_EQ(r.first, -1);
-    EXPECT_EQ(r.second, "Failed to start vpn");
-    EXPECT_TRUE(logged("set.sslVpn: Failed to start vpn"));
+    expect_refused("vpn-1", "Failed to start vpn");
     // The configuration stays for the next start.
     EXPECT_EQ(config(), sample);
 }
@@ -225,10 +227,7 @@ TEST_F(VpnTest, AConfigurationThatCannotBeSavedIsReported)
     set_vpn("vpn-1", b64(sample));
     ASSERT_EQ(system(("rm -rf '" + root.at("/etc/openvpn") + "'").c_str()), 0);
     set_vpn("vpn-2", b64("client\n"));
-    auto r = result_of("vpn-2");
-    EXPECT_EQ(r.first, -1);
-    EXPECT_EQ(r.second, "failed to save '/etc/openvpn/client.ovpn' file (errno = 2)");
-    EXPECT_TRUE(logged("set.sslVpn: failed to save '/etc/openvpn/client.ovpn' file (errno = 2)"));
+    expect_refused("vpn-2", "failed to save '/etc/openvpn/client.ovpn' file (errno = 2)");
     // The old client was stopped and nothing new was started.
     EXPECT_EQ(count_logged(stop_line), 2u);
     EXPECT_EQ(starts().size(), 1u);
@@ -270,10 +269,7 @@ TEST_F(VpnTest, SetWithoutAnId)
 TEST_F(VpnTest, SetWithoutParams)
 {
     run(cmd_set_sslvpn, R"({"action":"set","context":"sslVpn","id":"vpn-1","params":"x"})");
-    auto r = result_of("vpn-1");
-    EXPECT_EQ(r.first, -1);
-    EXPECT_EQ(r.second, "missing or invalid 'params' element");
-    EXPECT_TRUE(logged("set.sslVpn: missing or invalid 'params' element"));
+    expect_refused("vpn-1", "missing or invalid 'params' element");
     EXPECT_FALSE(logged(stop_line));
 }
 

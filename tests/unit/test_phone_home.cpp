@@ -33,11 +33,6 @@ int fake_settimeofday(const struct timeval *tv, const struct timezone *)
     return clock_result;
 }
 
-unsigned int updates_no_wait(unsigned int)
-{
-    return 0;
-}
-
 class PhoneHomeLabTest : public AgentLabTest
 {
   protected:
@@ -46,20 +41,20 @@ class PhoneHomeLabTest : public AgentLabTest
         AgentTest::SetUp();
         phone_home_sleep = record_wait;
         phone_home_settimeofday = fake_settimeofday;
-        updates_sleep = updates_no_wait;
+        updates_sleep = no_sleep;
         mgmt_ifname = loopback;
         home_site = lab->base_url;
     }
 
     void answer(const std::string &setting) { lab->call("POST", "/phone-home", setting); }
     Json queries() { return lab->requests({{"kind", "phone_home"}}); }
-    bool logged_prefix(const std::string &prefix)
+    size_t tokens() { return json_array_size(lab->tokens().get()); }
+    // Where a line stands in the main log (its size when it is not there).
+    long log_index(const std::string &line)
     {
         auto log = main_log();
-        return std::any_of(log.begin(), log.end(),
-                           [&](const std::string &l) { return l.rfind(prefix, 0) == 0; });
+        return std::find(log.begin(), log.end(), line) - log.begin();
     }
-    size_t tokens() { return json_array_size(lab->tokens().get()); }
 };
 
 class PhoneHomeOffLabTest : public PhoneHomeLabTest
@@ -354,17 +349,14 @@ TEST_F(PhoneHomeLabTest, DecommissionedInitialisedDeviceSoftReset)
     config_set("system", nullptr, "varnex-initialized", "yes");
     answer(R"({"code":"decommissioned","reset_mode":"soft"})");
     phone_home_call();
-    auto log = main_log();
-    auto pos = [&](const std::string &l) {
-        return std::find(log.begin(), log.end(), l) - log.begin();
-    };
-    long soft = pos("phone_home_call: in 'decommissioned' state, performing soft factory-reset "
-                    "and reboot...");
-    long full =
-        pos("phone_home_call: in 'decommissioned' state, performing factory-reset and reboot...");
-    long unable = pos("phone_home_call: unable to perform factory-reset!");
+    long soft =
+        log_index("phone_home_call: in 'decommissioned' state, performing soft factory-reset "
+                  "and reboot...");
+    long full = log_index(
+        "phone_home_call: in 'decommissioned' state, performing factory-reset and reboot...");
+    long unable = log_index("phone_home_call: unable to perform factory-reset!");
     // The soft reset came back, so it failed: the full reset follows it.
-    ASSERT_LT(unable, (long)log.size());
+    ASSERT_LT(unable, (long)main_log().size());
     EXPECT_LT(soft, full);
     EXPECT_LT(full, unable);
     EXPECT_EQ(lines_of(read_file(root.at("/rw/factory-reset.log"))).size(), 2u);
@@ -390,15 +382,11 @@ TEST_F(PhoneHomeLabTest, DecommissionedWithAResetModeThatIsNoTextResetsFully)
     config_set("system", nullptr, "varnex-initialized", "yes");
     answer(R"({"body":{"code":"decommissioned","reset-mode":1}})");
     phone_home_call();
-    auto log = main_log();
-    auto pos = [&](const std::string &l) {
-        return std::find(log.begin(), log.end(), l) - log.begin();
-    };
-    long invalid = pos("phone_home_call: invalid 'reset-mode' element");
-    long full =
-        pos("phone_home_call: in 'decommissioned' state, performing factory-reset and reboot...");
-    long unable = pos("phone_home_call: unable to perform factory-reset!");
-    ASSERT_LT(unable, (long)log.size());
+    long invalid = log_index("phone_home_call: invalid 'reset-mode' element");
+    long full = log_index(
+        "phone_home_call: in 'decommissioned' state, performing factory-reset and reboot...");
+    long unable = log_index("phone_home_call: unable to perform factory-reset!");
+    ASSERT_LT(unable, (long)main_log().size());
     EXPECT_LT(invalid, full);
     EXPECT_LT(full, unable);
 }

@@ -209,6 +209,13 @@ struct row {
     int64_t extra_dflt = 0;
 };
 
+// A row from the parenthesised list an OPEN_CALL gives, initialised with
+// braces, which every compiler takes for an aggregate.
+template <typename... A> constexpr row row_of(A... a)
+{
+    return row{a...};
+}
+
 // The row's work on the model, when no fault answered instead.
 open_error_t apply(const row &r, json_t *m, const request &q)
 {
@@ -423,13 +430,13 @@ using handle = openapiClientHandle_t;
 #define OPEN_CALL(name, params, what, ...)                                                         \
     open_error_t name params                                                                       \
     {                                                                                              \
-        static constexpr row r what;                                                               \
+        static constexpr row r = row_of what;                                                      \
         return serve(#name, r, {{__VA_ARGS__}});                                                   \
     }
 
 open_error_t openapiClientRegister(const char *clientName, openapiClientHandle_t *client)
 {
-    static constexpr row r(op::check, scope::model);
+    static constexpr row r{op::check, scope::model};
     open_error_t res = serve(__func__, r, {{{"usable", clientName && client}}});
     if (res == OPEN_E_NONE) {
         memset(client, 0, sizeof(*client));

@@ -569,24 +569,35 @@ namespace testkit
 namespace
 {
 
+// The controller answering now, if any; serving_lock keeps it from going
+// while it answers.
+std::mutex serving_lock;
 CannedController *serving;
 
 } // namespace
 
 CannedController::CannedController()
 {
+    std::lock_guard<std::mutex> hold(serving_lock);
     serving = this;
-    http_exchange = exchange;
+    // Set once and left set: the agent's threads read the seam without a
+    // lock and may still be posting when the test that made the controller
+    // ends. Once it is gone they get failed transfers.
+    if (http_exchange != exchange)
+        http_exchange = exchange;
 }
 
 CannedController::~CannedController()
 {
-    http_exchange = nullptr;
+    std::lock_guard<std::mutex> hold(serving_lock);
     serving = nullptr;
 }
 
 int CannedController::exchange(const char *url, const char *data, int length, reply *r)
 {
+    std::lock_guard<std::mutex> hold(serving_lock);
+    if (serving == nullptr)
+        return 2; // what a transfer that failed gives
     return serving->serve(url, data, length, r);
 }
 
